@@ -1,0 +1,306 @@
+#include "platform/dispatch/executor.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <system_error>
+#include <thread>
+
+#include "platform/dispatch/clock.h"
+#include "platform/dispatch/fatal.h"
+
+namespace kelvane {
+
+void dispatch_clock_moved() { dispatch::Executor::shared().runDueTimers(); }
+
+DispatchStatistics dispatch_statistics() { return dispatch::Executor::shared().statistics(); }
+
+}  // namespace kelvane
+
+namespace kelvane::dispatch {
+namespace {
+
+constexpr unsigned most_threads = 1024;
+constexpr unsigned runs_between_polls = 16;
+constexpr auto idle_thread_leaves_after = std::chrono::seconds(5);
+constexpr auto watchman_looks_every = std::chrono::milliseconds(2);
+constexpr std::uint64_t watchman_lingers_above = 4;  // runnables in one look
+
+// What epoll reports for the two descriptors of the executor itself; sources count from `first_source`.
+constexpr std::uint64_t wakeup_identity = 0;
+constexpr std::uint64_t timer_identity = 1;
+constexpr std::uint64_t first_source = 2;
+
+thread_local bool on_pool_thread = false;
+
+void startThread(void (*body)()) {
+  // A signal is for the threads that the program started itself.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  try {
+    std::thread(body).detach();
+  } catch (...) {
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    throw;
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+bool watchDescriptor(int epoll, int descriptor, std::uint32_t events, std::uint64_t identity) {
+  epoll_event event{};
+  event.events = events | EPOLLET;
+  event.data.u64 = identity;
+  return ::epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
+}  // namespace
+
+Executor& Executor::shared() {
+  static Executor& executor = *new Executor;
+  return executor;
+}
+
+Executor::Executor()
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      wakeup_event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      timer_descriptor_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      cores_(std::max(1U, std::thread::hardware_concurrency())) {
+  if (!watchDescriptor(epoll_, wakeup_event_, EPOLLIN, wakeup_identity) ||
+      !watchDescriptor(epoll_, timer_descriptor_, EPOLLIN, timer_identity)) {
+    fatal("cannot create the pool's descriptors", std::strerror(errno));
+  }
+  startThread([] { shared().watch(); });
+}
+
+void Executor::submit(std::shared_ptr<Runnable> runnable) {
+  const Lock lock(mutex_);
+  ready_.push_back(std::move(runnable));
+  // A thread at work comes to it by itself, or the watchman sees that it does not.
+  if (busy_ == 0 && notified_ == 0) callThread();
+}
+
+/// Gets one more thread to look at the ready list and at epoll.
+void Executor::callThread() {
+  if (idle_ > notified_) {
+    ++notified_;
+    idle_wakeup_.notify_one();
+  } else if (polling_) {
+    wakePoller();
+  } else {
+    addThread();
+  }
+}
+
+void Executor::addThread() {
+  if (threads_ >= most_threads) return;
+  ++threads_;
+  ++busy_;
+  try {
+    startThread([] { shared().work(); });
+  } catch (const std::system_error&) {
+    // The threads there are must do; the watchman tries again.
+    --threads_;
+    --busy_;
+    if (threads_ == 0) fatal("cannot start the first thread of the pool");
+  }
+}
+
+void Executor::work() {
+  on_pool_thread = true;
+  Lock lock(mutex_);
+  for (;;) {
+    const bool poll_is_due = !polling_ && since_poll_ >= runs_between_polls;
+    if (!ready_.empty() && !poll_is_due) {
+      runReady(lock);
+    } else if (!polling_) {
+      poll(lock);
+    } else if (!idle(lock)) {
+      break;
+    }
+  }
+  --threads_;
+  --busy_;
+}
+
+void Executor::runReady(Lock& lock) {
+  std::shared_ptr<Runnable> runnable = std::move(ready_.front());
+  ready_.pop_front();
+  ++taken_;
+  ++since_poll_;
+  callTheWatchman();
+  lock.unlock();
+  runnable->run();
+  runnable.reset();
+  lock.lock();
+}
+
+void Executor::poll(Lock& lock) {
+  std::array<epoll_event, 64> events;
+  polling_ = true;
+  const int patience = ready_.empty() ? -1 : 0;
+  --busy_;
+  lock.unlock();
+  const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), patience);
+  bool timers_due = false;
+  lock.lock();
+  ++busy_;
+  ++polls_;
+  polling_ = false;
+  since_poll_ = 0;
+  std::array<std::pair<std::shared_ptr<EventSourceState>, std::uint32_t>, 64> fired;
+  std::size_t fired_count = 0;
+  for (int i = 0; i < count; ++i) {
+    const epoll_event& event = events[static_cast<std::size_t>(i)];
+    if (event.data.u64 == timer_identity) timers_due = true;
+    if (event.data.u64 < first_source) continue;
+    const auto source = sources_.find(event.data.u64);
+    if (source == sources_.end()) continue;
+    if (auto state = source->second.lock()) fired[fired_count++] = {std::move(state), event.events};
+  }
+  lock.unlock();
+  for (std::size_t i = 0; i < fired_count; ++i) fired[i].first->fire(fired[i].second);
+  if (timers_due) runDueTimers();
+  lock.lock();
+}
+
+/// Returns false when the thread has idled long enough and is to end.
+bool Executor::idle(Lock& lock) {
+  ++idle_;
+  --busy_;
+  const bool called = idle_wakeup_.wait_for(lock, idle_thread_leaves_after, [this] { return notified_ > 0; });
+  --idle_;
+  ++busy_;
+  if (called) --notified_;
+  return called;
+}
+
+void Executor::callTheWatchman() {
+  if (watching_) return;
+  watching_ = true;
+  watchman_wakeup_.notify_one();
+}
+
+void Executor::watch() {
+  Lock lock(mutex_);
+  for (;;) {
+    watchman_wakeup_.wait(lock, [this] { return watching_; });
+    const std::uint64_t taken_before = taken_;
+    const std::uint64_t polls_before = polls_;
+    watchman_wakeup_.wait_for(lock, watchman_looks_every, [] { return false; });
+    if (busy_ == 0 && ready_.empty()) {
+      watching_ = taken_ - taken_before > watchman_lingers_above;
+      continue;
+    }
+    const bool work_left_alone = !ready_.empty() && (taken_ == taken_before || busy_ < cores_);
+    const bool poll_left_alone = !polling_ && polls_ == polls_before;
+    if (work_left_alone || poll_left_alone) callThread();
+  }
+}
+
+void Executor::wakePoller() const {
+  const std::uint64_t one = 1;
+  const ssize_t written = ::write(wakeup_event_, &one, sizeof one);
+  static_cast<void>(written);  // a full counter has woken the poller as well
+}
+
+void Executor::beginBlocking() {
+  const Lock lock(mutex_);
+  --busy_;
+  const bool left_alone = !ready_.empty() || !polling_;
+  if (left_alone && busy_ == 0 && notified_ == 0) callThread();
+}
+
+void Executor::endBlocking() {
+  const Lock lock(mutex_);
+  ++busy_;
+  callTheWatchman();
+}
+
+BlockingRegion::BlockingRegion() {
+  if (on_pool_thread) Executor::shared().beginBlocking();
+}
+BlockingRegion::~BlockingRegion() {
+  if (on_pool_thread) Executor::shared().endBlocking();
+}
+
+// --- sources ---
+
+bool Executor::addSource(const std::shared_ptr<EventSourceState>& source, int descriptor,
+                         std::uint32_t events) {
+  const Lock lock(mutex_);
+  if (!watchDescriptor(epoll_, descriptor, events, source->identity())) return false;
+  sources_.emplace(source->identity(), source);
+  // Nobody polls before the first runnable or source needs a thread.
+  if (threads_ == 0) addThread();
+  return true;
+}
+
+void Executor::removeSource(const EventSourceState& source, int descriptor) {
+  const Lock lock(mutex_);
+  if (sources_.erase(source.identity()) == 0) return;
+  ::epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
+// --- timers ---
+
+void Executor::setTimer(const std::shared_ptr<TimerState>& timer, std::uint64_t deadline) {
+  const Lock lock(mutex_);
+  timer->place = timers_.emplace(deadline, timer);
+  timer->placed = true;
+  armTimerDescriptor(deadline);
+  if (threads_ == 0) addThread();
+}
+
+void Executor::removeTimer(TimerState& timer) {
+  const Lock lock(mutex_);
+  if (!timer.placed) return;
+  timer.placed = false;
+  timers_.erase(timer.place);
+}
+
+/// Arms for `deadline` when nothing due before it is armed already; called with it in `timers_`.
+void Executor::armTimerDescriptor(std::uint64_t deadline) const {
+  const std::optional<std::uint64_t> delay = Clock::current().realDelay(deadline);
+  if (!delay || timers_.begin()->first < deadline) return;
+  const std::uint64_t nanoseconds = std::max<std::uint64_t>(*delay, 1);
+  itimerspec timer{};
+  timer.it_value.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
+  timer.it_value.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+  ::timerfd_settime(timer_descriptor_, 0, &timer, nullptr);
+}
+
+void Executor::runDueTimers() {
+  const std::uint64_t now = Clock::current().now();
+  std::deque<std::shared_ptr<TimerState>> due;
+  {
+    const Lock lock(mutex_);
+    while (!timers_.empty() && timers_.begin()->first <= now) {
+      due.push_back(timers_.begin()->second);
+      due.back()->placed = false;
+      timers_.erase(timers_.begin());
+    }
+    if (!timers_.empty()) armTimerDescriptor(timers_.begin()->first);
+  }
+  for (const auto& timer : due) {
+    dispatch_async(timer->queue, [timer] {
+      if (!timer->cancelled.load()) timer->handler();
+    });
+  }
+}
+
+DispatchStatistics Executor::statistics() {
+  const Lock lock(mutex_);
+  return {threads_, static_cast<unsigned>(sources_.size()), static_cast<unsigned>(timers_.size())};
+}
+
+}  // namespace kelvane::dispatch
