@@ -1,6 +1,8 @@
 #include "platform/foundation/value.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cmath>
 #include <limits>
 
@@ -47,10 +49,21 @@ Result number(const Value::Held& held, Convert convert) {
       held);
 }
 
+/// A double holds whole numbers above 2^53 with gaps, so the integer is not converted: the double is, where
+/// that loses nothing.
+bool integerEqualsReal(const Value& integer, double real) {
+  constexpr double limit = 18446744073709551616.0;  // 2^64, exact
+  if (std::trunc(real) != real || real < -limit / 2 || real >= limit) return false;
+  const Value whole = real < 0 ? Value(signedFromDouble(real)) : Value(unsignedFromDouble(real));
+  return integer == whole;
+}
+
 bool numbersEqual(const Value& a, const Value& b) {
-  const bool a_real = std::holds_alternative<double>(a.held());
-  const bool b_real = std::holds_alternative<double>(b.held());
-  if (a_real || b_real) return a.doubleValue() == b.doubleValue();
+  const double* const a_real = std::get_if<double>(&a.held());
+  const double* const b_real = std::get_if<double>(&b.held());
+  if (a_real != nullptr && b_real != nullptr) return *a_real == *b_real;
+  if (a_real != nullptr) return integerEqualsReal(b, *a_real);
+  if (b_real != nullptr) return integerEqualsReal(a, *b_real);
   const auto negative = [](const Value& v) {
     return std::holds_alternative<std::int64_t>(v.held()) && v.longLongValue() < 0;
   };
@@ -72,12 +85,19 @@ void describeQuoted(std::string& out, std::string_view text) {
 
 bool isPlainWord(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
-           c == '-';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '.' || c == '-';
   });
 }
 
 void describe(std::string& out, const Value& value);
+
+/// The shortest text that reads back as the same double.
+void describeReal(std::string& out, double number) {
+  std::array<char, 32> text{};
+  const auto written = std::to_chars(text.data(), text.data() + text.size(), number);
+  out.append(text.data(), written.ptr);
+}
 
 void describeData(std::string& out, const Data& data) {
   constexpr std::size_t shown = 64;
@@ -125,7 +145,7 @@ void describe(std::string& out, const Value& value) {
                  [&](bool b) { out += b ? '1' : '0'; },
                  [&](std::int64_t n) { out += std::to_string(n); },
                  [&](std::uint64_t n) { out += std::to_string(n); },
-                 [&](double n) { out += std::to_string(n); },
+                 [&](double n) { describeReal(out, n); },
                  [&](const foundation::CopyOnWrite<std::string>& s) { describeQuoted(out, *s); },
                  [&](const Data& d) { describeData(out, d); },
                  [&](Date d) { out += "date " + std::to_string(d.microseconds) + " us"; },
@@ -199,7 +219,8 @@ bool operator==(const Dictionary& a, const Dictionary& b) {
 }
 
 bool Value::isNumber() const {
-  return std::visit([](const auto& value) { return std::is_arithmetic_v<std::decay_t<decltype(value)>>; }, held_);
+  return std::visit([](const auto& value) { return std::is_arithmetic_v<std::decay_t<decltype(value)>>; },
+                    held_);
 }
 const std::string* Value::string() const {
   const auto* held = std::get_if<foundation::CopyOnWrite<std::string>>(&held_);
@@ -212,8 +233,8 @@ std::int32_t Value::intValue() const {
   return number<std::int32_t>(held_, [](auto n) {
     if constexpr (std::is_same_v<decltype(n), double>) {
       const std::int64_t whole = signedFromDouble(n);
-      return static_cast<std::int32_t>(std::clamp<std::int64_t>(whole, std::numeric_limits<std::int32_t>::min(),
-                                                                std::numeric_limits<std::int32_t>::max()));
+      return static_cast<std::int32_t>(std::clamp<std::int64_t>(
+          whole, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
     } else {
       return static_cast<std::int32_t>(n);
     }

@@ -9,6 +9,7 @@
 //
 // A boolean is a number. The number conversions never fail: what is not a number converts to 0.
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -30,9 +31,10 @@ class Value;
 struct Date {
   std::int64_t microseconds = 0;
 
-  /// Seconds from `earlier` to this moment.
+  /// Seconds from `earlier` to this moment. Dates come from files and peers, so the two may lie further apart
+  /// than the integer holds.
   [[nodiscard]] double secondsSince(Date earlier) const {
-    return static_cast<double>(microseconds - earlier.microseconds) / 1e6;
+    return (static_cast<double>(microseconds) - static_cast<double>(earlier.microseconds)) / 1e6;
   }
   friend auto operator<=>(const Date&, const Date&) = default;
 };
@@ -44,7 +46,9 @@ class Data {
   Data() = default;
   explicit Data(Bytes bytes) : bytes_(std::move(bytes)) {}
   [[nodiscard]] const Bytes& bytes() const { return *bytes_; }
-  friend bool operator==(const Data& a, const Data& b) { return a.bytes_.shares(b.bytes_) || *a.bytes_ == *b.bytes_; }
+  friend bool operator==(const Data& a, const Data& b) {
+    return a.bytes_.shares(b.bytes_) || *a.bytes_ == *b.bytes_;
+  }
 
  private:
   foundation::CopyOnWrite<Bytes> bytes_;
@@ -99,10 +103,11 @@ class Value {
  public:
   Value() = default;
   Value(std::nullptr_t) {}
-  Value(bool boolean) : held_(boolean) {}
+  /// Only from a bool itself: a pointer must not turn into "true".
+  template <std::same_as<bool> Boolean>
+  Value(Boolean boolean) : held_(boolean) {}
   template <class Integer>
-    requires(std::is_integral_v<Integer> && !std::is_same_v<Integer, bool>)
-  Value(Integer number) {
+  requires(std::is_integral_v<Integer> && !std::is_same_v<Integer, bool>) Value(Integer number) {
     if constexpr (std::is_signed_v<Integer>) {
       held_ = static_cast<std::int64_t>(number);
     } else {
@@ -133,7 +138,8 @@ class Value {
 
   // The number object's conversions. A fraction is cut off; an integer that does not fit keeps its low bits
   // (so -1 as unsigned is 2^64-1); a double that does not fit becomes the nearest that does, and not-a-number
-  // becomes 0. A negative double converts to unsigned as its signed value does. Anything but a number gives 0.
+  // becomes 0. A negative double converts to unsigned as its signed value does. Anything but a number gives
+  // 0.
   [[nodiscard]] bool boolValue() const;
   [[nodiscard]] std::int32_t intValue() const;
   [[nodiscard]] std::int64_t longLongValue() const;
