@@ -100,20 +100,17 @@ class Dictionary {
 };
 
 class Value {
+  template <class Integer>
+  using Widest = std::conditional_t<std::is_signed_v<Integer>, std::int64_t, std::uint64_t>;
+
  public:
   Value() = default;
   Value(std::nullptr_t) {}
   /// Only from a bool itself: a pointer must not turn into "true".
   template <std::same_as<bool> Boolean>
   Value(Boolean boolean) : held_(boolean) {}
-  template <class Integer>
-  requires(std::is_integral_v<Integer> && !std::is_same_v<Integer, bool>) Value(Integer number) {
-    if constexpr (std::is_signed_v<Integer>) {
-      held_ = static_cast<std::int64_t>(number);
-    } else {
-      held_ = static_cast<std::uint64_t>(number);
-    }
-  }
+  template <std::integral Integer>
+  Value(Integer number) : held_(static_cast<Widest<Integer>>(number)) {}
   Value(double number) : held_(number) {}
   Value(std::string string) : held_(foundation::CopyOnWrite<std::string>(std::move(string))) {}
   Value(std::string_view string) : Value(std::string(string)) {}

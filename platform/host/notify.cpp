@@ -1,0 +1,53 @@
+#include "platform/host/notify.h"
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <utility>
+
+#include "platform/foundation/file_descriptor.h"
+
+namespace kelvane {
+namespace {
+
+std::string& directory() {
+  static std::string& path = *new std::string("/run/kelvane/notify");
+  return path;
+}
+
+bool isFileName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+
+/// Adds one to the number that the file holds; anything else in it counts as 0.
+bool bump(int descriptor) {
+  std::array<char, 24> text{};
+  const ssize_t length = ::pread(descriptor, text.data(), text.size() - 1, 0);
+  if (length < 0) return false;
+  std::uint64_t number = 0;
+  std::from_chars(text.data(), text.data() + length, number);
+  const std::string next = std::to_string(number + 1) + "\n";
+  return ::pwrite(descriptor, next.data(), next.size(), 0) == static_cast<ssize_t>(next.size());
+}
+
+}  // namespace
+
+void notify_set_directory(std::string path) { directory() = std::move(path); }
+
+std::uint32_t notify_post(const char* name) {
+  if (!isFileName(name)) {
+    errno = EINVAL;
+    return 1;
+  }
+  if (::mkdir(directory().c_str(), 0755) != 0 && errno != EEXIST) return 1;
+  const std::string path = directory() + "/" + name;
+  const FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+  if (!file || ::flock(file.get(), LOCK_EX) != 0) return 1;
+  return bump(file.get()) ? 0 : 1;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+namespace kelvane::xpc {
+
+/// Why a message or a connection failed: a D-Bus error name and a text for people.
+struct Error {
+  std::string name;
+  std::string message;
+
+  [[nodiscard]] std::string description() const { return name + ": " + message; }
+};
+
+inline constexpr const char* error_disconnected = "org.freedesktop.DBus.Error.Disconnected";
+inline constexpr const char* error_invalid_arguments = "org.freedesktop.DBus.Error.InvalidArgs";
+inline constexpr const char* error_limits_exceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+inline constexpr const char* error_failed = "org.freedesktop.DBus.Error.Failed";
+
+/// What a method answers that has nothing to say but whether it was done. Takes no place in the signature.
+struct Outcome {
+  std::string error_name;  // empty: done
+  std::string error_message;
+};
+
+}  // namespace kelvane::xpc

@@ -1,0 +1,57 @@
+#pragma once
+
+// What a service manager starts in this process: background activities and event streams. They are driven
+// through the launch socket, a private D-Bus object: /com/orvel/launch, interface com.orvel.Launch.
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/dispatch/queue.h"
+#include "platform/foundation/value.h"
+
+namespace kelvane {
+
+namespace xpc {
+class Listener;
+
+/// One occasion on which an activity's handler is called.
+class Activity {
+ public:
+  explicit Activity(long state) : state_(state) {}
+  [[nodiscard]] long state() const { return state_; }
+
+ private:
+  const long state_;
+};
+
+/// Serves the launch socket at `path` (mode 0600). Null, with the reason, when it cannot be made.
+[[nodiscard]] std::shared_ptr<Listener> serveLaunchSocket(const std::string& path, std::string& reason);
+}  // namespace xpc
+
+using xpc_activity_t = std::shared_ptr<xpc::Activity>;
+inline constexpr long XPC_ACTIVITY_STATE_CHECK_IN = 0;
+inline constexpr long XPC_ACTIVITY_STATE_WAIT = 1;
+inline constexpr long XPC_ACTIVITY_STATE_RUN = 2;
+
+/// The criteria of an activity whose schedule stands outside the program.
+inline const Dictionary XPC_ACTIVITY_CHECK_IN{};
+
+/// Registers a handler for the activity of that name, replacing an earlier one, and calls it once in the
+/// check-in state, on the global queue. Later it is called in the run state whenever the launch socket says
+/// so, on that connection's queue; the run is over when the handler returns.
+void xpc_activity_register(const std::string& name, const Dictionary& criteria,
+                           std::function<void(const xpc_activity_t&)> handler);
+[[nodiscard]] long xpc_activity_get_state(const xpc_activity_t& activity);
+
+/// Registers a handler for the events of a stream, replacing an earlier one. It is called on `queue`.
+void xpc_set_event_stream_handler(const std::string& stream, const dispatch_queue_t& queue,
+                                  std::function<void(const Dictionary& event)> handler);
+
+/// Delivers an event as the launch socket does: runs the stream's handler on its queue and returns when it has
+/// returned. False when nobody handles that stream.
+bool xpc_post_event(const std::string& stream, const Dictionary& event);
+/// The same for an activity's run.
+bool xpc_run_activity(const std::string& name);
+
+}  // namespace kelvane

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <unordered_map>
+
+#include "platform/dispatch/block.h"
+#include "platform/dispatch/source.h"
+#include "platform/foundation/file_descriptor.h"
+#include "platform/xpc/connection.h"
+#include "platform/xpc/endpoint.h"
+
+namespace kelvane::xpc {
+
+/// Accepts connections: from a socket in the file system, or, anonymously, from whoever holds the endpoint.
+/// Thread-safe. Accepted connections live on when the listener ends.
+class Listener final : public std::enable_shared_from_this<Listener> {
+ public:
+  /// Creates the socket, replacing a dead one of the same name. On failure null, with the reason.
+  static std::shared_ptr<Listener> initWithSocketPath(const std::string& path, mode_t mode, std::string& reason);
+  /// A socket that listens already. Null when it is no listening local stream socket.
+  static std::shared_ptr<Listener> initWithListeningSocket(FileDescriptor socket);
+  static std::shared_ptr<Listener> anonymousListener();
+  ~Listener();
+
+  // --- before `resume` ---
+
+  /// Asked right after accept, before a byte is read; a refused peer is closed. On a thread of the pool.
+  void setAcceptHandler(std::function<bool(const PeerCredentials&)> handler) { may_connect_ = std::move(handler); }
+  /// Gets each new connection, to export an object on it and resume it. On a thread of the pool.
+  void setConnectionHandler(std::function<void(const std::shared_ptr<Connection>&)> handler) {
+    configure_ = std::move(handler);
+  }
+  /// Anonymous listeners: called once when nobody holds the endpoint any more. On a thread of the pool.
+  void setEndpointClosedHandler(Block handler) { endpoint_closed_ = std::move(handler); }
+  /// How many connections one user other than root may have open at a time.
+  void setConnectionsPerUser(unsigned most) { connections_per_user_ = most; }
+  void resume();
+
+  // --- any time ---
+
+  /// Anonymous listeners only. The listener keeps no copy: it ends when the last one given away is dropped.
+  [[nodiscard]] Endpoint takeEndpoint();
+  /// Accepts no more.
+  void invalidate();
+
+ private:
+  struct UserCounts;
+
+  explicit Listener(FileDescriptor socket, bool anonymous);
+  void handleEvents();
+  bool acceptOne();
+  bool receiveOne();
+  void admit(FileDescriptor socket);
+
+  // Constant after `resume`.
+  const bool anonymous_;
+  std::function<bool(const PeerCredentials&)> may_connect_;
+  std::function<void(const std::shared_ptr<Connection>&)> configure_;
+  unsigned connections_per_user_ = 2048;
+  std::string path_;  // to be removed with the listener; empty for none
+  const std::shared_ptr<UserCounts> counts_;
+
+  std::mutex mutex_;  // guards all below
+  FileDescriptor socket_;
+  Endpoint endpoint_;
+  EventSource source_;
+  Timer retry_;
+  Block endpoint_closed_;
+};
+
+}  // namespace kelvane::xpc

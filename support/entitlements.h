@@ -1,0 +1,28 @@
+#pragma once
+
+// Which process may ask for what. Grants are property-list files, each a dictionary with any of "user" (name
+// or number), "group" (name or number) and "label", all of which must match the peer, and the array
+// "com.orvel.private.Kelvane" of the names that it then holds. They are read from
+// /usr/lib/kelvane/entitlements.d and then $CONFIGURATION_DIRECTORY/entitlements.d, every *.plist in the
+// order of its name; what several grants give adds up. A file that is not owned by root or by this process's
+// user, or that others can write, is ignored with a level-3 line that says which and why, and so is one that
+// is no such dictionary. With no grant file at all, user root holds every name.
+//
+// Who the peer is, is what the kernel recorded when it connected. Any thread.
+
+#include <string>
+#include <vector>
+
+#include "platform/xpc/connection.h"
+#include "platform/xpc/credentials.h"
+
+namespace kelvane {
+
+/// Whether the peer of the connection holds every name. A connection without recorded credentials holds none.
+[[nodiscard]] bool connectionIsEntitled(const xpc::Connection& connection, const std::vector<std::string>& names);
+[[nodiscard]] bool peerIsEntitled(const xpc::PeerCredentials& peer, const std::vector<std::string>& names);
+
+/// Reads the grants anew from these folders, in this order. Called once at first use with the standard ones.
+void loadEntitlementGrants(const std::vector<std::string>& folders);
+
+}  // namespace kelvane

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/xpc/listener.h"
+#include "support/protocols.h"
+
+namespace kelvane {
+
+/// The daemon's listener: the socket that systemd hands over as "kelvane.socket", or else
+/// $RUNTIME_DIRECTORY/kelvane.sock, mode 0666. Peers without every required entitlement are closed right after
+/// accept, before a byte is read.
+class KelvaneListener {
+ public:
+  static std::shared_ptr<KelvaneListener> daemonListenerWithExportedObject(
+      std::shared_ptr<KelvaneClientProtocol> object);
+  /// Before `resume`.
+  void addRequiredEntitlement(const std::string& name);
+  /// Starts accepting. A socket that cannot be made is logged at level 3 with path and reason; false then.
+  bool resume();
+  void invalidate();
+  ~KelvaneListener();
+
+ private:
+  explicit KelvaneListener(std::shared_ptr<KelvaneClientProtocol> object);
+
+  const std::shared_ptr<KelvaneClientProtocol> object_;
+  std::vector<std::string> required_;  // constant after `resume`
+  std::shared_ptr<xpc::Listener> listener_;
+};
+
+}  // namespace kelvane

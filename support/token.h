@@ -1,0 +1,10 @@
+#pragma once
+
+#include "platform/foundation/value.h"
+
+namespace kelvane {
+
+/// A new purge token: a random 128-bit number as a string of hexadecimal digits.
+[[nodiscard]] Value createKelvaneToken();
+
+}  // namespace kelvane

@@ -1,0 +1,58 @@
+#pragma once
+
+// Volumes. A volume is a mount point, named by its path. Which mounts count as local volumes, when one is low,
+// and how quotas are asked is in docs/architecture.md and volumes.cpp. Any thread.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "platform/foundation/value.h"
+
+namespace kelvane {
+
+/// Available to an ordinary user; `files` are inodes, 0 total where the file system does not count them.
+struct VolumeSpace {
+  std::uint64_t bytes_free = 0;
+  std::uint64_t bytes_total = 0;
+  std::uint64_t files_free = 0;
+  std::uint64_t files_total = 0;
+};
+
+struct MountEntry {
+  std::string source;     // e.g. /dev/sda1
+  std::string root;       // the part of the file system that is mounted
+  std::string target;     // the mount point
+  std::string type;       // e.g. ext4
+  std::string device;     // "major:minor"
+  bool writable = false;
+};
+
+/// The one seam to the system's mount table, free space and quotas. Tests install their own.
+class VolumeSource {
+ public:
+  virtual ~VolumeSource() = default;
+  [[nodiscard]] virtual std::vector<MountEntry> mounts() = 0;
+  [[nodiscard]] virtual std::optional<VolumeSpace> space(const std::string& path) = 0;
+  /// Volumes on which the user is over quota; nothing when quotas cannot be asked.
+  [[nodiscard]] virtual std::optional<std::vector<std::string>> overQuota(uid_t user) = 0;
+
+  static VolumeSource& current();
+  /// Null puts the system's own back. The source must outlive its use.
+  static void install(VolumeSource* source);
+};
+
+/// The local volumes, in the order of the mount table.
+[[nodiscard]] std::vector<std::string> getLocalVolumes();
+/// Those of them that are low on space.
+[[nodiscard]] std::optional<std::vector<std::string>> lowSpaceVolumes();
+[[nodiscard]] std::optional<std::vector<std::string>> quotaVolumes(uid_t user);
+/// True when the info's KELVANE_VOLUME is the path of a local volume.
+[[nodiscard]] bool validateVolume(const Dictionary& info);
+/// Bytes available to an ordinary user; 0 when the volume cannot be asked.
+[[nodiscard]] std::uint64_t volumeFreespace(const std::string& volume);
+
+}  // namespace kelvane
