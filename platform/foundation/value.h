@@ -101,14 +101,14 @@ class Dictionary {
 
 class Value {
   template <class Integer>
-  using Widest = std::conditional_t<std::is_signed_v<Integer>, std::int64_t, std::uint64_t>;
+  using Widest =
+      std::conditional_t<std::is_same_v<Integer, bool>, bool,
+                         std::conditional_t<std::is_signed_v<Integer>, std::int64_t, std::uint64_t>>;
 
  public:
   Value() = default;
   Value(std::nullptr_t) {}
-  /// Only from a bool itself: a pointer must not turn into "true".
-  template <std::same_as<bool> Boolean>
-  Value(Boolean boolean) : held_(boolean) {}
+  /// A boolean stays one, an integer becomes 64 bits wide. A template, so that no pointer turns into "true".
   template <std::integral Integer>
   Value(Integer number) : held_(static_cast<Widest<Integer>>(number)) {}
   Value(double number) : held_(number) {}
