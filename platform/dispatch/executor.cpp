@@ -245,6 +245,15 @@ bool Executor::addSource(const std::shared_ptr<EventSourceState>& source, int de
   return true;
 }
 
+void Executor::changeSource(const EventSourceState& source, int descriptor, std::uint32_t events) {
+  const Lock lock(mutex_);
+  if (!sources_.contains(source.identity())) return;
+  epoll_event event{};
+  event.events = events | EPOLLET;
+  event.data.u64 = source.identity();
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, descriptor, &event);
+}
+
 void Executor::removeSource(const EventSourceState& source, int descriptor) {
   const Lock lock(mutex_);
   if (sources_.erase(source.identity()) == 0) return;

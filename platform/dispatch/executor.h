@@ -75,6 +75,7 @@ class Executor {
   /// False when the kernel does not take the descriptor.
   [[nodiscard]] bool addSource(const std::shared_ptr<EventSourceState>& source, int descriptor,
                                std::uint32_t events);
+  void changeSource(const EventSourceState& source, int descriptor, std::uint32_t events);
   void removeSource(const EventSourceState& source, int descriptor);
 
   void setTimer(const std::shared_ptr<TimerState>& timer, std::uint64_t deadline);
@@ -139,6 +140,7 @@ class EventSourceState final : public Runnable, public std::enable_shared_from_t
  public:
   EventSourceState(int descriptor, std::function<void(std::uint32_t)> handler);
   void fire(std::uint32_t events);
+  void setEvents(std::uint32_t events);
   void run() noexcept override;
   void cancel();
   [[nodiscard]] std::uint64_t identity() const { return identity_; }

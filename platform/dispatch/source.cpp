@@ -32,6 +32,10 @@ void EventSourceState::run() noexcept {
   }
 }
 
+void EventSourceState::setEvents(std::uint32_t events) {
+  Executor::shared().changeSource(*this, descriptor_, events);
+}
+
 void EventSourceState::cancel() {
   if (!cancelled_.exchange(true)) Executor::shared().removeSource(*this, descriptor_);
 }
@@ -51,6 +55,10 @@ EventSource& EventSource::operator=(EventSource&& other) noexcept {
 
 void EventSource::again() {
   if (state_ != nullptr) state_->fire(1U << 31);
+}
+
+void EventSource::setEvents(std::uint32_t events) {
+  if (state_ != nullptr) state_->setEvents(events);
 }
 
 void EventSource::cancel() {

@@ -37,6 +37,8 @@ class EventSource {
 
   /// Runs the handler once more, after whatever else is ready.
   void again();
+  /// Watches for these events from now on; what is ready already is reported again.
+  void setEvents(std::uint32_t events);
   void cancel();
 
  private:

@@ -1,12 +1,12 @@
 #include "platform/host/notify.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <fcntl.h>
 #include <string_view>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <utility>
 
 #include "platform/foundation/file_descriptor.h"

@@ -11,8 +11,8 @@
 //    calling go on meanwhile, on whatever thread.
 //  * It ends once: interrupted, when the far end closes it, dies, breaks the protocol or a limit; or
 //    invalidated, by `invalidate` or because it could not be made. What is outstanding then gets its error
-//    handler called, then the one handler that fits is called, then all handlers are dropped. An interrupted
-//    connection can still be invalidated, which calls the other handler.
+//    handler called, and then the one handler that fits is called. An interrupted connection can still be
+//    invalidated, which calls the other handler. Handlers are called once and dropped.
 //  * A reply comes at most once. A call whose connection ends gets no reply but an error.
 //
 // What the peer may cost: five seconds for the handshake, ten for a message under way, 32 MiB for a message,
@@ -69,16 +69,19 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   }
   void setInterruptionHandler(Block handler);
   void setInvalidationHandler(Block handler);
+  /// For listeners: called once when the socket is closed, on any thread. It must not use the connection.
+  void setClosedHandler(Block handler);
   void setLimits(const ConnectionLimits& limits) { limits_ = limits; }
   void resume();
 
   // --- any time, any thread ---
 
-  /// A stand-in for the object that the far end exports. Each call through it that will get no reply calls the
-  /// error handler once, on this connection's queue. Calls are sent in order; none blocks.
+  /// A stand-in for the object that the far end exports. Each call through it that will get no reply calls
+  /// the error handler once, on this connection's queue. Calls are sent in order; none blocks.
   template <class Protocol>
   [[nodiscard]] std::shared_ptr<Protocol> remoteObjectProxyWithErrorHandler(ErrorHandler handler) {
-    return std::make_shared<typename RemoteInterface<Protocol>::Proxy>(shared_from_this(), std::move(handler));
+    return std::make_shared<typename RemoteInterface<Protocol>::Proxy>(shared_from_this(),
+                                                                       std::move(handler));
   }
 
   /// Ends the connection; nothing is sent or read any more when this returns.
@@ -91,8 +94,8 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   /// The connection that delivered the message which the calling thread is handling; null elsewhere.
   static std::shared_ptr<Connection> current();
 
-  /// For proxies. `write` appends the arguments and is called before this returns; `read` makes the block that
-  /// delivers the reply.
+  /// For proxies. `write` appends the arguments and is called before this returns; `read` makes the block
+  /// that delivers the reply.
   using Write = std::function<int(sd_bus_message*)>;
   using Read = std::function<int(sd_bus_message*, Block& made)>;
   void call(const InterfaceDescription& interface, const char* member, const char* reply_signature,
@@ -101,30 +104,34 @@ class Connection final : public std::enable_shared_from_this<Connection> {
  private:
   class Incoming;
   struct PendingCall;
+  struct Ending;  // what is left to do once the lock is released
   friend struct BusCallbacks;
   enum class State { made, open, ended };
   enum class Cause { interruption, invalidation };
   using Lock = std::unique_lock<std::mutex>;
-  /// What is left to do once the lock is released.
-  struct Ending;
 
   explicit Connection(bool accepting);
 
-  bool startBus(FileDescriptor socket);
-  void handleEvents(std::uint32_t events);
-  int processOne(std::uint32_t events);
-  bool messageMayBeRead();
-  void noteProgress(bool message_complete, int pending_before);
+  // All with mutex_ held.
+  int startBus();
+  int step(std::uint32_t events);
+  bool peekHeader(std::uint32_t events, bool& anything);
+  void noteReading(bool complete, bool had_bytes, int unread_before);
+  [[nodiscard]] std::uint64_t queuedReplies() const;
+  void noteHandshake();
+  void setMessageDeadline();
   void watchForWriting();
   void deliver(Block block);
+  void deliverError(ErrorHandler handler, Error error);
   int acceptCall(sd_bus_message* message);
-  void acceptReply(PendingCall& pending, sd_bus_message* message);
+  int acceptReply(PendingCall& pending, sd_bus_message* message);
+  void finish(Lock& lock, Cause cause, Error error);
+
+  void handleEvents(std::uint32_t events);
+  void interrupt(const char* why);
   void answer(std::uint64_t call, const std::function<int(sd_bus_message*)>& write);
   void answerError(std::uint64_t call, const std::string& name, const std::string& message);
   void forget(std::uint64_t call);
-  Ending end(Lock& lock, Cause cause, Error error);
-  void finish(Ending ending);
-  void interrupt(const char* why);
 
   // Constant after `resume`.
   const bool accepting_;
@@ -139,15 +146,17 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   FileDescriptor unopened_;  // the socket, until the bus owns it
   int socket_ = -1;
   sd_bus* bus_ = nullptr;
-  bool ready_ = false;            // the handshake is over
-  bool boundary_known_ = false;   // the bus holds no part of a message
-  bool under_way_ = false;        // the bus, or the socket, holds part of a message
+  bool ready_ = false;           // the handshake is over
+  bool boundary_known_ = false;  // the bus holds no part of a message
+  bool under_way_ = false;       // the bus or the socket holds part of a message
   bool out_watched_ = false;
+  std::uint64_t delivered_ = 0;  // messages handed to the queue
   EventSource source_;
   Timer deadline_;
   std::shared_ptr<void> exported_object_;
   Block interruption_handler_;
   Block invalidation_handler_;
+  Block closed_handler_;
   std::list<std::unique_ptr<PendingCall>> outstanding_;
   std::unordered_map<std::uint64_t, sd_bus_message*> unanswered_;
   std::uint64_t next_call_ = 1;

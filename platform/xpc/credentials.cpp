@@ -1,7 +1,7 @@
 #include "platform/xpc/credentials.h"
 
-#include <cerrno>
 #include <sys/socket.h>
+#include <cerrno>
 
 namespace kelvane::xpc {
 namespace {

@@ -1,8 +1,8 @@
 #include "platform/xpc/endpoint.h"
 
+#include <sys/socket.h>
 #include <array>
 #include <cstring>
-#include <sys/socket.h>
 #include <utility>
 
 namespace kelvane::xpc {
@@ -41,7 +41,8 @@ bool sendDescriptor(int through, int sent) {
 
 std::optional<Endpoint> Endpoint::adopt(FileDescriptor descriptor) {
   const int number = descriptor.get();
-  if (option(number, SO_DOMAIN) != AF_UNIX || option(number, SO_TYPE) != SOCK_SEQPACKET || !isConnected(number)) {
+  if (option(number, SO_DOMAIN) != AF_UNIX || option(number, SO_TYPE) != SOCK_SEQPACKET ||
+      !isConnected(number)) {
     return std::nullopt;
   }
   Endpoint endpoint;
@@ -51,7 +52,8 @@ std::optional<Endpoint> Endpoint::adopt(FileDescriptor descriptor) {
 
 FileDescriptor Endpoint::open() const {
   std::array<int, 2> pair{-1, -1};
-  if (!descriptor_ || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) {
+  if (!descriptor_ ||
+      ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) {
     return {};
   }
   FileDescriptor ours(pair[0]);

@@ -48,8 +48,8 @@ void xpc_activity_register(const std::string& name, const Dictionary& criteria,
 void xpc_set_event_stream_handler(const std::string& stream, const dispatch_queue_t& queue,
                                   std::function<void(const Dictionary& event)> handler);
 
-/// Delivers an event as the launch socket does: runs the stream's handler on its queue and returns when it has
-/// returned. False when nobody handles that stream.
+/// Delivers an event as the launch socket does: runs the stream's handler on its queue and returns when it
+/// has returned. False when nobody handles that stream.
 bool xpc_post_event(const std::string& stream, const Dictionary& event);
 /// The same for an activity's run.
 bool xpc_run_activity(const std::string& name);

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <sys/types.h>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 #include <unordered_map>
 
 #include "platform/dispatch/block.h"
@@ -21,7 +21,8 @@ namespace kelvane::xpc {
 class Listener final : public std::enable_shared_from_this<Listener> {
  public:
   /// Creates the socket, replacing a dead one of the same name. On failure null, with the reason.
-  static std::shared_ptr<Listener> initWithSocketPath(const std::string& path, mode_t mode, std::string& reason);
+  static std::shared_ptr<Listener> initWithSocketPath(const std::string& path, mode_t mode,
+                                                      std::string& reason);
   /// A socket that listens already. Null when it is no listening local stream socket.
   static std::shared_ptr<Listener> initWithListeningSocket(FileDescriptor socket);
   static std::shared_ptr<Listener> anonymousListener();
@@ -30,7 +31,9 @@ class Listener final : public std::enable_shared_from_this<Listener> {
   // --- before `resume` ---
 
   /// Asked right after accept, before a byte is read; a refused peer is closed. On a thread of the pool.
-  void setAcceptHandler(std::function<bool(const PeerCredentials&)> handler) { may_connect_ = std::move(handler); }
+  void setAcceptHandler(std::function<bool(const PeerCredentials&)> handler) {
+    may_connect_ = std::move(handler);
+  }
   /// Gets each new connection, to export an object on it and resume it. On a thread of the pool.
   void setConnectionHandler(std::function<void(const std::shared_ptr<Connection>&)> handler) {
     configure_ = std::move(handler);

@@ -9,8 +9,8 @@
 //   };
 //   template <> struct RemoteInterface<Greeter> {
 //     static const InterfaceDescription& description() {
-//       static const InterfaceDescription it{"/example", "org.example.Greeter", {method<&Greeter::greet>("greet")}};
-//       return it;
+//       static const InterfaceDescription it{"/example", "org.example.Greeter",
+//       {method<&Greeter::greet>("greet")}}; return it;
 //     }
 //     using Proxy = GreeterProxy;  // implements Greeter by ProxyBase::send
 //   };
@@ -49,7 +49,7 @@ class IncomingCall {
 
 struct MethodDescription {
   const char* name;
-  std::string in;   // D-Bus signatures
+  std::string in;  // D-Bus signatures
   std::string out;
   /// Reads the arguments and makes the block that calls the object; negative when the arguments are not such
   /// as the method takes.
@@ -96,7 +96,8 @@ struct ReplyTraits<std::function<void(Results...)>> {
   }
 
   /// Reads the results and makes the block that calls `reply` with them.
-  static int read([[maybe_unused]] sd_bus_message* message, std::function<void(Results...)> reply, Block& made) {
+  static int read([[maybe_unused]] sd_bus_message* message, std::function<void(Results...)> reply,
+                  Block& made) {
     std::tuple<std::decay_t<Results>...> results;
     int r = 0;
     std::apply(

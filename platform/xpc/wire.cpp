@@ -1,10 +1,10 @@
 #include "platform/xpc/wire.h"
 
+#include <fcntl.h>
+#include <systemd/sd-bus.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
-#include <systemd/sd-bus.h>
 #include <utility>
 
 namespace kelvane::xpc {
@@ -16,7 +16,9 @@ constexpr const char* replacement = "\xEF\xBF\xBD";  // U+FFFD
 
 /// The length of the valid UTF-8 sequence at `at`, or 0.
 std::size_t sequenceLength(const std::string& text, std::size_t at) {
-  const auto byte = [&](std::size_t i) -> unsigned { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+  const auto byte = [&](std::size_t i) -> unsigned {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+  };
   const unsigned lead = byte(at);
   if (lead == 0) return 0;
   if (lead < 0x80) return 1;
@@ -215,15 +217,24 @@ int readOne(sd_bus_message* message, Value& value, int depth) {
   int r = sd_bus_message_peek_type(message, &type, &contents);
   if (r <= 0) return r < 0 ? r : -EBADMSG;
   switch (type) {
-    case 'y': return readNumber<std::uint8_t, std::uint64_t>(message, type, value);
-    case 'n': return readNumber<std::int16_t, std::int64_t>(message, type, value);
-    case 'q': return readNumber<std::uint16_t, std::uint64_t>(message, type, value);
-    case 'i': return readNumber<std::int32_t, std::int64_t>(message, type, value);
-    case 'u': return readNumber<std::uint32_t, std::uint64_t>(message, type, value);
-    case 'x': return readNumber<std::int64_t>(message, type, value);
-    case 't': return readNumber<std::uint64_t>(message, type, value);
-    case 'd': return readNumber<double>(message, type, value);
-    case 'b': return readNumber<int, bool>(message, type, value);
+    case 'y':
+      return readNumber<std::uint8_t, std::uint64_t>(message, type, value);
+    case 'n':
+      return readNumber<std::int16_t, std::int64_t>(message, type, value);
+    case 'q':
+      return readNumber<std::uint16_t, std::uint64_t>(message, type, value);
+    case 'i':
+      return readNumber<std::int32_t, std::int64_t>(message, type, value);
+    case 'u':
+      return readNumber<std::uint32_t, std::uint64_t>(message, type, value);
+    case 'x':
+      return readNumber<std::int64_t>(message, type, value);
+    case 't':
+      return readNumber<std::uint64_t>(message, type, value);
+    case 'd':
+      return readNumber<double>(message, type, value);
+    case 'b':
+      return readNumber<int, bool>(message, type, value);
     case 's':
     case 'o':
     case 'g': {
@@ -236,9 +247,12 @@ int readOne(sd_bus_message* message, Value& value, int depth) {
       r = sd_bus_message_enter_container(message, 'v', contents);
       if (r >= 0) r = readOne(message, value, depth + 1);
       return r < 0 ? r : sd_bus_message_exit_container(message);
-    case 'a': return readArray(message, contents, value, depth);
-    case 'r': return readDate(message, contents, value);
-    default: return -EBADMSG;  // descriptors have no place in a property list
+    case 'a':
+      return readArray(message, contents, value, depth);
+    case 'r':
+      return readDate(message, contents, value);
+    default:
+      return -EBADMSG;  // descriptors have no place in a property list
   }
 }
 
@@ -258,8 +272,12 @@ int Wire<std::uint32_t>::read(sd_bus_message* message, std::uint32_t& number) {
   return sd_bus_message_read_basic(message, 'u', &number);
 }
 
-int Wire<std::string>::write(sd_bus_message* message, const std::string& text) { return writeString(message, text); }
-int Wire<std::string>::read(sd_bus_message* message, std::string& text) { return readText(message, 's', text); }
+int Wire<std::string>::write(sd_bus_message* message, const std::string& text) {
+  return writeString(message, text);
+}
+int Wire<std::string>::read(sd_bus_message* message, std::string& text) {
+  return readText(message, 's', text);
+}
 
 int Wire<Endpoint>::write(sd_bus_message* message, const Endpoint& endpoint) {
   const int descriptor = endpoint.descriptor();
@@ -285,7 +303,8 @@ int Wire<Dictionary>::read(sd_bus_message* message, Dictionary& dictionary) {
   return r < 0 ? r : sd_bus_message_exit_container(message);
 }
 
-int Wire<std::optional<Dictionary>>::write(sd_bus_message* message, const std::optional<Dictionary>& dictionary) {
+int Wire<std::optional<Dictionary>>::write(sd_bus_message* message,
+                                           const std::optional<Dictionary>& dictionary) {
   int r = sd_bus_message_open_container(message, 'a', "a{sv}");
   if (r >= 0 && dictionary) r = writeDictionary(message, *dictionary);
   return r < 0 ? r : sd_bus_message_close_container(message);
@@ -293,14 +312,17 @@ int Wire<std::optional<Dictionary>>::write(sd_bus_message* message, const std::o
 int Wire<std::optional<Dictionary>>::read(sd_bus_message* message, std::optional<Dictionary>& dictionary) {
   int r = sd_bus_message_enter_container(message, 'a', "a{sv}");
   // The last of several counts; one or none is what a peer sends that keeps to the protocol.
-  while (r >= 0 && sd_bus_message_at_end(message, 0) == 0) r = Wire<Dictionary>::read(message, dictionary.emplace());
+  while (r >= 0 && sd_bus_message_at_end(message, 0) == 0)
+    r = Wire<Dictionary>::read(message, dictionary.emplace());
   return r < 0 ? r : sd_bus_message_exit_container(message);
 }
 
 int Wire<Anything>::write(sd_bus_message* message, const Anything& anything) {
   return writeVariant(message, anything.value);
 }
-int Wire<Anything>::read(sd_bus_message* message, Anything& anything) { return readOne(message, anything.value, 0); }
+int Wire<Anything>::read(sd_bus_message* message, Anything& anything) {
+  return readOne(message, anything.value, 0);
+}
 
 int Wire<Value>::write(sd_bus_message* message, const Value& value) {
   return writeArray(message, value.isNothing() ? Array() : Array{value});

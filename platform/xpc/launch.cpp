@@ -1,0 +1,127 @@
+#include "platform/xpc/launch.h"
+
+#include <map>
+#include <mutex>
+#include <utility>
+
+#include "platform/xpc/connection.h"
+#include "platform/xpc/listener.h"
+#include "platform/xpc/transaction.h"
+
+namespace kelvane {
+namespace xpc {
+namespace {
+
+using ActivityHandler = std::function<void(const xpc_activity_t&)>;
+
+struct Stream {
+  dispatch_queue_t queue;
+  std::function<void(const Dictionary&)> handler;
+};
+
+/// What has been registered in this process.
+struct Registry {
+  std::mutex mutex;
+  std::map<std::string, ActivityHandler> activities;  // guarded by mutex
+  std::map<std::string, Stream> streams;              // guarded by mutex
+};
+
+Registry& registry() {
+  static Registry& it = *new Registry;
+  return it;
+}
+
+constexpr const char* error_unknown_name = "com.orvel.Launch.Error.UnknownName";
+
+class LaunchProtocol {
+ public:
+  virtual ~LaunchProtocol() = default;
+  virtual void RunActivity(std::string name, Reply<Outcome> reply) = 0;
+  virtual void PostEvent(std::string stream, Dictionary event, Reply<Outcome> reply) = 0;
+};
+
+class LaunchSocket final : public LaunchProtocol {
+ public:
+  void RunActivity(std::string name, Reply<Outcome> reply) override {
+    reply(xpc_run_activity(name)
+              ? Outcome{}
+              : Outcome{error_unknown_name, "no activity is registered as \"" + name + "\""});
+  }
+  void PostEvent(std::string stream, Dictionary event, Reply<Outcome> reply) override {
+    reply(xpc_post_event(stream, event)
+              ? Outcome{}
+              : Outcome{error_unknown_name, "nobody handles the stream \"" + stream + "\""});
+  }
+};
+
+}  // namespace
+
+template <>
+struct RemoteInterface<LaunchProtocol> {
+  static const InterfaceDescription& description() {
+    static const InterfaceDescription it{"/com/orvel/launch",
+                                         "com.orvel.Launch",
+                                         {method<&LaunchProtocol::RunActivity>("RunActivity"),
+                                          method<&LaunchProtocol::PostEvent>("PostEvent")},
+                                         {{"Transactions", xpc_transaction_count}}};
+    return it;
+  }
+};
+
+std::shared_ptr<Listener> serveLaunchSocket(const std::string& path, std::string& reason) {
+  auto listener = Listener::initWithSocketPath(path, 0600, reason);
+  if (listener == nullptr) return nullptr;
+  listener->setConnectionHandler([](const std::shared_ptr<Connection>& connection) {
+    connection->setExportedObject<LaunchProtocol>(std::make_shared<LaunchSocket>());
+    connection->resume();
+  });
+  listener->resume();
+  return listener;
+}
+
+}  // namespace xpc
+
+void xpc_activity_register(const std::string& name, const Dictionary& /*criteria*/,
+                           std::function<void(const xpc_activity_t&)> handler) {
+  {
+    const std::scoped_lock lock(xpc::registry().mutex);
+    xpc::registry().activities.insert_or_assign(name, handler);
+  }
+  dispatch_async(dispatch_get_global_queue(0, 0), [handler = std::move(handler)] {
+    handler(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_CHECK_IN));
+  });
+}
+
+long xpc_activity_get_state(const xpc_activity_t& activity) { return activity->state(); }
+
+bool xpc_run_activity(const std::string& name) {
+  xpc::ActivityHandler handler;
+  {
+    const std::scoped_lock lock(xpc::registry().mutex);
+    const auto found = xpc::registry().activities.find(name);
+    if (found == xpc::registry().activities.end()) return false;
+    handler = found->second;
+  }
+  handler(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_RUN));
+  return true;
+}
+
+void xpc_set_event_stream_handler(const std::string& stream, const dispatch_queue_t& queue,
+                                  std::function<void(const Dictionary&)> handler) {
+  const std::scoped_lock lock(xpc::registry().mutex);
+  xpc::registry().streams.insert_or_assign(stream, xpc::Stream{queue, std::move(handler)});
+}
+
+bool xpc_post_event(const std::string& stream, const Dictionary& event) {
+  xpc::Stream found;
+  {
+    const std::scoped_lock lock(xpc::registry().mutex);
+    const auto known = xpc::registry().streams.find(stream);
+    if (known == xpc::registry().streams.end()) return false;
+    found = known->second;
+  }
+  dispatch_sync(found.queue, [&] { found.handler(event); });
+  return true;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,207 @@
+#include "platform/xpc/listener.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/dispatch/queue.h"
+
+namespace kelvane::xpc {
+namespace {
+
+constexpr std::int64_t pause_without_descriptors = 100'000'000;  // nanoseconds
+
+bool addressOf(const std::string& path, sockaddr_un& address) {
+  if (path.empty() || path.size() >= sizeof address.sun_path) return false;
+  address = {};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  return true;
+}
+
+const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
+
+bool somebodyListens(const sockaddr_un& address) {
+  const FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  return ::connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN;
+}
+
+bool isListening(int descriptor) {
+  int value = 0;
+  socklen_t length = sizeof value;
+  return ::getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &value, &length) == 0 && value != 0;
+}
+
+/// The descriptor that came with one message; empty when none did. `closed` when the far end is gone.
+FileDescriptor receiveDescriptor(int socket, bool& closed, bool& again) {
+  char byte = 0;
+  iovec data{&byte, 1};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  msghdr message{};
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  const ssize_t length = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  closed = length == 0 || (length < 0 && errno != EAGAIN && errno != EINTR);
+  again = length > 0;
+  const cmsghdr* const header = length > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
+  if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) return {};
+  int descriptor = -1;
+  std::memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
+  return FileDescriptor(descriptor);
+}
+
+bool outOfDescriptors(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+}  // namespace
+
+/// How many connections each user has open. Shared with the connections, which may outlive the listener.
+struct Listener::UserCounts {
+  std::mutex mutex;
+  std::unordered_map<uid_t, unsigned> open;  // guarded by mutex
+
+  bool add(uid_t user, unsigned most) {
+    const std::scoped_lock lock(mutex);
+    unsigned& count = open[user];
+    if (user != 0 && count >= most) return false;
+    ++count;
+    return true;
+  }
+  void remove(uid_t user) {
+    const std::scoped_lock lock(mutex);
+    if (--open[user] == 0) open.erase(user);
+  }
+};
+
+Listener::Listener(FileDescriptor socket, bool anonymous)
+    : anonymous_(anonymous), counts_(std::make_shared<UserCounts>()), socket_(std::move(socket)) {}
+
+Listener::~Listener() { invalidate(); }
+
+std::shared_ptr<Listener> Listener::initWithSocketPath(const std::string& path, mode_t mode,
+                                                       std::string& reason) {
+  sockaddr_un address{};
+  if (!addressOf(path, address)) {
+    reason = "the path of the socket is empty or longer than " + std::to_string(sizeof address.sun_path - 1) +
+             " bytes";
+    return nullptr;
+  }
+  if (somebodyListens(address)) {
+    reason = "another process listens there";
+    return nullptr;
+  }
+  struct stat existing {};
+  if (::lstat(path.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) ::unlink(path.c_str());
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  // Nobody can connect before `listen`, so the mode is right before it matters.
+  if (!socket || ::bind(socket.get(), generic(address), sizeof address) != 0 ||
+      ::chmod(path.c_str(), mode) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
+    reason = std::strerror(errno);
+    return nullptr;
+  }
+  std::shared_ptr<Listener> listener(new Listener(std::move(socket), false));
+  listener->path_ = path;
+  return listener;
+}
+
+std::shared_ptr<Listener> Listener::initWithListeningSocket(FileDescriptor socket) {
+  if (!isListening(socket.get())) return nullptr;
+  return std::shared_ptr<Listener>(new Listener(std::move(socket), false));
+}
+
+std::shared_ptr<Listener> Listener::anonymousListener() {
+  std::array<int, 2> pair{-1, -1};
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0)
+    return nullptr;
+  std::shared_ptr<Listener> listener(new Listener(FileDescriptor(pair[0]), true));
+  listener->endpoint_ = *Endpoint::adopt(FileDescriptor(pair[1]));
+  return listener;
+}
+
+Endpoint Listener::takeEndpoint() {
+  const std::scoped_lock lock(mutex_);
+  return std::exchange(endpoint_, Endpoint());
+}
+
+void Listener::resume() {
+  const std::scoped_lock lock(mutex_);
+  if (!socket_) return;
+  source_ = EventSource(socket_.get(), EPOLLIN | EPOLLRDHUP, [weak = weak_from_this()](std::uint32_t) {
+    if (const auto listener = weak.lock()) listener->handleEvents();
+  });
+}
+
+void Listener::invalidate() {
+  const std::scoped_lock lock(mutex_);
+  source_.cancel();
+  retry_.cancel();
+  if (socket_ && !path_.empty()) ::unlink(path_.c_str());
+  socket_.reset();
+}
+
+void Listener::handleEvents() {
+  while (anonymous_ ? receiveOne() : acceptOne()) {
+  }
+}
+
+/// Returns whether to go on at once.
+bool Listener::acceptOne() {
+  FileDescriptor accepted;
+  {
+    const std::scoped_lock lock(mutex_);
+    if (!socket_) return false;
+    accepted = FileDescriptor(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!accepted && outOfDescriptors(errno)) {
+      // Whoever waits to be accepted keeps the socket readable; look again when some may have been freed.
+      retry_ = Timer(dispatch_time(DISPATCH_TIME_NOW, pause_without_descriptors),
+                     dispatch_get_global_queue(0, 0), [weak = weak_from_this()] {
+                       if (const auto listener = weak.lock()) listener->handleEvents();
+                     });
+      return false;
+    }
+    if (!accepted) return errno == ECONNABORTED || errno == EINTR;
+  }
+  admit(std::move(accepted));
+  return true;
+}
+
+bool Listener::receiveOne() {
+  bool closed = false;
+  bool again = false;
+  FileDescriptor received;
+  {
+    const std::scoped_lock lock(mutex_);
+    if (!socket_) return false;
+    received = receiveDescriptor(socket_.get(), closed, again);
+  }
+  if (received) admit(std::move(received));
+  if (!closed) return again;
+  Block handler;
+  {
+    const std::scoped_lock lock(mutex_);
+    handler = std::move(endpoint_closed_);
+  }
+  invalidate();
+  if (handler) handler();
+  return false;
+}
+
+void Listener::admit(FileDescriptor socket) {
+  const std::optional<PeerCredentials> peer = PeerCredentials::ofSocket(socket.get());
+  if (!peer || (may_connect_ && !may_connect_(*peer))) return;
+  if (!counts_->add(peer->uid, connections_per_user_)) return;
+  const auto connection = Connection::initAccepting(std::move(socket), *peer);
+  connection->setClosedHandler([counts = counts_, user = peer->uid] { counts->remove(user); });
+  if (configure_) configure_(connection);
+}
+
+}  // namespace kelvane::xpc
