@@ -148,17 +148,17 @@ int readText(sd_bus_message* message, char type, std::string& text) {
   return r;
 }
 
-int readEntries(sd_bus_message* message, Dictionary& dictionary, int depth) {
+/// `entry` is the signature of one entry, without its braces.
+int readEntries(sd_bus_message* message, const std::string& entry, Dictionary& dictionary, int depth) {
+  const char type = entry.empty() ? '\0' : entry.front();
+  if (type != 's' && type != 'o' && type != 'g') return -EBADMSG;
   for (;;) {
-    int r = sd_bus_message_enter_container(message, 'e', nullptr);
-    if (r <= 0) return r;
-    char type = 0;
-    r = sd_bus_message_peek_type(message, &type, nullptr);
-    if (r < 0) return r;
-    if (type != 's' && type != 'o' && type != 'g') return -EBADMSG;
+    const int at_end = sd_bus_message_at_end(message, 0);
+    if (at_end != 0) return at_end < 0 ? at_end : 0;
+    int r = sd_bus_message_enter_container(message, 'e', entry.c_str());
     std::string key;
     Value value;
-    r = readText(message, type, key);
+    if (r >= 0) r = readText(message, type, key);
     if (r >= 0) r = readOne(message, value, depth + 1);
     if (r >= 0) r = sd_bus_message_exit_container(message);
     if (r < 0) return r;
@@ -187,11 +187,13 @@ int readArray(sd_bus_message* message, const char* contents, Value& value, int d
     value = Data(Data::Bytes(first, first + size));
     return 1;
   }
-  int r = sd_bus_message_enter_container(message, 'a', contents);
+  const std::string element = contents;
+  int r = sd_bus_message_enter_container(message, 'a', element.c_str());
   if (r < 0) return r;
-  if (contents[0] == '{') {
+  if (element.front() == '{') {
     Dictionary dictionary;
-    r = readEntries(message, dictionary, depth);
+    const std::string entry = element.substr(1, element.size() - 2);
+    r = readEntries(message, entry, dictionary, depth);
     value = std::move(dictionary);
   } else {
     Array array;
@@ -299,7 +301,7 @@ int Wire<Dictionary>::write(sd_bus_message* message, const Dictionary& dictionar
 }
 int Wire<Dictionary>::read(sd_bus_message* message, Dictionary& dictionary) {
   int r = sd_bus_message_enter_container(message, 'a', "{sv}");
-  if (r >= 0) r = readEntries(message, dictionary, 0);
+  if (r >= 0) r = readEntries(message, "sv", dictionary, 0);
   return r < 0 ? r : sd_bus_message_exit_container(message);
 }
 
