@@ -1,0 +1,36 @@
+# Sourced by the scripts: where the project is, and how they speak.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+
+say() { printf '%s\n' "$*"; }
+die() {
+  printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# quietly FILE COMMAND...: runs it with its output in FILE, and shows the end of that when it fails.
+quietly() {
+  local log=$1
+  shift
+  if ! "$@" >"$log" 2>&1; then
+    tail -n 40 "$log" >&2
+    die "failed: $* (all of its output is in $log)"
+  fi
+}
+
+# configure_and_build PRESET [TARGET...]
+configure_and_build() {
+  local preset=$1
+  shift
+  mkdir -p "$root/build"
+  say "building: $preset"
+  quietly "$root/build/$preset-configure.log" cmake -S "$root" --preset "$preset"
+  quietly "$root/build/$preset-build.log" cmake --build "$root/build/$preset" --parallel "$(nproc)" ${1:+--target "$@"}
+}
+
+# True where a private mount namespace can be made and mounted in: as root, or through a user namespace.
+can_mount() {
+  local as_user=()
+  [ "$(id -u)" = 0 ] || as_user=(--user --map-root-user)
+  unshare "${as_user[@]}" --mount sh -c 'mount -t tmpfs none /mnt' 2>/dev/null
+}
