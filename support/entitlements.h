@@ -19,7 +19,8 @@
 namespace kelvane {
 
 /// Whether the peer of the connection holds every name. A connection without recorded credentials holds none.
-[[nodiscard]] bool connectionIsEntitled(const xpc::Connection& connection, const std::vector<std::string>& names);
+[[nodiscard]] bool connectionIsEntitled(const xpc::Connection& connection,
+                                        const std::vector<std::string>& names);
 [[nodiscard]] bool peerIsEntitled(const xpc::PeerCredentials& peer, const std::vector<std::string>& names);
 
 /// Reads the grants anew from these folders, in this order. Called once at first use with the standard ones.

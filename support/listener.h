@@ -10,8 +10,8 @@
 namespace kelvane {
 
 /// The daemon's listener: the socket that systemd hands over as "kelvane.socket", or else
-/// $RUNTIME_DIRECTORY/kelvane.sock, mode 0666. Peers without every required entitlement are closed right after
-/// accept, before a byte is read.
+/// $RUNTIME_DIRECTORY/kelvane.sock, mode 0666. Peers without every required entitlement are closed right
+/// after accept, before a byte is read.
 class KelvaneListener {
  public:
   static std::shared_ptr<KelvaneListener> daemonListenerWithExportedObject(

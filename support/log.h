@@ -9,7 +9,9 @@
 // with `description()`, or nullptr, and prints its description ("(null)" for nothing). Length modifiers are
 // accepted and ignored. Arguments are evaluated only when the line will be written. Any thread.
 
-#include <functional>
+#include <concepts>
+#include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -21,11 +23,12 @@
 
 namespace kelvane {
 
-/// Where lines go, and up to which level.
+/// Where lines go, and up to which level. Both members are called on any thread.
 class LogHandle {
  public:
   virtual ~LogHandle() = default;
   [[nodiscard]] virtual int threshold() const = 0;
+  /// `line` is finished: one line without its end.
   virtual void write(int level, std::string_view line) = 0;
 };
 
@@ -35,6 +38,8 @@ class LogHandle {
 /// Replaces the handle, which must outlive its use; null for none: level-5 lines then go to standard error.
 void setLogHandle(LogHandle* handle);
 
+/// A line of level 5 is written when there is no handle or its threshold is at least 5; a line of any other
+/// level only when there is a handle and its threshold is at least that level.
 [[nodiscard]] bool logIsEnabled(int level);
 
 namespace logging {
@@ -46,22 +51,32 @@ inline Argument argument(std::string_view text) { return std::string(text); }
 inline Argument argument(const std::string& text) { return text; }
 inline Argument argument(std::nullptr_t) { return std::string("(null)"); }
 inline Argument argument(const void* address) { return address; }
-inline Argument argument(const Value& value) { return value.string() != nullptr ? *value.string() : value.description(); }
+inline Argument argument(const Value& value) {
+  return value.string() != nullptr ? *value.string() : value.description();
+}
 inline Argument argument(const Dictionary& dictionary) { return Value(dictionary).description(); }
 inline Argument argument(const Array& array) { return Value(array).description(); }
 Argument argument(const std::set<std::string>& strings);
 Argument argument(const std::vector<std::string>& strings);
 template <class T>
-  requires std::is_arithmetic_v<T>
-Argument argument(T number) {
-  if constexpr (std::is_floating_point_v<T>) return static_cast<double>(number);
-  else if constexpr (std::is_signed_v<T>) return static_cast<std::int64_t>(number);
-  else return static_cast<std::uint64_t>(number);
+requires std::is_arithmetic_v<T> Argument argument(T number) {
+  if constexpr (std::is_floating_point_v<T>)
+    return static_cast<double>(number);
+  else if constexpr (std::is_signed_v<T>)
+    return static_cast<std::int64_t>(number);
+  else
+    return static_cast<std::uint64_t>(number);
 }
 template <class T>
-  requires requires(const T& t) { { t.description() } -> std::convertible_to<std::string>; }
-           && (!std::is_same_v<T, Value>)
-Argument argument(const T& describable) { return describable.description(); }
+requires requires(const T& t) {
+  { t.description() } -> std::convertible_to<std::string>;
+} &&(!std::is_same_v<T, Value>)Argument argument(const T& describable) {
+  return std::string(describable.description());
+}
+template <class T>
+Argument argument(const std::optional<T>& optional) {
+  return optional ? argument(*optional) : argument(nullptr);
+}
 
 [[nodiscard]] std::string format(const char* format, std::vector<Argument> arguments);
 void write(int level, const std::string& line);
@@ -75,7 +90,7 @@ void line(int level, const char* text, const Arguments&... arguments) {
 }  // namespace kelvane
 
 // A macro, since arguments must not be evaluated for a line that is not written.
-#define KVLog(level, ...)                                                      \
-  do {                                                                         \
+#define KVLog(level, ...)                                                             \
+  do {                                                                                \
     if (::kelvane::logIsEnabled(level)) ::kelvane::logging::line(level, __VA_ARGS__); \
   } while (false)

@@ -13,7 +13,8 @@ namespace kelvane {
 /// $CONFIGURATION_DIRECTORY, by default /etc/kelvane.
 [[nodiscard]] std::string configurationDirectory();
 
-/// The socket of a declared service, $RUNTIME_DIRECTORY/services/<ID>; empty when the ID cannot be a file name.
+/// The socket of a declared service, $RUNTIME_DIRECTORY/services/<ID>; empty when the ID cannot be a file
+/// name.
 [[nodiscard]] std::string declaredServiceSocket(const std::string& ID);
 
 }  // namespace kelvane

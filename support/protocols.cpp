@@ -14,7 +14,8 @@ void KelvaneClientProxy::clientCheckin(std::string serviceID, xpc::Endpoint endp
 void KelvaneClientProxy::clientPurgeableSpace(Dictionary info, Reply<std::optional<Dictionary>> reply) {
   send<&Client::clientPurgeableSpace>("clientPurgeableSpace", std::move(reply), info);
 }
-void KelvaneClientProxy::clientItemizedPurgeableSpace(Dictionary info, Reply<std::optional<Dictionary>> reply) {
+void KelvaneClientProxy::clientItemizedPurgeableSpace(Dictionary info,
+                                                      Reply<std::optional<Dictionary>> reply) {
   send<&Client::clientItemizedPurgeableSpace>("clientItemizedPurgeableSpace", std::move(reply), info);
 }
 void KelvaneClientProxy::clientPurge(Dictionary info, Reply<std::optional<Dictionary>> reply) {
@@ -60,17 +61,18 @@ void KelvaneServiceProxy::serviceCallback(Dictionary info, Reply<std::optional<D
 namespace kelvane::xpc {
 
 const InterfaceDescription& RemoteInterface<KelvaneClientProtocol>::description() {
-  static const InterfaceDescription it{"/com/orvel/kelvane",
-                                       "com.orvel.KelvaneClientProtocol",
-                                       {
-                                           method<&Client::clientCheckin>("clientCheckin"),
-                                           method<&Client::clientPurgeableSpace>("clientPurgeableSpace"),
-                                           method<&Client::clientItemizedPurgeableSpace>("clientItemizedPurgeableSpace"),
-                                           method<&Client::clientPurge>("clientPurge"),
-                                           method<&Client::clientCancelPurge>("clientCancelPurge"),
-                                           method<&Client::clientSetState>("clientSetState"),
-                                           method<&Client::clientGetState>("clientGetState"),
-                                       }};
+  static const InterfaceDescription it{
+      "/com/orvel/kelvane",
+      "com.orvel.KelvaneClientProtocol",
+      {
+          method<&Client::clientCheckin>("clientCheckin"),
+          method<&Client::clientPurgeableSpace>("clientPurgeableSpace"),
+          method<&Client::clientItemizedPurgeableSpace>("clientItemizedPurgeableSpace"),
+          method<&Client::clientPurge>("clientPurge"),
+          method<&Client::clientCancelPurge>("clientCancelPurge"),
+          method<&Client::clientSetState>("clientSetState"),
+          method<&Client::clientGetState>("clientGetState"),
+      }};
   return it;
 }
 

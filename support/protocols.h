@@ -32,9 +32,12 @@ class KelvaneClientProtocol {
 class KelvaneServiceProtocol {
  public:
   virtual ~KelvaneServiceProtocol() = default;
-  virtual void servicePurgeable(std::int32_t urgency, Dictionary info, Reply<std::optional<Dictionary>> reply) = 0;
-  virtual void servicePurge(std::int32_t urgency, Dictionary info, Reply<std::optional<Dictionary>> reply) = 0;
-  virtual void servicePeriodic(std::int32_t urgency, Dictionary info, Reply<std::optional<Dictionary>> reply) = 0;
+  virtual void servicePurgeable(std::int32_t urgency, Dictionary info,
+                                Reply<std::optional<Dictionary>> reply) = 0;
+  virtual void servicePurge(std::int32_t urgency, Dictionary info,
+                            Reply<std::optional<Dictionary>> reply) = 0;
+  virtual void servicePeriodic(std::int32_t urgency, Dictionary info,
+                               Reply<std::optional<Dictionary>> reply) = 0;
   virtual void serviceCancelPurge(Reply<> reply) = 0;
   virtual void servicePing(Reply<> reply) = 0;
   virtual void serviceNotify(Dictionary notification, Reply<> reply) = 0;
@@ -57,9 +60,11 @@ class KelvaneClientProxy final : public KelvaneClientProtocol, private xpc::Prox
 class KelvaneServiceProxy final : public KelvaneServiceProtocol, private xpc::ProxyBase {
  public:
   using ProxyBase::ProxyBase;
-  void servicePurgeable(std::int32_t urgency, Dictionary info, Reply<std::optional<Dictionary>> reply) override;
+  void servicePurgeable(std::int32_t urgency, Dictionary info,
+                        Reply<std::optional<Dictionary>> reply) override;
   void servicePurge(std::int32_t urgency, Dictionary info, Reply<std::optional<Dictionary>> reply) override;
-  void servicePeriodic(std::int32_t urgency, Dictionary info, Reply<std::optional<Dictionary>> reply) override;
+  void servicePeriodic(std::int32_t urgency, Dictionary info,
+                       Reply<std::optional<Dictionary>> reply) override;
   void serviceCancelPurge(Reply<> reply) override;
   void servicePing(Reply<> reply) override;
   void serviceNotify(Dictionary notification, Reply<> reply) override;

@@ -1,13 +1,13 @@
 #pragma once
 
-// Volumes. A volume is a mount point, named by its path. Which mounts count as local volumes, when one is low,
-// and how quotas are asked is in docs/architecture.md and volumes.cpp. Any thread.
+// Volumes. A volume is a mount point, named by its path. Which mounts count as local volumes is in
+// local_volumes.h, when one is low in space_level.h. Any thread.
 
+#include <sys/types.h>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 #include "platform/foundation/value.h"
@@ -23,19 +23,23 @@ struct VolumeSpace {
 };
 
 struct MountEntry {
-  std::string source;     // e.g. /dev/sda1
-  std::string root;       // the part of the file system that is mounted
-  std::string target;     // the mount point
-  std::string type;       // e.g. ext4
-  std::string device;     // "major:minor"
+  std::string source;  // e.g. /dev/sda1
+  std::string root;    // the part of the file system that is mounted
+  std::string target;  // the mount point
+  std::string type;    // e.g. ext4
+  std::string device;  // "major:minor"
   bool writable = false;
 };
 
-/// The one seam to the system's mount table, free space and quotas. Tests install their own.
+/// The one seam to the system's mount table, free space and quotas. Tests install their own. All members are
+/// called on any thread.
 class VolumeSource {
  public:
   virtual ~VolumeSource() = default;
   [[nodiscard]] virtual std::vector<MountEntry> mounts() = 0;
+  /// A number that is another one whenever `mounts` may answer differently than before; cheap to ask. 0 says
+  /// that nobody knows: `mounts` is then asked each time.
+  [[nodiscard]] virtual std::uint64_t mountsGeneration() { return 0; }
   [[nodiscard]] virtual std::optional<VolumeSpace> space(const std::string& path) = 0;
   /// Volumes on which the user is over quota; nothing when quotas cannot be asked.
   [[nodiscard]] virtual std::optional<std::vector<std::string>> overQuota(uid_t user) = 0;
@@ -47,10 +51,14 @@ class VolumeSource {
 
 /// The local volumes, in the order of the mount table.
 [[nodiscard]] std::vector<std::string> getLocalVolumes();
-/// Those of them that are low on space.
+/// Those of them that are low on space. A volume that was found low stays so until it is clear by a margin,
+/// so the answer depends on earlier calls.
 [[nodiscard]] std::optional<std::vector<std::string>> lowSpaceVolumes();
+/// Those on which the user is over quota; nothing when quotas cannot be asked on any.
 [[nodiscard]] std::optional<std::vector<std::string>> quotaVolumes(uid_t user);
-/// True when the info's KELVANE_VOLUME is the path of a local volume.
+/// True when the info's KELVANE_VOLUME is the path of a local volume. Paths are compared by their components:
+/// doubled and trailing slashes do not count. Symbolic links, "." and ".." are not followed, since whoever
+/// asks may be able to change where they lead. Costs one poll of the mount table while that does not change.
 [[nodiscard]] bool validateVolume(const Dictionary& info);
 /// Bytes available to an ordinary user; 0 when the volume cannot be asked.
 [[nodiscard]] std::uint64_t volumeFreespace(const std::string& volume);

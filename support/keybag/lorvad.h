@@ -1,7 +1,7 @@
 #pragma once
 
-// The device-mode library: a shared library named Lorvad with the three symbols below, loaded at run time. Its
-// interface is plain C, so that it can be replaced by whatever knows the device better.
+// The device-mode library: a shared library named Lorvad with the three symbols below, loaded at run time.
+// Its interface is plain C, so that it can be replaced by whatever knows the device better.
 
 extern "C" {
 

@@ -1,0 +1,38 @@
+#pragma once
+
+// What the service manager and the journal give a process, apart from messages. Without a service manager
+// everything here answers "none". Any thread.
+
+#include <string>
+#include <string_view>
+
+#include "platform/foundation/file_descriptor.h"
+
+namespace kelvane {
+
+/// Tells the service manager that start-up is over. False when nobody asked to be told.
+bool notifyReady();
+
+/// The descriptor that socket activation handed over under that name; empty when there is none. Each is given
+/// away once, the first of several of one name first, and closes on execution.
+[[nodiscard]] FileDescriptor takePassedSocket(const std::string& name);
+
+/// A random 128-bit number as 32 hexadecimal digits.
+[[nodiscard]] std::string randomIdentifier();
+
+inline constexpr const char* journal_socket_path = "/run/systemd/journal/socket";
+
+/// Whether the descriptor is the stream of which `journal_stream` ("device:inode", as in $JOURNAL_STREAM; may
+/// be null) says that the journal reads it, and the journal's own socket is there to be written to.
+[[nodiscard]] bool isJournalStream(int descriptor, const char* journal_stream,
+                                   const std::string& journal_socket = journal_socket_path);
+
+/// Syslog's priorities, as far as they are used here.
+enum class JournalPriority { warning = 4, debug = 7 };
+
+/// One entry of the journal. `level` is the writer's own, kept in the field KELVANE_LEVEL. False when the
+/// journal did not take it.
+bool sendToJournal(JournalPriority priority, int level, const std::string& identifier,
+                   std::string_view message);
+
+}  // namespace kelvane
