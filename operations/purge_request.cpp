@@ -1,0 +1,140 @@
+#include "operations/purge_request.h"
+
+#include <utility>
+
+#include "common/keys.h"
+#include "operations/timebase.h"
+#include "platform/host/time.h"
+#include "support/log.h"
+#include "support/statistics.h"
+
+namespace kelvane {
+namespace {
+
+constexpr const char* selector = "queueServiceRequest:info:urgency:operationInfo:group:completion:";
+constexpr double nanoseconds_per_second = 1000000000.0;
+
+/// A queue that starts nothing for as long as this lives.
+class Suspension {
+ public:
+  explicit Suspension(dispatch_queue_t queue) : queue_(std::move(queue)) { dispatch_suspend(queue_); }
+  ~Suspension() { dispatch_resume(queue_); }
+  Suspension(const Suspension&) = delete;
+  Suspension& operator=(const Suspension&) = delete;
+
+ private:
+  const dispatch_queue_t queue_;
+};
+
+Value objectOf(const std::optional<Dictionary>& reply) { return reply ? Value(*reply) : Value(); }
+
+}  // namespace
+
+PurgeRequest::PurgeRequest(std::shared_ptr<KelvanePurgeOperation> operation,
+                           std::shared_ptr<KVService> service, std::shared_ptr<WorkingDictionary> info,
+                           std::int32_t urgency, std::shared_ptr<OperationInfo> operation_info,
+                           dispatch_group_t group, Completion completion)
+    : operation_(std::move(operation)),
+      service_(std::move(service)),
+      info_(std::move(info)),
+      urgency_(urgency),
+      operation_info_(std::move(operation_info)),
+      group_(std::move(group)),
+      completion_(std::move(completion)),
+      membership_(group_) {}
+
+void PurgeRequest::run() {
+  KVLog(5, "%s queuing service: %@", selector, service_->ID());
+  if (takeShare()) call();
+}
+
+bool PurgeRequest::takeShare() {
+  const std::uint64_t purged = amountPurged(*info_);
+  const std::uint64_t viable = operation_->viable_purging_services();
+  const std::uint64_t needed = operation_->purge_amount_needed();
+  if (viable == 0 || purged >= needed || operation_->cancel() || operation_->finished_.load()) return false;
+  donation_ = (needed - purged) / viable;
+  KVLog(5,
+        "%s donation (%lld) = (amount needed[%llu] - amount_purged[%llu]) / viable_purging_services[%llu])",
+        selector, donation_, needed, purged, viable);
+  return !operation_->isInFlight(service_->ID()) && donation_ != 0;
+}
+
+void PurgeRequest::call() {
+  request_ = dispatch_sync(operation_->collection_queue(), [this] { return info_->contents(); });
+  request_.set(KELVANE_AMOUNT, donation_);
+  CallServiceAsync(
+      service_,
+      [this](const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) { send(proxy, done); },
+      [self = shared_from_this()] {
+        KVLog(5, "%s connection to %@ invalidated", selector, self->service_->ID());
+        self->membership_.connectionEnded();
+      });
+}
+
+void PurgeRequest::send(const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) {
+  KVLog(5, "%s requesting %lld bytes from %@ at urgency %d", selector, donation_, service_->ID(), urgency_);
+  if (!operation_->updateInFlight(service_->ID(), done)) return;
+  start_ = mach_absolute_time();
+  membership_.enter();
+  proxy->servicePurge(
+      urgency_, std::move(request_),
+      [self = shared_from_this()](const std::optional<Dictionary>& reply) { self->handleReply(reply); });
+}
+
+void PurgeRequest::handleReply(const std::optional<Dictionary>& reply) {
+  // What this queues runs when the service has left the in-flight table.
+  const Suspension suspension(operation_->message_queue());
+  const double elapsed = static_cast<double>(mach_absolute_time() - start_) * gTimebaseConversion;
+  const std::uint64_t amount = recordAmount(reply);
+  if (amount < donation_) {
+    operation_->loseViableService();
+  } else {
+    operation_->queueServiceRequest(service_, info_, urgency_, operation_info_, group_, completion_);
+  }
+  passOn(reply, elapsed);
+  recordStatistics(reply, amount, elapsed);
+  operation_->cancelInFlightService(service_->ID());
+}
+
+std::uint64_t PurgeRequest::recordAmount(const std::optional<Dictionary>& reply) {
+  const Value number = reply ? (*reply)[KELVANE_AMOUNT] : Value();
+  if (!number.isNumber()) KVLog(3, "%s %d num is not a number: %@", selector, 230, number);
+  const std::uint64_t amount = number.unsignedLongLongValue();  // 0 for what is no number
+  operation_->addReported(amount);
+  dispatch_sync(operation_->collection_queue(), [&] {
+    operation_info_->setReport(service_->ID(), amount);
+    info_->countReport(amount);
+  });
+  KVLog(5, "%s %@ service purged: %llu", selector, service_->ID(), amount);
+  return amount;
+}
+
+void PurgeRequest::passOn(const std::optional<Dictionary>& reply, double elapsed_nanoseconds) {
+  if (!completion_) return;
+  std::optional<Dictionary> copy = reply;
+  if (copy) copy->set(KELVANE_ELAPSED_TIME, elapsed_nanoseconds);
+  KVLog(5, "%s %@ calling completion with: %@", selector, service_->ID(), objectOf(copy));
+  operation_->completeReply(completion_, copy);
+}
+
+void PurgeRequest::recordStatistics(const std::optional<Dictionary>& reply, std::uint64_t amount,
+                                    double elapsed_nanoseconds) {
+  KelvanePurgeOperation::reportPercentageForAmountRequested(donation_, amount, service_->ID());
+  KVLog(5, "%s %@ took %f seconds, purged: %@", selector, service_->ID(),
+        elapsed_nanoseconds / nanoseconds_per_second, reply ? (*reply)[KELVANE_AMOUNT] : Value());
+  addDistributionStat(kelvane_domain, elapsed_nanoseconds, service_->ID() + "_purgeElapsedNanoseconds");
+}
+
+void KelvanePurgeOperation::queueServiceRequest(const std::shared_ptr<KVService>& service,
+                                                const std::shared_ptr<WorkingDictionary>& info,
+                                                std::int32_t urgency,
+                                                const std::shared_ptr<OperationInfo>& operationInfo,
+                                                const dispatch_group_t& group, const Completion& completion) {
+  auto request =
+      std::make_shared<PurgeRequest>(std::static_pointer_cast<KelvanePurgeOperation>(shared_from_this()),
+                                     service, info, urgency, operationInfo, group, completion);
+  dispatch_group_async(group, message_queue(), [request = std::move(request)] { request->run(); });
+}
+
+}  // namespace kelvane
