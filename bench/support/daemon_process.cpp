@@ -1,0 +1,71 @@
+#include "bench/support/daemon_process.h"
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace kelvane::bench {
+namespace {
+
+[[noreturn]] void giveUp(const std::string& why) {
+  std::fprintf(stderr, "%s\n", why.c_str());
+  std::exit(1);
+}
+
+void writeGrant(const std::string& directory) {
+  std::filesystem::create_directories(directory + "/etc/entitlements.d");
+  std::ofstream grant(directory + "/etc/entitlements.d/bench.plist");
+  grant << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>user</key><integer>" << ::getuid()
+        << "</integer><key>com.orvel.private.Kelvane</key><array><string>CLIENT_ENTITLEMENT</string>"
+           "<string>SERVICE_ENTITLEMENT</string><string>PURGE_ENTITLEMENT</string></array></dict></plist>\n";
+}
+
+}  // namespace
+
+DaemonProcess::DaemonProcess(const std::string& program) {
+  std::string name = std::filesystem::temp_directory_path() / "kelvane-bench-XXXXXX";
+  if (::mkdtemp(name.data()) == nullptr) giveUp("cannot make a temporary directory");
+  directory_ = name;
+  for (const char* part : {"/run", "/run/notify", "/state"})
+    std::filesystem::create_directories(directory_ + part);
+  writeGrant(directory_);
+  const int watch = ::inotify_init1(IN_CLOEXEC);
+  ::inotify_add_watch(watch, (directory_ + "/run/notify").c_str(), IN_MODIFY);
+  process_ = ::fork();
+  if (process_ == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::setenv("RUNTIME_DIRECTORY", (directory_ + "/run").c_str(), 1);
+    ::setenv("STATE_DIRECTORY", (directory_ + "/state").c_str(), 1);
+    ::setenv("CONFIGURATION_DIRECTORY", (directory_ + "/etc").c_str(), 1);
+    ::execl(program.c_str(), program.c_str(), nullptr);
+    std::_Exit(127);
+  }
+  // It says so itself when it is open for business.
+  pollfd started{watch, POLLIN, 0};
+  if (::poll(&started, 1, 10'000) != 1) giveUp("the daemon " + program + " did not start");
+  ::close(watch);
+}
+
+DaemonProcess::~DaemonProcess() {
+  ::kill(process_, SIGTERM);
+  ::waitpid(process_, nullptr, 0);
+  std::filesystem::remove_all(directory_);
+}
+
+std::uint64_t DaemonProcess::peakMemory() const {
+  std::ifstream status("/proc/" + std::to_string(process_) + "/status");
+  std::string word;
+  while (status >> word) {
+    if (word == "VmHWM:" && status >> word) return std::stoull(word);
+  }
+  return 0;
+}
+
+}  // namespace kelvane::bench
