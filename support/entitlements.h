@@ -5,8 +5,11 @@
 // "com.orvel.private.Kelvane" of the names that it then holds. They are read from
 // /usr/lib/kelvane/entitlements.d and then $CONFIGURATION_DIRECTORY/entitlements.d, every *.plist in the
 // order of its name; what several grants give adds up. A file that is not owned by root or by this process's
-// user, or that others can write, is ignored with a level-3 line that says which and why, and so is one that
-// is no such dictionary. With no grant file at all, user root holds every name.
+// user, or that its group or others can write, is ignored with a level-3 line that says which and why, and so
+// is one that is no such dictionary. One that says of nobody whom it is for is no such dictionary: a
+// misspelled "user" must not open the door to all. Names of users and groups are looked up when the grants
+// are read; one that is unknown then matches nobody, and a level-3 line says so. With no *.plist in any
+// folder, user root holds every name.
 //
 // Who the peer is, is what the kernel recorded when it connected. Any thread.
 
@@ -23,7 +26,8 @@ namespace kelvane {
                                         const std::vector<std::string>& names);
 [[nodiscard]] bool peerIsEntitled(const xpc::PeerCredentials& peer, const std::vector<std::string>& names);
 
-/// Reads the grants anew from these folders, in this order. Called once at first use with the standard ones.
+/// Reads the grants anew from these folders, in this order; a missing folder has none. Called once at first
+/// use with the standard ones. Reads files and may ask a directory service, so it may take its time.
 void loadEntitlementGrants(const std::vector<std::string>& folders);
 
 }  // namespace kelvane

@@ -11,7 +11,7 @@ namespace kelvane {
 
 /// The daemon's listener: the socket that systemd hands over as "kelvane.socket", or else
 /// $RUNTIME_DIRECTORY/kelvane.sock, mode 0666. Peers without every required entitlement are closed right
-/// after accept, before a byte is read.
+/// after accept, before a byte is read. Used by one thread at a time.
 class KelvaneListener {
  public:
   static std::shared_ptr<KelvaneListener> daemonListenerWithExportedObject(
@@ -20,15 +20,18 @@ class KelvaneListener {
   void addRequiredEntitlement(const std::string& name);
   /// Starts accepting. A socket that cannot be made is logged at level 3 with path and reason; false then.
   bool resume();
+  /// Accepts no more. What was accepted lives on.
   void invalidate();
+  KelvaneListener(const KelvaneListener&) = delete;
+  KelvaneListener& operator=(const KelvaneListener&) = delete;
   ~KelvaneListener();
 
  private:
   explicit KelvaneListener(std::shared_ptr<KelvaneClientProtocol> object);
 
   const std::shared_ptr<KelvaneClientProtocol> object_;
-  std::vector<std::string> required_;  // constant after `resume`
-  std::shared_ptr<xpc::Listener> listener_;
+  std::vector<std::string> required_;        // constant after `resume`
+  std::shared_ptr<xpc::Listener> listener_;  // null before `resume`
 };
 
 }  // namespace kelvane

@@ -19,7 +19,8 @@ using RequestHandler =
 /// its socket) and calls `request` once, before returning, on the calling thread, also when the connection
 /// could not be opened (the first message then fails). `invalidated` is called exactly once, on the
 /// connection's queue, when the connection has ended: after `done`, the far end's death, a call that failed,
-/// or because it could not be opened. Replies arrive on the connection's queue. Never blocks.
+/// or because it could not be opened. It is never called before `request` has returned, nor before the
+/// replies and errors of this call have been handled. Replies arrive on the connection's queue. Never blocks.
 void CallServiceAsync(const std::shared_ptr<KVService>& service, const RequestHandler& request,
                       Block invalidated);
 

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <sys/types.h>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/value.h"
+#include "platform/xpc/credentials.h"
+
+namespace kelvane {
+
+/// What one grant file says.
+struct Grant {
+  std::optional<uid_t> user;
+  std::optional<gid_t> group;
+  std::optional<std::string> label;
+  std::set<std::string> names;
+
+  [[nodiscard]] bool matches(const xpc::PeerCredentials& peer) const;
+};
+
+struct Grants {
+  std::vector<Grant> grants;
+  bool any_file = false;  ///< also when none of them could be used
+};
+
+/// Reads every *.plist of the folders; see entitlements.h.
+[[nodiscard]] Grants readGrants(const std::vector<std::string>& folders);
+
+}  // namespace kelvane
