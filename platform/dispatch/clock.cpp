@@ -38,16 +38,22 @@ class HostClock final : public Clock {
   }
 };
 
-HostClock host_clock;
-std::atomic<Clock*> installed{&host_clock};
+/// Never destroyed, since threads of the pool may look at the time while the process exits.
+Clock& hostClock() {
+  static Clock& clock = *new HostClock;
+  return clock;
+}
+
+std::atomic<Clock*> installed{nullptr};  // null for the host's own
 
 }  // namespace
 
-Clock& Clock::current() { return *installed.load(std::memory_order_acquire); }
-
-void Clock::install(Clock* clock) {
-  installed.store(clock != nullptr ? clock : &host_clock, std::memory_order_release);
+Clock& Clock::current() {
+  Clock* const clock = installed.load(std::memory_order_acquire);
+  return clock != nullptr ? *clock : hostClock();
 }
+
+void Clock::install(Clock* clock) { installed.store(clock, std::memory_order_release); }
 
 ManualClock::ManualClock(std::uint64_t start, std::int64_t calendar) : now_(start), calendar_(calendar) {
   install(this);
@@ -91,6 +97,7 @@ void ManualClock::wait(std::unique_lock<std::mutex>& lock, std::condition_variab
 }
 
 std::optional<std::uint64_t> ManualClock::realDelay(std::uint64_t deadline) const {
+  if (now_.load() >= deadline) return 0;
   const std::scoped_lock lock(mutex_);
   timers_.insert(deadline);
   changed_.notify_all();

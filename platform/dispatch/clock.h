@@ -22,7 +22,7 @@ class Clock {
   virtual void wait(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,
                     std::uint64_t deadline) = 0;
   /// How many real nanoseconds to let pass before a timer due at `deadline` is worth looking at; nothing when
-  /// the clock does not go by itself and calls `dispatch_clock_moved` instead.
+  /// the clock does not go by itself and calls `dispatch_clock_moved` instead. 0 when it is due already.
   [[nodiscard]] virtual std::optional<std::uint64_t> realDelay(std::uint64_t deadline) const = 0;
 
   /// The clock of this process: the host's own until `install` was called.

@@ -30,7 +30,6 @@ namespace {
 
 constexpr unsigned most_threads = 1024;
 constexpr unsigned runs_between_polls = 16;
-constexpr auto idle_thread_leaves_after = std::chrono::seconds(5);
 constexpr auto watchman_looks_every = std::chrono::milliseconds(2);
 constexpr std::uint64_t watchman_lingers_above = 4;  // runnables in one look
 
@@ -168,7 +167,12 @@ void Executor::poll(Lock& lock) {
     if (auto state = source->second.lock()) fired[fired_count++] = {std::move(state), event.events};
   }
   lock.unlock();
-  for (std::size_t i = 0; i < fired_count; ++i) fired[i].first->fire(fired[i].second);
+  for (std::size_t i = 0; i < fired_count; ++i) {
+    fired[i].first->fire(fired[i].second);
+    // Dropped before the lock is taken again: this may be the last reference, and what the handler holds may
+    // come back here when it is destroyed.
+    fired[i].first.reset();
+  }
   if (timers_due) runDueTimers();
   lock.lock();
 }
@@ -177,7 +181,7 @@ void Executor::poll(Lock& lock) {
 bool Executor::idle(Lock& lock) {
   ++idle_;
   --busy_;
-  const bool called = idle_wakeup_.wait_for(lock, idle_thread_leaves_after, [this] { return notified_ > 0; });
+  const bool called = idle_wakeup_.wait_for(lock, idle_threads_go_after_, [this] { return notified_ > 0; });
   --idle_;
   ++busy_;
   if (called) --notified_;
@@ -303,8 +307,14 @@ void Executor::runDueTimers() {
   for (const auto& timer : due) {
     dispatch_async(timer->queue, [timer] {
       if (!timer->cancelled.load()) timer->handler();
+      timer->handler = Block();
     });
   }
+}
+
+void Executor::letIdleThreadsGoAfter(std::chrono::nanoseconds time) {
+  const Lock lock(mutex_);
+  idle_threads_go_after_ = time;
 }
 
 DispatchStatistics Executor::statistics() {

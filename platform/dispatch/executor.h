@@ -20,6 +20,7 @@
 // a message travels from the socket through its queues and back without changing threads.
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -83,6 +84,8 @@ class Executor {
   void runDueTimers();
 
   [[nodiscard]] DispatchStatistics statistics();
+  /// For tests. Threads that are idle already keep to what was said before.
+  void letIdleThreadsGoAfter(std::chrono::nanoseconds time);
 
  private:
   friend class BlockingRegion;
@@ -112,6 +115,7 @@ class Executor {
   std::mutex mutex_;  // guards all below
   std::deque<std::shared_ptr<Runnable>> ready_;
   std::condition_variable idle_wakeup_;
+  std::chrono::nanoseconds idle_threads_go_after_ = std::chrono::seconds(5);
   unsigned threads_ = 0;
   unsigned idle_ = 0;        // waiting to be notified
   unsigned notified_ = 0;    // idle ones that were notified and have not yet got up
@@ -140,6 +144,7 @@ class EventSourceState final : public Runnable, public std::enable_shared_from_t
  public:
   EventSourceState(int descriptor, std::function<void(std::uint32_t)> handler);
   void fire(std::uint32_t events);
+  void again();
   void setEvents(std::uint32_t events);
   void run() noexcept override;
   void cancel();

@@ -210,8 +210,9 @@ class GlobalQueue final : public Queue {
 
 }  // namespace
 
-void syncCall(const dispatch_queue_t& queue, void (*function)(void*), void* context) {
-  queue->sync(function, context);
+void syncCall(const dispatch_queue_t& queue, void (*function)(void*), void* context) noexcept {
+  const dispatch_queue_t kept = queue;  // the item may drop the caller's reference
+  kept->sync(function, context);
 }
 
 }  // namespace dispatch

@@ -66,7 +66,7 @@ void dispatch_assert_queue(const dispatch_queue_t& queue);
 
 namespace dispatch {
 /// Calls `function(context)` on the queue and returns when it has run.
-void syncCall(const dispatch_queue_t& queue, void (*function)(void*), void* context);
+void syncCall(const dispatch_queue_t& queue, void (*function)(void*), void* context) noexcept;
 }  // namespace dispatch
 
 template <class F>

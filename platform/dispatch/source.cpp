@@ -10,6 +10,7 @@ namespace dispatch {
 namespace {
 
 constexpr std::uint64_t run_is_due = 1ULL << 32;
+constexpr std::uint32_t asked_for = 1U << 31;  // by `again`; epoll reports no such event
 
 std::atomic<std::uint64_t> next_identity{2};  // epoll's own descriptors come before
 
@@ -23,9 +24,11 @@ void EventSourceState::fire(std::uint32_t events) {
   if ((before & run_is_due) == 0) Executor::shared().submit(shared_from_this());
 }
 
+void EventSourceState::again() { fire(asked_for); }
+
 void EventSourceState::run() noexcept {
   const std::uint64_t bits = bits_.exchange(run_is_due, std::memory_order_acq_rel);
-  if (!cancelled_.load(std::memory_order_acquire)) handler_(static_cast<std::uint32_t>(bits));
+  if (!cancelled_.load(std::memory_order_acquire)) handler_(static_cast<std::uint32_t>(bits) & ~asked_for);
   std::uint64_t nothing_new = run_is_due;
   if (!bits_.compare_exchange_strong(nothing_new, 0, std::memory_order_acq_rel)) {
     Executor::shared().submit(shared_from_this());
@@ -54,7 +57,7 @@ EventSource& EventSource::operator=(EventSource&& other) noexcept {
 }
 
 void EventSource::again() {
-  if (state_ != nullptr) state_->fire(1U << 31);
+  if (state_ != nullptr) state_->again();
 }
 
 void EventSource::setEvents(std::uint32_t events) {
