@@ -38,21 +38,13 @@ std::vector<std::string> grantFiles(const std::string& folder) {
   return files;
 }
 
-/// Why an opened file must not be believed; null when it may.
-const char* distrust(const struct stat& status) {
-  if (!S_ISREG(status.st_mode)) return "it is not a regular file";
-  if (status.st_uid != 0 && status.st_uid != ::geteuid()) return "it is owned by another user";
-  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return "others can write it";
-  return nullptr;
-}
-
 /// The file's bytes, or why there are none.
 std::string readTrusted(const std::string& path, Data::Bytes& bytes) {
   // Owner and mode are asked of what was opened, not of what the path may lead to a moment later.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) return std::strerror(errno);
-  if (const char* reason = distrust(status)) return reason;
+  if (const char* reason = whyDistrusted(status)) return reason;
   bytes.resize(largest_file + 1);
   std::size_t size = 0;
   while (size < bytes.size()) {
@@ -171,6 +163,13 @@ class GrantReader {
 };
 
 }  // namespace
+
+const char* whyDistrusted(const struct stat& status) {
+  if (!S_ISREG(status.st_mode)) return "it is not a regular file";
+  if (status.st_uid != 0 && status.st_uid != ::geteuid()) return "it is owned by another user";
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return "others can write it";
+  return nullptr;
+}
 
 bool Grant::matches(const xpc::PeerCredentials& peer) const {
   if (user && *user != peer.uid) return false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <optional>
 #include <set>
@@ -28,5 +29,8 @@ struct Grants {
 
 /// Reads every *.plist of the folders; see entitlements.h.
 [[nodiscard]] Grants readGrants(const std::vector<std::string>& folders);
+
+/// Why a file of this owner and mode must not be believed; null when it may.
+[[nodiscard]] const char* whyDistrusted(const struct stat& status);
 
 }  // namespace kelvane

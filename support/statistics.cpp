@@ -88,6 +88,14 @@ class Recorder {
     return found != domains_.end() ? found->second : Statistics();
   }
 
+  void forget() {
+    const std::lock_guard lock(mutex_);
+    domains_.clear();
+    timer_.cancel();
+    scheduled_ = false;
+    said_full_ = false;
+  }
+
   void setFile(const std::string& path) {
     const std::lock_guard lock(mutex_);
     path_ = path;
@@ -142,6 +150,8 @@ void addDistributionStat(const char* domain, double value, const std::string& na
 }
 
 Statistics statisticsOf(const std::string& domain) { return Recorder::shared().of(domain); }
+
+void forgetStatistics() { Recorder::shared().forget(); }
 
 void setStatisticsFile(const std::string& path) { Recorder::shared().setFile(path); }
 

@@ -37,6 +37,10 @@ struct Statistics {
 /// until it can be.
 void setStatisticsFile(const std::string& path);
 
+/// Begins anew, as a new process does. What was not yet written never will be. For tests, which share a
+/// process.
+void forgetStatistics();
+
 /// What the file holds: the statistics of each domain as OpenMetrics text.
 [[nodiscard]] std::string openMetricsText(const std::map<std::string, Statistics>& domains);
 
