@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "operations/operation.h"
+#include "platform/dispatch/clock.h"
 #include "platform/dispatch/source.h"
 #include "support/log.h"
 
@@ -89,6 +90,8 @@ void CancelConnections::wait() {
 
 void KelvaneOperation::cancelOperation() {
   const auto connections = std::make_shared<CancelConnections>();
+  const bool is_over_at_once = Clock::current().now() >= cancel_deadline;
+  if (is_over_at_once) dispatch_suspend(collection_queue_);
   dispatch_group_async(connections->group(), collection_queue_, [self = shared_from_this(), connections] {
     for (const auto& [identifier, cancel] : self->in_flight_) {
       const auto service = self->services_.find(identifier);
@@ -96,6 +99,7 @@ void KelvaneOperation::cancelOperation() {
     }
   });
   connections->wait();
+  if (is_over_at_once) dispatch_resume(collection_queue_);
 }
 
 }  // namespace kelvane
