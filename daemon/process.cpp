@@ -1,0 +1,82 @@
+#include "daemon/process.h"
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <string_view>
+
+#include "platform/host/notify.h"
+#include "support/paths.h"
+#include "support/statistics.h"
+
+namespace kelvane {
+namespace {
+
+constexpr int usage_status = 2;
+constexpr const char* help =
+    "usage: kelvaned [--help] [--version]\n"
+    "\n"
+    "Frees space on the local volumes by asking the registered services. Takes no other arguments; these\n"
+    "variables of the environment are read:\n"
+    "  RUNTIME_DIRECTORY        sockets, notifications, statistics   (/run/kelvane)\n"
+    "  STATE_DIRECTORY          settings                             (/var/lib/kelvane)\n"
+    "  CONFIGURATION_DIRECTORY  grants in entitlements.d             (/etc/kelvane)\n"
+    "  KELVANE_LOG_LEVEL        0 to 5                               (3)\n"
+    "SIGTERM ends it at once.\n";
+
+std::optional<std::string> makeDirectory(const std::string& path) {
+  if (::mkdir(path.c_str(), 0755) == 0) {
+    ::chmod(path.c_str(), 0755);  // whatever the file mode mask
+    return std::nullopt;
+  }
+  const int error = errno;
+  struct stat found {};
+  if (error == EEXIST && ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode)) return std::nullopt;
+  return fmt::format("cannot create the directory {}: {}", path, std::strerror(error));
+}
+
+}  // namespace
+
+std::optional<int> answerCommandLine(int argc, const char* const* argv) {
+  if (argc < 2) return std::nullopt;
+  const std::string_view argument = argv[1];
+  if (argc == 2 && argument == "--help") {
+    fmt::print("{}", help);
+    return 0;
+  }
+  if (argc == 2 && argument == "--version") {
+    fmt::print("kelvaned {}\n", KELVANE_VERSION);
+    return 0;
+  }
+  const std::string_view stranger = argument == "--help" || argument == "--version" ? argv[2] : argument;
+  fmt::print(stderr, "kelvaned: unexpected argument \"{}\"; run kelvaned --help to see what there is\n",
+             stranger);
+  return usage_status;
+}
+
+std::optional<std::string> makeDirectories() {
+  static_cast<void>(makeDirectory(stateDirectory()));  // without it, opening the settings says so
+  if (auto failure = makeDirectory(runtimeDirectory())) return failure;
+  return makeDirectory(runtimeDirectory() + "/services");
+}
+
+void settleProcess() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+  notify_set_directory(runtimeDirectory() + "/notify");
+  setStatisticsFile(runtimeDirectory() + "/metrics.prom");
+}
+
+int refuseToStart(const std::string& what) {
+  fmt::print(stderr, "kelvaned: {}\n", what);
+  return 1;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,28 @@
+#pragma once
+
+// What the process needs around it before start-up, and its command line.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/xpc/listener.h"
+
+namespace kelvane {
+
+/// The exit status when the arguments leave nothing more to do, with what was to be said already said.
+[[nodiscard]] std::optional<int> answerCommandLine(int argc, const char* const* argv);
+
+/// Creates the runtime directory, if its parent exists, and the folder of the declared services in it, both
+/// mode 0755. Nothing on success, else what could not be done and why. The directory of the settings is made
+/// likewise, but the daemon can do without.
+[[nodiscard]] std::optional<std::string> makeDirectories();
+
+/// As many descriptors as the process may have; a peer that goes away is no signal; where statistics and
+/// notifications go.
+void settleProcess();
+
+/// Says on standard error what is wrong; returns the exit status.
+int refuseToStart(const std::string& what);
+
+}  // namespace kelvane

@@ -1,0 +1,9 @@
+#pragma once
+
+namespace kelvane {
+
+/// Whether the process whose message the calling thread is handling holds the entitlement. When not, that is
+/// logged at level 3 under the name of the method it called. A call that no connection brought holds none.
+[[nodiscard]] bool callerIsEntitled(const char* entitlement, const char* selector);
+
+}  // namespace kelvane

@@ -1,0 +1,95 @@
+#pragma once
+
+// What the daemon exports to clients and services: the seven remote methods, and beside each group of them
+// the entry points through which the daemon's own parts do the same. The definitions stand in one file per
+// subject: service_checkin.cpp, client_requests.cpp, state_store.cpp.
+//
+// The registry, its queues and the settings belong to the central object, which derives from this class and
+// hands them out through the accessors below.
+//
+// Remote methods run on the queue of the connection that called; `xpc::Connection::current()` is the caller.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "operations/purge_operation.h"
+#include "platform/dispatch/queue.h"
+#include "support/protocols.h"
+
+namespace kelvane {
+
+class UserDefaults;
+
+/// Purge token to the operation that runs under it.
+using PurgeOperations = std::vector<std::pair<Value, std::shared_ptr<KelvanePurgeOperation>>>;
+
+class ClientInterface : public KelvaneClientProtocol, public std::enable_shared_from_this<ClientInterface> {
+ public:
+  // --- the remote methods, in the protocol's order ---
+
+  void clientCheckin(std::string serviceID, xpc::Endpoint endpoint, Dictionary info,
+                     Reply<std::optional<Dictionary>> reply) override;
+  void clientPurgeableSpace(Dictionary info, Reply<std::optional<Dictionary>> reply) override;
+  void clientItemizedPurgeableSpace(Dictionary info, Reply<std::optional<Dictionary>> reply) override;
+  void clientPurge(Dictionary info, Reply<std::optional<Dictionary>> reply) override;
+  /// The reply may be empty.
+  void clientCancelPurge(Dictionary info, Reply<> reply) override;
+  void clientSetState(Value value, std::string key, Reply<> reply) override;
+  void clientGetState(xpc::Anything key, Reply<Value> reply) override;
+
+  // --- service connections ---
+
+  /// Waits until the service has answered a ping: true then, and false when its connection ended instead.
+  /// There is no time limit for a service that lives and stays silent.
+  static bool pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy);
+  /// Tells every service that asked for that name. Returns at once; nothing is reported back.
+  void notifyRecipients(const std::string& name, const Value& value);
+
+  // --- purging ---
+
+  using PurgeCallback = std::function<void(const std::optional<Dictionary>& result)>;
+  /// Runs one purge, after all earlier ones, and returns its result: nothing when the request was refused.
+  /// The callback, if any, gets each service's reply and then the result.
+  std::optional<Dictionary> purge(const Dictionary& info, const PurgeCallback& callback);
+
+  // --- the state store, for callers that run on `defaults_queue`; a call from elsewhere is fatal ---
+
+  void _clientSetState(const Value& value, const std::string& key, const Reply<>& reply);
+  void _clientGetState(const Value& key, const Reply<Value>& reply);
+  void clientSetStateSync(const Value& value, const std::string& key);
+  [[nodiscard]] Value clientGetStateSync(const std::string& key);
+
+  // --- what the central object provides ---
+
+  [[nodiscard]] virtual const dispatch_queue_t& collection_queue() const = 0;
+  [[nodiscard]] virtual const dispatch_queue_t& defaults_queue() const = 0;
+  [[nodiscard]] virtual const dispatch_queue_t& purge_queue() const = 0;
+  [[nodiscard]] virtual const dispatch_queue_t& notify_queue() const = 0;
+  [[nodiscard]] virtual const dispatch_queue_t& daemons_queue() const = 0;
+  /// Only on `collection_queue`.
+  [[nodiscard]] virtual Services& services() = 0;
+  /// Only on `daemons_queue`.
+  [[nodiscard]] virtual const std::set<std::string>& daemons() const = 0;
+  /// Only on `collection_queue`. Absent: nothing is ever found in it or kept in it.
+  [[nodiscard]] virtual std::optional<PurgeOperations>& purgeOperations() = 0;
+  /// Null when the settings could not be opened. Used on `defaults_queue` only.
+  [[nodiscard]] virtual const std::shared_ptr<UserDefaults>& userDefaults() const = 0;
+  [[nodiscard]] virtual const Dictionary& default_values() const = 0;
+  /// A snapshot, taken on `collection_queue`.
+  [[nodiscard]] virtual Services copyServices() = 0;
+
+ private:
+  void checkIn(const std::string& serviceID, const xpc::Endpoint& endpoint, const Dictionary& info,
+               const Reply<std::optional<Dictionary>>& reply);
+  void connect(const std::shared_ptr<KVService>& service);
+  Block recordRemoval(const std::shared_ptr<KVService>& service, const char* log_text);
+  void answerPurgeableSpace(const char* entitlement, const char* selector,
+                            const Reply<std::optional<Dictionary>>& reply);
+};
+
+}  // namespace kelvane

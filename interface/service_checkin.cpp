@@ -1,0 +1,152 @@
+// Services that check in, the daemon's connections back to them, and the notifications sent to them.
+//
+// The record of a service that checked in lives in the registry until its connection ends, in whichever way.
+// The connection's handlers outlive the record at times, and the ID may by then belong to a new record: they
+// remove the very record that they were made for, or nothing.
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "common/keys.h"
+#include "interface/caller.h"
+#include "interface/client_interface.h"
+#include "platform/dispatch/group.h"
+#include "support/log.h"
+#include "support/service_calls.h"
+
+namespace kelvane {
+namespace {
+
+constexpr const char* checkin_selector = "clientCheckin:endpoint:info:reply:";
+constexpr const char* ping_selector = "pingService:";
+constexpr const char* notify_selector = "notifyRecipients:value:";
+
+/// Nothing unless the value is an array; what is no string in it names no notification.
+std::optional<std::set<std::string>> notificationNames(const Value& value) {
+  if (value.array() == nullptr) return std::nullopt;
+  std::set<std::string> names;
+  for (const Value& name : *value.array()) {
+    if (name.string() != nullptr) names.insert(*name.string());
+  }
+  return names;
+}
+
+void takeFlags(KVService& service, const Dictionary& info) {
+  service.setDoesPeriodic(info[service_kind_periodic].boolValue());
+  service.setDoesPurge(info[service_kind_purge].boolValue());
+  service.setDesiredNotifications(notificationNames(info[KELVANE_NOTIFICATIONS]));
+}
+
+/// The answer to one ping. Signals when it goes, since a call whose connection ends drops its reply uncalled.
+class Pong {
+ public:
+  ~Pong() { dispatch_semaphore_signal(semaphore_); }
+  Pong(dispatch_semaphore_t semaphore, std::shared_ptr<std::atomic<bool>> pong)
+      : semaphore_(std::move(semaphore)), pong_(std::move(pong)) {}
+  Pong(const Pong&) = delete;
+  Pong& operator=(const Pong&) = delete;
+
+  void arrive() {
+    pong_->store(true);
+    dispatch_semaphore_signal(semaphore_);
+  }
+
+ private:
+  const dispatch_semaphore_t semaphore_;
+  const std::shared_ptr<std::atomic<bool>> pong_;
+};
+
+void notify(const std::shared_ptr<KVService>& service, const std::string& name, const Value& value) {
+  CallServiceAsync(
+      service,
+      [&](const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) {
+        KVLog(5, "%s %d serviceID: %@", notify_selector, 369, service->ID());
+        proxy->serviceNotify(Dictionary{{name, value}}, [done] { done(); });
+      },
+      [] { KVLog(5, "%s connection invalidated", notify_selector); });
+}
+
+}  // namespace
+
+void ClientInterface::clientCheckin(std::string serviceID, xpc::Endpoint endpoint, Dictionary info,
+                                    Reply<std::optional<Dictionary>> reply) {
+  const bool is_declared = dispatch_sync(daemons_queue(), [&] { return daemons().contains(serviceID); });
+  if (is_declared) {
+    reply(std::nullopt);
+    return;
+  }
+  if (!callerIsEntitled(SERVICE_ENTITLEMENT, checkin_selector)) return;  // no answer at all
+  dispatch_async(collection_queue(),
+                 [self = shared_from_this(), serviceID = std::move(serviceID), endpoint = std::move(endpoint),
+                  info = std::move(info),
+                  reply = std::move(reply)] { self->checkIn(serviceID, endpoint, info, reply); });
+}
+
+void ClientInterface::checkIn(const std::string& serviceID, const xpc::Endpoint& endpoint,
+                              const Dictionary& info, const Reply<std::optional<Dictionary>>& reply) {
+  std::shared_ptr<KVService> service;
+  if (const auto found = services().find(serviceID); found != services().end()) {
+    KVLog(5, "%s operating on an existing service", checkin_selector);
+    service = found->second;
+  } else {
+    service = std::make_shared<KVService>(serviceID);
+    service->setEndpoint(endpoint);
+    connect(service);
+  }
+  takeFlags(*service, info);
+  reply(Dictionary{{KELVANE_ID, serviceID}, {checkin_reply_anonymous, true}});
+}
+
+void ClientInterface::connect(const std::shared_ptr<KVService>& service) {
+  const auto connection = xpc::Connection::initWithListenerEndpoint(service->endpoint());
+  service->setXpcConn(connection);
+  services()[service->ID()] = service;
+  connection->setInvalidationHandler(recordRemoval(service, "%s invalidationHandler ENTRY"));
+  connection->setInterruptionHandler(recordRemoval(service, "%s interruptionHandler ENTRY"));
+  const auto proxy = connection->remoteObjectProxyWithErrorHandler<KelvaneServiceProtocol>(
+      [service](const xpc::Error& error) {
+        KVLog(5, "%s remoteObjectProxyWithErrorHandler error: %@", checkin_selector, error);
+        service->xpcConn()->invalidate();
+      });
+  connection->resume();
+  pingService(proxy);
+}
+
+Block ClientInterface::recordRemoval(const std::shared_ptr<KVService>& service, const char* log_text) {
+  return [self = shared_from_this(), serviceID = service->ID(), weak = std::weak_ptr(service), log_text] {
+    KVLog(5, log_text, checkin_selector);
+    dispatch_async(self->collection_queue(), [self, serviceID, weak] {
+      const auto record = weak.lock();
+      const auto found = self->services().find(serviceID);
+      if (record != nullptr && found != self->services().end() && found->second == record)
+        self->services().erase(found);
+    });
+  };
+}
+
+bool ClientInterface::pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy) {
+  const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
+  const auto pong = std::make_shared<std::atomic<bool>>(false);
+  KVLog(5, "%s calling servicePing", ping_selector);
+  proxy->servicePing([answer = std::make_shared<Pong>(semaphore, pong)] {
+    KVLog(5, "%s ping got pong", ping_selector);
+    answer->arrive();
+  });
+  static_cast<void>(dispatch_semaphore_wait(semaphore, DISPATCH_TIME_FOREVER));
+  return pong->load();
+}
+
+void ClientInterface::notifyRecipients(const std::string& name, const Value& value) {
+  KVLog(5, "%s name: %@, value: %@", notify_selector, name, value);
+  dispatch_async(notify_queue(), [snapshot = copyServices(), name, value] {
+    for (const auto& [serviceID, service] : snapshot) {
+      if (service->desiresNotification(name)) notify(service, name, value);
+    }
+  });
+}
+
+}  // namespace kelvane

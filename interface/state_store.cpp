@@ -1,0 +1,123 @@
+// The persistent state: one dictionary of the settings suite, in which clients and the daemon's own parts
+// keep values under keys. What was never stored is read from the built-in defaults.
+//
+// A store that could not be opened holds nothing: what is written is dropped, what is read is the default. A
+// stored object that is no dictionary is somebody else's; reading leaves it alone, and the first write starts
+// the state anew in its place.
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "common/keys.h"
+#include "interface/client_interface.h"
+#include "platform/dispatch/group.h"
+#include "platform/foundation/archive.h"
+#include "platform/foundation/user_defaults.h"
+#include "support/log.h"
+
+namespace kelvane {
+namespace {
+
+constexpr const char* get_selector = "_clientGetState:replyBlock:";
+constexpr const char* get_sync_selector = "clientGetStateSync:";
+constexpr const char* set_sync_selector = "clientSetStateSync:key:";
+
+Value storedState(const std::shared_ptr<UserDefaults>& defaults) {
+  if (defaults == nullptr) return {};
+  defaults->synchronize();
+  return defaults->objectForKey(KELVANE_USER_DEFAULTS);
+}
+
+/// What the state holds under the key, or else the default.
+Value entryOf(const Dictionary& state, const std::string& key, const Dictionary& default_values) {
+  if (state.contains(key)) return state[key];
+  if (default_values.contains(key))
+    KVLog(5, "%s using default value: %@ for key: %@", get_selector, default_values[key], key);
+  return default_values[key];
+}
+
+/// The whole state, with the defaults of the keys it lacks.
+Dictionary completed(Dictionary state, const Dictionary& default_values) {
+  for (const auto& [key, value] : default_values) {
+    if (!state.contains(key)) state.set(key, value);
+  }
+  return state;
+}
+
+Value valueFor(const Value& key, const Value& stored, const Dictionary& default_values) {
+  if (key.string() == nullptr) {
+    KVLog(3, "%s key is not an NSString: %@", get_selector, key);
+    return {};
+  }
+  if (stored.isNothing()) return default_values[*key.string()];
+  if (!stored.isDictionary()) {
+    KVLog(3, "%s persistent_state is not a dictionary: %@", get_selector, stored);
+    return {};
+  }
+  if (*key.string() == KELVANE_USER_DEFAULTS) return completed(*stored.dictionary(), default_values);
+  return entryOf(*stored.dictionary(), *key.string(), default_values);
+}
+
+/// Already signalled when it comes here, since reads and writes answer before they return.
+void awaitAnswer(const dispatch_semaphore_t& semaphore, const char* selector) {
+  if (dispatch_semaphore_wait(semaphore, DISPATCH_TIME_FOREVER) == 0) return;
+  const int error = errno;
+  KVLog(3, "%s dispatch_semaphore_wait error: %s", selector, std::strerror(error));
+}
+
+}  // namespace
+
+void ClientInterface::clientSetState(Value value, std::string key, Reply<> reply) {
+  dispatch_async(defaults_queue(), [self = shared_from_this(), value = std::move(value), key = std::move(key),
+                                    reply = std::move(reply)] { self->_clientSetState(value, key, reply); });
+}
+
+void ClientInterface::clientGetState(xpc::Anything key, Reply<Value> reply) {
+  dispatch_async(defaults_queue(), [self = shared_from_this(), key = std::move(key),
+                                    reply = std::move(reply)] { self->_clientGetState(key.value, reply); });
+}
+
+void ClientInterface::_clientSetState(const Value& value, const std::string& key, const Reply<>& reply) {
+  dispatch_assert_queue(defaults_queue());
+  if (userDefaults() != nullptr) {
+    const Value stored = storedState(userDefaults());
+    Dictionary state = stored.isDictionary() ? *stored.dictionary() : Dictionary();
+    state.set(key, value);  // nothing removes the key
+    userDefaults()->setObject(state, KELVANE_USER_DEFAULTS);
+    userDefaults()->synchronize();
+  }
+  if (key == KELVANE_CACHE_ENABLED) notifyRecipients(key, value);
+  reply();
+}
+
+void ClientInterface::_clientGetState(const Value& key, const Reply<Value>& reply) {
+  dispatch_assert_queue(defaults_queue());
+  KVLog(5, "%s ENTRY", get_selector);
+  reply(valueFor(key, key.isString() ? storedState(userDefaults()) : Value(), default_values()));
+  KVLog(5, "%s EXIT", get_selector);
+}
+
+void ClientInterface::clientSetStateSync(const Value& value, const std::string& key) {
+  dispatch_assert_queue(defaults_queue());
+  const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
+  _clientSetState(value, key, [&] { dispatch_semaphore_signal(semaphore); });
+  awaitAnswer(semaphore, set_sync_selector);
+}
+
+Value ClientInterface::clientGetStateSync(const std::string& key) {
+  KVLog(5, "%s ENTRY", get_sync_selector);
+  dispatch_assert_queue(defaults_queue());
+  KVLog(5, "%s %d", get_sync_selector, 641);
+  const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
+  Value result;
+  _clientGetState(key, [&](const Value& value) {
+    result = value.data() != nullptr ? unarchivedValue(*value.data()) : value;
+    dispatch_semaphore_signal(semaphore);
+  });
+  awaitAnswer(semaphore, get_sync_selector);
+  KVLog(5, "%s EXIT", get_sync_selector);
+  return result;
+}
+
+}  // namespace kelvane
