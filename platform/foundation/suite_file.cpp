@@ -1,0 +1,265 @@
+#include "platform/foundation/suite_file.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <utility>
+
+#include "platform/foundation/archive.h"
+
+namespace kelvane::foundation {
+namespace {
+
+constexpr const char* application_id = "1263294030";  // "KLVN"
+constexpr const char* layout_version = "1";
+constexpr int busy_milliseconds = 2000;
+
+// Exactly as they are stored in the file, which is compared with them.
+constexpr const char* entries_table =
+    "CREATE TABLE entries(key BLOB NOT NULL,entry BLOB NOT NULL,value BLOB NOT NULL,PRIMARY KEY(key,entry))"
+    "WITHOUT ROWID";
+constexpr const char* keys_table = "CREATE TABLE keys(key BLOB PRIMARY KEY NOT NULL,value BLOB)WITHOUT ROWID";
+
+/// The one place where a database is opened.
+int openConnection(const std::string& path, const std::string& vfs, Connection& connection) {
+  sqlite3* opened = nullptr;
+  const int result =
+      sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                      vfs.empty() ? nullptr : vfs.c_str());
+  connection.reset(opened);
+  if (result != SQLITE_OK) return result;
+  sqlite3_busy_timeout(opened, busy_milliseconds);
+  // Closing must not touch a file before it is known to be ours and sound.
+  sqlite3_db_config(opened, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  return SQLITE_OK;
+}
+
+std::span<const std::uint8_t> asBytes(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+std::string_view asText(const Data& data) {
+  return {reinterpret_cast<const char*>(data.bytes().data()), data.bytes().size()};
+}
+
+}  // namespace
+
+SuiteFile::Opened SuiteFile::open(const std::string& path, const std::string& vfs) {
+  Connection connection;
+  const int result = openConnection(path, vfs, connection);
+  if (result != SQLITE_OK) return {nullptr, SuiteState::unavailable, sqlite3_errstr(result)};
+  std::unique_ptr<SuiteFile> file(new SuiteFile(std::move(connection)));
+  bool begun = false;
+  if (!file->layOut(begun) || !file->prepare()) {
+    return {nullptr, file->damaged_ ? SuiteState::damaged : SuiteState::unavailable, file->error_};
+  }
+  sqlite3_db_config(file->connection_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+  return {std::move(file), SuiteState::usable, {}, begun};
+}
+
+/// A file that is no longer sound, or no longer at its path where the log may be another's, is left as it is.
+SuiteFile::~SuiteFile() {
+  if (damaged_ || moved()) sqlite3_db_config(connection_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+}
+
+bool SuiteFile::layOut(bool& begun) {
+  const std::string settings = fmt::format("PRAGMA cell_size_check=ON;PRAGMA page_size={}", suite_page_size);
+  if (!execute(settings.c_str()) || !recognise(begun)) return false;
+  if (sqlite3_db_readonly(connection_.get(), "main") != 0) {
+    error_ = "it cannot be written";
+    return false;
+  }
+  if (begun) {
+    const char* const path = sqlite3_db_filename(connection_.get(), "main");
+    if (path != nullptr) ::chmod(path, S_IRUSR | S_IWUSR);  // the log takes it over
+  }
+  std::string mode;
+  if (!execute("PRAGMA synchronous=FULL") || !single("PRAGMA journal_mode=WAL", mode)) return false;
+  if (mode != "wal") {
+    error_ = "its file system does not support a write-ahead log";
+    return false;
+  }
+  if (!begun) return checkPages();
+  // Another process may be doing the same; whoever comes second finds it done.
+  if (!execute("BEGIN IMMEDIATE") || !recognise(begun)) return false;
+  const std::string create = fmt::format("{};{};PRAGMA application_id={};PRAGMA user_version={}", keys_table,
+                                         entries_table, application_id, layout_version);
+  return (!begun || execute(create.c_str())) && execute("COMMIT");
+}
+
+/// Whether the file is empty or ours; anything else counts as damaged.
+bool SuiteFile::recognise(bool& empty) {
+  std::string id;
+  std::string version;
+  std::string layout;
+  if (!single("PRAGMA application_id", id) || !single("PRAGMA user_version", version) ||
+      !single("SELECT coalesce(group_concat(sql,';'),'')FROM(SELECT sql FROM sqlite_master ORDER BY name)",
+              layout)) {
+    return false;
+  }
+  empty = id == "0" && version == "0" && layout.empty();
+  if (empty) return true;
+  if (id != application_id) return spoiled("it belongs to another program");
+  if (version != layout_version) return spoiled("it has the unknown version " + version);
+  if (layout != fmt::format("{};{}", entries_table, keys_table))
+    return spoiled("its tables are not the settings'");
+  return true;
+}
+
+bool SuiteFile::checkPages() {
+  std::string found;
+  if (!single("PRAGMA quick_check(1)", found)) return false;
+  return found == "ok" || spoiled(found);
+}
+
+bool SuiteFile::prepare() {
+  const std::array<std::pair<Statement*, const char*>, 11> statements = {{
+      {&begin_, "BEGIN IMMEDIATE"},
+      {&commit_, "COMMIT"},
+      {&rollback_, "ROLLBACK"},
+      {&put_key_, "INSERT INTO keys VALUES(?1,?2)ON CONFLICT(key)DO UPDATE SET value=?2"},
+      {&put_entry_, "INSERT INTO entries VALUES(?1,?2,?3)ON CONFLICT(key,entry)DO UPDATE SET value=?3"},
+      {&remove_key_, "DELETE FROM keys WHERE key=?1"},
+      {&remove_entry_, "DELETE FROM entries WHERE key=?1 AND entry=?2"},
+      {&remove_entries_, "DELETE FROM entries WHERE key=?1"},
+      {&keys_, "SELECT key,value FROM keys"},
+      {&entries_, "SELECT key,entry,value FROM entries"},
+      {&version_, "PRAGMA data_version"},
+  }};
+  for (const auto& [statement, sql] : statements) {
+    *statement = Statement(connection_, sql);
+    const int result = sqlite3_errcode(connection_.get());
+    if (result != SQLITE_OK) return worked(result);
+  }
+  return true;
+}
+
+bool SuiteFile::changedElsewhere() {
+  error_.clear();
+  const int result = version_.step();
+  const std::int64_t version = version_.integer(0);
+  const int rewound = version_.rewind();
+  if (result != SQLITE_ROW) return worked(rewound);
+  return version != seen_version_;
+}
+
+bool SuiteFile::load(Dictionary& contents, std::size_t& unreadable) {
+  error_.clear();
+  const bool alone = sqlite3_get_autocommit(connection_.get()) != 0;
+  if (alone && !execute("BEGIN")) return false;
+  // Read within the transaction, so that it is the version of just these rows.
+  const int result = version_.step();
+  const std::int64_t version = version_.integer(0);
+  const int rewound = version_.rewind();
+  const bool loaded = (result == SQLITE_ROW || worked(rewound)) && loadKeys(contents, unreadable) &&
+                      loadEntries(contents, unreadable);
+  if (alone) rollback();
+  if (loaded) seen_version_ = version;
+  return loaded;
+}
+
+bool SuiteFile::loadKeys(Dictionary& contents, std::size_t& unreadable) {
+  int result = SQLITE_OK;
+  while ((result = keys_.step()) == SQLITE_ROW) {
+    Value value = keys_.isNull(1) ? Value(Dictionary()) : unarchivedValue(asBytes(keys_.bytes(1)));
+    unreadable += value.isNothing() ? 1 : 0;
+    contents.set(keys_.bytes(0), std::move(value));
+  }
+  keys_.rewind();
+  return result == SQLITE_DONE || worked(result);
+}
+
+bool SuiteFile::loadEntries(Dictionary& contents, std::size_t& unreadable) {
+  std::string key;
+  Dictionary entries;  // of `key`
+  const auto keep = [&] {
+    if (contents[key].isDictionary() && !entries.empty()) contents.set(key, std::exchange(entries, {}));
+    entries.clear();
+  };
+  int result = SQLITE_OK;
+  while ((result = entries_.step()) == SQLITE_ROW) {
+    if (entries_.bytes(0) != key) {
+      keep();
+      key = entries_.bytes(0);
+    }
+    Value value = unarchivedValue(asBytes(entries_.bytes(2)));
+    unreadable += value.isNothing() ? 1 : 0;
+    entries.set(entries_.bytes(1), std::move(value));
+  }
+  keep();
+  entries_.rewind();
+  return result == SQLITE_DONE || worked(result);
+}
+
+/// The level can be set outside a transaction only.
+bool SuiteFile::begin(bool durable) {
+  error_.clear();
+  if (durable != durable_ && !execute(durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL"))
+    return false;
+  durable_ = durable;
+  return worked(begin_.run());
+}
+
+bool SuiteFile::apply(std::string_view key, const Change& change) {
+  Statement& statement = change.kind == Change::remove_key       ? remove_key_
+                         : change.kind == Change::put_entry      ? put_entry_
+                         : change.kind == Change::remove_entry   ? remove_entry_
+                         : change.kind == Change::remove_entries ? remove_entries_
+                                                                 : put_key_;
+  const Data archive = change.value != nullptr ? archivedData(*change.value) : Data();
+  statement.bind(1, key);
+  if (change.kind == Change::put_entry || change.kind == Change::remove_entry)
+    statement.bind(2, change.entry);
+  if (change.kind == Change::put_entry) statement.bind(3, asText(archive));
+  if (change.kind == Change::put_value) statement.bind(2, asText(archive));
+  if (change.kind == Change::put_dictionary) statement.bindNull(2);
+  return worked(statement.run());
+}
+
+bool SuiteFile::commit() {
+  if (worked(commit_.run())) return true;
+  rollback();
+  return false;
+}
+
+void SuiteFile::rollback() {
+  if (sqlite3_get_autocommit(connection_.get()) == 0) rollback_.run();
+}
+
+bool SuiteFile::moved() const {
+  int moved = 0;
+  const int result = sqlite3_file_control(connection_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+  return result == SQLITE_OK && moved != 0;
+}
+
+bool SuiteFile::execute(const char* sql) {
+  return worked(sqlite3_exec(connection_.get(), sql, nullptr, nullptr, nullptr));
+}
+
+bool SuiteFile::single(const char* sql, std::string& text) {
+  Statement statement(connection_, sql);
+  const int prepared = sqlite3_errcode(connection_.get());
+  if (prepared != SQLITE_OK) return worked(prepared);
+  const int result = statement.step();
+  if (result == SQLITE_ROW) text = statement.bytes(0);
+  return result == SQLITE_ROW ? worked(statement.rewind()) : worked(result);
+}
+
+bool SuiteFile::worked(int result) {
+  if (result == SQLITE_OK) return true;
+  error_ = sqlite3_errmsg(connection_.get());
+  const int kind = result & 0xff;
+  damaged_ = damaged_ || kind == SQLITE_CORRUPT || kind == SQLITE_NOTADB;
+  return false;
+}
+
+bool SuiteFile::spoiled(std::string why) {
+  error_ = std::move(why);
+  damaged_ = true;
+  return false;
+}
+
+}  // namespace kelvane::foundation

@@ -1,0 +1,101 @@
+#pragma once
+
+// The file of a settings suite. Internal to this folder.
+//
+// An SQLite database in WAL mode with two tables, whose keys are the bytes of the text and whose values are
+// archives (archive.h):
+//
+//   keys     one row per key; its value is null when the value is a dictionary
+//   entries  one row per entry of such a dictionary
+//
+// The application id is "KLVN", the user version is the version of this layout, 1, and pages have 4,096
+// bytes.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/sqlite_handle.h"
+#include "platform/foundation/value.h"
+
+namespace kelvane::foundation {
+
+inline constexpr int suite_page_size = 4096;
+
+/// One row to write or remove.
+struct Change {
+  enum Kind { put_value, put_dictionary, remove_key, put_entry, remove_entry, remove_entries };
+  Kind kind;
+  std::string_view entry = {};   // of put_entry and remove_entry
+  const Value* value = nullptr;  // of put_value and put_entry
+};
+
+enum class SuiteState { usable, damaged, unavailable };
+
+/// A connection to the file of a suite, open and with its layout in place. Each function that can fail gives
+/// false and leaves why in `error`. Used by one thread at a time.
+class SuiteFile {
+ public:
+  struct Opened {
+    std::unique_ptr<SuiteFile> file;  // set when usable
+    SuiteState state;
+    std::string error;
+    bool begun = false;  // there was nothing before
+  };
+  static Opened open(const std::string& path, const std::string& vfs);
+  ~SuiteFile();
+  SuiteFile(const SuiteFile&) = delete;
+  SuiteFile& operator=(const SuiteFile&) = delete;
+
+  /// True when another connection has committed since the last `load`; false, with `failed()`, when that
+  /// cannot be told.
+  bool changedElsewhere();
+  /// Reads everything, as of one moment. Rows that are no archives are left out and counted.
+  bool load(Dictionary& contents, std::size_t& unreadable);
+
+  /// Begins writing; `durable` says whether the commit is to be synced.
+  bool begin(bool durable);
+  bool apply(std::string_view key, const Change& change);
+  bool commit();
+  void rollback();
+
+  /// True when the file is no longer the one at its path.
+  [[nodiscard]] bool moved() const;
+  [[nodiscard]] bool damaged() const { return damaged_; }
+  [[nodiscard]] const std::string& error() const { return error_; }
+
+ private:
+  explicit SuiteFile(Connection connection) : connection_(std::move(connection)) {}
+  bool layOut(bool& begun);
+  bool recognise(bool& empty);
+  bool checkPages();
+  bool prepare();
+  bool loadKeys(Dictionary& contents, std::size_t& unreadable);
+  bool loadEntries(Dictionary& contents, std::size_t& unreadable);
+  bool execute(const char* sql);
+  bool single(const char* sql, std::string& text);
+  bool worked(int result);
+  bool spoiled(std::string why);
+
+  // Only the thread that uses the object. The connection outlives its statements.
+  Connection connection_;
+  Statement begin_, commit_, rollback_;
+  Statement put_key_, put_entry_, remove_key_, remove_entry_, remove_entries_;
+  Statement keys_, entries_, version_;
+  std::int64_t seen_version_ = -1;
+  bool durable_ = true;
+  bool damaged_ = false;
+  std::string error_;
+};
+
+/// What can be seen of a database to be wrong with it before it is opened, when opening would hide it or
+/// throw something away; empty when nothing is.
+[[nodiscard]] std::string_view visibleDamage(const std::string& path);
+
+/// Renames the database at `path`, with its log and the like, to `path`.damaged-<n> for the first free n and
+/// gives that name; empty, with errno set, when it cannot.
+[[nodiscard]] std::string setSuiteAside(const std::string& path);
+
+}  // namespace kelvane::foundation
