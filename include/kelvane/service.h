@@ -1,0 +1,134 @@
+#pragma once
+
+// Being a service: something that keeps data which can be thrown away and made again, and does so when the
+// daemon asks.
+//
+//   class Thumbnails final : public kelvane::client::ServiceHandler {
+//     std::optional<Purgeable> purgeable(const Request& request) override { ... }
+//     std::uint64_t purge(const Request& request, const Cancellation& cancellation) override { ... }
+//   };
+//   Thumbnails thumbnails;
+//   auto service = kelvane::client::Service::start(thumbnails, {.id = "com.example.thumbnails"});
+//
+// There are two kinds. A service that checks in finds the daemon at its socket, tells it an ID, and is called
+// back through a socket pair. When the daemon goes, or drops it, it checks in again by itself: at once, then
+// whenever the daemon's socket is made anew, and, in case that goes unnoticed, after pauses that double up to
+// a minute. A declared service has a descriptor file; it serves a socket in the file system, which it makes
+// or which the service manager hands over, and says nothing by itself.
+//
+// Threads. The handler is called on threads of the library, by these rules:
+//   * purge and periodic: one at a time, in the order in which they were asked for; they may take long.
+//   * purgeable and callback: one at a time, possibly while a purge runs. The daemon waits ten seconds.
+//   * notify, cancelPurge and stateChanged: one at a time, possibly while the others run.
+// The daemon's pings are answered by the library, whatever the handler is doing. Nothing may be thrown out of
+// a handler.
+//
+// Lifetimes. The handler must outlive the Service. Destroying the Service cancels the purge that runs, waits
+// for the calls that run to return, and ends the rest: no call of the handler begins or goes on afterwards.
+//
+// Values. See kelvane/client.h. Amounts are bytes.
+
+#include <sys/types.h>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/keys.h"
+#include "kelvane/result.h"
+#include "platform/foundation/value.h"
+
+namespace kelvane::client {
+
+/// What the daemon asks for.
+struct Request {
+  int urgency = 3;           // 1, only what nobody will miss, to 4, all that can be made again
+  std::string volume;        // where it is mounted; data on other volumes is not to be counted or purged
+  std::uint64_t amount = 0;  // purge: the share asked of this service
+  Dictionary info;           // the whole of it
+};
+
+/// What a service could free on the volume at the urgency asked.
+struct Purgeable {
+  std::uint64_t bytes = 0;
+  bool opt_out = false;  // do not ask me again for a while
+};
+
+/// Says whether a purge is still wanted: no longer when the daemon cancels it, when the connection it came
+/// over has ended (the daemon waits no longer) and when the Service is being destroyed. Cheap to copy; any
+/// thread.
+class Cancellation {
+ public:
+  using Flag = std::shared_ptr<const std::atomic<bool>>;
+  explicit Cancellation(Flag flag) : flag_(std::move(flag)) {}
+  [[nodiscard]] bool isCancelled() const { return flag_->load(std::memory_order_relaxed); }
+
+ private:
+  Flag flag_;
+};
+
+enum class ServiceState {
+  waiting,     // for the daemon to be there, or for another process to give up the ID
+  registered,  // checked in: the daemon has called back
+  refused,     // the daemon is there and does not want it; tried again when the daemon is a new one
+  serving,     // declared: the socket is open
+};
+
+class ServiceHandler {
+ public:
+  virtual ~ServiceHandler() = default;
+
+  /// Nothing: cannot say (the daemon then counts 0).
+  virtual std::optional<Purgeable> purgeable(const Request& request) = 0;
+  /// Frees `request.amount` bytes or what there is, and returns the bytes that really went. Once cancelled,
+  /// it should return soon, with what it has freed until then.
+  virtual std::uint64_t purge(const Request& request, const Cancellation& cancellation) = 0;
+  /// Daily maintenance. Returns the bytes freed.
+  virtual std::uint64_t periodic(const Request& /*request*/) { return 0; }
+  /// The running purges have just been cancelled.
+  virtual void cancelPurge() {}
+  /// A notification that the service asked for.
+  virtual void notify(const std::string& /*name*/, const Value& /*value*/) {}
+  virtual std::optional<Dictionary> callback(const Dictionary& /*info*/) { return std::nullopt; }
+  /// The service's state has changed. `reason` is for people, empty when all is well.
+  virtual void stateChanged(ServiceState /*state*/, const std::string& /*reason*/) {}
+};
+
+struct ServiceOptions {
+  std::string id;  // required; unique among the services of the device
+
+  // What it does. A declared service says so in its descriptor file instead.
+  bool purges = true;
+  bool periodic = false;
+  std::vector<std::string> notifications;
+
+  std::string daemon_socket;  // empty: kelvane.sock in $RUNTIME_DIRECTORY, by default /run/kelvane
+
+  // A declared service: at most one of the two.
+  std::string socket_path;    // make the socket here; mode 0666, see `callers`
+  std::string passed_socket;  // the name under which the service manager hands it over
+
+  /// The users who may call this service. When not set: root, and the user who holds the daemon's socket. The
+  /// kernel says who calls; others are closed before a byte is read.
+  std::optional<std::vector<uid_t>> callers;
+};
+
+class Service {
+ public:
+  /// Starts serving; does not wait for the daemon. Fails with Failure::badRequest on options that cannot be
+  /// used, with the reason: no ID, a socket that cannot be made or was not handed over.
+  static Result<std::unique_ptr<Service>> start(ServiceHandler& handler, const ServiceOptions& options);
+  /// See Lifetimes above. Not to be called by the handler.
+  ~Service();
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+ private:
+  struct Parts;
+  explicit Service(std::unique_ptr<Parts> parts);
+  const std::unique_ptr<Parts> parts_;  // constant after construction
+};
+
+}  // namespace kelvane::client
