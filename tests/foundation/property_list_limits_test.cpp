@@ -1,4 +1,4 @@
-// Texts and tables put together at random, from a fixed seed: what is accepted must keep the limits it was
+// Texts and tables put together at random, the same on each run: what is accepted must keep the limits it was
 // read under, however oddly it is put together. Under AddressSanitizer this also exercises the parser below.
 
 #include <algorithm>
