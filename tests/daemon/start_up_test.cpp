@@ -1,0 +1,181 @@
+#include "daemon/start_up.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <csignal>
+#include <vector>
+
+#include "operations/timebase.h"
+#include "platform/xpc/transaction.h"
+#include "tests/daemon/daemon_fixture.h"
+#include "tests/operations/answer.h"
+#include "tests/operations/fake_service.h"
+
+namespace kelvane {
+namespace {
+
+class StartUp : public tests::DaemonFixture {
+ protected:
+  StartUp() {
+    functions_.shared_kelvane = [this] { return shared_ = kelvane(); };
+    functions_.notify_post = [this](const char* name) {
+      posted_.emplace_back(name);
+      return 0U;
+    };
+  }
+  void TearDown() override {
+    // The handlers that start-up left behind hold the central object.
+    tests::Answer<bool> checked_in;
+    xpc_activity_register(daily_activity, XPC_ACTIVITY_CHECK_IN,
+                          [checked_in](const xpc_activity_t&) mutable { checked_in.come(true); });
+    checked_in.await();
+    xpc_activity_register(daily_activity, XPC_ACTIVITY_CHECK_IN, [](const xpc_activity_t&) {});
+    xpc_set_event_stream_handler(vfs_event_stream, dispatch_get_global_queue(0, 0), [](const Dictionary&) {});
+    std::signal(SIGTERM, SIG_DFL);
+    gTimebaseConversion = 0.0;
+    shared_.reset();
+    while (xpc_transaction_count() != 0) std::this_thread::yield();
+    DaemonFixture::TearDown();
+  }
+
+  StartUpFunctions functions_;
+  std::shared_ptr<Kelvane> shared_;
+  std::vector<std::string> posted_;
+};
+
+TEST_F(StartUp, TakesTheHostClocksFactor) {
+  functions_.timebase_info = [](mach_timebase_info_data_t* info) {
+    *info = {125, 3};
+    return KERN_SUCCESS;
+  };
+  ASSERT_TRUE(startUp(functions_));
+  EXPECT_EQ(gTimebaseConversion, 125.0 / 3.0);
+  EXPECT_EQ(log_.count(5, "main timebaseInfo:  125 / 3, gTimebaseConversion: 41.666667"), 1u);
+}
+
+TEST_F(StartUp, AFailingTimebaseInfoDoesNotStopItTheFactorStaysZeroAndTheDaemonStillAnnouncesItself) {
+  functions_.timebase_info = [](mach_timebase_info_data_t*) { return 5; };
+  ASSERT_TRUE(startUp(functions_));
+  EXPECT_EQ(gTimebaseConversion, 0.0);
+  EXPECT_EQ(log_.count(3, "main Failed to get timebase info"), 1u);
+  EXPECT_EQ(posted_, std::vector<std::string>{"com.orvel.kelvane.launched"});
+  EXPECT_TRUE(log_.contains(5, "main Kelvane, open for business!"));
+}
+
+TEST_F(StartUp, TheNotificationIsPostedAfterTheListenerIsResumedAndBothHandlersAreInstalled) {
+  bool connected = false;
+  bool event_handled = false;
+  bool activity_run = false;
+  bool terminates = false;
+  functions_.notify_post = [&](const char*) {
+    const auto connection = xpc::Connection::initWithSocketPath(directory_ / "kelvane.sock");
+    const auto proxy =
+        connection->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>([](const xpc::Error&) {});
+    connection->resume();
+    tests::Answer<bool> answered;
+    proxy->clientCancelPurge({}, [answered]() mutable { answered.come(true); });
+    connected = answered.await();
+    connection->invalidate();
+    event_handled = xpc_post_event("com.orvel.dispatch.vfs", Dictionary{{"_Flags", 4}});
+    activity_run = xpc_run_activity("com.orvel.Kelvane.daily");
+    struct sigaction action {};
+    ::sigaction(SIGTERM, nullptr, &action);
+    terminates = action.sa_handler == sigterm_handler;
+    return 0U;
+  };
+  ASSERT_TRUE(startUp(functions_));
+  EXPECT_TRUE(connected);
+  EXPECT_TRUE(event_handled);
+  EXPECT_TRUE(activity_run);
+  EXPECT_TRUE(terminates);
+  EXPECT_TRUE(log_.contains(5, "handleVFSStreamXPCEvent: received an event with the flags 0x4"));
+}
+
+TEST_F(StartUp, ANotificationThatCannotBePostedIsLoggedAndStartUpContinues) {
+  functions_.notify_post = [](const char*) {
+    errno = EROFS;
+    return 1U;
+  };
+  ASSERT_TRUE(startUp(functions_));
+  EXPECT_EQ(log_.count(3, "main notify_post failed: Read-only file system"), 1u);
+  EXPECT_TRUE(log_.contains(5, "open for business!"));
+}
+
+TEST_F(StartUp, WithoutAListenerNothingIsAnnounced) {
+  const auto other = kelvane();
+  EXPECT_FALSE(startUp(functions_));
+  EXPECT_TRUE(posted_.empty());
+  EXPECT_FALSE(log_.contains("open for business!"));
+}
+
+TEST_F(StartUp, IsATransactionThatIsOverWhenItReturns) {
+  std::uint32_t during = 0;
+  functions_.notify_post = [&](const char*) {
+    during = xpc_transaction_count();
+    return 0U;
+  };
+  ASSERT_TRUE(startUp(functions_));
+  EXPECT_GE(during, 1u);
+}
+
+// --- the daily activity ---
+
+TEST_F(StartUp, AnActivityCallbackInAnyStateOtherThanRunDoesNoWorkAndReturns) {
+  volumes_.add("/data");
+  const auto it = kelvane();
+  for (const long state : {0L, 1L, 3L, 4L, 5L})
+    handleDailyActivity(std::make_shared<xpc::Activity>(state), it);
+  EXPECT_EQ(log_.count("performPeriodicsWithInfo:"), 0u);
+  EXPECT_EQ(xpc_transaction_count(), 0u);
+}
+
+TEST_F(StartUp, AnActivityCallbackInTheRunStateSweepsEveryLocalVolumeInOrderBeforeItReturns) {
+  volumes_.add("/data");
+  volumes_.add("/archive");
+  handleDailyActivity(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_RUN), kelvane());
+  std::vector<std::string> swept;
+  for (const auto& line : log_.lines()) {
+    if (line.text.starts_with("performPeriodicsWithInfo:")) swept.push_back(line.text);
+  }
+  EXPECT_EQ(swept, (std::vector<std::string>{"performPeriodicsWithInfo: received the volume /data",
+                                             "performPeriodicsWithInfo: received the volume /archive"}));
+  EXPECT_EQ(xpc_transaction_count(), 0u);
+}
+
+TEST_F(StartUp, EachVolumeOfASweepIsTheOneEntryOfItsInfo) {
+  std::vector<Dictionary> infos;
+  sweepVolumes({"/b", "/a"}, [&](const Dictionary& info) { infos.push_back(info); });
+  EXPECT_EQ(infos, (std::vector<Dictionary>{{{"KELVANE_VOLUME", "/b"}}, {{"KELVANE_VOLUME", "/a"}}}));
+}
+
+TEST_F(StartUp, ASweepOverZeroLocalVolumesQueuesNothing) {
+  handleDailyActivity(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_RUN), kelvane());
+  EXPECT_EQ(log_.count("performPeriodicsWithInfo:"), 0u);
+  sweepVolumes({}, [](const Dictionary&) { FAIL() << "there is no volume"; });
+}
+
+// --- the end ---
+
+class Termination : public tests::DaemonFixture {};
+
+TEST_F(Termination, SIGTERMWhileAPurgeIsRunningEndsTheProcessAtOnceWithStatusZero) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_EXIT(
+      {
+        volumes_.add("/data");
+        const auto it = kelvane();
+        tests::FakeService silent("silent");
+        dispatch_sync(it->collection_queue(), [&] { it->services()["silent"] = silent.record(); });
+        std::thread purging([&] {
+          it->purge(Dictionary{{KELVANE_VOLUME, "/data"}, {KELVANE_AMOUNT, 5}}, nullptr);
+        });
+        silent.awaitPurges(1);
+        std::signal(SIGTERM, sigterm_handler);
+        ::kill(::getpid(), SIGTERM);
+        purging.join();
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace kelvane
