@@ -48,7 +48,7 @@ template <class OnQueue, class Bare>
 void compare(benchmark::State& state, OnQueue&& on_queue, Bare&& bare) {
   double queue_time = 0;
   double bare_time = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     const double bare_now = nanosecondsOf(bare);
     const double queue_now = nanosecondsOf(on_queue);
     state.SetIterationTime(queue_now / 1e9);
@@ -138,7 +138,7 @@ void oneHopIntoAQueue(benchmark::State& state) {
   std::chrono::steady_clock::time_point arrived;
   double queue_time = 0;
   double bare_time = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     double queue_now = 0;
     for (int i = 0; i < turn; ++i) bare_time += bare.handOver();
     for (int i = 0; i < turn; ++i) {

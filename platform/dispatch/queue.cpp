@@ -211,7 +211,8 @@ class GlobalQueue final : public Queue {
 }  // namespace
 
 void syncCall(const dispatch_queue_t& queue, void (*function)(void*), void* context) noexcept {
-  const dispatch_queue_t kept = queue;  // the item may drop the caller's reference
+  // The item may drop the caller's reference.
+  const dispatch_queue_t kept = queue;  // NOLINT(performance-unnecessary-copy-initialization)
   kept->sync(function, context);
 }
 

@@ -274,6 +274,7 @@ TEST_F(EventSourceTest, MayBeDroppedByItsHandlerTogetherWithWhatThatHoldsWhileTh
   constexpr int source_count = 48;
   const dispatch_queue_t queue = dispatch_queue_create("held");
   std::vector<std::unique_ptr<Pair>> pairs;
+  pairs.reserve(source_count);
   for (int i = 0; i < source_count; ++i) pairs.push_back(std::make_unique<Pair>());
   // A thread of the pool that is at work takes over what the polling thread is still reporting.
   Occasion gone;

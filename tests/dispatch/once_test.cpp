@@ -1,6 +1,7 @@
 #include "platform/dispatch/once.h"
 
 #include <gtest/gtest.h>
+#include <array>
 #include <thread>
 #include <vector>
 
@@ -8,15 +9,15 @@ namespace kelvane {
 namespace {
 
 TEST(Once, CallsTheFunctionTheFirstTimeOnly) {
-  dispatch_once_t once;
+  static dispatch_once_t once;
   int calls = 0;
   for (int i = 0; i < 3; ++i) dispatch_once(once, [&] { ++calls; });
   EXPECT_EQ(calls, 1);
 }
 
 TEST(Once, EveryCallerReturnsAfterTheCallHasFinished) {
-  for (int round = 0; round < 50; ++round) {
-    dispatch_once_t once;
+  static std::array<dispatch_once_t, 50> rounds;
+  for (dispatch_once_t& once : rounds) {
     int made = 0;  // plain on purpose: whoever returns from dispatch_once must see it whole
     std::vector<int> seen(8);
     std::vector<std::thread> threads;

@@ -201,7 +201,7 @@ TEST_F(TimerTest, FiresOnceForEachOfManyThatAreSetAndCancelledByManyThreads) {
   const dispatch_group_t group = dispatch_group_create();
   for (int t = 0; t < 4; ++t) {
     dispatch_group_async(group, dispatch_get_global_queue(0, 0), [&] {
-      for (int i = 0; i < 100; ++i) {
+      for (std::int64_t i = 0; i < 100; ++i) {
         const Timer dropped(after(1000 * (i % 7)), queue_, [] {});
         dispatch_after(after(1000 * (i % 13)), queue_, [&] { fired.happen(); });
       }
