@@ -91,10 +91,8 @@ class GrantReader {
     problem_ = readTrusted(path_, bytes);
     if (problem_.empty()) {
       const PropertyListResult parsed = propertyListWithData(bytes);
-      if (parsed.error)
-        problem_ = *parsed.error;
-      else
-        readRoot(parsed.value);
+      if (!parsed.error) readRoot(parsed.value);
+      problem_ = parsed.error.value_or(problem_);
     }
     if (problem_.empty()) return matches_nobody_ ? std::nullopt : std::optional(std::move(grant_));
     KVLog(3, "%s ignoring %s: %s", speaker, path_, problem_);

@@ -55,9 +55,11 @@ std::vector<MountEntry> localVolumesAmong(const std::vector<MountEntry>& mounts)
   }
 
   std::vector<std::size_t> chosen;
+  chosen.reserve(best_of.size());
   for (const auto& [device, place] : best_of) chosen.push_back(place);
   std::sort(chosen.begin(), chosen.end());
   std::vector<MountEntry> result;
+  result.reserve(chosen.size());
   for (const std::size_t place : chosen) result.push_back(mounts[place]);
   return result;
 }

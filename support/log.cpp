@@ -59,10 +59,11 @@ std::string oneLine(std::string_view text) {
   std::string line;
   line.reserve(text.size());
   for (const char c : text) {
-    if (isControl(c))
+    if (isControl(c)) {
       appendEscape(line, c);
-    else
+    } else {
       line += c;
+    }
   }
   return line;
 }

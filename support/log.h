@@ -60,12 +60,13 @@ Argument argument(const std::set<std::string>& strings);
 Argument argument(const std::vector<std::string>& strings);
 template <class T>
 requires std::is_arithmetic_v<T> Argument argument(T number) {
-  if constexpr (std::is_floating_point_v<T>)
+  if constexpr (std::is_floating_point_v<T>) {
     return static_cast<double>(number);
-  else if constexpr (std::is_signed_v<T>)
+  } else if constexpr (std::is_signed_v<T>) {
     return static_cast<std::int64_t>(number);
-  else
+  } else {
     return static_cast<std::uint64_t>(number);
+  }
 }
 template <class T>
 requires requires(const T& t) {

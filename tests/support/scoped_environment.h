@@ -19,10 +19,11 @@ class ScopedEnvironment {
   ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
 
   void set(const std::optional<std::string>& value) const {
-    if (value)
+    if (value) {
       ::setenv(name_.c_str(), value->c_str(), 1);
-    else
+    } else {
       ::unsetenv(name_.c_str());
+    }
   }
 
  private:
