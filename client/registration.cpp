@@ -110,11 +110,12 @@ void Registration::checkIn(Attempt attempt) {
     if (registration == nullptr) return;
     dispatch_async(registration->queue_, [=] { registration->answered(attempt, answer); });
   };
-  // An error for an answer is a refusal; one for want of a connection comes with the end of that.
-  const auto proxy =
-      daemon_->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>([reply](const xpc::Error& error) {
-        if (error.name != xpc::error_disconnected) reply(std::nullopt);
-      });
+  const auto failed = [self, attempt](const xpc::Error& error) {
+    const auto registration = self.lock();
+    if (registration == nullptr || error.name == xpc::error_disconnected) return;  // the end follows
+    dispatch_async(registration->queue_, [=] { registration->refused(attempt, error.description()); });
+  };
+  const auto proxy = daemon_->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>(failed);
   proxy->clientCheckin(id_, listener_->takeEndpoint(), info_, reply);
 }
 
@@ -132,9 +133,7 @@ void Registration::answered(Attempt attempt, const std::optional<Dictionary>& an
   if (attempt != current_ || (phase_ != Phase::asking && phase_ != Phase::refused)) return;
   timer_.cancel();
   if (!answer) {
-    phase_ = Phase::refused;
-    report(ServiceState::refused,
-           "the daemon does not register \"" + id_ + "\": it is the ID of a declared service");
+    refused(attempt, "\"" + id_ + "\" is the ID of a declared service");
   } else if (called_back_->load()) {
     phase_ = Phase::registered;
     registered_at_ = Clock::current().now();
@@ -150,10 +149,15 @@ void Registration::endpointClosed(Attempt attempt) {
   if (phase_ == Phase::registered) wait(ServiceState::waiting, "the daemon has dropped the service");
   if (phase_ != Phase::asking) return;
   timer_ = Timer(dispatch_time(DISPATCH_TIME_NOW, answer_in_flight), queue_, [this, attempt] {
-    if (attempt != current_ || phase_ != Phase::asking) return;
-    phase_ = Phase::refused;
-    report(ServiceState::refused, "this process may not be a service: no SERVICE_ENTITLEMENT");
+    if (phase_ == Phase::asking)
+      refused(attempt, "this process may not be a service: no SERVICE_ENTITLEMENT");
   });
+}
+
+void Registration::refused(Attempt attempt, const std::string& reason) {
+  if (attempt != current_) return;
+  phase_ = Phase::refused;
+  report(ServiceState::refused, reason);
 }
 
 void Registration::daemonGone(Attempt attempt, bool established) {

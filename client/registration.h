@@ -52,6 +52,7 @@ class Registration final : public std::enable_shared_from_this<Registration> {
   void checkIn(Attempt attempt);
   void answered(Attempt attempt, const std::optional<Dictionary>& answer);
   void endpointClosed(Attempt attempt);
+  void refused(Attempt attempt, const std::string& reason);
   void daemonGone(Attempt attempt, bool established);
   void socketAppeared();
   void wait(ServiceState state, const std::string& reason);

@@ -92,9 +92,12 @@ int ask(const Settings& settings) {
 }  // namespace kelvane::examples
 
 int main(int argc, char** argv) {
-  kelvane::examples::Settings settings;
-  CLI::App app("Asks for space on a volume", "ask_for_space");
-  kelvane::examples::describe(app, settings);
-  CLI11_PARSE(app, argc, argv);
-  return kelvane::examples::ask(settings);
+  using namespace kelvane::examples;
+  return runProgram([&] {
+    Settings settings;
+    CLI::App app("Asks for space on a volume", "ask_for_space");
+    describe(app, settings);
+    CLI11_PARSE(app, argc, argv);
+    return ask(settings);
+  });
 }

@@ -87,7 +87,7 @@ void describe(CLI::App& app, Settings& settings) {
   settings.lifetime = 30 * day;
   client::ServiceOptions& service = settings.service;
   service.id = "com.example.cache";
-  app.add_option("folder", settings.folder, "The folder whose files may go")
+  app.add_option("folder,--folder", settings.folder, "The folder whose files may go")
       ->required()
       ->check(CLI::ExistingDirectory);
   app.add_option("--id", service.id, "The service's ID")->capture_default_str();
@@ -139,9 +139,12 @@ int serveUntilSignal(const Settings& settings) {
 }  // namespace kelvane::examples
 
 int main(int argc, char** argv) {
-  kelvane::examples::Settings settings;
-  CLI::App app("Offers a folder of files for purging, oldest first", "cache_service");
-  kelvane::examples::describe(app, settings);
-  CLI11_PARSE(app, argc, argv);
-  return kelvane::examples::serveUntilSignal(settings);
+  using namespace kelvane::examples;
+  return runProgram([&] {
+    Settings settings;
+    CLI::App app("Offers a folder of files for purging, oldest first", "cache_service");
+    describe(app, settings);
+    CLI11_PARSE(app, argc, argv);
+    return serveUntilSignal(settings);
+  });
 }

@@ -5,6 +5,8 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <cstdio>
+#include <exception>
 #include <string>
 
 namespace kelvane::examples {
@@ -13,6 +15,17 @@ namespace kelvane::examples {
 inline constexpr int exit_done = 0;
 inline constexpr int exit_short = 1;   // less was freed than asked
 inline constexpr int exit_failed = 2;  // it could not be done at all
+
+/// Runs a program and returns its exit code. What is thrown ends it with a message.
+template <class Program>
+int runProgram(const Program& program) noexcept {
+  try {
+    return program();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return exit_failed;
+  }
+}
 
 /// "12.5 MiB"; bytes below 1 KiB as they are.
 inline std::string inUnits(std::uint64_t bytes) {

@@ -10,7 +10,6 @@ namespace kelvane::tests {
 namespace {
 
 using client::Client;
-using client::Done;
 using client::Failure;
 using client::purgeRequest;
 using client::Result;

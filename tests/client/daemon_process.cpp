@@ -23,6 +23,7 @@ DaemonProcess::DaemonProcess(const std::string& socket_path, const std::vector<s
   std::vector<std::string> words{STAND_IN_DAEMON, socket_path};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   const int failed = ::posix_spawn(&pid_, STAND_IN_DAEMON, &actions, nullptr, argv.data(), environ);
@@ -44,7 +45,7 @@ std::string DaemonProcess::hear() {
   char* text = nullptr;
   std::size_t room = 0;
   const ssize_t length = ::getline(&text, &room, output_);
-  const std::string line = length > 0 ? std::string(text, static_cast<std::size_t>(length - 1)) : "the end";
+  std::string line = length > 0 ? std::string(text, static_cast<std::size_t>(length - 1)) : "the end";
   std::free(text);
   return line;
 }
@@ -60,7 +61,7 @@ std::string DaemonProcess::ask(const std::string& line) {
   tell(line);
   const std::string beginning = line + ": ";
   for (;;) {
-    const std::string heard = hear();
+    std::string heard = hear();
     if (heard.starts_with(beginning)) return heard.substr(beginning.size());
     if (heard == "the end") return heard;
   }

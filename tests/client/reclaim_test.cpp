@@ -53,6 +53,7 @@ class ACacheFolder : public testing::Test {
   }
   [[nodiscard]] static std::vector<std::string> namesOf(const std::vector<CachedFile>& files) {
     std::vector<std::string> names;
+    names.reserve(files.size());
     for (const CachedFile& file : files) names.push_back(file.path);
     return names;
   }

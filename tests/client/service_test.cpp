@@ -1,7 +1,6 @@
 #include "kelvane/service.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -27,7 +26,6 @@ using client::Service;
 using client::ServiceOptions;
 using client::ServiceState;
 using test::TemporaryDirectory;
-using testing::ElementsAre;
 
 const char* nameOf(ServiceState state) {
   switch (state) {
@@ -171,7 +169,7 @@ TEST_F(AService, WaitsWhileAnotherHoldsItsIDAndTakesOverWhenThatEnds) {
 TEST_F(AService, WithTheIDOfADeclaredOneIsRefused) {
   DaemonProcess daemon(socket_);
   const auto service = start(options("declared.one"));
-  handler_.events.await("refused");
+  handler_.events.await("refused: \"declared.one\" is the ID of a declared service");
   EXPECT_FALSE(handler_.events.has("registered"));
 }
 

@@ -5,6 +5,7 @@
 //
 // Writes "ready", "checked-in ID" and the answers to its commands, a line each. Commands, a line each:
 //   ping ID | purge ID URGENCY AMOUNT | hang-up-purge ID | cancel ID | purgeable ID URGENCY | notify ID NAME
+//   periodic ID
 //   drop ID                  forgets the service
 //   serve PATH               the next commands with the ID "-" go to the declared service that listens there
 // Check-ins with an ID that begins with "declared" are answered with nothing, "unentitled" not at all.
@@ -218,7 +219,7 @@ int serve(const std::string& path, bool accept) {
   for (std::string line; std::getline(std::cin, line);) {
     dispatch_async(dispatch_get_global_queue(0, 0), [daemon, line] {
       const std::string answer = daemon->command(line);
-      if (!answer.empty()) say(line + ": " + answer);
+      if (!answer.empty()) say(std::string(line).append(": ").append(answer));
     });
   }
   std::_Exit(0);
