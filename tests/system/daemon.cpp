@@ -1,0 +1,115 @@
+#include "tests/system/daemon.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+
+#include "common/keys.h"
+#include "platform/dispatch/group.h"
+#include "platform/foundation/file_descriptor.h"
+
+namespace kelvane::tests {
+namespace {
+
+constexpr int patience_milliseconds = 20'000;
+
+/// The service manager's end of the conversation about readiness.
+FileDescriptor readinessSocket(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) std::abort();
+  return socket;
+}
+
+bool saysReady(const FileDescriptor& socket) {
+  pollfd waiting{socket.get(), POLLIN, 0};
+  char text[256] = {};
+  return ::poll(&waiting, 1, patience_milliseconds) == 1 &&
+         ::recv(socket.get(), text, sizeof text - 1, 0) > 0 &&
+         std::string(text).find("READY=1") != std::string::npos;
+}
+
+}  // namespace
+
+Daemon::Daemon(std::string program, std::vector<std::string> environment) {
+  const std::string& at = folder_.path();
+  for (const char* part : {"/run", "/state", "/etc/entitlements.d"})
+    std::filesystem::create_directories(at + part);
+  writeFile(at + "/etc/entitlements.d/tests.plist",
+            propertyList("<key>user</key><integer>" + std::to_string(::getuid()) +
+                         "</integer><key>com.orvel.private.Kelvane</key><array>"
+                         "<string>CLIENT_ENTITLEMENT</string><string>SERVICE_ENTITLEMENT</string>"
+                         "<string>PURGE_ENTITLEMENT</string><string>PURGEABLE_ENTITLEMENT</string>"
+                         "<string>ITEMIZED_PURGEABLE_ENTITLEMENT</string></array>"));
+  std::filesystem::permissions(at + "/etc/entitlements.d/tests.plist", std::filesystem::perms(0644));
+  const FileDescriptor readiness = readinessSocket(at + "/ready");
+  for (const std::string& variable : {"RUNTIME_DIRECTORY=" + at + "/run", "STATE_DIRECTORY=" + at + "/state",
+                                      "CONFIGURATION_DIRECTORY=" + at + "/etc",
+                                      "NOTIFY_SOCKET=" + at + "/ready", std::string("KELVANE_LOG_LEVEL=5")}) {
+    environment.push_back(variable);
+  }
+  process_ = std::make_unique<Process>(std::vector<std::string>{std::move(program)}, std::move(environment));
+  ready_ = saysReady(readiness);
+}
+
+Daemon::~Daemon() = default;
+
+Client::Client(const Daemon& daemon)
+    : connection_(xpc::Connection::initWithSocketPath(daemon.socket())),
+      answered_(dispatch_semaphore_create(0)) {
+  connection_->resume();
+  daemon_ =
+      connection_->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>([this](const xpc::Error& error) {
+        failure_ = error.description();
+        dispatch_semaphore_signal(answered_);
+      });
+}
+
+Client::~Client() {
+  const dispatch_semaphore_t ended = dispatch_semaphore_create(0);
+  connection_->setInvalidationHandler([ended] { dispatch_semaphore_signal(ended); });
+  connection_->invalidate();
+  static_cast<void>(dispatch_semaphore_wait(ended, DISPATCH_TIME_FOREVER));
+}
+
+void Client::startPurge(const Dictionary& info) {
+  answer_.reset();
+  daemon_->clientPurge(info, [this](std::optional<Dictionary> result) {
+    answer_ = std::move(result);
+    dispatch_semaphore_signal(answered_);
+  });
+}
+
+std::optional<Dictionary> Client::finishPurge() {
+  static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER));
+  return answer_;
+}
+
+std::optional<Dictionary> Client::purge(const Dictionary& info) {
+  startPurge(info);
+  return finishPurge();
+}
+
+void Client::setState(const Value& value, const std::string& key) {
+  daemon_->clientSetState(value, key, [this] { dispatch_semaphore_signal(answered_); });
+  static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER));
+}
+
+bool Client::isServed() {
+  bool served = false;
+  daemon_->clientCancelPurge({}, [this, &served] {
+    served = true;
+    dispatch_semaphore_signal(answered_);
+  });
+  static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER));
+  return served;
+}
+
+}  // namespace kelvane::tests
