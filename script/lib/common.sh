@@ -24,7 +24,11 @@ configure_and_build() {
   shift
   mkdir -p "$root/build"
   say "building: $preset"
-  quietly "$root/build/$preset-configure.log" cmake -S "$root" --preset "$preset"
+  # A second build of the same sources, wherever they stand, costs little where ccache is there.
+  export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+  local launcher=()
+  command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  quietly "$root/build/$preset-configure.log" cmake -S "$root" --preset "$preset" "${launcher[@]}"
   quietly "$root/build/$preset-build.log" cmake --build "$root/build/$preset" --parallel "$(nproc)" ${1:+--target "$@"}
 }
 
