@@ -30,7 +30,7 @@ class DeviceMode : public testing::Test {
     LVDDictionary* const dictionary = query(reserved, &error_);
     if (dictionary == nullptr) return "error";
     EXPECT_EQ(error_, nullptr);
-    const std::string result = dictionary->value(dictionary, constant("kLVDDeviceModeKey").c_str());
+    std::string result = dictionary->value(dictionary, constant("kLVDDeviceModeKey").c_str());
     EXPECT_EQ(dictionary->value(dictionary, "other"), nullptr);
     dictionary->release(dictionary);
     return result;

@@ -140,7 +140,7 @@ class FakeService final : public KelvaneServiceProtocol, public std::enable_shar
     changed_.notify_all();
   }
 
-  void take(Call call, const DictionaryReply& reply) {
+  void take(const Call& call, const DictionaryReply& reply) {
     std::unique_lock lock(mutex_);
     calls_.push_back(call);
     changed_.notify_all();
