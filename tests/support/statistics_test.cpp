@@ -116,8 +116,9 @@ TEST(OpenMetrics, AKeyCannotForgeASample) {
 }
 
 TEST(OpenMetrics, WritesNumbersThatAreNone) {
+  constexpr double infinity = std::numeric_limits<double>::infinity();
   kelvane::Statistics statistics;
-  statistics.distributions["x"] = {1, std::nan(""), -INFINITY, INFINITY};
+  statistics.distributions["x"] = {1, std::nan(""), -infinity, infinity};
   const std::string text = openMetricsText({{"d", statistics}});
   EXPECT_THAT(text, HasSubstr("kelvane_samples_sum{domain=\"d\",key=\"x\"} NaN\n"));
   EXPECT_THAT(text, HasSubstr("kelvane_samples_least{domain=\"d\",key=\"x\"} -Inf\n"));
