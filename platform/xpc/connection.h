@@ -13,10 +13,13 @@
 //    invalidated, by `invalidate` or because it could not be made. What is outstanding then gets its error
 //    handler called, and then the one handler that fits is called. An interrupted connection can still be
 //    invalidated, which calls the other handler. Handlers are called once and dropped.
+//  * A call before `resume` fails as one does after the end.
 //  * A reply comes at most once. A call whose connection ends gets no reply but an error.
 //
-// What the peer may cost: five seconds for the handshake, ten for a message under way, 32 MiB for a message,
-// 64 unread replies before nothing more is read from it. Whatever it sends costs its own connection only.
+// What the peer may cost: five seconds for the handshake, ten for a message under way, 32 MiB for a message.
+// Nothing more is read from it while more than 64 of its calls wait for their handler or have a reply that it
+// has not read, or more than 32 MiB of calls wait. Whatever it sends costs its own connection only. A message
+// that is none ends the connection.
 
 #include <cstdint>
 #include <functional>
@@ -34,6 +37,7 @@
 #include "platform/xpc/credentials.h"
 #include "platform/xpc/endpoint.h"
 #include "platform/xpc/error.h"
+#include "platform/xpc/intake.h"
 #include "platform/xpc/remote_interface.h"
 
 struct sd_bus;
@@ -44,7 +48,7 @@ struct ConnectionLimits {
   std::int64_t handshake_nanoseconds = 5'000'000'000;
   std::int64_t message_nanoseconds = 10'000'000'000;
   std::uint64_t message_bytes = 32ULL << 20;
-  std::uint64_t queued_replies = 64;
+  std::uint64_t calls_in_hand = 64;
 };
 
 class Connection final : public std::enable_shared_from_this<Connection> {
@@ -87,8 +91,11 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   /// Ends the connection; nothing is sent or read any more when this returns.
   void invalidate();
 
-  /// Who is at the other end; empty for a connection that this process opened.
+  /// Who is at the other end: who connected, or, on a connection to a socket path, who listens there. Empty
+  /// for a connection through an endpoint, and for one that could not be made.
   [[nodiscard]] const std::optional<PeerCredentials>& credentials() const { return credentials_; }
+  /// Whether the handshake was ever completed. A peer that refuses to be connected to ends it before.
+  [[nodiscard]] bool wasEstablished();
   [[nodiscard]] const dispatch_queue_t& queue() const { return queue_; }
 
   /// The connection that delivered the message which the calling thread is handling; null elsewhere.
@@ -114,12 +121,15 @@ class Connection final : public std::enable_shared_from_this<Connection> {
 
   // All with mutex_ held.
   int startBus();
-  int step(std::uint32_t events);
-  bool peekHeader(std::uint32_t events, bool& anything);
-  void noteReading(bool complete, bool had_bytes, int unread_before);
-  [[nodiscard]] std::uint64_t queuedReplies() const;
-  void noteHandshake();
-  void setMessageDeadline();
+  int step();
+  int stepHandshake();
+  [[nodiscard]] std::uint64_t queuedMessages() const;
+  [[nodiscard]] bool peerMustWait() const;
+  int lookAhead(bool& hold);
+  int process(bool hold);
+  int processHolding(bool hold);
+  int judge(Intake::Progress progress);
+  void startMessageDeadline();
   void watchForWriting();
   void deliver(Block block);
   void deliverError(ErrorHandler handler, Error error);
@@ -132,6 +142,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   void answer(std::uint64_t call, const std::function<int(sd_bus_message*)>& write);
   void answerError(std::uint64_t call, const std::string& name, const std::string& message);
   void forget(std::uint64_t call);
+  void noteHandled(std::uint64_t bytes);
 
   // Constant after `resume`.
   const bool accepting_;
@@ -146,11 +157,15 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   FileDescriptor unopened_;  // the socket, until the bus owns it
   int socket_ = -1;
   sd_bus* bus_ = nullptr;
-  bool ready_ = false;           // the handshake is over
-  bool boundary_known_ = false;  // the bus holds no part of a message
-  bool under_way_ = false;       // the bus or the socket holds part of a message
+  int input_ = -1;          // a copy of the socket to be read from, when an object is exported
+  bool ready_ = false;      // the handshake is over
+  bool under_way_ = false;  // the bus or the socket holds part of a message
+  bool hung_up_ = false;    // nothing more will come than what the socket holds
   bool out_watched_ = false;
-  std::uint64_t delivered_ = 0;  // messages handed to the queue
+  bool took_message_ = false;  // the bus handed out a message when it was last told to process
+  Intake intake_;
+  std::uint64_t waiting_calls_ = 0;  // handed to the queue, and not yet handled
+  std::uint64_t waiting_bytes_ = 0;
   EventSource source_;
   Timer deadline_;
   std::shared_ptr<void> exported_object_;

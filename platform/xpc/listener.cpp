@@ -1,5 +1,7 @@
 #include "platform/xpc/listener.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -32,10 +34,21 @@ bool somebodyListens(const sockaddr_un& address) {
   return ::connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN;
 }
 
-bool isListening(int descriptor) {
-  int value = 0;
+int option(int descriptor, int name) {
+  int value = -1;
   socklen_t length = sizeof value;
-  return ::getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &value, &length) == 0 && value != 0;
+  return ::getsockopt(descriptor, SOL_SOCKET, name, &value, &length) == 0 ? value : -1;
+}
+
+bool isListening(int descriptor) {
+  return option(descriptor, SO_DOMAIN) == AF_UNIX && option(descriptor, SO_TYPE) == SOCK_STREAM &&
+         option(descriptor, SO_ACCEPTCONN) == 1;
+}
+
+/// Tells the end from an empty message; reading returns 0 for either.
+bool isClosed(int socket) {
+  pollfd state{socket, 0, 0};
+  return ::poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 /// The descriptor that came with one message; empty when none did. `closed` when the far end is gone.
@@ -47,10 +60,11 @@ FileDescriptor receiveDescriptor(int socket, bool& closed, bool& again) {
   message.msg_iov = &data;
   message.msg_iovlen = 1;
   message.msg_control = control.data();
-  message.msg_controllen = control.size();
+  // Room for one: the kernel closes what more the sender attached.
+  message.msg_controllen = CMSG_LEN(sizeof(int));
   const ssize_t length = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  closed = length == 0 || (length < 0 && errno != EAGAIN && errno != EINTR);
-  again = length > 0;
+  closed = length == 0 ? isClosed(socket) : length < 0 && errno != EAGAIN && errno != EINTR;
+  again = length >= 0;
   const cmsghdr* const header = length > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
   if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) return {};
   int descriptor = -1;
@@ -115,6 +129,9 @@ std::shared_ptr<Listener> Listener::initWithSocketPath(const std::string& path, 
 
 std::shared_ptr<Listener> Listener::initWithListeningSocket(FileDescriptor socket) {
   if (!isListening(socket.get())) return nullptr;
+  // A service manager hands it over in the blocking mode.
+  const int flags = ::fcntl(socket.get(), F_GETFL);
+  if (flags < 0 || ::fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0) return nullptr;
   return std::shared_ptr<Listener>(new Listener(std::move(socket), false));
 }
 

@@ -1,23 +1,16 @@
 #include <gtest/gtest.h>
 
-#include "tests/xpc/echo.h"
+#include "tests/xpc/echo_server.h"
 
 namespace kelvane::tests {
 namespace {
 
-/// An echo object behind an anonymous listener, and a connection to it.
+/// A connection to an echo object.
 class EchoConnection : public testing::Test {
  protected:
-  void SetUp() override {
-    listener_ = xpc::Listener::anonymousListener();
-    listener_->setConnectionHandler([this](const std::shared_ptr<xpc::Connection>& connection) {
-      connection->setExportedObject<EchoProtocol>(echo_);
-      connection->resume();
-      accepted_.push_back(connection);
-    });
-    listener_->resume();
-    endpoint_ = listener_->takeEndpoint();
-    connection_ = xpc::Connection::initWithListenerEndpoint(endpoint_);
+  ~EchoConnection() override {
+    connection_->invalidate();
+    dispatch_sync(connection_->queue(), [] {});
   }
 
   std::shared_ptr<EchoProtocol> proxy() {
@@ -27,11 +20,8 @@ class EchoConnection : public testing::Test {
     });
   }
 
-  const std::shared_ptr<Echo> echo_ = std::make_shared<Echo>();
-  std::shared_ptr<xpc::Listener> listener_;
-  xpc::Endpoint endpoint_;
-  std::shared_ptr<xpc::Connection> connection_;
-  std::vector<std::shared_ptr<xpc::Connection>> accepted_;
+  EchoServer server_{Door::endpoint};
+  const std::shared_ptr<xpc::Connection> connection_ = server_.connection();
   std::vector<xpc::Error> errors_;
   Signal failed_;
 };
@@ -91,13 +81,13 @@ TEST_F(EchoConnection, TheFarEndsClosingInterrupts) {
   const Signal replied;
   proxy()->echo({}, [&](const auto&) { replied(); });
   replied.wait();
-  accepted_.at(0)->invalidate();
+  server_.lastAccepted()->invalidate();
   interrupted.wait();
 }
 
 TEST_F(EchoConnection, AConnectionThatCannotBeMadeIsInvalidatedAndItsCallsFail) {
-  listener_->invalidate();
-  const auto late = xpc::Connection::initWithListenerEndpoint(endpoint_);
+  server_.listener()->invalidate();
+  const auto late = server_.connection();
   const Signal invalidated;
   late->setInvalidationHandler([&] { invalidated(); });
   late->resume();

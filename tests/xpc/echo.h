@@ -3,7 +3,9 @@
 // A small remote interface and its object, for the tests of this folder.
 
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -44,8 +46,12 @@ class Echo final : public EchoProtocol {
  public:
   void echo(Dictionary info, xpc::Reply<std::optional<Dictionary>> reply) override {
     ++calls;
+    if (on_echo) on_echo(info);
     if (info.contains("drop")) return;
-    if (info.contains("nil")) {
+    if (info.contains("text")) ++text_calls;
+    if (info.contains("text") && instead_of_text) {
+      reply(instead_of_text);
+    } else if (info.contains("nil")) {
       reply(std::nullopt);
     } else {
       reply(info);
@@ -57,25 +63,53 @@ class Echo final : public EchoProtocol {
   }
   void openBack(std::string name, xpc::Endpoint endpoint, xpc::Reply<> reply) override {
     ++calls;
-    last_name = std::move(name);
-    last_endpoint = std::move(endpoint);
+    {
+      const std::scoped_lock lock(mutex_);
+      last_name_ = std::move(name);
+      last_endpoint_ = std::move(endpoint);
+    }
     reply();
   }
   void never(xpc::Reply<> reply) override {
     ++calls;
-    kept.push_back(std::move(reply));
+    const std::scoped_lock lock(mutex_);
+    kept_.push_back(std::move(reply));
   }
 
+  std::function<void(const Dictionary&)> on_echo;  // set before the first call
+  std::optional<Dictionary> instead_of_text;       // likewise
   std::atomic<int> calls{0};
-  std::string last_name;
-  xpc::Endpoint last_endpoint;
-  std::vector<xpc::Reply<>> kept;
+  std::atomic<int> text_calls{0};
+
+  [[nodiscard]] std::string lastName() const {
+    const std::scoped_lock lock(mutex_);
+    return last_name_;
+  }
+  [[nodiscard]] xpc::Endpoint lastEndpoint() const {
+    const std::scoped_lock lock(mutex_);
+    return last_endpoint_;
+  }
+  /// The replies that "never" has not given.
+  [[nodiscard]] std::vector<xpc::Reply<>> takeKept() {
+    const std::scoped_lock lock(mutex_);
+    return std::exchange(kept_, {});
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::string last_name_;  // these three are guarded by mutex_
+  xpc::Endpoint last_endpoint_;
+  std::vector<xpc::Reply<>> kept_;
 };
 
 /// Waits for a signal without a time limit of its own; the test program has one.
 class Signal {
  public:
-  void operator()() const { dispatch_semaphore_signal(semaphore_); }
+  void operator()() const {
+    // Who waited may destroy this before the call returns.
+    const dispatch_semaphore_t kept = semaphore_;
+    dispatch_semaphore_signal(kept);
+  }
   void wait() const { static_cast<void>(dispatch_semaphore_wait(semaphore_, DISPATCH_TIME_FOREVER)); }
 
  private:

@@ -1,0 +1,197 @@
+// How a connection reads and writes: everything between the socket's readiness and the bus library.
+//
+// The library reads whenever it is told to process, as soon as it has written what it can, and it takes in
+// whatever the peer sends. Two things stand against that. Intake follows what it reads, and refuses a message
+// by its header before the library sees it. And a connection that serves reads through a descriptor of its
+// own, a copy of the socket's: while the peer owes us reading, or its calls wait for their handlers, an
+// always empty socket stands in its place, so that the library goes on writing and reads nothing.
+//
+// Readiness is reported on change only. So every way out of here that leaves something to do either asks to
+// be run again, or waits for a change that is sure to come: bytes from the peer, room to write (watched while
+// the library has something to write), or a handler's end.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "platform/xpc/connection_internal.h"
+
+namespace kelvane::xpc {
+namespace {
+
+bool isWritable(int socket) {
+  pollfd state{socket, POLLOUT, 0};
+  return ::poll(&state, 1, 0) > 0;
+}
+
+/// While it lives, reading from `input` gives nothing.
+class InputHeld {
+ public:
+  InputHeld(int input, int socket) : input_(input), socket_(socket) {
+    if (input_ >= 0) ::dup3(emptySocket(), input_, O_CLOEXEC);
+  }
+  ~InputHeld() {
+    if (input_ >= 0) ::dup3(socket_, input_, O_CLOEXEC);
+  }
+  InputHeld(const InputHeld&) = delete;
+  InputHeld& operator=(const InputHeld&) = delete;
+
+ private:
+  const int input_;
+  const int socket_;
+};
+
+}  // namespace
+
+int emptySocket() {
+  static std::mutex mutex;
+  static int it = -1;  // guarded by mutex
+  const std::scoped_lock lock(mutex);
+  if (it < 0) it = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  return it;
+}
+
+void Connection::handleEvents(std::uint32_t events) {
+  Lock lock(mutex_);
+  if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) hung_up_ = true;
+  took_message_ = false;
+  int r = 1;
+  while (bus_ != nullptr && r > 0 && !took_message_) r = step();
+  if (bus_ == nullptr) return;
+  if (r < 0) {
+    finish(lock, Cause::interruption, {error_disconnected, std::strerror(-r)});
+    return;
+  }
+  watchForWriting();
+  // One message a round: whatever else is ready comes first.
+  if (r > 0) source_.again();
+}
+
+/// Does one piece of work. Positive: there may be more; 0: nothing until the next event; negative: the
+/// connection is to end. It ends before the bus would close the socket, which epoll still knows by its
+/// number.
+int Connection::step() {
+  if (sd_bus_is_open(bus_) <= 0) return -ECONNRESET;
+  if (!ready_) return stepHandshake();
+  bool hold = false;
+  if (intake_.atBoundary()) {
+    hold = !under_way_ && peerMustWait();
+    if (!hold) {
+      if (const int r = lookAhead(hold); r < 0) return r;
+    }
+    if (hold && (queuedMessages() == 0 || !isWritable(socket_))) return 0;
+  }
+  return process(hold);
+}
+
+int Connection::stepHandshake() {
+  int r = 1;
+  if (sd_bus_is_ready(bus_) == 0) {
+    const bool hold = !intake_.lookAtHandshake(socket_);
+    r = processHolding(hold);
+    if (r < 0) return r;
+    intake_.noteHandshake(Intake::counted(socket_));
+  }
+  if (sd_bus_is_ready(bus_) <= 0) return r;
+  ready_ = true;
+  deadline_.cancel();
+  const int verdict = judge(intake_.endHandshake(accepting_ ? "BEGIN" : "", limits_.message_bytes));
+  return verdict < 0 ? verdict : 1;
+}
+
+/// What has been sent and the socket has not yet taken.
+std::uint64_t Connection::queuedMessages() const {
+  std::uint64_t queued = 0;
+  if (bus_ != nullptr) sd_bus_get_n_queued_write(bus_, &queued);
+  return queued;
+}
+
+/// Reading stops between two messages only, never inside one: that one's time is limited.
+bool Connection::peerMustWait() const {
+  return queuedMessages() + waiting_calls_ > limits_.calls_in_hand || waiting_bytes_ > limits_.message_bytes;
+}
+
+/// `hold` becomes true when there is nothing to be read yet.
+int Connection::lookAhead(bool& hold) {
+  switch (intake_.look(socket_, limits_.message_bytes)) {
+    case Intake::Next::too_large:
+      return -EMSGSIZE;
+    case Intake::Next::malformed:
+      return -EBADMSG;
+    case Intake::Next::part_of_header:
+      if (hung_up_) return -ECONNRESET;
+      startMessageDeadline();
+      hold = true;
+      return 0;
+    case Intake::Next::nothing:
+      hold = true;
+      return 0;
+    case Intake::Next::message:
+    case Intake::Next::end:
+      return 0;
+  }
+  return 0;
+}
+
+int Connection::processHolding(bool hold) {
+  const InputHeld held(hold ? input_ : -1, socket_);
+  const int r = sd_bus_process(bus_, nullptr);
+  return r >= 0 && sd_bus_is_open(bus_) <= 0 ? -ECONNRESET : r;
+}
+
+int Connection::process(bool hold) {
+  took_message_ = false;
+  Intake::startCounting(socket_);
+  const int r = processHolding(hold);
+  if (r < 0) return r;
+  const std::uint64_t taken = Intake::counted(socket_);
+  if (!took_message_) {
+    const int verdict = judge(intake_.noteNoMessage(taken, limits_.message_bytes));
+    return verdict < 0 ? verdict : r;
+  }
+  intake_.noteMessage(taken);
+  if (!intake_.underWay() && std::exchange(under_way_, false)) deadline_.cancel();
+  return r;
+}
+
+int Connection::judge(Intake::Progress progress) {
+  switch (progress) {
+    case Intake::Progress::none:
+      return 0;
+    case Intake::Progress::part:
+      startMessageDeadline();
+      return 0;
+    case Intake::Progress::dropped:
+      return -EBADMSG;
+    case Intake::Progress::too_large:
+      return -EMSGSIZE;
+  }
+  return 0;
+}
+
+/// Runs from the message's first byte; more of it gives no more time.
+void Connection::startMessageDeadline() {
+  if (std::exchange(under_way_, true)) return;
+  deadline_ = Timer(dispatch_time(DISPATCH_TIME_NOW, limits_.message_nanoseconds),
+                    dispatch_get_global_queue(0, 0), [weak = weak_from_this()] {
+                      if (const auto connection = weak.lock())
+                        connection->interrupt("a message took too long");
+                    });
+}
+
+void Connection::watchForWriting() {
+  const int wanted = sd_bus_get_events(bus_);
+  const bool watch = wanted > 0 && (wanted & POLLOUT) != 0;
+  if (watch == out_watched_) return;
+  out_watched_ = watch;
+  source_.setEvents(EPOLLIN | EPOLLRDHUP | (watch ? EPOLLOUT : 0U));
+}
+
+}  // namespace kelvane::xpc

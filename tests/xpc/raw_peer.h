@@ -1,0 +1,78 @@
+#pragma once
+
+// A peer that speaks by bytes, to say what no library would: the other half of a connection under test.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/file_descriptor.h"
+#include "platform/xpc/endpoint.h"
+
+namespace kelvane::tests {
+
+/// The bytes of one D-Bus message, little-endian.
+struct RawMessage {
+  std::uint8_t endianness = 'l';
+  std::uint8_t type = 1;  // a method call
+  std::uint8_t flags = 0;
+  std::uint32_t serial = 1;
+  std::string path = "/test/echo";
+  std::string interface = "test.Echo";
+  std::string member = "echo";
+  std::string signature;
+  std::string body;
+  std::uint32_t descriptors = 0;
+  std::uint32_t reply_serial = 0;
+  std::string error_name;
+
+  [[nodiscard]] std::string bytes() const;
+};
+
+/// A call of "echo" whose dictionary holds one string of that many bytes.
+RawMessage echoCall(std::uint32_t serial, std::size_t text_bytes);
+/// The sixteen bytes that begin a message with a body of that size.
+std::string headerClaiming(std::uint32_t body_bytes);
+
+/// What came in.
+struct RawReply {
+  std::uint8_t type = 0;  // 2 a return, 3 an error
+  std::uint32_t reply_serial = 0;
+  std::string bytes;  // of the whole message
+};
+
+class RawPeer {
+ public:
+  /// Connects to a listener's path, or takes a socket that is connected.
+  explicit RawPeer(const std::string& path);
+  explicit RawPeer(FileDescriptor socket) : socket_(std::move(socket)) {}
+  static RawPeer through(const xpc::Endpoint& endpoint) { return RawPeer(endpoint.open()); }
+
+  /// Writes everything, blocking; false when the other end is closed.
+  bool send(std::string_view bytes, const std::vector<int>& descriptors = {}) const;
+  /// Writes until the socket takes no more; how many bytes went.
+  [[nodiscard]] std::size_t sendWhatFits(std::string_view bytes) const;
+  /// Authenticates. With `begin` false all but the last line.
+  void handshake(bool begin = true);
+  std::string readLine();
+  /// The whole of a message; nothing when the connection has ended.
+  std::optional<RawReply> receive();
+  /// Blocks until the other end has closed, throwing away what comes before.
+  void awaitEnd();
+  /// Blocks until more can be written.
+  void awaitRoom() const;
+  /// Blocks until there is something to receive, and leaves it there.
+  void awaitInput() const;
+  void close() { socket_.reset(); }
+  [[nodiscard]] int descriptor() const { return socket_.get(); }
+
+ private:
+  std::optional<std::string> read(std::size_t size);
+
+  FileDescriptor socket_;
+  std::string unread_;
+};
+
+}  // namespace kelvane::tests
