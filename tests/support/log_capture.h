@@ -24,7 +24,10 @@ class LogCapture final : public LogHandle {
   explicit LogCapture(int threshold = 5) : threshold_(threshold), before_(getLogHandle()) {
     setLogHandle(this);
   }
-  ~LogCapture() override { setLogHandle(before_); }
+  ~LogCapture() override {
+    setLogHandle(before_);
+    const std::lock_guard lock(mutex_);  // what wrote the last line has let go of the lines
+  }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
