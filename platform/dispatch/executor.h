@@ -6,15 +6,16 @@
 // first ready runnable; when there is none, one thread at a time (the poller) waits in epoll, and the rest
 // wait to be notified, and go after a while.
 //
-// Waking a thread costs more than most runnables take. So a thread that makes something ready wakes nobody
-// when it is a thread of the pool itself: it will come to it as soon as it is done. The poller, likewise,
-// runs what it found by itself, and nobody polls meanwhile. Two things keep that honest:
+// Waking a thread costs more than most runnables take. So making something ready wakes nobody while a thread
+// of the pool is at work: that one will come to it as soon as it is done. The poller, likewise, runs what it
+// found by itself, and nobody polls meanwhile. Two things keep that honest:
 //
 //  * A thread that is about to block in a queue, group, semaphore or sleep (BlockingRegion) first sees to it
 //    that another thread takes over the ready list and the poll.
 //  * A thread may block, or compute, without telling. While any thread is at work, the watchman looks every
 //    two milliseconds whether ready work, or the poll, has been left alone since the last look, and if so
-//    adds a thread. It looks a last time after the work has ended, and then sleeps without a time-out.
+//    adds a thread; and likewise, where a processor is free, when work has piled up at each of eight looks.
+//    It looks a last time after the work has ended, and then sleeps without a time-out.
 //
 // So a runnable waits for a thread at most a few milliseconds, whatever the others do, and in the common case
 // a message travels from the socket through its queues and back without changing threads.
