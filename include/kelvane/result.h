@@ -1,8 +1,8 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <utility>
-#include <variant>
 
 namespace kelvane::client {
 
@@ -22,23 +22,31 @@ struct Error {
 /// What a request answers that has no answer but that it was done.
 struct Done {};
 
-/// Either a value or why there is none. Asking for the one that is not there throws std::bad_variant_access.
+/// Either a value or why there is none. Asking for a value that is not there throws std::logic_error with the
+/// reason.
 template <class T>
 class [[nodiscard]] Result {
  public:
-  Result(T value) : held_(std::in_place_index<0>, std::move(value)) {}
-  Result(Error error) : held_(std::in_place_index<1>, std::move(error)) {}
+  Result(T value) : value_(std::move(value)) {}
+  Result(Error error) : failed_(true), error_(std::move(error)) {}
 
-  explicit operator bool() const { return held_.index() == 0; }
-  const T& operator*() const& { return std::get<0>(held_); }
-  T& operator*() & { return std::get<0>(held_); }
-  T&& operator*() && { return std::get<0>(std::move(held_)); }
-  const T* operator->() const { return &std::get<0>(held_); }
-  T* operator->() { return &std::get<0>(held_); }
-  [[nodiscard]] const Error& error() const { return std::get<1>(held_); }
+  explicit operator bool() const { return !failed_; }
+  const T& operator*() const& { return check(), value_; }
+  T& operator*() & { return check(), value_; }
+  T&& operator*() && { return check(), std::move(value_); }
+  const T* operator->() const { return check(), &value_; }
+  T* operator->() { return check(), &value_; }
+  /// Empty when there is a value.
+  [[nodiscard]] const Error& error() const { return error_; }
 
  private:
-  std::variant<T, Error> held_;
+  void check() const {
+    if (failed_) throw std::logic_error("there is no value: " + error_.reason);
+  }
+
+  T value_{};
+  bool failed_ = false;
+  Error error_;
 };
 
 }  // namespace kelvane::client

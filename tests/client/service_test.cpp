@@ -257,8 +257,8 @@ TEST_F(AService, GetsNoCallOnceItIsDestroyed) {
   auto service = start(options());
   handler_.events.await("registered");
   daemon.tell("purge com.example.one 4 1000");  // runs when the service is destroyed
-  daemon.tell("purge com.example.one 2 1000");  // waits behind it, or comes later
   handler_.events.await("purge");
+  daemon.tell("purge com.example.one 2 1000");  // waits behind it, or comes later
   service = nullptr;
   handler_.events.await("stopped");
   const std::size_t before = handler_.events.count();

@@ -10,6 +10,7 @@
 //   serve PATH               the next commands with the ID "-" go to the declared service that listens there
 // Check-ins with an ID that begins with "declared" are answered with nothing, "unentitled" not at all.
 
+#include <atomic>
 #include <cstdio>
 #include <iostream>
 #include <map>
@@ -38,19 +39,24 @@ struct Registered {
 /// One call of a service over a connection of its own. `ask` gets the proxy and what to call with the answer.
 template <class Ask>
 std::string callService(const std::shared_ptr<xpc::Connection>& connection, const Ask& ask) {
-  std::string answer;
-  const dispatch_semaphore_t answered = dispatch_semaphore_create(0);
-  const auto finish = [&answer, answered](const std::string& text) {
-    answer = text;
-    dispatch_semaphore_signal(answered);
+  struct Answer {
+    std::atomic<bool> given{false};  // what comes later, such as the end of another call, is no answer
+    std::string text;
+    dispatch_semaphore_t ready = dispatch_semaphore_create(0);
+  };
+  const auto answer = std::make_shared<Answer>();
+  const auto finish = [answer](const std::string& text) {
+    if (answer->given.exchange(true)) return;
+    answer->text = text;
+    dispatch_semaphore_signal(answer->ready);
   };
   connection->resume();
   ask(*connection->remoteObjectProxyWithErrorHandler<KelvaneServiceProtocol>(
           [finish](const xpc::Error&) { finish("failed"); }),
       finish);
-  static_cast<void>(dispatch_semaphore_wait(answered, DISPATCH_TIME_FOREVER));
+  static_cast<void>(dispatch_semaphore_wait(answer->ready, DISPATCH_TIME_FOREVER));
   connection->invalidate();
-  return answer;
+  return answer->text;
 }
 
 std::string amountIn(const std::optional<Dictionary>& answer) {
