@@ -152,11 +152,7 @@ void writeJson(const std::string& path, const std::vector<Figures>& all) {
   out << "\n]\n";
 }
 
-}  // namespace
-}  // namespace kelvane::bench
-
-int main(int argc, char** argv) {
-  using namespace kelvane::bench;
+int run(int argc, char** argv) {
   CLI::App app("Measures what a purge costs for each service call, against a bare bus loop and raw sockets.");
   std::string daemon = std::filesystem::canonical("/proc/self/exe").parent_path() / "kelvaned";
   std::string volume = "/";
@@ -189,4 +185,16 @@ int main(int argc, char** argv) {
   }
   if (!json.empty()) writeJson(json, all);
   return 0;
+}
+
+}  // namespace
+}  // namespace kelvane::bench
+
+int main(int argc, char** argv) {
+  try {
+    return kelvane::bench::run(argc, argv);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "purge_bench: %s\n", failure.what());
+    return 1;
+  }
 }

@@ -91,7 +91,7 @@ std::uint64_t Volume::freeSpace() const {
 }
 
 std::string Volume::fill(const std::string& name, unsigned count, std::uint64_t bytes) const {
-  const std::string folder = path() + "/" + name;
+  std::string folder = path() + "/" + name;
   fs::create_directory(folder);
   const std::string contents(bytes, 'x');
   for (unsigned i = 0; i < count; ++i) writeFile(folder + "/" + std::to_string(i), contents);

@@ -18,6 +18,7 @@ constexpr auto patience = std::chrono::seconds(30);
 
 std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> out;
+  out.reserve(strings.size() + 1);
   for (std::string& string : strings) out.push_back(string.data());
   out.push_back(nullptr);
   return out;
