@@ -2,10 +2,12 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
+failure_status=1  # what `die` ends with
+
 say() { printf '%s\n' "$*"; }
 die() {
   printf '%s: %s\n' "$(basename "$0")" "$*" >&2
-  exit 1
+  exit "$failure_status"
 }
 
 # quietly FILE COMMAND...: runs it with its output in FILE, and shows the end of that when it fails.
