@@ -32,7 +32,7 @@ bool sendDescriptor(int socket, char byte, int descriptor);
 int receiveDescriptor(int socket, char& byte);
 
 /// What a raw request and its answer weigh: as much as the D-Bus messages that they stand for.
-inline constexpr int raw_request_bytes = 420;
-inline constexpr int raw_reply_bytes = 120;
+inline constexpr int raw_request_bytes = 286;
+inline constexpr int raw_reply_bytes = 80;
 
 }  // namespace kelvane::bench
