@@ -109,6 +109,7 @@ TEST_F(CentralObject, TheSharedOneIsMadeOnceOnWhicheverThreadComesFirst) {
   Kelvane::setSharedEnvironment(environment());
   std::vector<std::shared_ptr<Kelvane>> seen(4);
   std::vector<std::thread> threads;
+  threads.reserve(seen.size());
   for (auto& each : seen) threads.emplace_back([&each] { each = Kelvane::sharedKelvane(); });
   for (auto& thread : threads) thread.join();
   for (const auto& each : seen) EXPECT_EQ(each, seen.front());

@@ -81,10 +81,11 @@ TEST_F(PurgeRequests, TwoPurgesSentAtOnceTheSecondStartsOnlyWhenTheFirstHasBeenD
   FakeService& it = registered("cache");
   tests::Answer<FakeService::ResultReply> first_asked;
   it.onPurge([&](const FakeService::Purge& purge, const FakeService::ResultReply& reply) {
-    if (it.purgesAsked().size() == 1)
+    if (it.purgesAsked().size() == 1) {
       first_asked.come(reply);
-    else
+    } else {
       reply(Dictionary{{KELVANE_AMOUNT, purge.asked()}});
+    }
   });
   const auto first = caller().purge(asking(50));
   const auto reply_to_first = first_asked.await();

@@ -26,7 +26,7 @@ class StateStore : public tests::InterfaceFixture {
     Answer<Value> answer;
     registry_->clientGetState(xpc::Anything{key},
                               [answer](const Value& value) mutable { answer.come(value); });
-    const Value value = answer.await();
+    Value value = answer.await();
     dispatch_sync(registry_->defaults_queue(), [] {});  // the read's last line comes after its answer
     return value;
   }

@@ -155,27 +155,30 @@ class FakeService {
     void servicePurge(std::int32_t urgency, Dictionary info, ResultReply reply) override {
       const Purge purge{urgency, std::move(info)};
       state_->change([&](State& it) { it.purges.push_back(purge); });
-      if (state_->on_purge)
+      if (state_->on_purge) {
         state_->on_purge(purge, reply);
-      else
+      } else {
         keep(reply);
+      }
     }
     void servicePeriodic(std::int32_t /*urgency*/, Dictionary /*info*/, ResultReply reply) override {
       keep(reply);
     }
     void serviceCancelPurge(Reply<> reply) override {
       state_->change([&](State& it) { ++it.cancels; });
-      if (state_->answers_cancel)
+      if (state_->answers_cancel) {
         reply();
-      else
+      } else {
         keep(reply);
+      }
     }
     void servicePing(Reply<> reply) override {
       state_->change([&](State& it) { ++it.pings; });
-      if (state_->on_ping)
+      if (state_->on_ping) {
         state_->on_ping(reply);
-      else
+      } else {
         keep(reply);
+      }
     }
     void serviceNotify(Dictionary notification, Reply<> reply) override {
       state_->change([&](State& it) { it.notifications.push_back(notification); });

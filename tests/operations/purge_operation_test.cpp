@@ -92,10 +92,11 @@ TEST_F(PurgeOperation, OneThatReturnsLessIsNotAskedAgainInThatPassAndTheOthersNe
   tests::Answer<FakeService::ResultReply> first_asked;
   full.onPurge(
       [&, first_asked](const FakeService::Purge& purge, const FakeService::ResultReply& reply) mutable {
-        if (full.purgesAsked().size() == 1)
+        if (full.purgesAsked().size() == 1) {
           first_asked.come(reply);
-        else
+        } else {
           reply(Dictionary{{KELVANE_AMOUNT, purge.asked()}});
+        }
       });
   poor.purges([](std::uint64_t) { return 10; });
   const auto it = operation({{KELVANE_AMOUNT, 100}, {KELVANE_URGENCY, 1}});
