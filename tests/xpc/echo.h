@@ -23,6 +23,7 @@ class EchoProtocol {
   virtual void echo(Dictionary info, xpc::Reply<std::optional<Dictionary>> reply) = 0;
   virtual void echoAnything(Value value, xpc::Reply<Value> reply) = 0;
   virtual void openBack(std::string name, xpc::Endpoint endpoint, xpc::Reply<> reply) = 0;
+  virtual void greet(std::string name, xpc::Reply<std::string> reply) = 0;
   virtual void never(xpc::Reply<> reply) = 0;
 };
 
@@ -37,6 +38,9 @@ class EchoProxy final : public EchoProtocol, private xpc::ProxyBase {
   }
   void openBack(std::string name, xpc::Endpoint endpoint, xpc::Reply<> reply) override {
     send<&EchoProtocol::openBack>("openBack", std::move(reply), name, endpoint);
+  }
+  void greet(std::string name, xpc::Reply<std::string> reply) override {
+    send<&EchoProtocol::greet>("greet", std::move(reply), name);
   }
   void never(xpc::Reply<> reply) override { send<&EchoProtocol::never>("never", std::move(reply)); }
 };
@@ -69,6 +73,10 @@ class Echo final : public EchoProtocol {
       last_endpoint_ = std::move(endpoint);
     }
     reply();
+  }
+  void greet(std::string name, xpc::Reply<std::string> reply) override {
+    ++calls;
+    reply("Hello, " + name);
   }
   void never(xpc::Reply<> reply) override {
     ++calls;
@@ -127,7 +135,8 @@ struct kelvane::xpc::RemoteInterface<kelvane::tests::EchoProtocol> {
         "/test/echo",
         "test.Echo",
         {method<&EchoProtocol::echo>("echo"), method<&EchoProtocol::echoAnything>("echoAnything"),
-         method<&EchoProtocol::openBack>("openBack"), method<&EchoProtocol::never>("never")}};
+         method<&EchoProtocol::openBack>("openBack"), method<&EchoProtocol::greet>("greet"),
+         method<&EchoProtocol::never>("never")}};
     return it;
   }
 };
