@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstring>
 
@@ -64,7 +65,7 @@ TEST(HostilePeers, WhileAServiceDoesNotAnswerItsPingTheRegistryWaits) {
       {built("service_program"), "mute", "com.example.mute", folder.path(), "--daemon", daemon.socket()});
   ASSERT_TRUE(mute.printed("pinged"));
   Client waiting(daemon);
-  bool cancelled = false;
+  std::atomic<bool> cancelled = false;
   const dispatch_semaphore_t answered = dispatch_semaphore_create(0);
   // A cancel looks into the registry's queue, and so waits for it.
   waiting.daemon()->clientCancelPurge({}, [&] {
