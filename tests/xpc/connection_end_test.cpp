@@ -95,9 +95,9 @@ TEST_F(ConnectionEnd, AConnectionMayBeInvalidatedInItsOwnHandler) {
 }
 
 TEST_F(ConnectionEnd, TheServingSideMayInvalidateInAMethod) {
-  server_.echo().on_echo = [](const Dictionary& info) {
+  server_.echo().setOnEcho([](const Dictionary& info) {
     if (info.contains("end")) xpc::Connection::current()->invalidate();
-  };
+  });
   watchTheEnd();
   connection_->resume();
   EXPECT_EQ(ask(connection_, {{"end", 1}}).error->name, xpc::error_disconnected);

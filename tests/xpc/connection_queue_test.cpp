@@ -50,14 +50,14 @@ TEST_F(ConnectionQueue, RepliesComeInOrderOnTheConnectionsQueueAndNeverOverlap) 
 
 TEST_F(ConnectionQueue, MethodsOfOneConnectionNeverOverlapAndRunOnItsQueue) {
   std::atomic<int> inside{0};
-  server_.echo().on_echo = [&](const Dictionary& info) {
+  server_.echo().setOnEcho([&](const Dictionary& info) {
     if (!info.contains("number")) return;
     EXPECT_EQ(inside++, 0);
     const auto current = xpc::Connection::current();
     ASSERT_TRUE(current);
     dispatch_assert_queue(current->queue());
     --inside;
-  };
+  });
   connection_->resume();
   const auto remote = proxy(connection_);
   const Signal done;
@@ -68,11 +68,11 @@ TEST_F(ConnectionQueue, MethodsOfOneConnectionNeverOverlapAndRunOnItsQueue) {
 TEST_F(ConnectionQueue, AHandlerThatBlocksDoesNotHoldUpAnotherConnection) {
   const Signal entered;
   const Signal go_on;
-  server_.echo().on_echo = [&](const Dictionary& info) {
+  server_.echo().setOnEcho([&](const Dictionary& info) {
     if (!info.contains("block")) return;
     entered();
     go_on.wait();
-  };
+  });
   connection_->resume();
   other_->resume();
   const Signal released;
@@ -86,10 +86,10 @@ TEST_F(ConnectionQueue, AHandlerThatBlocksDoesNotHoldUpAnotherConnection) {
 
 TEST_F(ConnectionQueue, AReplyArrivesWhileAHandlerOfAnotherConnectionWaitsForIt) {
   other_->resume();
-  server_.echo().on_echo = [&](const Dictionary& info) {
+  server_.echo().setOnEcho([&](const Dictionary& info) {
     if (!info.contains("ask further")) return;
     EXPECT_TRUE(ask(other_, {{"inner", 1}}).reply);
-  };
+  });
   connection_->resume();
   EXPECT_TRUE(ask(connection_, {{"ask further", true}}).reply);
 }
@@ -99,11 +99,11 @@ TEST_F(ConnectionQueue, ManyHandlersMayBlockAtOnce) {
   std::atomic<int> entered{0};
   const Signal all;
   const Signal go_on;
-  server_.echo().on_echo = [&](const Dictionary& info) {
+  server_.echo().setOnEcho([&](const Dictionary& info) {
     if (!info.contains("block")) return;
     if (++entered == many) all();
     go_on.wait();
-  };
+  });
   std::vector<std::shared_ptr<xpc::Connection>> connections;
   const Signal released;
   for (int i = 0; i < many; ++i) {
@@ -120,11 +120,11 @@ TEST_F(ConnectionQueue, ManyHandlersMayBlockAtOnce) {
 TEST_F(ConnectionQueue, TheCurrentConnectionIsTheOneThatDeliveredTheMessage) {
   EXPECT_EQ(xpc::Connection::current(), nullptr);
   std::atomic<bool> on_the_far_side{false};
-  server_.echo().on_echo = [&](const Dictionary& info) {
+  server_.echo().setOnEcho([&](const Dictionary& info) {
     if (!info.contains("whose")) return;
     const auto current = xpc::Connection::current();
     on_the_far_side = current != nullptr && current != connection_ && current->credentials().has_value();
-  };
+  });
   connection_->resume();
   const Signal done;
   proxy(connection_)->echo({{"whose", 1}}, [&](const auto&) {

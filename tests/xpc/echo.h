@@ -50,6 +50,7 @@ class Echo final : public EchoProtocol {
  public:
   void echo(Dictionary info, xpc::Reply<std::optional<Dictionary>> reply) override {
     ++calls;
+    const auto [on_echo, instead_of_text] = settings();
     if (on_echo) on_echo(info);
     if (info.contains("drop")) return;
     if (info.contains("text")) ++text_calls;
@@ -84,8 +85,17 @@ class Echo final : public EchoProtocol {
     kept_.push_back(std::move(reply));
   }
 
-  std::function<void(const Dictionary&)> on_echo;  // set before the first call
-  std::optional<Dictionary> instead_of_text;       // likewise
+  /// Called in each "echo", before the reply.
+  void setOnEcho(std::function<void(const Dictionary&)> handler) {
+    const std::scoped_lock lock(mutex_);
+    on_echo_ = std::move(handler);
+  }
+  /// The reply to whoever sends "text".
+  void setInsteadOfText(Dictionary reply) {
+    const std::scoped_lock lock(mutex_);
+    instead_of_text_ = std::move(reply);
+  }
+
   std::atomic<int> calls{0};
   std::atomic<int> text_calls{0};
 
@@ -104,8 +114,15 @@ class Echo final : public EchoProtocol {
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::string last_name_;  // these three are guarded by mutex_
+  std::pair<std::function<void(const Dictionary&)>, std::optional<Dictionary>> settings() const {
+    const std::scoped_lock lock(mutex_);
+    return {on_echo_, instead_of_text_};
+  }
+
+  mutable std::mutex mutex_;  // guards all below
+  std::function<void(const Dictionary&)> on_echo_;
+  std::optional<Dictionary> instead_of_text_;
+  std::string last_name_;
   xpc::Endpoint last_endpoint_;
   std::vector<xpc::Reply<>> kept_;
 };

@@ -9,6 +9,7 @@
 
 #include "platform/dispatch/executor.h"
 #include "platform/dispatch/manual_clock.h"
+#include "platform/xpc/launch.h"
 #include "tests/xpc/descriptors.h"
 #include "tests/xpc/echo_server.h"
 #include "tests/xpc/run_program.h"
@@ -202,6 +203,30 @@ TEST(Listener, ASocketThatWasHandedOverBlockingDoesNotBlockIt) {
   const RawPeer peer(path);
   accepted.wait();
   listener->invalidate();  // would wait for the thread that accepts
+}
+
+TEST(Listener, DescriptorsForAnInterfaceThatTakesNoneEndTheConnectionAndAreClosed) {
+  const test::TemporaryDirectory folder;
+  std::string reason;
+  const auto listener = xpc::serveLaunchSocket(folder / "launch.sock", reason);
+  ASSERT_TRUE(listener) << reason;
+  const FileDescriptor file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  RawMessage ping;
+  ping.interface = "org.freedesktop.DBus.Peer";
+  ping.member = "Ping";
+  std::size_t before = 0;
+  for (int round = 0; round < 20; ++round) {
+    RawPeer peer(folder / "launch.sock");
+    peer.handshake();
+    peer.send(ping.bytes());
+    ASSERT_TRUE(peer.receive());
+    peer.send(ping.bytes(), {file.get(), file.get(), file.get()});
+    peer.awaitEnd();
+    if (round == 0) before = openDescriptors();
+  }
+  // The last end may not be over on the other side: two descriptors there.
+  EXPECT_LE(openDescriptors(), before + 2);
+  listener->invalidate();
 }
 
 TEST(Listener, TakesNothingButAListeningLocalStreamSocket) {

@@ -159,11 +159,11 @@ TEST_F(Wire, AMessageBeyondTheLimitCostsTheConnection) {
 class ForeignWire : public testing::Test {
  protected:
   ForeignWire() {
-    server_.echo().on_echo = [this](const Dictionary& info) {
+    server_.echo().setOnEcho([this](const Dictionary& info) {
       if (!info.contains("value")) return;
       const std::scoped_lock lock(mutex_);
       seen_ = info["value"];
-    };
+    });
     peer_.handshake();
   }
   void expectRead(const std::string& signature, const std::function<void(RawWriter&)>& write,
