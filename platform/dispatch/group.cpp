@@ -118,10 +118,17 @@ void dispatch_group_notify(const dispatch_group_t& group, const dispatch_queue_t
 dispatch_semaphore_t dispatch_semaphore_create(long value) {
   return value < 0 ? nullptr : std::make_shared<dispatch::Semaphore>(value);
 }
+
+// Either side may let go of the semaphore as soon as the other has done its part, so each keeps it meanwhile.
+
 long dispatch_semaphore_wait(const dispatch_semaphore_t& semaphore, dispatch_time_t deadline) {
-  return semaphore->wait(deadline);
+  const dispatch_semaphore_t kept = semaphore;
+  return kept->wait(deadline);
 }
-void dispatch_semaphore_signal(const dispatch_semaphore_t& semaphore) { semaphore->signal(); }
+void dispatch_semaphore_signal(const dispatch_semaphore_t& semaphore) {
+  const dispatch_semaphore_t kept = semaphore;
+  kept->signal();
+}
 
 dispatch_time_t dispatch_time(dispatch_time_t when, std::int64_t delta) {
   if (when == DISPATCH_TIME_FOREVER) return when;

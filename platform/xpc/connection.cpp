@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <systemd/sd-bus.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -27,6 +28,13 @@ FileDescriptor connectTo(const std::string& path) {
   if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     socket.reset();
   return socket;
+}
+
+bool takesDescriptors(const InterfaceDescription* interface) {
+  return interface != nullptr && std::any_of(interface->methods.begin(), interface->methods.end(),
+                                             [](const MethodDescription& method) {
+                                               return method.in.find('h') != std::string::npos;
+                                             });
 }
 
 }  // namespace
@@ -128,7 +136,8 @@ int Connection::startBus() {
   if (r < 0) return r;
   socket_ = unopened_.release();  // the bus closes both
   input_ = input.release();
-  sd_bus_negotiate_fds(bus_, 1);
+  // The library loses the descriptors of a message that it drops. So who never needs any gets none.
+  sd_bus_negotiate_fds(bus_, !accepting_ || takesDescriptors(exported_interface_) ? 1 : 0);
   r = sd_bus_add_filter(bus_, nullptr, BusCallbacks::anything, this);
   if (r < 0) return r;
   if (accepting_) {

@@ -153,7 +153,7 @@ int Connection::process(bool hold) {
   if (r < 0) return r;
   const std::uint64_t taken = Intake::counted(socket_);
   if (!took_message_) {
-    const int verdict = judge(intake_.noteNoMessage(taken, limits_.message_bytes));
+    const int verdict = judge(intake_.noteNoMessage(taken, r == 0, limits_.message_bytes));
     return verdict < 0 ? verdict : r;
   }
   intake_.noteMessage(taken);

@@ -116,8 +116,8 @@ void Intake::noteMessage(std::uint64_t taken) {
   taken_ = 0;
 }
 
-Intake::Progress Intake::noteNoMessage(std::uint64_t taken, std::uint64_t most_bytes) {
-  if (brought_along_ > 0) return Progress::dropped;
+Intake::Progress Intake::noteNoMessage(std::uint64_t taken, bool done, std::uint64_t most_bytes) {
+  if (brought_along_ > 0 && (done || taken > 0)) return Progress::dropped;
   if (taken == 0) return Progress::none;
   if (atBoundary()) remaining_ = claimed_;
   if (known_ && remaining_ != 0) {

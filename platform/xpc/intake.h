@@ -47,8 +47,9 @@ class Intake {
   [[nodiscard]] static std::uint64_t counted(int socket);
   /// A message was handed out.
   void noteMessage(std::uint64_t taken);
-  /// None was. Tells a message under way from one that the library took to its end and dropped.
-  Progress noteNoMessage(std::uint64_t taken, std::uint64_t most_bytes);
+  /// None was; `done` says that the library had nothing left to do. Tells a message under way from one that
+  /// it took to its end and dropped.
+  Progress noteNoMessage(std::uint64_t taken, bool done, std::uint64_t most_bytes);
 
  private:
   Progress goThrough(std::string_view messages, std::uint64_t most_bytes);

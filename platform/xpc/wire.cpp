@@ -10,6 +10,10 @@
 namespace kelvane::xpc {
 namespace {
 
+// A variant and what it holds are one level each, for writing as for reading: what can be sent can be read.
+// Deeper than any property list in use, and far above the end of any thread's stack.
+constexpr int deepest = 64;
+
 // --- writing ---
 
 constexpr const char* replacement = "\xEF\xBF\xBD";  // U+FFFD
@@ -57,29 +61,30 @@ int writeString(sd_bus_message* message, const std::string& text) {
   return sd_bus_message_append_basic(message, 's', repaired(text).c_str());
 }
 
-int writeVariant(sd_bus_message* message, const Value& value);
+int writeVariant(sd_bus_message* message, const Value& value, int depth);
 
-int writeDictionary(sd_bus_message* message, const Dictionary& dictionary) {
+int writeDictionary(sd_bus_message* message, const Dictionary& dictionary, int depth) {
   int r = sd_bus_message_open_container(message, 'a', "{sv}");
   for (auto entry = dictionary.begin(); r >= 0 && entry != dictionary.end(); ++entry) {
     r = sd_bus_message_open_container(message, 'e', "sv");
     if (r >= 0) r = writeString(message, entry->first);
-    if (r >= 0) r = writeVariant(message, entry->second);
+    if (r >= 0) r = writeVariant(message, entry->second, depth + 1);
     if (r >= 0) r = sd_bus_message_close_container(message);
   }
   return r < 0 ? r : sd_bus_message_close_container(message);
 }
 
-int writeArray(sd_bus_message* message, const Array& array) {
+int writeArray(sd_bus_message* message, const Array& array, int depth) {
   int r = sd_bus_message_open_container(message, 'a', "v");
   for (auto element = array.begin(); r >= 0 && element != array.end(); ++element) {
-    r = writeVariant(message, *element);
+    r = writeVariant(message, *element, depth + 1);
   }
   return r < 0 ? r : sd_bus_message_close_container(message);
 }
 
 struct VariantWriter {
   sd_bus_message* message;
+  int depth;
 
   template <class Write>
   int in(const char* signature, Write write) const {
@@ -115,21 +120,19 @@ struct VariantWriter {
     return in("(x)", [&] { return sd_bus_message_append(message, "(x)", date.microseconds); });
   }
   int operator()(const Array& array) const {
-    return in("av", [&] { return writeArray(message, array); });
+    return in("av", [&] { return writeArray(message, array, depth + 1); });
   }
   int operator()(const Dictionary& dictionary) const {
-    return in("a{sv}", [&] { return writeDictionary(message, dictionary); });
+    return in("a{sv}", [&] { return writeDictionary(message, dictionary, depth + 1); });
   }
 };
 
-int writeVariant(sd_bus_message* message, const Value& value) {
-  return std::visit(VariantWriter{message}, value.held());
+int writeVariant(sd_bus_message* message, const Value& value, int depth) {
+  if (depth >= deepest) return -ELOOP;
+  return std::visit(VariantWriter{message, depth}, value.held());
 }
 
 // --- reading ---
-
-// Deeper than any property list in use, and far above the end of any thread's stack.
-constexpr int deepest = 64;
 
 int readOne(sd_bus_message* message, Value& value, int depth);
 
@@ -297,7 +300,7 @@ int Wire<Endpoint>::read(sd_bus_message* message, Endpoint& endpoint) {
 }
 
 int Wire<Dictionary>::write(sd_bus_message* message, const Dictionary& dictionary) {
-  return writeDictionary(message, dictionary);
+  return writeDictionary(message, dictionary, 0);
 }
 int Wire<Dictionary>::read(sd_bus_message* message, Dictionary& dictionary) {
   int r = sd_bus_message_enter_container(message, 'a', "{sv}");
@@ -308,7 +311,7 @@ int Wire<Dictionary>::read(sd_bus_message* message, Dictionary& dictionary) {
 int Wire<std::optional<Dictionary>>::write(sd_bus_message* message,
                                            const std::optional<Dictionary>& dictionary) {
   int r = sd_bus_message_open_container(message, 'a', "a{sv}");
-  if (r >= 0 && dictionary) r = writeDictionary(message, *dictionary);
+  if (r >= 0 && dictionary) r = writeDictionary(message, *dictionary, 0);
   return r < 0 ? r : sd_bus_message_close_container(message);
 }
 int Wire<std::optional<Dictionary>>::read(sd_bus_message* message, std::optional<Dictionary>& dictionary) {
@@ -320,14 +323,14 @@ int Wire<std::optional<Dictionary>>::read(sd_bus_message* message, std::optional
 }
 
 int Wire<Anything>::write(sd_bus_message* message, const Anything& anything) {
-  return writeVariant(message, anything.value);
+  return writeVariant(message, anything.value, 0);
 }
 int Wire<Anything>::read(sd_bus_message* message, Anything& anything) {
   return readOne(message, anything.value, 0);
 }
 
 int Wire<Value>::write(sd_bus_message* message, const Value& value) {
-  return writeArray(message, value.isNothing() ? Array() : Array{value});
+  return writeArray(message, value.isNothing() ? Array() : Array{value}, -1);
 }
 int Wire<Value>::read(sd_bus_message* message, Value& value) {
   int r = sd_bus_message_enter_container(message, 'a', "v");

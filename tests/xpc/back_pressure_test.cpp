@@ -1,4 +1,5 @@
 #include <sys/socket.h>
+#include <atomic>
 #include <vector>
 
 #include "tests/xpc/echo_server.h"
@@ -72,7 +73,7 @@ TEST_P(BackPressure, AReplyThatIsReadInPiecesLetsNoFurtherCallsIn) {
   xpc::ConnectionLimits limits;
   limits.calls_in_hand = 4;
   EchoServer server(GetParam(), limits);
-  server.echo().instead_of_text = Dictionary{{"big", std::string(2 << 20, 'x')}};
+  server.echo().setInsteadOfText(Dictionary{{"big", std::string(2 << 20, 'x')}});
   RawPeer peer = server.rawPeer();
   peer.handshake();
   std::string calls;
@@ -90,11 +91,12 @@ TEST_P(BackPressure, NothingMoreIsReadWhileTooManyCallsWaitForTheirHandler) {
   EchoServer server(GetParam());
   const Signal entered;
   const Signal go_on;
-  server.echo().on_echo = [&, first = true](const Dictionary& info) mutable {
-    if (!info.contains("text") || !std::exchange(first, false)) return;
+  std::atomic<bool> first{true};
+  server.echo().setOnEcho([&](const Dictionary& info) {
+    if (!info.contains("text") || !first.exchange(false)) return;
     entered();
     go_on.wait();
-  };
+  });
   RawPeer peer = server.rawPeer();
   peer.handshake();
   peer.send(echoCall(1, 8).bytes());

@@ -23,6 +23,7 @@ class EchoProtocol {
   virtual void echo(Dictionary info, xpc::Reply<std::optional<Dictionary>> reply) = 0;
   virtual void echoAnything(Value value, xpc::Reply<Value> reply) = 0;
   virtual void openBack(std::string name, xpc::Endpoint endpoint, xpc::Reply<> reply) = 0;
+  virtual void greet(std::string name, xpc::Reply<std::string> reply) = 0;
   virtual void never(xpc::Reply<> reply) = 0;
 };
 
@@ -38,6 +39,9 @@ class EchoProxy final : public EchoProtocol, private xpc::ProxyBase {
   void openBack(std::string name, xpc::Endpoint endpoint, xpc::Reply<> reply) override {
     send<&EchoProtocol::openBack>("openBack", std::move(reply), name, endpoint);
   }
+  void greet(std::string name, xpc::Reply<std::string> reply) override {
+    send<&EchoProtocol::greet>("greet", std::move(reply), name);
+  }
   void never(xpc::Reply<> reply) override { send<&EchoProtocol::never>("never", std::move(reply)); }
 };
 
@@ -46,6 +50,7 @@ class Echo final : public EchoProtocol {
  public:
   void echo(Dictionary info, xpc::Reply<std::optional<Dictionary>> reply) override {
     ++calls;
+    const auto [on_echo, instead_of_text] = settings();
     if (on_echo) on_echo(info);
     if (info.contains("drop")) return;
     if (info.contains("text")) ++text_calls;
@@ -70,14 +75,27 @@ class Echo final : public EchoProtocol {
     }
     reply();
   }
+  void greet(std::string name, xpc::Reply<std::string> reply) override {
+    ++calls;
+    reply("Hello, " + name);
+  }
   void never(xpc::Reply<> reply) override {
     ++calls;
     const std::scoped_lock lock(mutex_);
     kept_.push_back(std::move(reply));
   }
 
-  std::function<void(const Dictionary&)> on_echo;  // set before the first call
-  std::optional<Dictionary> instead_of_text;       // likewise
+  /// Called in each "echo", before the reply.
+  void setOnEcho(std::function<void(const Dictionary&)> handler) {
+    const std::scoped_lock lock(mutex_);
+    on_echo_ = std::move(handler);
+  }
+  /// The reply to whoever sends "text".
+  void setInsteadOfText(Dictionary reply) {
+    const std::scoped_lock lock(mutex_);
+    instead_of_text_ = std::move(reply);
+  }
+
   std::atomic<int> calls{0};
   std::atomic<int> text_calls{0};
 
@@ -96,8 +114,15 @@ class Echo final : public EchoProtocol {
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::string last_name_;  // these three are guarded by mutex_
+  std::pair<std::function<void(const Dictionary&)>, std::optional<Dictionary>> settings() const {
+    const std::scoped_lock lock(mutex_);
+    return {on_echo_, instead_of_text_};
+  }
+
+  mutable std::mutex mutex_;  // guards all below
+  std::function<void(const Dictionary&)> on_echo_;
+  std::optional<Dictionary> instead_of_text_;
+  std::string last_name_;
   xpc::Endpoint last_endpoint_;
   std::vector<xpc::Reply<>> kept_;
 };
@@ -105,11 +130,7 @@ class Echo final : public EchoProtocol {
 /// Waits for a signal without a time limit of its own; the test program has one.
 class Signal {
  public:
-  void operator()() const {
-    // Who waited may destroy this before the call returns.
-    const dispatch_semaphore_t kept = semaphore_;
-    dispatch_semaphore_signal(kept);
-  }
+  void operator()() const { dispatch_semaphore_signal(semaphore_); }
   void wait() const { static_cast<void>(dispatch_semaphore_wait(semaphore_, DISPATCH_TIME_FOREVER)); }
 
  private:
@@ -127,7 +148,8 @@ struct kelvane::xpc::RemoteInterface<kelvane::tests::EchoProtocol> {
         "/test/echo",
         "test.Echo",
         {method<&EchoProtocol::echo>("echo"), method<&EchoProtocol::echoAnything>("echoAnything"),
-         method<&EchoProtocol::openBack>("openBack"), method<&EchoProtocol::never>("never")}};
+         method<&EchoProtocol::openBack>("openBack"), method<&EchoProtocol::greet>("greet"),
+         method<&EchoProtocol::never>("never")}};
     return it;
   }
 };

@@ -273,14 +273,6 @@ TEST_P(HostileMessage, AnUnconnectedSocketForAnEndpointIsAnswered) {
   expectError(openBackCall(1), "InvalidArgs", {lonely.get()});
 }
 
-TEST_P(HostileMessage, MoreDescriptorsThanAnnouncedEndsTheConnection) {
-  RawPeer peer = servedPeer();
-  const FileDescriptor file(::open("/proc/self/stat", O_RDONLY | O_CLOEXEC));
-  RawMessage call = echoCall(2, 8);
-  peer.send(call.bytes(), {file.get(), file.get()});
-  expectEnd(peer);
-}
-
 TEST_P(HostileMessage, AConnectedSocketForAnEndpointIsTaken) {
   std::array<int, 2> pair{};
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);

@@ -12,50 +12,17 @@
 namespace kelvane::tests {
 namespace {
 
-class Writer {
- public:
-  void number(std::uint32_t value) {
-    align(4);
-    for (unsigned i = 0; i < 4; ++i) bytes_ += static_cast<char>(value >> (8 * i));
-  }
-  void text(const std::string& value) {
-    number(static_cast<std::uint32_t>(value.size()));
-    bytes_ += value;
-    bytes_ += '\0';
-  }
-  void signature(const std::string& value) {
-    bytes_ += static_cast<char>(value.size());
-    bytes_ += value;
-    bytes_ += '\0';
-  }
-  void align(std::size_t to) {
-    while (bytes_.size() % to != 0) bytes_ += '\0';
-  }
-  /// The beginning of one header field.
-  void field(char code, const char* type) {
-    align(8);
-    bytes_ += code;
-    signature(type);
-  }
-  void byte(std::uint8_t value) { bytes_ += static_cast<char>(value); }
-  void set(std::size_t at, std::uint32_t value) {
-    for (unsigned i = 0; i < 4; ++i) bytes_[at + i] = static_cast<char>(value >> (8 * i));
-  }
-  [[nodiscard]] std::size_t size() const { return bytes_.size(); }
-  [[nodiscard]] std::string take() { return std::move(bytes_); }
+/// The beginning of one header field.
+void field(RawWriter& out, char code, const char* type) { out.align(8).raw({&code, 1}).signature(type); }
 
- private:
-  std::string bytes_;
-};
-
-void textField(Writer& out, char code, const char* type, const std::string& value) {
+void textField(RawWriter& out, char code, const char* type, const std::string& value) {
   if (value.empty()) return;
-  out.field(code, type);
+  field(out, code, type);
   out.text(value);
 }
-void numberField(Writer& out, char code, std::uint32_t value) {
+void numberField(RawWriter& out, char code, std::uint32_t value) {
   if (value == 0) return;
-  out.field(code, "u");
+  field(out, code, "u");
   out.number(value);
 }
 
@@ -76,11 +43,8 @@ std::uint32_t replySerialOf(const std::string& message) {
 }  // namespace
 
 std::string RawMessage::bytes() const {
-  Writer out;
-  out.byte(endianness);
-  out.byte(type);
-  out.byte(flags);
-  out.byte(1);
+  RawWriter out;
+  out.number(endianness, 1).number(type, 1).number(flags, 1).number(1, 1);
   out.number(static_cast<std::uint32_t>(body.size()));
   out.number(serial);
   out.number(0);  // the size of the fields
@@ -92,7 +56,7 @@ std::string RawMessage::bytes() const {
   textField(out, 4, "s", error_name);
   numberField(out, 5, reply_serial);
   if (!signature.empty()) {
-    out.field(8, "g");
+    field(out, 8, "g");
     out.signature(signature);
   }
   numberField(out, 9, descriptors);
@@ -101,15 +65,59 @@ std::string RawMessage::bytes() const {
   return out.take() + body;
 }
 
+RawWriter& RawWriter::number(std::uint64_t value, std::size_t size) {
+  align(size);
+  for (std::size_t i = 0; i < size; ++i) bytes_ += static_cast<char>(value >> (8 * i));
+  return *this;
+}
+RawWriter& RawWriter::real(double value) {
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &value, sizeof bits);
+  return number(bits, 8);
+}
+RawWriter& RawWriter::text(const std::string& value) {
+  number(value.size());
+  bytes_ += value;
+  bytes_ += '\0';
+  return *this;
+}
+RawWriter& RawWriter::signature(const std::string& value) {
+  bytes_ += static_cast<char>(value.size());
+  bytes_ += value;
+  bytes_ += '\0';
+  return *this;
+}
+RawWriter& RawWriter::align(std::size_t to) {
+  while (bytes_.size() % to != 0) bytes_ += '\0';
+  return *this;
+}
+RawWriter& RawWriter::raw(std::string_view bytes) {
+  bytes_ += bytes;
+  return *this;
+}
+void RawWriter::set(std::size_t at, std::uint32_t value) {
+  for (unsigned i = 0; i < 4; ++i) bytes_[at + i] = static_cast<char>(value >> (8 * i));
+}
+
+RawMessage echoCallOf(std::uint32_t serial, const std::string& signature,
+                      const std::function<void(RawWriter&)>& write) {
+  RawWriter body;
+  body.number(0).align(8);  // the size of the array, and its first entry
+  body.text("value").signature(signature);
+  write(body);
+  body.set(0, static_cast<std::uint32_t>(body.size() - 8));
+  RawMessage message;
+  message.serial = serial;
+  message.signature = "a{sv}";
+  message.body = body.take();
+  return message;
+}
+
 RawMessage echoCall(std::uint32_t serial, std::size_t text_bytes) {
-  Writer body;
-  body.number(0);  // the size of the array
-  body.align(8);
-  const std::size_t start = body.size();
-  body.text("text");
-  body.signature("s");
-  body.text(std::string(text_bytes, 'x'));
-  body.set(0, static_cast<std::uint32_t>(body.size() - start));
+  RawWriter body;
+  body.number(0).align(8);
+  body.text("text").signature("s").text(std::string(text_bytes, 'x'));
+  body.set(0, static_cast<std::uint32_t>(body.size() - 8));
   RawMessage message;
   message.serial = serial;
   message.signature = "a{sv}";
@@ -118,13 +126,9 @@ RawMessage echoCall(std::uint32_t serial, std::size_t text_bytes) {
 }
 
 std::string headerClaiming(std::uint32_t body_bytes) {
-  Writer out;
-  for (const std::uint8_t byte : {std::uint8_t{'l'}, std::uint8_t{1}, std::uint8_t{0}, std::uint8_t{1}})
-    out.byte(byte);
-  out.number(body_bytes);
-  out.number(1);
-  out.number(64);
-  return out.take();
+  RawWriter out;
+  out.number('l', 1).number(1, 1).number(0, 1).number(1, 1);
+  return out.number(body_bytes).number(1).number(64).take();
 }
 
 RawPeer::RawPeer(const std::string& path) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -227,6 +231,8 @@ void RawPeer::awaitRoom() const {
   pollfd state{socket_.get(), POLLOUT, 0};
   ::poll(&state, 1, -1);
 }
+
+void RawPeer::stopSending() const { ::shutdown(socket_.get(), SHUT_WR); }
 
 void RawPeer::awaitInput() const {
   pollfd state{socket_.get(), POLLIN, 0};

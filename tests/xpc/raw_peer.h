@@ -3,9 +3,11 @@
 // A peer that speaks by bytes, to say what no library would: the other half of a connection under test.
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/foundation/file_descriptor.h"
@@ -31,6 +33,26 @@ struct RawMessage {
   [[nodiscard]] std::string bytes() const;
 };
 
+/// Puts values one behind the other as D-Bus aligns them, from an offset that is a multiple of eight.
+class RawWriter {
+ public:
+  RawWriter& number(std::uint64_t value, std::size_t size = 4);
+  RawWriter& real(double value);
+  RawWriter& text(const std::string& value);
+  RawWriter& signature(const std::string& value);
+  RawWriter& align(std::size_t to);
+  RawWriter& raw(std::string_view bytes);
+  void set(std::size_t at, std::uint32_t value);
+  [[nodiscard]] std::size_t size() const { return bytes_.size(); }
+  [[nodiscard]] std::string take() { return std::move(bytes_); }
+
+ private:
+  std::string bytes_;
+};
+
+/// A call of "echo" whose dictionary holds "value", a variant of that signature.
+RawMessage echoCallOf(std::uint32_t serial, const std::string& signature,
+                      const std::function<void(RawWriter&)>& write);
 /// A call of "echo" whose dictionary holds one string of that many bytes.
 RawMessage echoCall(std::uint32_t serial, std::size_t text_bytes);
 /// The sixteen bytes that begin a message with a body of that size.
@@ -65,6 +87,7 @@ class RawPeer {
   void awaitRoom() const;
   /// Blocks until there is something to receive, and leaves it there.
   void awaitInput() const;
+  void stopSending() const;
   void close() { socket_.reset(); }
   [[nodiscard]] int descriptor() const { return socket_.get(); }
 

@@ -1,0 +1,212 @@
+// The far side of a connection that this process opens may be as hostile as one that comes to it.
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <array>
+#include <cstring>
+
+#include "platform/dispatch/manual_clock.h"
+#include "tests/xpc/echo.h"
+#include "tests/xpc/raw_peer.h"
+
+namespace kelvane::tests {
+namespace {
+
+constexpr std::uint64_t second = 1'000'000'000;
+
+FileDescriptor receiveDescriptor(int socket) {
+  char byte = 0;
+  iovec data{&byte, 1};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  msghdr message{};
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  if (::recvmsg(socket, &message, MSG_CMSG_CLOEXEC) != 1) return {};
+  int descriptor = -1;
+  std::memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof descriptor);
+  return FileDescriptor(descriptor);
+}
+
+class HostileService : public testing::Test {
+ protected:
+  HostileService() {
+    std::array<int, 2> pair{};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
+    const FileDescriptor far(pair[1]);
+    connection_ = xpc::Connection::initWithListenerEndpoint(*xpc::Endpoint::adopt(FileDescriptor(pair[0])));
+    service_.emplace(receiveDescriptor(far.get()));
+    connection_->setInterruptionHandler([this] { interrupted_(); });
+    connection_->resume();
+    remote_ = connection_->remoteObjectProxyWithErrorHandler<EchoProtocol>([this](const xpc::Error& error) {
+      error_ = error;
+      answered_();
+    });
+    remote_->greet("you", [this](std::string reply) {
+      reply_ = std::move(reply);
+      answered_();
+    });
+  }
+  ~HostileService() override {
+    connection_->invalidate();
+    dispatch_sync(connection_->queue(), [] {});
+  }
+  void handshake() {
+    for (int line = 0; line < 4; ++line) service_->readLine();
+    service_->send("DATA\r\nOK 00112233445566778899aabbccddeeff\r\nAGREE_UNIX_FD\r\n");
+    ASSERT_TRUE(service_->receive());  // the call
+  }
+  static RawMessage replyTo(std::uint32_t serial, const std::string& text) {
+    RawMessage message;
+    message.type = 2;
+    message.serial = serial;
+    message.reply_serial = serial;
+    message.signature = "s";
+    message.body = RawWriter().text(text).take();
+    return message;
+  }
+  /// The connection goes on with a second call.
+  void expectToGoOn() {
+    remote_->greet("again", [this](std::string reply) {
+      reply_ = std::move(reply);
+      answered_();
+    });
+    ASSERT_TRUE(service_->receive());
+    service_->send(replyTo(2, "second").bytes());
+    answered_.wait();
+    EXPECT_EQ(reply_, "second");
+  }
+
+  ManualClock clock_;
+  std::shared_ptr<xpc::Connection> connection_;
+  std::optional<RawPeer> service_;
+  std::shared_ptr<EchoProtocol> remote_;
+  std::string reply_;
+  std::optional<xpc::Error> error_;
+  Signal answered_;
+  Signal interrupted_;
+};
+
+TEST_F(HostileService, AReplyByBytesArrives) {
+  handshake();
+  service_->send(replyTo(1, "first").bytes());
+  answered_.wait();
+  EXPECT_EQ(reply_, "first");
+  expectToGoOn();
+}
+
+TEST_F(HostileService, AnErrorReplyCallsTheErrorHandlerWithItsNameAndText) {
+  handshake();
+  RawMessage message = replyTo(1, "because");
+  message.type = 3;
+  message.error_name = "org.example.Refused";
+  service_->send(message.bytes());
+  answered_.wait();
+  ASSERT_TRUE(error_);
+  EXPECT_EQ(error_->name, "org.example.Refused");
+  EXPECT_EQ(error_->message, "because");
+  expectToGoOn();
+}
+
+TEST_F(HostileService, AReplyWithAnotherSignatureIsAnErrorOfItsCallOnly) {
+  handshake();
+  RawMessage message = replyTo(1, "");
+  message.signature = "u";
+  message.body = RawWriter().number(5).take();
+  service_->send(message.bytes());
+  answered_.wait();
+  ASSERT_TRUE(error_);
+  EXPECT_EQ(error_->name, xpc::error_invalid_arguments);
+  expectToGoOn();
+}
+
+TEST_F(HostileService, AReplyThatContradictsItsSignatureIsAnErrorOfItsCallOnly) {
+  handshake();
+  RawMessage message = replyTo(1, "");
+  message.body = RawWriter().number(500).take();
+  service_->send(message.bytes());
+  answered_.wait();
+  EXPECT_TRUE(error_);
+  expectToGoOn();
+}
+
+TEST_F(HostileService, ASecondReplyToOneCallIsIgnored) {
+  handshake();
+  service_->send(replyTo(1, "first").bytes() + replyTo(1, "once more").bytes());
+  answered_.wait();
+  EXPECT_EQ(reply_, "first");
+  expectToGoOn();
+}
+
+TEST_F(HostileService, AReplyInTheSamePacketAsTheHandshakesEndArrives) {
+  for (int line = 0; line < 4; ++line) service_->readLine();
+  service_->send("DATA\r\nOK 00112233445566778899aabbccddeeff\r\n");
+  service_->send("AGREE_UNIX_FD\r\n" + replyTo(7, "to nothing").bytes());
+  ASSERT_TRUE(service_->receive());
+  service_->send(replyTo(1, "first").bytes());
+  answered_.wait();
+  EXPECT_EQ(reply_, "first") << (error_ ? error_->description() : "");
+}
+
+TEST_F(HostileService, ACallToAConnectionThatExportsNothingIsAnswered) {
+  handshake();
+  service_->send(echoCall(9, 8).bytes() + replyTo(1, "first").bytes());
+  answered_.wait();
+  const auto refusal = service_->receive();
+  ASSERT_TRUE(refusal);
+  EXPECT_EQ(refusal->type, 3);
+}
+
+TEST_F(HostileService, AServiceThatNeverAnswersTheHandshakeIsGivenUpAfterFiveSeconds) {
+  clock_.awaitWaiterFor(5 * second);
+  clock_.advance(5 * second - 1);
+  clock_.advance(1);
+  interrupted_.wait();
+  answered_.wait();
+  EXPECT_EQ(error_->name, xpc::error_disconnected);
+}
+
+TEST_F(HostileService, AServiceThatNeverRepliesIsWaitedForAsLongAsItLives) {
+  handshake();
+  clock_.advance(1000 * second);
+  expectToGoOn();
+  service_->close();
+  answered_.wait();
+  EXPECT_EQ(error_->name, xpc::error_disconnected);
+}
+
+TEST_F(HostileService, GarbageInsteadOfTheHandshakeInterrupts) {
+  service_->send("what?\r\nnever heard of it\r\n\r\n");
+  interrupted_.wait();
+  answered_.wait();
+  EXPECT_EQ(error_->name, xpc::error_disconnected);
+}
+
+TEST_F(HostileService, AnOversizedReplyInterrupts) {
+  handshake();
+  service_->send(headerClaiming(33U << 20));
+  interrupted_.wait();
+  answered_.wait();
+  EXPECT_EQ(error_->name, xpc::error_disconnected);
+}
+
+TEST_F(HostileService, HalfAReplyInterruptsAfterTenSeconds) {
+  handshake();
+  service_->send(replyTo(1, "first").bytes().substr(0, 30));
+  clock_.awaitWaiterFor(10 * second);
+  clock_.advance(10 * second);
+  interrupted_.wait();
+  answered_.wait();
+  EXPECT_TRUE(error_);
+}
+
+TEST_F(HostileService, DeathBeforeTheHandshakeInterrupts) {
+  service_->close();
+  interrupted_.wait();
+  answered_.wait();
+  EXPECT_TRUE(error_);
+}
+
+}  // namespace
+}  // namespace kelvane::tests
