@@ -18,6 +18,9 @@ using kern_return_t = int;
 inline constexpr kern_return_t KERN_SUCCESS = 0;
 kern_return_t mach_timebase_info(mach_timebase_info_data_t* info);
 
+/// Blocks the calling thread for so long on the process's clock.
+void usleep(std::uint32_t microseconds);
+
 /// The present moment by the calendar.
 [[nodiscard]] Date currentDate();
 
