@@ -53,6 +53,12 @@ class Kelvane final : public ClientInterface {
   [[nodiscard]] Services mutableServices() const;
   [[nodiscard]] Services copyServices() override { return mutableServices(); }
 
+  /// How many elements the collection has, read on `collection_queue`; so not for a caller on it.
+  template <class Collection>
+  [[nodiscard]] std::size_t requestsInFlight(const Collection& collection) const {
+    return dispatch_sync(collection_queue_, [&] { return collection.size(); });
+  }
+
   /// An event of the file-system stream.
   void handleVFSStreamXPCEvent(const Dictionary& event);
   /// The periodic maintenance of one volume.
@@ -68,7 +74,7 @@ class Kelvane final : public ClientInterface {
   [[nodiscard]] const std::shared_ptr<KelvaneListener>& listener() const { return listener_; }
   void setListener(std::shared_ptr<KelvaneListener> listener) { listener_ = std::move(listener); }
   [[nodiscard]] const dispatch_queue_t& purge_queue() const override { return purge_queue_; }
-  [[nodiscard]] const dispatch_queue_t& purgeable_queue() const { return purgeable_queue_; }
+  [[nodiscard]] const dispatch_queue_t& purgeable_queue() const override { return purgeable_queue_; }
   /// Nothing runs on it: periodic maintenance runs on its caller's thread.
   [[nodiscard]] const dispatch_queue_t& periodic_queue() const { return periodic_queue_; }
   [[nodiscard]] const dispatch_queue_t& notify_queue() const override { return notify_queue_; }

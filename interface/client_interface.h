@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "interface/held_record.h"
+#include "operations/persistent_state.h"
 #include "operations/purge_operation.h"
 #include "platform/dispatch/queue.h"
 #include "support/protocols.h"
@@ -28,7 +30,9 @@ class UserDefaults;
 /// Purge token to the operation that runs under it.
 using PurgeOperations = std::vector<std::pair<Value, std::shared_ptr<KelvanePurgeOperation>>>;
 
-class ClientInterface : public KelvaneClientProtocol, public std::enable_shared_from_this<ClientInterface> {
+class ClientInterface : public KelvaneClientProtocol,
+                        public PersistentState,
+                        public std::enable_shared_from_this<ClientInterface> {
  public:
   // --- the remote methods, in the protocol's order ---
 
@@ -57,18 +61,25 @@ class ClientInterface : public KelvaneClientProtocol, public std::enable_shared_
   /// The callback, if any, gets each service's reply and then the result.
   std::optional<Dictionary> purge(const Dictionary& info, const PurgeCallback& callback);
 
+  // --- purgeable space ---
+
+  /// What the services could free on the info's volume, after all earlier questions: nothing when the request
+  /// was refused. Blocks, so not for a caller on `purgeable_queue`.
+  std::optional<Dictionary> totalAvailable(const Dictionary& info);
+
   // --- the state store, for callers that run on `defaults_queue`; a call from elsewhere is fatal ---
 
   void _clientSetState(const Value& value, const std::string& key, const Reply<>& reply);
   void _clientGetState(const Value& key, const Reply<Value>& reply);
-  void clientSetStateSync(const Value& value, const std::string& key);
-  [[nodiscard]] Value clientGetStateSync(const std::string& key);
+  void clientSetStateSync(const StateObject& value, const std::string& key) override;
+  [[nodiscard]] StateObject clientGetStateSync(const std::string& key) override;
+  void settleState() override;
 
   // --- what the central object provides ---
 
   [[nodiscard]] virtual const dispatch_queue_t& collection_queue() const = 0;
-  [[nodiscard]] virtual const dispatch_queue_t& defaults_queue() const = 0;
   [[nodiscard]] virtual const dispatch_queue_t& purge_queue() const = 0;
+  [[nodiscard]] virtual const dispatch_queue_t& purgeable_queue() const = 0;
   [[nodiscard]] virtual const dispatch_queue_t& notify_queue() const = 0;
   [[nodiscard]] virtual const dispatch_queue_t& daemons_queue() const = 0;
   /// Only on `collection_queue`.
@@ -88,8 +99,12 @@ class ClientInterface : public KelvaneClientProtocol, public std::enable_shared_
                const Reply<std::optional<Dictionary>>& reply);
   void connect(const std::shared_ptr<KVService>& service);
   Block recordRemoval(const std::shared_ptr<KVService>& service, const char* log_text);
-  void answerPurgeableSpace(const char* entitlement, const char* selector,
+  void answerPurgeableSpace(const Dictionary& info, const char* entitlement, const char* selector,
                             const Reply<std::optional<Dictionary>>& reply);
+  void store(const Value& value, const std::string& key);
+  [[nodiscard]] StateObject unarchived(const Data& archive);
+
+  HeldRecord held_record_;  // only on defaults_queue
 };
 
 }  // namespace kelvane

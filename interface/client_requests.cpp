@@ -7,6 +7,7 @@
 #include "common/keys.h"
 #include "interface/caller.h"
 #include "interface/client_interface.h"
+#include "operations/purgeable_operation.h"
 #include "platform/dispatch/group.h"
 #include "support/token.h"
 
@@ -46,20 +47,34 @@ void ClientInterface::clientPurge(Dictionary info, ResultReply reply) {
   replyLater(reply, std::move(result));
 }
 
-void ClientInterface::clientPurgeableSpace(Dictionary /*info*/, ResultReply reply) {
-  answerPurgeableSpace(PURGEABLE_ENTITLEMENT, "clientPurgeableSpace:replyBlock:", reply);
+void ClientInterface::clientPurgeableSpace(Dictionary info, ResultReply reply) {
+  answerPurgeableSpace(info, PURGEABLE_ENTITLEMENT, "clientPurgeableSpace:replyBlock:", reply);
 }
 
-void ClientInterface::clientItemizedPurgeableSpace(Dictionary /*info*/, ResultReply reply) {
-  answerPurgeableSpace(ITEMIZED_PURGEABLE_ENTITLEMENT, "clientItemizedPurgeableSpace:replyBlock:", reply);
+void ClientInterface::clientItemizedPurgeableSpace(Dictionary info, ResultReply reply) {
+  answerPurgeableSpace(info, ITEMIZED_PURGEABLE_ENTITLEMENT,
+                       "clientItemizedPurgeableSpace:replyBlock:", reply);
 }
 
-/// No service is asked yet for what it could free, so the answer is nothing, entitled or not; but who may ask
-/// is checked, and said.
-void ClientInterface::answerPurgeableSpace(const char* entitlement, const char* selector,
-                                           const ResultReply& reply) {
-  static_cast<void>(callerIsEntitled(entitlement, selector));
-  replyLater(reply, std::nullopt);
+/// Both forms get the same answer; they differ in who may ask.
+void ClientInterface::answerPurgeableSpace(const Dictionary& info, const char* entitlement,
+                                           const char* selector, const ResultReply& reply) {
+  std::optional<Dictionary> result;
+  if (callerIsEntitled(entitlement, selector)) result = totalAvailable(info);
+  replyLater(reply, std::move(result));
+}
+
+std::optional<Dictionary> ClientInterface::totalAvailable(const Dictionary& info) {
+  const dispatch_group_t group = dispatch_group_create();
+  std::optional<Dictionary> result;
+  // What the item captures by reference outlives it: the wait below has no time limit.
+  dispatch_group_async(group, purgeable_queue(), [&] {
+    const auto operation = KelvanePurgeableOperation::initWithInfo(info, copyServices(), shared_from_this());
+    if (operation == nullptr) return;
+    operation->startOperation([&](const Dictionary& counted) { result = counted; });
+  });
+  static_cast<void>(dispatch_group_wait(group, DISPATCH_TIME_FOREVER));
+  return result;
 }
 
 std::optional<Dictionary> ClientInterface::purge(const Dictionary& info, const PurgeCallback& callback) {

@@ -4,6 +4,10 @@
 // A store that could not be opened holds nothing: what is written is dropped, what is read is the default. A
 // stored object that is no dictionary is somebody else's; reading leaves it alone, and the first write starts
 // the state anew in its place.
+//
+// The recent-info record is the one value that the daemon changes many times a second. It stays an object in
+// memory while only the daemon uses it. Whoever else reads or writes the state has it written first, so
+// nobody can tell; only a daemon that is killed loses it, and it can be made again.
 
 #include <cerrno>
 #include <cstring>
@@ -80,44 +84,73 @@ void ClientInterface::clientGetState(xpc::Anything key, Reply<Value> reply) {
 
 void ClientInterface::_clientSetState(const Value& value, const std::string& key, const Reply<>& reply) {
   dispatch_assert_queue(defaults_queue());
-  if (userDefaults() != nullptr) {
-    const Value stored = storedState(userDefaults());
-    Dictionary state = stored.isDictionary() ? *stored.dictionary() : Dictionary();
-    state.set(key, value);  // nothing removes the key
-    userDefaults()->setObject(state, KELVANE_USER_DEFAULTS);
-    userDefaults()->synchronize();
-  }
+  settleState();
+  held_record_ = {};  // what is written may take its place
+  store(value, key);
   if (key == KELVANE_CACHE_ENABLED) notifyRecipients(key, value);
   reply();
+}
+
+void ClientInterface::store(const Value& value, const std::string& key) {
+  if (userDefaults() == nullptr) return;
+  const Value stored = storedState(userDefaults());
+  Dictionary state = stored.isDictionary() ? *stored.dictionary() : Dictionary();
+  state.set(key, value);  // nothing removes the key
+  userDefaults()->setObject(state, KELVANE_USER_DEFAULTS);
+  userDefaults()->synchronize();
 }
 
 void ClientInterface::_clientGetState(const Value& key, const Reply<Value>& reply) {
   dispatch_assert_queue(defaults_queue());
   KVLog(5, "%s ENTRY", get_selector);
+  settleState();
   reply(valueFor(key, key.isString() ? storedState(userDefaults()) : Value(), default_values()));
   KVLog(5, "%s EXIT", get_selector);
 }
 
-void ClientInterface::clientSetStateSync(const Value& value, const std::string& key) {
+void ClientInterface::settleState() {
   dispatch_assert_queue(defaults_queue());
+  if (held_record_.isUnwritten()) store(held_record_.takeArchive(), held_record_.key());
+}
+
+void ClientInterface::clientSetStateSync(const StateObject& value, const std::string& key) {
+  dispatch_assert_queue(defaults_queue());
+  if (const auto* const record = std::get_if<std::shared_ptr<KelvaneRecentInfo>>(&value)) {
+    if (!held_record_.isUnwritten(key)) settleState();
+    held_record_.hold(*record, key);
+    return;
+  }
   const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
-  _clientSetState(value, key, [&] { dispatch_semaphore_signal(semaphore); });
+  _clientSetState(std::get<Value>(value), key, [&] { dispatch_semaphore_signal(semaphore); });
   awaitAnswer(semaphore, set_sync_selector);
 }
 
-Value ClientInterface::clientGetStateSync(const std::string& key) {
+StateObject ClientInterface::clientGetStateSync(const std::string& key) {
   KVLog(5, "%s ENTRY", get_sync_selector);
   dispatch_assert_queue(defaults_queue());
   KVLog(5, "%s %d", get_sync_selector, 641);
   const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
-  Value result;
-  _clientGetState(key, [&](const Value& value) {
-    result = value.data() != nullptr ? unarchivedValue(*value.data()) : value;
+  StateObject result;
+  if (held_record_.isUnwritten(key)) {
+    KVLog(5, "%s ENTRY", get_selector);
+    result = held_record_.record();
+    KVLog(5, "%s EXIT", get_selector);
     dispatch_semaphore_signal(semaphore);
-  });
+  } else {
+    _clientGetState(key, [&](const Value& value) {
+      result = value.data() != nullptr ? unarchived(*value.data()) : value;
+      dispatch_semaphore_signal(semaphore);
+    });
+  }
   awaitAnswer(semaphore, get_sync_selector);
   KVLog(5, "%s EXIT", get_sync_selector);
   return result;
+}
+
+/// A record, or any other object that was archived; nothing for what is no archive.
+StateObject ClientInterface::unarchived(const Data& archive) {
+  if (auto record = held_record_.unarchived(archive)) return record;
+  return unarchivedValue(archive);
 }
 
 }  // namespace kelvane

@@ -156,22 +156,5 @@ TEST_F(PurgeRequests, ACancelSentWhileThePurgeIsRunningUnderTheSameTokenFindsNoO
   EXPECT_FALSE(done->contains(KELVANE_OPERATION_CANCELLED));
 }
 
-// --- what nobody is asked for yet ---
-
-TEST_F(PurgeRequests, PurgeableSpaceIsRefusedByItsOwnEntitlementAndKnownToNobody) {
-  grant({ITEMIZED_PURGEABLE_ENTITLEMENT});
-  Caller& process = caller();
-  DictionaryAnswer plain;
-  DictionaryAnswer itemized;
-  process.proxy().clientPurgeableSpace(
-      asking(0), [plain](const std::optional<Dictionary>& result) mutable { plain.come(result); });
-  process.proxy().clientItemizedPurgeableSpace(
-      asking(0), [itemized](const std::optional<Dictionary>& result) mutable { itemized.come(result); });
-  EXPECT_EQ(plain.await(), std::nullopt);
-  EXPECT_EQ(itemized.await(), std::nullopt);
-  EXPECT_EQ(log_.count(3, "clientPurgeableSpace:replyBlock: Connection is not entitled!"), 1u);
-  EXPECT_EQ(log_.count(3, "clientItemizedPurgeableSpace:replyBlock: Connection is not entitled!"), 0u);
-}
-
 }  // namespace
 }  // namespace kelvane

@@ -31,6 +31,7 @@ class Registry final : public ClientInterface {
   [[nodiscard]] const dispatch_queue_t& collection_queue() const override { return collection_queue_; }
   [[nodiscard]] const dispatch_queue_t& defaults_queue() const override { return defaults_queue_; }
   [[nodiscard]] const dispatch_queue_t& purge_queue() const override { return purge_queue_; }
+  [[nodiscard]] const dispatch_queue_t& purgeable_queue() const override { return purgeable_queue_; }
   [[nodiscard]] const dispatch_queue_t& notify_queue() const override { return notify_queue_; }
   [[nodiscard]] const dispatch_queue_t& daemons_queue() const override { return daemons_queue_; }
   [[nodiscard]] Services& services() override { return services_; }
@@ -51,6 +52,7 @@ class Registry final : public ClientInterface {
   const dispatch_queue_t collection_queue_ = dispatch_queue_create("collection");
   const dispatch_queue_t defaults_queue_ = dispatch_queue_create("defaults");
   const dispatch_queue_t purge_queue_ = dispatch_queue_create("purge");
+  const dispatch_queue_t purgeable_queue_ = dispatch_queue_create("purgeable");
   const dispatch_queue_t notify_queue_ = dispatch_queue_create("notify");
   const dispatch_queue_t daemons_queue_ = dispatch_queue_create("daemons");
   Services services_;
@@ -81,6 +83,12 @@ class Caller {
   }
   DictionaryAnswer purge(const Dictionary& info) {
     return dictionary([&](auto reply) { proxy_->clientPurge(info, reply); });
+  }
+  DictionaryAnswer purgeableSpace(const Dictionary& info) {
+    return dictionary([&](auto reply) { proxy_->clientPurgeableSpace(info, reply); });
+  }
+  DictionaryAnswer itemizedPurgeableSpace(const Dictionary& info) {
+    return dictionary([&](auto reply) { proxy_->clientItemizedPurgeableSpace(info, reply); });
   }
   void cancel(const Dictionary& info) {
     Answer<bool> answer;

@@ -30,9 +30,10 @@ class StateStore : public tests::InterfaceFixture {
     dispatch_sync(registry_->defaults_queue(), [] {});  // the read's last line comes after its answer
     return value;
   }
-  Value readSync(const std::string& key) {
+  StateObject readObject(const std::string& key) {
     return dispatch_sync(registry_->defaults_queue(), [&] { return registry_->clientGetStateSync(key); });
   }
+  Value readSync(const std::string& key) { return std::get<Value>(readObject(key)); }
 };
 
 TEST_F(StateStore, ReadingCacheEnabledOnAFreshStoreRepliesTrueWithoutALogLine) {
@@ -116,6 +117,146 @@ TEST_F(StateStore, OnlyTheBlockingReaderTurnsDataBackIntoAnObject) {
   EXPECT_TRUE(log_.contains(5, "clientGetStateSync: ENTRY"));
   EXPECT_TRUE(log_.contains(5, "clientGetStateSync: 641"));
   EXPECT_TRUE(log_.contains(5, "clientGetStateSync: EXIT"));
+}
+
+// --- the recent-info record ---
+
+class RecordStore : public StateStore {
+ protected:
+  static std::shared_ptr<KelvaneRecentInfo> recordOf(std::uint64_t amount) {
+    return KelvaneRecentInfo::kelvaneRecentInfo(
+        {{"/data", KelvaneRecentVolumeInfo::kelvaneRecentVolumeInfo(
+                       {{"one", KelvaneRecentServiceInfo::kelvaneRecentServiceInfo(amount, Date{5})}}, 1000,
+                       Date{6}, "/data")}});
+  }
+  static const std::shared_ptr<KelvaneRecentInfo>& recordIn(const StateObject& object) {
+    return std::get<std::shared_ptr<KelvaneRecentInfo>>(object);
+  }
+  void writeRecord(std::uint64_t amount, const std::string& key = KELVANE_RECENT_SERVICE_STATS) {
+    dispatch_sync(registry_->defaults_queue(), [&] { registry_->clientSetStateSync(recordOf(amount), key); });
+  }
+  void settle() {
+    dispatch_sync(registry_->defaults_queue(), [&] { registry_->settleState(); });
+  }
+  Value inTheFile() {
+    const auto again = UserDefaults::initWithSuiteName("com.orvel.kelvane", directory_.path());
+    const Value state = again->objectForKey(KELVANE_USER_DEFAULTS);
+    return state.isDictionary() ? (*state.dictionary())[KELVANE_RECENT_SERVICE_STATS] : Value();
+  }
+};
+
+TEST_F(RecordStore, ARecordComesBackAsARecordFromTheBlockingReaderAndAsItsArchiveFromTheRemoteOne) {
+  writeRecord(7);
+  EXPECT_EQ(*recordIn(readObject(KELVANE_RECENT_SERVICE_STATS)), *recordOf(7));
+  EXPECT_EQ(read(KELVANE_RECENT_SERVICE_STATS), Value(archivedData(*recordOf(7))));
+  EXPECT_EQ(*recordIn(readObject(KELVANE_RECENT_SERVICE_STATS)), *recordOf(7));
+}
+
+TEST_F(RecordStore, ARecordInTheFileIsRebuiltFromItsArchive) {
+  write(archivedData(*recordOf(8)), KELVANE_RECENT_SERVICE_STATS);
+  EXPECT_EQ(*recordIn(readObject(KELVANE_RECENT_SERVICE_STATS)), *recordOf(8));
+}
+
+TEST_F(RecordStore, ARecordIsInTheFileOnceTheStateIsSettledOrAnybodyElseHasUsedIt) {
+  writeRecord(1);
+  settle();
+  EXPECT_EQ(inTheFile(), Value(archivedData(*recordOf(1))));
+  writeRecord(2);
+  read("other");
+  EXPECT_EQ(inTheFile(), Value(archivedData(*recordOf(2))));
+  writeRecord(3);
+  write(1, "other");
+  EXPECT_EQ(inTheFile(), Value(archivedData(*recordOf(3))));
+}
+
+TEST_F(RecordStore, AnyKeyTakesARecordAndTheWholeStateShowsIt) {
+  writeRecord(1);
+  writeRecord(2, "another");
+  const Value whole = read(KELVANE_USER_DEFAULTS);
+  EXPECT_EQ((*whole.dictionary())[KELVANE_RECENT_SERVICE_STATS], Value(archivedData(*recordOf(1))));
+  EXPECT_EQ((*whole.dictionary())["another"], Value(archivedData(*recordOf(2))));
+}
+
+TEST_F(RecordStore, AClientThatWritesUnderTheRecordsKeyReplacesIt) {
+  const Data archive = archivedData(*recordOf(1));
+  writeRecord(1);
+  read(KELVANE_RECENT_SERVICE_STATS);
+  write("text", KELVANE_RECENT_SERVICE_STATS);
+  EXPECT_EQ(readSync(KELVANE_RECENT_SERVICE_STATS), Value("text"));
+  write(Data({1, 2, 3}), KELVANE_RECENT_SERVICE_STATS);
+  EXPECT_EQ(readSync(KELVANE_RECENT_SERVICE_STATS), Value());
+  write(Value(), KELVANE_RECENT_SERVICE_STATS);
+  EXPECT_EQ(readSync(KELVANE_RECENT_SERVICE_STATS), Value());
+  write(archive, KELVANE_RECENT_SERVICE_STATS);
+  EXPECT_EQ(*recordIn(readObject(KELVANE_RECENT_SERVICE_STATS)), *recordOf(1));
+}
+
+TEST_F(RecordStore, ARecordThatWasEmptiedAndRemovedDoesNotComeBackWhenItsArchiveDoes) {
+  const Data archive = archivedData(*recordOf(1));
+  write(archive, KELVANE_RECENT_SERVICE_STATS);
+  recordIn(readObject(KELVANE_RECENT_SERVICE_STATS))->setVolumes({});
+  dispatch_sync(registry_->defaults_queue(),
+                [&] { registry_->clientSetStateSync(Value(), KELVANE_RECENT_SERVICE_STATS); });
+  write(archive, KELVANE_RECENT_SERVICE_STATS);
+  EXPECT_EQ(*recordIn(readObject(KELVANE_RECENT_SERVICE_STATS)), *recordOf(1));
+}
+
+TEST_F(RecordStore, ReadingAnUnwrittenRecordLogsAsAnyOtherReading) {
+  writeRecord(1);
+  log_.clear();
+  readObject(KELVANE_RECENT_SERVICE_STATS);
+  for (const char* line : {"clientGetStateSync: ENTRY", "clientGetStateSync: 641", "clientGetStateSync: EXIT",
+                           "_clientGetState:replyBlock: ENTRY", "_clientGetState:replyBlock: EXIT"})
+    EXPECT_EQ(log_.count(5, line), 1u) << line;
+}
+
+// --- values ---
+
+TEST_F(StateStore, ValuesOfEveryTypeComeBackAsTheyWere) {
+  Value deep = "innermost";
+  for (int i = 0; i < 50; ++i) deep = i % 2 == 0 ? Value(Array{deep}) : Value(Dictionary{{"k", deep}});
+  const std::vector<Value> values = {true,
+                                     0,
+                                     -1,
+                                     std::uint64_t{~0ULL},
+                                     1.5,
+                                     "",
+                                     "text",
+                                     Data(),
+                                     Data({0}),
+                                     Date{-1},
+                                     Array{},
+                                     Array{1, Array{"two"}},
+                                     Dictionary(),
+                                     deep,
+                                     std::string(10 << 20, 'x')};
+  for (const Value& value : values) {
+    write(value, "k");
+    const Value back = read("k");
+    EXPECT_TRUE(back == value) << value.description().substr(0, 100);
+    EXPECT_EQ(back.held().index(), value.held().index());
+  }
+}
+
+TEST_F(StateStore, AnEmptyKeyIsAKeyLikeAnyOther) {
+  write(5, "");
+  EXPECT_EQ(read(""), Value(5));
+  EXPECT_EQ(read(KELVANE_CACHE_ENABLED), Value(true));
+}
+
+TEST_F(StateStore, AValueUnderTheReservedKeyIsStoredAndSeenOnlyWithinTheWholeState) {
+  write(5, KELVANE_USER_DEFAULTS);
+  EXPECT_EQ(read(KELVANE_USER_DEFAULTS),
+            Value(Dictionary{{KELVANE_USER_DEFAULTS, 5}, {KELVANE_CACHE_ENABLED, true}}));
+}
+
+TEST_F(StateStore, AValueThatNestsTooDeepToBeStoredLeavesWhatWasThere) {
+  Value deep = 1;
+  for (int i = 0; i < 100'000; ++i) deep = Array{deep};
+  write("before", "k");
+  write(deep, "k");
+  EXPECT_EQ(read("k"), Value("before"));
+  while (deep.array() != nullptr && !deep.array()->empty()) deep = Value((*deep.array())[0]);
 }
 
 TEST_F(StateStore, TheBlockingWriterStoresAnyOtherValueAsItIs) {

@@ -29,6 +29,11 @@ class FakeService {
     std::uint64_t asked() const { return info[KELVANE_AMOUNT].unsignedLongLongValue(); }
   };
 
+  struct Question {
+    std::int32_t urgency;
+    Dictionary info;
+  };
+
   explicit FakeService(std::string ID) : ID_(std::move(ID)), state_(std::make_shared<State>()) {
     listener_ = xpc::Listener::anonymousListener();
     listener_->setConnectionHandler([state = state_](const std::shared_ptr<xpc::Connection>& connection) {
@@ -62,14 +67,37 @@ class FakeService {
       reply(Dictionary{{KELVANE_AMOUNT, amount(purge.asked())}});
     });
   }
+  void onPurgeable(std::function<void(const Question& question, const ResultReply& reply)> answer) {
+    state_->on_purgeable = std::move(answer);
+  }
+  /// Answers every question about purgeable space with this.
+  void answersPurgeable(std::optional<Dictionary> answer) {
+    onPurgeable([answer = std::move(answer)](const Question& /*question*/, const ResultReply& reply) {
+      reply(answer);
+    });
+  }
   void onPing(std::function<void(const Reply<>& reply)> answer) { state_->on_ping = std::move(answer); }
   void answersCancel(bool answers) { state_->answers_cancel = answers; }
+
+  /// Answers the first question that it has been silent about.
+  void answerKept(const std::optional<Dictionary>& answer) {
+    ResultReply reply;
+    state_->change([&](State& it) {
+      reply = std::move(it.unanswered.front());
+      it.unanswered.erase(it.unanswered.begin());
+    });
+    reply(answer);
+  }
 
   // --- what it was asked ---
 
   [[nodiscard]] std::vector<Purge> purgesAsked() const {
     const std::scoped_lock lock(state_->mutex);
     return state_->purges;
+  }
+  [[nodiscard]] std::vector<Question> questions() const {
+    const std::scoped_lock lock(state_->mutex);
+    return state_->questions;
   }
   [[nodiscard]] std::vector<Dictionary> notifications() const {
     const std::scoped_lock lock(state_->mutex);
@@ -82,6 +110,9 @@ class FakeService {
   // The test program's time limit is the only one.
   void awaitPurges(std::size_t number) const {
     await([=](const State& it) { return it.purges.size() >= number; });
+  }
+  void awaitQuestions(std::size_t number) const {
+    await([=](const State& it) { return it.questions.size() >= number; });
   }
   void awaitCancels(int number) const {
     await([=](const State& it) { return it.cancels >= number; });
@@ -122,12 +153,14 @@ class FakeService {
  private:
   struct State {
     std::function<void(const Purge&, const ResultReply&)> on_purge;  // constant once called
+    std::function<void(const Question&, const ResultReply&)> on_purgeable;
     std::function<void(const Reply<>&)> on_ping = [](const Reply<>& reply) { reply(); };
     bool answers_cancel = true;
 
     std::mutex mutex;  // guards all below
     std::condition_variable changed;
     std::vector<Purge> purges;
+    std::vector<Question> questions;
     std::vector<Dictionary> notifications;
     std::vector<std::shared_ptr<xpc::Connection>> connections;
     std::vector<ResultReply> unanswered;  // kept, so that the caller goes on waiting
@@ -149,8 +182,13 @@ class FakeService {
    public:
     explicit Object(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
-    void servicePurgeable(std::int32_t /*urgency*/, Dictionary /*info*/, ResultReply reply) override {
-      keep(reply);
+    void servicePurgeable(std::int32_t urgency, Dictionary info, ResultReply reply) override {
+      const Question question{urgency, std::move(info)};
+      state_->change([&](State& it) {
+        it.questions.push_back(question);
+        if (!it.on_purgeable) it.unanswered.push_back(reply);
+      });
+      if (state_->on_purgeable) state_->on_purgeable(question, reply);
     }
     void servicePurge(std::int32_t urgency, Dictionary info, ResultReply reply) override {
       const Purge purge{urgency, std::move(info)};

@@ -1,0 +1,68 @@
+#pragma once
+
+// Asks the services how much they could free on one volume, and counts.
+//
+// Answers are not added up as they come. Each is written into the recent-info record, and when the waiting is
+// over, what the record then holds for the volume is counted. A service whose figure the record holds already
+// is not asked at all.
+//
+// `startOperation` blocks its thread: 10 seconds for the services, and a short polling tail for stragglers.
+// Each service is asked from an item of the global queue; replies come on the threads of their connections.
+// The record is used on the state's `defaults_queue` only, in the order in which it was asked for, so the
+// count sees every answer that came before it.
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "operations/operation.h"
+#include "operations/persistent_state.h"
+
+namespace kelvane {
+
+class KelvanePurgeableOperation final : public KelvaneOperation {
+ public:
+  /// As the base's, with the services that purge and may be queried only. The record is kept in `state`.
+  static std::shared_ptr<KelvanePurgeableOperation> initWithInfo(const Value& info, Services services,
+                                                                 std::shared_ptr<PersistentState> state);
+  KelvanePurgeableOperation(Key key, std::shared_ptr<PersistentState> state)
+      : KelvaneOperation(key), state_(std::move(state)) {}
+
+  /// Runs the whole operation and calls the completion once, on this thread, before it returns. The result is
+  /// each counted service's figure under its identifier, their sum, and the volume. The sum stops at the ends
+  /// of 64 signed bits.
+  void startOperation(const std::function<void(const Dictionary& result)>& completion);
+
+  /// Nothing: a question ends by itself.
+  void cancelOperation() override {}
+
+  /// With `add`, notes that the service wants not to be asked for the next 120 seconds, and returns false.
+  /// Without, whether that is so still.
+  bool optOutService(const std::string& identifier, bool add);
+
+  /// What the record holds for the info's volume (KELVANE_SERVICES_TO_COUNT: identifier to amount), and which
+  /// of the operation's services must be asked (KELVANE_SERVICES_TO_QUERY). Blocks until it has been looked
+  /// up.
+  [[nodiscard]] Dictionary cachedInfo(const Dictionary& info);
+  /// Records a service's answer: KELVANE_AMOUNT on KELVANE_VOLUME; nothing where one of them is missing.
+  /// Returns at once.
+  void updateServiceStats(const std::string& identifier, const Dictionary& entry);
+
+  /// Service identifier to the moment of the answer that opted out. Only on `collection_queue` while the
+  /// operation runs.
+  using OptOuts = std::map<std::string, Date>;
+  [[nodiscard]] const OptOuts& optOuts() const { return opt_outs_; }
+  void setOptOuts(OptOuts opt_outs) { opt_outs_ = std::move(opt_outs); }
+
+ private:
+  void ask(const Dictionary& cached, const Dictionary& request, const dispatch_group_t& group);
+  void awaitStragglers();
+  [[nodiscard]] Dictionary count(const Dictionary& figures) const;
+  [[nodiscard]] Array inFlightNames() const;
+
+  const std::shared_ptr<PersistentState> state_;
+  OptOuts opt_outs_;  // only on collection_queue
+};
+
+}  // namespace kelvane

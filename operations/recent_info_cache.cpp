@@ -1,0 +1,106 @@
+// The two operations on the recent-info record: which figures it still holds, and a fresh answer into it.
+
+#include <utility>
+
+#include "common/keys.h"
+#include "operations/purgeable_operation.h"
+#include "platform/host/time.h"
+#include "support/log.h"
+#include "support/volumes.h"
+
+namespace kelvane {
+namespace {
+
+constexpr const char* cached_selector = "cachedInfo:";
+constexpr const char* update_selector = "updateServiceStats:withInfo:";
+
+// How far a volume's free space may move, in bytes, and how old a figure may be, in seconds.
+constexpr std::uint64_t freespace_change = 5'242'880;
+constexpr double figure_age = 120.0;
+
+/// Null for what is no record; anybody may store anything under its key.
+std::shared_ptr<KelvaneRecentInfo> recordOf(PersistentState& state) {
+  const StateObject object = state.clientGetStateSync(KELVANE_RECENT_SERVICE_STATS);
+  const auto* const record = std::get_if<std::shared_ptr<KelvaneRecentInfo>>(&object);
+  return record != nullptr ? *record : nullptr;
+}
+
+Dictionary figuresOf(const KelvaneRecentInfo& record, const std::string& volume) {
+  Dictionary figures;
+  const auto found = record.volumes().find(volume);
+  if (found == record.volumes().end()) return figures;
+  for (const auto& [identifier, info] : found->second.services()) figures.set(identifier, info.amount());
+  return figures;
+}
+
+Array missingFrom(const Dictionary& figures, const Services& services) {
+  Array missing;
+  for (const auto& [identifier, service] : services) {
+    if (!figures.contains(identifier)) missing.append(identifier);
+  }
+  return missing;
+}
+
+/// The volume's free space and timestamp go with every answer of any service on it.
+void enter(RecentVolumes& volumes, const std::string& volume, const std::string& identifier,
+           KelvaneRecentServiceInfo info) {
+  const std::uint64_t freespace = volumeFreespace(volume);
+  const auto found = volumes.find(volume);
+  if (found == volumes.end()) {
+    volumes.emplace(volume, KelvaneRecentVolumeInfo::kelvaneRecentVolumeInfo(
+                                {{identifier, std::move(info)}}, freespace, currentDate(), volume));
+    return;
+  }
+  found->second.setService(identifier, std::move(info));
+  found->second.setFreespace(freespace);
+  found->second.setTimestamp(currentDate());
+}
+
+}  // namespace
+
+Dictionary KelvanePurgeableOperation::cachedInfo(const Dictionary& info) {
+  return dispatch_sync(state_->defaults_queue(), [&] {
+    const std::string* const volume = info[KELVANE_VOLUME].string();
+    const auto record = volume != nullptr ? recordOf(*state_) : nullptr;
+    Dictionary to_count;
+    auto status = KelvaneRecentInfo::nothing_to_do;
+    if (record != nullptr) {
+      status = record->validate(freespace_change, figure_age);
+      to_count = figuresOf(*record, *volume);
+    }
+    KVLog(5, "%s servicesToCount: %@", cached_selector, to_count);
+    const Array to_query = missingFrom(to_count, services());
+    if (status == KelvaneRecentInfo::invalid) {
+      KVLog(5, "%s Recent Info is invalid, deleting...", cached_selector);
+      state_->clientSetStateSync(Value(), KELVANE_RECENT_SERVICE_STATS);
+    } else if (status == KelvaneRecentInfo::changed) {
+      KVLog(5, "%s Recent Info need syncing. New values: %@", cached_selector, *record);
+      state_->clientSetStateSync(record, KELVANE_RECENT_SERVICE_STATS);
+    }
+    // What an answer is counted from is in the file before anyone gets the answer.
+    state_->settleState();
+    if (to_query.empty()) {
+      KVLog(5, "%s using all cached info", cached_selector);
+    } else {
+      KVLog(5, "%s servicesToQuery: %@", cached_selector, to_query);
+    }
+    return Dictionary{{KELVANE_SERVICES_TO_QUERY, to_query}, {KELVANE_SERVICES_TO_COUNT, to_count}};
+  });
+}
+
+void KelvanePurgeableOperation::updateServiceStats(const std::string& identifier, const Dictionary& entry) {
+  // An answer without an amount says nothing; what was known before stays.
+  if (!entry.contains(KELVANE_AMOUNT) || !entry[KELVANE_VOLUME].isString()) return;
+  dispatch_async(state_->defaults_queue(), [state = state_, identifier, entry] {
+    auto record = recordOf(*state);
+    KVLog(5, "%s ^^^ENTRY, serviceID: %@ : %@, recentInfo: %@", update_selector, identifier, entry,
+          record ? record->description() : "(null)");
+    if (record == nullptr) record = KelvaneRecentInfo::kelvaneRecentInfo({});
+    enter(record->volumes(), *entry[KELVANE_VOLUME].string(), identifier,
+          KelvaneRecentServiceInfo::kelvaneRecentServiceInfo(entry[KELVANE_AMOUNT], currentDate()));
+    static_cast<void>(record->validate(freespace_change, figure_age));
+    state->clientSetStateSync(record, KELVANE_RECENT_SERVICE_STATS);
+  });
+}
+
+}  // namespace kelvane
