@@ -6,79 +6,21 @@
 
 #include <sys/resource.h>
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <vector>
 
 #include "bench/support/bare_fanout.h"
+#include "bench/support/daemon_client.h"
 #include "bench/support/daemon_process.h"
+#include "bench/support/quartiles.h"
 #include "bench/support/service_host.h"
-#include "common/keys.h"
-#include "platform/dispatch/group.h"
-#include "support/protocols.h"
 
 namespace kelvane::bench {
 namespace {
 
 constexpr std::uint64_t share = 1000;  // bytes asked of each service
-
-struct Quartiles {
-  double low = 0;
-  double median = 0;
-  double high = 0;
-};
-
-Quartiles quartilesOf(std::vector<double> samples) {
-  std::sort(samples.begin(), samples.end());
-  const auto at = [&](double part) {
-    return samples[static_cast<std::size_t>(part * static_cast<double>(samples.size() - 1))];
-  };
-  return {at(0.25), at(0.5), at(0.75)};
-}
-
-/// A client of the daemon that waits for each answer.
-class Client {
- public:
-  explicit Client(const std::string& socket) : connection_(xpc::Connection::initWithSocketPath(socket)) {
-    connection_->resume();
-    daemon_ =
-        connection_->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>([](const xpc::Error& error) {
-          std::fprintf(stderr, "the daemon failed: %s\n", error.description().c_str());
-          std::exit(1);
-        });
-  }
-  ~Client() { connection_->invalidate(); }
-
-  void checkIn(const std::string& ID, const xpc::Endpoint& endpoint) {
-    daemon_->clientCheckin(ID, endpoint, {{"PURGE", true}},
-                           [this](const auto&) { dispatch_semaphore_signal(answered_); });
-    await();
-  }
-  std::uint64_t purge(const std::string& volume, std::uint64_t amount) {
-    std::uint64_t purged = 0;
-    daemon_->clientPurge({{KELVANE_VOLUME, volume}, {KELVANE_AMOUNT, amount}, {KELVANE_URGENCY, 1}},
-                         [&](const std::optional<Dictionary>& result) {
-                           if (!result || result->contains(KELVANE_ERROR)) {
-                             std::fprintf(stderr, "the purge was refused: %s\n",
-                                          Value(result.value_or(Dictionary())).description().c_str());
-                             std::exit(1);
-                           }
-                           purged = (*result)[KELVANE_AMOUNT].unsignedLongLongValue();
-                           dispatch_semaphore_signal(answered_);
-                         });
-    await();
-    return purged;
-  }
-
- private:
-  void await() { static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER)); }
-
-  const dispatch_semaphore_t answered_ = dispatch_semaphore_create(0);
-  const std::shared_ptr<xpc::Connection> connection_;
-  std::shared_ptr<KelvaneClientProtocol> daemon_;
-};
 
 struct Figures {
   std::size_t services = 0;
@@ -90,7 +32,7 @@ struct Figures {
 Figures measure(ServiceHost& host, const std::string& daemon_program, const std::string& volume,
                 std::size_t services, int rounds) {
   const DaemonProcess daemon(daemon_program);
-  Client client(daemon.socket());
+  DaemonClient client(daemon.socket());
   std::vector<xpc::Endpoint> endpoints;
   std::vector<int> bus_endpoints;
   std::vector<int> raw_endpoints;
@@ -112,7 +54,8 @@ Figures measure(ServiceHost& host, const std::string& daemon_program, const std:
                    static_cast<unsigned long long>(share - 1));
       std::exit(1);
     }
-    const double bare_time = static_cast<double>(bareBusFanout(bus_endpoints, volume, share)) / 1e3;
+    const double bare_time =
+        static_cast<double>(bareBusFanout(bus_endpoints, Request::purge, volume, share)) / 1e3;
     begin = nanosecondsNow();
     client.purge(volume, 0);
     const double nothing_time = static_cast<double>(nanosecondsNow() - begin) / 1e3;

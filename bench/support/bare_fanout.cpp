@@ -7,6 +7,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <string>
 
 #include "bench/support/service_host.h"
 
@@ -37,16 +38,32 @@ int readAnswer(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/)
   return 1;
 }
 
-void ask(Call& call, const std::string& volume, std::uint64_t amount) {
+sd_bus_message* messageFor(sd_bus* bus, Request request, const std::string& volume, std::uint64_t amount) {
   sd_bus_message* message = nullptr;
-  if (sd_bus_message_new_method_call(call.bus, &message, nullptr, "/com/orvel/kelvane/service",
-                                     "com.orvel.KelvaneServiceProtocol", "servicePurge") < 0 ||
-      sd_bus_message_append(message, "ia{sv}", 1, 4, "KELVANE_AMOUNT", "t", amount, "KELVANE_FREESPACE_BEGIN",
-                            "t", amount, "KELVANE_URGENCY", "x", std::int64_t{1}, "KELVANE_VOLUME", "s",
-                            volume.c_str()) < 0 ||
-      sd_bus_call_async(call.bus, nullptr, message, readAnswer, &call, UINT64_MAX) < 0) {
+  const char* const method = request == Request::purge ? "servicePurge" : "servicePurgeable";
+  if (sd_bus_message_new_method_call(bus, &message, nullptr, "/com/orvel/kelvane/service",
+                                     "com.orvel.KelvaneServiceProtocol", method) < 0) {
     std::abort();
   }
+  const int r = request == Request::purge
+                    ? sd_bus_message_append(message, "ia{sv}", 1, 4, "KELVANE_AMOUNT", "t", amount,
+                                            "KELVANE_FREESPACE_BEGIN", "t", amount, "KELVANE_URGENCY", "x",
+                                            std::int64_t{1}, "KELVANE_VOLUME", "s", volume.c_str())
+                    : sd_bus_message_append(message, "ia{sv}", 3, 1, "KELVANE_VOLUME", "s", volume.c_str());
+  if (r < 0) std::abort();
+  return message;
+}
+
+void start(sd_bus*& bus, int socket) {
+  sd_bus_new(&bus);
+  sd_bus_set_fd(bus, socket, socket);
+  sd_bus_negotiate_fds(bus, 1);
+  if (sd_bus_start(bus) < 0) std::abort();
+}
+
+void ask(Call& call, Request request, const std::string& volume, std::uint64_t amount) {
+  sd_bus_message* const message = messageFor(call.bus, request, volume, amount);
+  if (sd_bus_call_async(call.bus, nullptr, message, readAnswer, &call, UINT64_MAX) < 0) std::abort();
   sd_bus_message_unref(message);
 }
 
@@ -76,18 +93,15 @@ std::uint64_t nanosecondsNow() {
                                     std::chrono::nanoseconds(1));
 }
 
-std::uint64_t bareBusFanout(const std::vector<int>& endpoints, const std::string& volume,
+std::uint64_t bareBusFanout(const std::vector<int>& endpoints, Request request, const std::string& volume,
                             std::uint64_t amount) {
   const std::uint64_t begin = nanosecondsNow();
   const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
   std::vector<Call> calls(endpoints.size());
   for (std::size_t i = 0; i < endpoints.size(); ++i) {
     const int socket = openThrough(endpoints[i]);
-    sd_bus_new(&calls[i].bus);
-    sd_bus_set_fd(calls[i].bus, socket, socket);
-    sd_bus_negotiate_fds(calls[i].bus, 1);
-    if (sd_bus_start(calls[i].bus) < 0) std::abort();
-    ask(calls[i], volume, amount);
+    start(calls[i].bus, socket);
+    ask(calls[i], request, volume, amount);
     watch(epoll, socket, i);
   }
   collect(epoll, calls.size(), [&](std::size_t index) {
@@ -100,6 +114,52 @@ std::uint64_t bareBusFanout(const std::vector<int>& endpoints, const std::string
   });
   ::close(epoll);
   return nanosecondsNow() - begin;
+}
+
+std::uint64_t bareBusRoundTrip(int endpoint, const std::string& volume) {
+  constexpr int tries = 20;
+  sd_bus* bus = nullptr;
+  start(bus, openThrough(endpoint));
+  std::uint64_t begin = 0;
+  for (int i = -1; i < tries; ++i) {
+    if (i == 0) begin = nanosecondsNow();  // the first one waits for the handshake
+    Call call{bus};
+    ask(call, Request::purgeable, volume, 0);
+    while (!call.answered) {
+      if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, UINT64_MAX);
+    }
+  }
+  const std::uint64_t taken = (nanosecondsNow() - begin) / tries;
+  sd_bus_close_unref(bus);
+  return taken;
+}
+
+std::uint64_t bareBusMarshalling(std::size_t entries) {
+  std::array<int, 2> pair{};
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) std::abort();
+  sd_bus* bus = nullptr;
+  start(bus, pair[0]);
+  const std::uint64_t begin = nanosecondsNow();
+  sd_bus_message* message = nullptr;
+  if (sd_bus_message_new_method_call(bus, &message, nullptr, "/a", "a.b", "c") < 0) std::abort();
+  sd_bus_message_open_container(message, 'a', "{sv}");
+  for (std::size_t i = 0; i < entries; ++i) {
+    const std::string key = "com.example.bench" + std::to_string(i);
+    sd_bus_message_append(message, "{sv}", key.c_str(), "t", std::uint64_t{1000});
+  }
+  sd_bus_message_close_container(message);
+  if (sd_bus_message_seal(message, 1, 0) < 0 || sd_bus_message_enter_container(message, 'a', "{sv}") < 0)
+    std::abort();
+  const char* key = nullptr;
+  std::uint64_t amount = 0;
+  std::size_t read = 0;
+  while (sd_bus_message_read(message, "{sv}", &key, "t", &amount) > 0) ++read;
+  if (read != entries) std::abort();
+  sd_bus_message_unref(message);
+  const std::uint64_t taken = nanosecondsNow() - begin;
+  sd_bus_close_unref(bus);
+  ::close(pair[1]);
+  return taken;
 }
 
 std::uint64_t rawFanout(const std::vector<int>& endpoints) {

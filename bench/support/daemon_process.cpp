@@ -24,7 +24,8 @@ void writeGrant(const std::string& directory) {
   std::ofstream grant(directory + "/etc/entitlements.d/bench.plist");
   grant << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>user</key><integer>" << ::getuid()
         << "</integer><key>com.orvel.private.Kelvane</key><array><string>CLIENT_ENTITLEMENT</string>"
-           "<string>SERVICE_ENTITLEMENT</string><string>PURGE_ENTITLEMENT</string></array></dict></plist>\n";
+           "<string>SERVICE_ENTITLEMENT</string><string>PURGE_ENTITLEMENT</"
+           "string><string>PURGEABLE_ENTITLEMENT</string></array></dict></plist>\n";
 }
 
 }  // namespace

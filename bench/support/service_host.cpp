@@ -76,6 +76,9 @@ int serve(sd_bus_message* message, void* /*userdata*/, sd_bus_error* /*error*/) 
     return sd_bus_reply_method_return(message, "aa{sv}", 1, 1, "KELVANE_AMOUNT", "t",
                                       amount > 0 ? amount - 1 : 0);
   }
+  if (sd_bus_message_is_method_call(message, nullptr, "servicePurgeable") > 0) {
+    return sd_bus_reply_method_return(message, "aa{sv}", 1, 1, "KELVANE_AMOUNT", "t", purgeable_bytes);
+  }
   if (sd_bus_message_is_method_call(message, nullptr, "servicePing") > 0) {
     return sd_bus_reply_method_return(message, nullptr);
   }

@@ -1,15 +1,18 @@
 #pragma once
 
 #include <sys/types.h>
+#include <cstdint>
 
 namespace kelvane::bench {
+
+inline constexpr std::uint64_t purgeable_bytes = 1000;
 
 /// How a service speaks on the connections that come down its endpoint.
 enum class Speech : char { dbus = 'd', raw = 'r' };
 
 /// A process that plays any number of services, single-threaded, with nothing of ours in it: the same for
 /// everything that is compared. Asked to purge, a service gives one byte less than it was asked for, so that
-/// nobody asks it twice in a pass.
+/// nobody asks it twice in a pass. Asked what it could purge, it says `purgeable_bytes`.
 class ServiceHost {
  public:
   /// Forks; call it before the program has threads.
