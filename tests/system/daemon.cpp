@@ -97,6 +97,16 @@ std::optional<Dictionary> Client::purge(const Dictionary& info) {
   return finishPurge();
 }
 
+std::optional<Dictionary> Client::purgeableSpace(const Dictionary& info) {
+  answer_.reset();
+  daemon_->clientPurgeableSpace(info, [this](std::optional<Dictionary> result) {
+    answer_ = std::move(result);
+    dispatch_semaphore_signal(answered_);
+  });
+  static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER));
+  return answer_;
+}
+
 void Client::setState(const Value& value, const std::string& key) {
   daemon_->clientSetState(value, key, [this] { dispatch_semaphore_signal(answered_); });
   static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER));

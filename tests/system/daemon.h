@@ -45,6 +45,8 @@ class Client {
   void startPurge(const Dictionary& info);
   /// Waits for the answer to `startPurge`.
   [[nodiscard]] std::optional<Dictionary> finishPurge();
+  /// What the services could free, as `purge`.
+  [[nodiscard]] std::optional<Dictionary> purgeableSpace(const Dictionary& info);
   void setState(const Value& value, const std::string& key);
   /// True when the connection is alive and answers.
   [[nodiscard]] bool isServed();

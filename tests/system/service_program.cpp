@@ -3,9 +3,10 @@
 //   service_program BEHAVIOUR ID FOLDER --daemon SOCKET     checks in
 //   service_program BEHAVIOUR ID FOLDER --listen SOCKET     serves a declared service's socket
 //
-// BEHAVIOUR: "deletes" removes files until it has freed what it was asked for; "dies" ends when it is asked
-// to purge; "silent" never answers a purge; "mute" never answers anything, the ping included; "deaf" does not
-// even read its endpoint. It prints "registered", "pinged" and "asked URGENCY AMOUNT" as these happen.
+// BEHAVIOUR: "deletes" removes files until it has freed what it was asked for, and could free what its folder
+// holds; "dies" ends when it is asked either; "silent" never answers either; "mute" never answers anything,
+// the ping included; "deaf" does not even read its endpoint. It prints "registered", "pinged", "asked URGENCY
+// AMOUNT" and "questioned URGENCY" as these happen.
 
 #include <cstdio>
 #include <cstdlib>
@@ -25,8 +26,15 @@ class TestService final : public KelvaneServiceProtocol {
   TestService(std::string behaviour, std::string folder)
       : behaviour_(std::move(behaviour)), folder_(std::move(folder)) {}
 
-  void servicePurgeable(std::int32_t, Dictionary, Reply<std::optional<Dictionary>> reply) override {
-    reply(Dictionary{{KELVANE_AMOUNT, std::uint64_t{0}}});
+  void servicePurgeable(std::int32_t urgency, Dictionary, Reply<std::optional<Dictionary>> reply) override {
+    std::printf("questioned %d\n", urgency);
+    std::fflush(stdout);
+    if (behaviour_ == "dies") std::_Exit(7);
+    if (behaviour_ == "silent") {
+      kept_.push_back(std::move(reply));
+      return;
+    }
+    reply(Dictionary{{KELVANE_AMOUNT, bytesInFolder()}});
   }
   void servicePurge(std::int32_t urgency, Dictionary info, Reply<std::optional<Dictionary>> reply) override {
     const std::uint64_t asked = info[KELVANE_AMOUNT].unsignedLongLongValue();
@@ -60,6 +68,11 @@ class TestService final : public KelvaneServiceProtocol {
   void serviceCallback(Dictionary, Reply<std::optional<Dictionary>> reply) override { reply(std::nullopt); }
 
  private:
+  [[nodiscard]] std::uint64_t bytesInFolder() const {
+    std::uint64_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_)) bytes += entry.file_size();
+    return bytes;
+  }
   std::uint64_t deleteUpTo(std::uint64_t bytes) {
     std::uint64_t freed = 0;
     for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
