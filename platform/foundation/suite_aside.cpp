@@ -51,8 +51,10 @@ std::string_view visibleDamage(const std::string& path) {
   const off_t log_size = sizeOf(path + "-wal");
   // SQLite deletes the log of a database without a page.
   if (size == 0 && log_size > 0) return "its log was left without it";
-  // It fills up a page that is cut off with zeros. With a log that is right: the log still has the page.
-  if (size % suite_page_size != 0 && log_size == 0) return "its last page is cut off";
+  // It fills up a page that is cut off with zeros. With a log that is right: the log still has the page. With
+  // a journal too: the power failed while the file was begun, and the journal takes it back to nothing.
+  const bool is_repaired = log_size > 0 || sizeOf(path + "-journal") > 0;
+  if (size % suite_page_size != 0 && !is_repaired) return "its last page is cut off";
   return {};
 }
 

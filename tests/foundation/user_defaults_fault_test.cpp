@@ -165,6 +165,19 @@ TEST_F(DamagedSuiteTest, ALogWhoseDatabaseIsEmptyOrGoneIsSetAsideAndNotThrownAwa
   EXPECT_TRUE(contentOf(path(".damaged-2-wal")) == log);
 }
 
+TEST_F(DamagedSuiteTest, AFileCutOffWhileItWasBegunIsTakenBackByItsJournalAndNotSetAside) {
+  makeSuite();
+  std::filesystem::resize_file(path(), 512);
+  // A journal of no pages, of a database that had none, in sectors of 512 bytes and pages of 4,096.
+  constexpr std::string_view header(
+      "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7\0\0\0\0\0\0\0\0\0\0\0\0\0\0\2\0\0\0\x10\0", 28);
+  directory_.write("suite.db-journal", std::string(header) + std::string(512 - header.size(), '\0'));
+  const auto defaults = openSuite();
+  EXPECT_TRUE(defaults->takeNotices().empty());
+  defaults->setObject(1, "new");
+  EXPECT_EQ(stored("new"), Value(1));
+}
+
 TEST_F(DamagedSuiteTest, AnEmptyFileBeginsTheSuite) {
   directory_.write("suite.db", "");
   const auto defaults = openSuite();
