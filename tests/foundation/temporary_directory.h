@@ -13,8 +13,8 @@ namespace kelvane::test {
 /// A new directory that is gone, with all in it, when this object is.
 class TemporaryDirectory {
  public:
-  TemporaryDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kelvane-test-XXXXXX").string();
+  explicit TemporaryDirectory(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string pattern = (parent / "kelvane-test-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory can be made");
     path_ = pattern;
   }
