@@ -63,7 +63,9 @@ Daemon::~Daemon() = default;
 
 Client::Client(const Daemon& daemon)
     : connection_(xpc::Connection::initWithSocketPath(daemon.socket())),
-      answered_(dispatch_semaphore_create(0)) {
+      answered_(dispatch_semaphore_create(0)),
+      ended_(dispatch_semaphore_create(0)) {
+  connection_->setInvalidationHandler([ended = ended_] { dispatch_semaphore_signal(ended); });
   connection_->resume();
   daemon_ =
       connection_->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>([this](const xpc::Error& error) {
@@ -73,10 +75,8 @@ Client::Client(const Daemon& daemon)
 }
 
 Client::~Client() {
-  const dispatch_semaphore_t ended = dispatch_semaphore_create(0);
-  connection_->setInvalidationHandler([ended] { dispatch_semaphore_signal(ended); });
   connection_->invalidate();
-  static_cast<void>(dispatch_semaphore_wait(ended, DISPATCH_TIME_FOREVER));
+  static_cast<void>(dispatch_semaphore_wait(ended_, DISPATCH_TIME_FOREVER));
 }
 
 void Client::startPurge(const Dictionary& info) {

@@ -58,6 +58,7 @@ class Client {
   std::shared_ptr<xpc::Connection> connection_;
   std::shared_ptr<KelvaneClientProtocol> daemon_;
   dispatch_semaphore_t answered_;
+  dispatch_semaphore_t ended_;
   std::optional<Dictionary> answer_;
   std::string failure_;
 };
