@@ -112,6 +112,16 @@ void Client::setState(const Value& value, const std::string& key) {
   static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER));
 }
 
+Value Client::state(const std::string& key) {
+  Value state;
+  daemon_->clientGetState(xpc::Anything{key}, [&](Value value) {
+    state = std::move(value);
+    dispatch_semaphore_signal(answered_);
+  });
+  static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER));
+  return state;
+}
+
 bool Client::isServed() {
   bool served = false;
   daemon_->clientCancelPurge({}, [this, &served] {

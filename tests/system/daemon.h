@@ -14,7 +14,8 @@ namespace kelvane::tests {
 /// A real daemon in folders of its own, with every entitlement granted to the user that runs the tests.
 class Daemon {
  public:
-  /// Starts it, and returns when it has told its service manager that it is ready.
+  /// Starts it, and returns when it has told its service manager that it is ready. What `environment` says
+  /// comes first, so a STATE_DIRECTORY there outlives this daemon.
   explicit Daemon(std::string program = built("kelvaned"), std::vector<std::string> environment = {});
   ~Daemon();
 
@@ -48,6 +49,7 @@ class Client {
   /// What the services could free, as `purge`.
   [[nodiscard]] std::optional<Dictionary> purgeableSpace(const Dictionary& info);
   void setState(const Value& value, const std::string& key);
+  [[nodiscard]] Value state(const std::string& key);
   /// True when the connection is alive and answers.
   [[nodiscard]] bool isServed();
   /// Why the last request got no answer.
