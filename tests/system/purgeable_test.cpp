@@ -137,11 +137,12 @@ TEST_F(Purgeable, ATruncatedSettingsFileIsSetAsideAndTheStateBegunAnew) {
   EXPECT_TRUE(fs::exists(settingsFile() + ".damaged-1"));
 }
 
-TEST_F(Purgeable, AMissingStateFolderLeavesADaemonThatServesAndSaysWhatIsMissing) {
-  const Daemon it(built("kelvaned"), {"STATE_DIRECTORY=" + state_.path() + "/missing"});
+TEST_F(Purgeable, AStateFolderThatCannotBeUsedLeavesADaemonThatServesAndSaysSo) {
+  writeFile(state_.path() + "/file", "");
+  Daemon it(built("kelvaned"), {"STATE_DIRECTORY=" + state_.path() + "/file"});
   const auto one = service(it, "one");
   Client client(it);
-  EXPECT_TRUE(const_cast<Daemon&>(it).logged("init Unable to initialize user defaults!"));
+  EXPECT_TRUE(it.logged("init Unable to initialize user defaults!"));
   EXPECT_EQ(client.state(KELVANE_CACHE_ENABLED), Value(true));
   EXPECT_EQ(client.purgeableSpace(question()), resultOf({{"com.example.one", std::uint64_t{16384}}}, 16384));
 }
