@@ -5,10 +5,12 @@
 // connections to the same services, makes the same calls and closes them; and plain bytes on plain sockets.
 
 #include <sys/resource.h>
+#include <unistd.h>
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <string>
 #include <vector>
 
 #include "bench/support/bare_fanout.h"
@@ -33,14 +35,12 @@ Figures measure(ServiceHost& host, const std::string& daemon_program, const std:
                 std::size_t services, int rounds) {
   const DaemonProcess daemon(daemon_program);
   DaemonClient client(daemon.socket());
-  std::vector<xpc::Endpoint> endpoints;
   std::vector<int> bus_endpoints;
   std::vector<int> raw_endpoints;
   for (std::size_t i = 0; i < services; ++i) {
-    endpoints.push_back(*xpc::Endpoint::adopt(FileDescriptor(host.addService(Speech::dbus))));
-    bus_endpoints.push_back(endpoints.back().descriptor());
+    bus_endpoints.push_back(host.addService(Speech::dbus));
     raw_endpoints.push_back(host.addService(Speech::raw));
-    client.checkIn("com.example.bench" + std::to_string(i), endpoints.back());
+    client.checkIn("com.example.bench" + std::to_string(i), bus_endpoints.back());
   }
   std::vector<double> purge, nothing, bare, raw, ratio;
   for (int round = -2; round < rounds; ++round) {  // the first two warm up
@@ -68,6 +68,7 @@ Figures measure(ServiceHost& host, const std::string& daemon_program, const std:
     ratio.push_back((purge_time - nothing_time) / bare_time);
   }
   for (const int endpoint : raw_endpoints) ::close(endpoint);
+  for (const int endpoint : bus_endpoints) ::close(endpoint);
   return {services,         quartilesOf(purge), quartilesOf(nothing), quartilesOf(bare),
           quartilesOf(raw), quartilesOf(ratio), daemon.peakMemory()};
 }

@@ -8,7 +8,6 @@
 #include "interface/caller.h"
 #include "interface/client_interface.h"
 #include "operations/purgeable_operation.h"
-#include "platform/dispatch/group.h"
 #include "support/token.h"
 
 namespace kelvane {
@@ -65,26 +64,21 @@ void ClientInterface::answerPurgeableSpace(const Dictionary& info, const char* e
 }
 
 std::optional<Dictionary> ClientInterface::totalAvailable(const Dictionary& info) {
-  const dispatch_group_t group = dispatch_group_create();
   std::optional<Dictionary> result;
-  // What the item captures by reference outlives it: the wait below has no time limit.
-  dispatch_group_async(group, purgeable_queue(), [&] {
+  dispatch_sync(purgeable_queue(), [&] {
     const auto operation = KelvanePurgeableOperation::initWithInfo(info, copyServices(), shared_from_this());
     if (operation == nullptr) return;
     operation->startOperation([&](const Dictionary& counted) { result = counted; });
   });
-  static_cast<void>(dispatch_group_wait(group, DISPATCH_TIME_FOREVER));
   return result;
 }
 
 std::optional<Dictionary> ClientInterface::purge(const Dictionary& info, const PurgeCallback& callback) {
-  const dispatch_group_t group = dispatch_group_create();
   std::optional<Dictionary> result;
   Value token = info[KELVANE_TOKEN];
   if (token.isNothing()) token = createKelvaneToken();
   const auto operation = KelvanePurgeOperation::initWithInfo(info, copyServices());
-  // What the items capture by reference outlives them: the wait below has no time limit.
-  dispatch_group_async(group, purge_queue(), [&] {
+  dispatch_sync(purge_queue(), [&] {
     dispatch_sync(collection_queue(), [&] { storeOperation(purgeOperations(), token, operation); });
     if (operation != nullptr) {
       operation->startOperation([&](const std::optional<Dictionary>& reported) {
@@ -94,7 +88,6 @@ std::optional<Dictionary> ClientInterface::purge(const Dictionary& info, const P
     }
     dispatch_sync(collection_queue(), [&] { removeToken(purgeOperations(), token); });
   });
-  static_cast<void>(dispatch_group_wait(group, DISPATCH_TIME_FOREVER));
   return result;
 }
 

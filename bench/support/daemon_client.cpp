@@ -1,78 +1,121 @@
 #include "bench/support/daemon_client.h"
 
+#include <systemd/sd-bus.h>
 #include <cstdio>
 #include <cstdlib>
-#include <optional>
-#include <utility>
+#include <cstring>
 
 #include "common/keys.h"
 
 namespace kelvane::bench {
 namespace {
 
-Dictionary unlessRefused(const std::optional<Dictionary>& result) {
-  if (result && !result->contains(KELVANE_ERROR)) return *result;
-  std::fprintf(stderr, "the request was refused: %s\n",
-               Value(result.value_or(Dictionary())).description().c_str());
+[[noreturn]] void giveUp(const char* what) {
+  std::fprintf(stderr, "the daemon failed: %s\n", what);
   std::exit(1);
+}
+
+void must(int result, const char* what) {
+  if (result < 0) giveUp(what);
+}
+
+/// Reads the dictionary that was answered, if any, to its end; the number under `key`.
+std::int64_t numberIn(sd_bus_message* answer, const char* key) {
+  bool found = false;
+  std::int64_t number = 0;
+  must(sd_bus_message_enter_container(answer, 'a', "a{sv}"), "no answer");
+  if (sd_bus_message_enter_container(answer, 'a', "{sv}") <= 0) giveUp("the request was refused");
+  while (sd_bus_message_enter_container(answer, 'e', "sv") > 0) {
+    const char* name = nullptr;
+    const char* contents = nullptr;
+    sd_bus_message_read(answer, "s", &name);
+    sd_bus_message_peek_type(answer, nullptr, &contents);
+    if (std::strcmp(contents, "t") == 0 || std::strcmp(contents, "x") == 0) {
+      std::int64_t value = 0;
+      sd_bus_message_read(answer, "v", contents, &value);
+      if (std::strcmp(name, key) == 0) {
+        number = value;
+        found = true;
+      }
+    } else {
+      sd_bus_message_skip(answer, "v");
+    }
+    sd_bus_message_exit_container(answer);
+  }
+  sd_bus_message_unref(answer);
+  if (!found) giveUp(key);
+  return number;
 }
 
 }  // namespace
 
-DaemonClient::DaemonClient(const std::string& socket)
-    : connection_(xpc::Connection::initWithSocketPath(socket)) {
-  connection_->resume();
-  daemon_ =
-      connection_->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>([](const xpc::Error& error) {
-        std::fprintf(stderr, "the daemon failed: %s\n", error.description().c_str());
-        std::exit(1);
-      });
+DaemonClient::DaemonClient(const std::string& socket) {
+  must(sd_bus_new(&bus_), "no bus");
+  must(sd_bus_set_address(bus_, ("unix:path=" + socket).c_str()), socket.c_str());
+  must(sd_bus_negotiate_fds(bus_, 1), "no descriptors");
+  must(sd_bus_start(bus_), socket.c_str());
 }
 
-DaemonClient::~DaemonClient() { connection_->invalidate(); }
+DaemonClient::~DaemonClient() { sd_bus_close_unref(bus_); }
 
-void DaemonClient::checkIn(const std::string& ID, const xpc::Endpoint& endpoint) {
-  daemon_->clientCheckin(ID, endpoint, {{service_kind_purge, true}},
-                         [this](const auto&) { dispatch_semaphore_signal(answered_); });
-  await();
+sd_bus_message* DaemonClient::message(const char* method) const {
+  sd_bus_message* made = nullptr;
+  must(sd_bus_message_new_method_call(bus_, &made, nullptr, "/com/orvel/kelvane",
+                                      "com.orvel.KelvaneClientProtocol", method),
+       method);
+  return made;
 }
 
-std::uint64_t DaemonClient::purge(const std::string& volume, std::uint64_t amount) {
-  std::uint64_t purged = 0;
-  daemon_->clientPurge({{KELVANE_VOLUME, volume}, {KELVANE_AMOUNT, amount}, {KELVANE_URGENCY, 1}},
-                       [&](const std::optional<Dictionary>& result) {
-                         purged = unlessRefused(result)[KELVANE_AMOUNT].unsignedLongLongValue();
-                         dispatch_semaphore_signal(answered_);
-                       });
-  await();
-  return purged;
-}
-
-Dictionary DaemonClient::purgeableSpace(const std::string& volume) {
-  Dictionary answer;
-  daemon_->clientPurgeableSpace({{KELVANE_VOLUME, volume}}, [&](const std::optional<Dictionary>& result) {
-    answer = unlessRefused(result);
-    dispatch_semaphore_signal(answered_);
-  });
-  await();
+sd_bus_message* DaemonClient::call(sd_bus_message* message) const {
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_message* answer = nullptr;
+  if (sd_bus_call(bus_, message, UINT64_MAX, &error, &answer) < 0) giveUp(error.message);
+  sd_bus_message_unref(message);
   return answer;
 }
 
-void DaemonClient::setState(const Value& value, const std::string& key) {
-  daemon_->clientSetState(value, key, [this] { dispatch_semaphore_signal(answered_); });
-  await();
+void DaemonClient::checkIn(const std::string& ID, int endpoint) {
+  sd_bus_message* const request = message("clientCheckin");
+  must(sd_bus_message_append(request, "sha{sv}", ID.c_str(), endpoint, 1, service_kind_purge, "b", 1),
+       "check-in");
+  sd_bus_message_unref(call(request));
 }
 
-Value DaemonClient::state(const std::string& key) {
-  Value state;
-  daemon_->clientGetState(xpc::Anything{key}, [&](Value value) {
-    state = std::move(value);
-    dispatch_semaphore_signal(answered_);
-  });
-  await();
-  return state;
+std::uint64_t DaemonClient::purge(const std::string& volume, std::uint64_t amount) {
+  sd_bus_message* const request = message("clientPurge");
+  must(sd_bus_message_append(request, "a{sv}", 3, KELVANE_VOLUME, "s", volume.c_str(), KELVANE_AMOUNT, "t",
+                             amount, KELVANE_URGENCY, "x", std::int64_t{1}),
+       "purge");
+  return static_cast<std::uint64_t>(numberIn(call(request), KELVANE_AMOUNT));
 }
 
-void DaemonClient::await() { static_cast<void>(dispatch_semaphore_wait(answered_, DISPATCH_TIME_FOREVER)); }
+std::int64_t DaemonClient::purgeableSpace(const std::string& volume) {
+  sd_bus_message* const request = message("clientPurgeableSpace");
+  must(sd_bus_message_append(request, "a{sv}", 1, KELVANE_VOLUME, "s", volume.c_str()), "question");
+  return numberIn(call(request), KELVANE_TOTAL_AVAILABLE);
+}
+
+void DaemonClient::setState(const std::string& value, const std::string& key) {
+  sd_bus_message* const request = message("clientSetState");
+  must(sd_bus_message_append(request, "avs", 1, "s", value.c_str(), key.c_str()), "state");
+  sd_bus_message_unref(call(request));
+}
+
+void DaemonClient::removeState(const std::string& key) {
+  sd_bus_message* const request = message("clientSetState");
+  must(sd_bus_message_append(request, "avs", 0, key.c_str()), "state");
+  sd_bus_message_unref(call(request));
+}
+
+std::string DaemonClient::state(const std::string& key) {
+  sd_bus_message* const request = message("clientGetState");
+  must(sd_bus_message_append(request, "v", "s", key.c_str()), "state");
+  sd_bus_message* const answer = call(request);
+  const char* value = nullptr;
+  must(sd_bus_message_read(answer, "av", 1, "s", &value), "state");
+  std::string copy = value;
+  sd_bus_message_unref(answer);
+  return copy;
+}
 
 }  // namespace kelvane::bench

@@ -1,16 +1,15 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
-#include "platform/dispatch/group.h"
-#include "platform/xpc/connection.h"
-#include "support/protocols.h"
+struct sd_bus;
+struct sd_bus_message;
 
 namespace kelvane::bench {
 
-/// A client of the daemon that waits for each answer. Ends the program, with the reason, when there is none.
+/// A client of the daemon that waits for each answer: single-threaded, with nothing but the bus library, so
+/// that what is measured is the daemon's. Ends the program, with the reason, when there is no answer.
 class DaemonClient {
  public:
   explicit DaemonClient(const std::string& socket);
@@ -18,19 +17,22 @@ class DaemonClient {
   DaemonClient(const DaemonClient&) = delete;
   DaemonClient& operator=(const DaemonClient&) = delete;
 
-  void checkIn(const std::string& ID, const xpc::Endpoint& endpoint);
+  /// Checks a service in that purges.
+  void checkIn(const std::string& ID, int endpoint);
   /// The bytes that were freed, at urgency 1.
   std::uint64_t purge(const std::string& volume, std::uint64_t amount);
-  Dictionary purgeableSpace(const std::string& volume);
-  void setState(const Value& value, const std::string& key);
-  Value state(const std::string& key);
+  /// KELVANE_TOTAL_AVAILABLE; every other entry of the answer is read as well.
+  std::int64_t purgeableSpace(const std::string& volume);
+  void setState(const std::string& value, const std::string& key);
+  void removeState(const std::string& key);
+  std::string state(const std::string& key);
 
  private:
-  void await();
+  [[nodiscard]] sd_bus_message* message(const char* method) const;
+  /// Sends the message and drops it; the answer is the caller's.
+  sd_bus_message* call(sd_bus_message* message) const;
 
-  const dispatch_semaphore_t answered_ = dispatch_semaphore_create(0);
-  const std::shared_ptr<xpc::Connection> connection_;
-  std::shared_ptr<KelvaneClientProtocol> daemon_;
+  sd_bus* bus_ = nullptr;
 };
 
 }  // namespace kelvane::bench

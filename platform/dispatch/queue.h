@@ -8,8 +8,7 @@
 //    synchronous ones alike. Which thread runs an item is nobody's business; what one item wrote, the next
 //    item of the same queue sees.
 //  * `dispatch_async` never blocks and never runs the item before it returns. `dispatch_sync` returns when
-//  the
-//    item has run; on an idle queue it runs on the calling thread, without a hand-over.
+//    the item has run; on an idle queue it runs on the calling thread, without a hand-over.
 //  * Waiting synchronously for a queue that the calling thread is running already can never end. It is fatal,
 //    and says which queue.
 //  * A suspended queue starts no item; the item that runs when it is suspended is finished. Suspensions nest:
