@@ -78,7 +78,7 @@ void Kelvane::readDescriptors(const std::vector<std::string>& directories) {
       identifiers.push_back(service->ID());
     });
   }
-  services_.insert(found.begin(), found.end());
+  services_ = std::move(found);
   daemons_.insert(identifiers.begin(), identifiers.end());
 }
 

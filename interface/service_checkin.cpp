@@ -123,7 +123,7 @@ Block ClientInterface::recordRemoval(const std::shared_ptr<KVService>& service, 
       const auto record = weak.lock();
       const auto found = self->services().find(serviceID);
       if (record != nullptr && found != self->services().end() && found->second == record)
-        self->services().erase(found);
+        self->services().erase(serviceID);
     });
   };
 }

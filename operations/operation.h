@@ -13,16 +13,14 @@
 #include <memory>
 #include <string>
 
+#include "operations/services.h"
 #include "platform/dispatch/group.h"
 #include "platform/dispatch/queue.h"
 #include "platform/foundation/value.h"
 #include "support/service_calls.h"
-#include "support/service_record.h"
 
 namespace kelvane {
 
-/// Service identifier to record. A copy is a snapshot; the records are shared.
-using Services = std::map<std::string, std::shared_ptr<KVService>>;
 using InFlight = std::map<std::string, Done>;
 
 class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {

@@ -61,10 +61,8 @@ std::shared_ptr<KelvanePurgeOperation> KelvanePurgeOperation::initWithInfo(const
                                                                            Services services) {
   auto operation = std::make_shared<KelvanePurgeOperation>(Key());
   if (!operation->prepare(info, std::move(services))) return nullptr;
-  Services purging;
-  for (const auto& [identifier, service] : operation->services()) {
-    if (service->doesPurge()) purging.emplace_hint(purging.end(), identifier, service);
-  }
+  Services purging = operation->services();
+  purging.keep([](const KVService& service) { return service.doesPurge(); });
   operation->setPurge_amount_needed(operation->info()[KELVANE_AMOUNT].unsignedLongLongValue());
   operation->setPurge_amount_reported(0);
   operation->setViable_purging_services(purging.size());

@@ -99,10 +99,8 @@ std::shared_ptr<KelvanePurgeableOperation> KelvanePurgeableOperation::initWithIn
     const Value& info, Services services, std::shared_ptr<PersistentState> state) {
   auto operation = std::make_shared<KelvanePurgeableOperation>(Key(), std::move(state));
   if (!operation->prepare(info, std::move(services))) return nullptr;
-  Services asked;
-  for (const auto& [identifier, service] : operation->services()) {
-    if (service->doesPurge() && !service->doNotQuery()) asked.emplace_hint(asked.end(), identifier, service);
-  }
+  Services asked = operation->services();
+  asked.keep([](const KVService& service) { return service.doesPurge() && !service.doNotQuery(); });
   operation->setServices(std::move(asked));
   return operation;
 }

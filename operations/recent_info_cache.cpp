@@ -26,17 +26,17 @@ std::shared_ptr<KelvaneRecentInfo> recordOf(PersistentState& state) {
 }
 
 Dictionary figuresOf(const KelvaneRecentInfo& record, const std::string& volume) {
-  Dictionary figures;
   const auto found = record.volumes().find(volume);
-  if (found == record.volumes().end()) return figures;
-  for (const auto& [identifier, info] : found->second.services()) figures.set(identifier, info.amount());
-  return figures;
+  return found != record.volumes().end() ? found->second.amounts() : Dictionary();
 }
 
+/// Both iterate in the order of the identifiers.
 Array missingFrom(const Dictionary& figures, const Services& services) {
   Array missing;
+  auto figure = figures.begin();
   for (const auto& [identifier, service] : services) {
-    if (!figures.contains(identifier)) missing.append(identifier);
+    while (figure != figures.end() && figure->first < identifier) ++figure;
+    if (figure == figures.end() || figure->first != identifier) missing.append(identifier);
   }
   return missing;
 }

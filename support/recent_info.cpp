@@ -36,11 +36,16 @@ void KelvaneRecentVolumeInfo::setServices(RecentServices services) {
   services_ = std::move(services);
   oldest_ = {std::numeric_limits<std::int64_t>::max()};
   youngest_ = {std::numeric_limits<std::int64_t>::min()};
-  for (const auto& [identifier, info] : services_) noteTimestamp(info.timestamp());
+  amounts_.clear();
+  for (const auto& [identifier, info] : services_) {
+    noteTimestamp(info.timestamp());
+    amounts_.set(identifier, info.amount());
+  }
 }
 
 void KelvaneRecentVolumeInfo::setService(const std::string& identifier, KelvaneRecentServiceInfo info) {
   noteTimestamp(info.timestamp());
+  amounts_.set(identifier, info.amount());
   services_.insert_or_assign(identifier, std::move(info));
 }
 

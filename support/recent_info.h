@@ -47,6 +47,8 @@ class KelvaneRecentVolumeInfo {
 
   [[nodiscard]] const RecentServices& services() const { return services_; }
   void setServices(RecentServices services);
+  /// Their amounts alone. Costs nothing to copy.
+  [[nodiscard]] const Dictionary& amounts() const { return amounts_; }
   /// Replaces one of them; takes the same time however many there are.
   void setService(const std::string& identifier, KelvaneRecentServiceInfo info);
   [[nodiscard]] std::uint64_t freespace() const { return freespace_; }
@@ -68,6 +70,7 @@ class KelvaneRecentVolumeInfo {
   void noteTimestamp(Date timestamp);
 
   RecentServices services_;
+  Dictionary amounts_;
   // No figure is older than the first nor younger than the second; so most of the time nobody need look.
   Date oldest_;
   Date youngest_;

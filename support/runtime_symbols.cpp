@@ -1,6 +1,7 @@
 #include "support/runtime_symbols.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 #include <map>
 #include <mutex>
 #include <string>
@@ -15,6 +16,8 @@ void* loadedLibrary(const char* path) {
   const std::lock_guard lock(mutex);
   const auto found = loaded.find(path);
   if (found != loaded.end()) return found->second;
+  // Asked before every operation, and most devices have none: the loader would take longer to say so.
+  if (::access(path, R_OK) != 0) return nullptr;
   void* library = ::dlopen(path, RTLD_NOW | RTLD_LOCAL);
   if (library != nullptr) loaded.emplace(path, library);
   return library;

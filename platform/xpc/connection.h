@@ -163,6 +163,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   bool hung_up_ = false;    // nothing more will come than what the socket holds
   bool out_watched_ = false;
   bool took_message_ = false;  // the bus handed out a message when it was last told to process
+  bool drained_ = false;       // and the socket held nothing behind it
   Intake intake_;
   std::uint64_t waiting_calls_ = 0;  // handed to the queue, and not yet handled
   std::uint64_t waiting_bytes_ = 0;

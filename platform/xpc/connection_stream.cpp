@@ -62,6 +62,7 @@ void Connection::handleEvents(std::uint32_t events) {
   Lock lock(mutex_);
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) hung_up_ = true;
   took_message_ = false;
+  drained_ = false;
   int r = 1;
   while (bus_ != nullptr && r > 0 && !took_message_) r = step();
   if (bus_ == nullptr) return;
@@ -70,8 +71,8 @@ void Connection::handleEvents(std::uint32_t events) {
     return;
   }
   watchForWriting();
-  // One message a round: whatever else is ready comes first.
-  if (r > 0) source_.again();
+  // One message a round: whatever else is ready comes first. And no round for nothing.
+  if (r > 0 && (hung_up_ || !drained_)) source_.again();
 }
 
 /// Does one piece of work. Positive: there may be more; 0: nothing until the next event; negative: the
@@ -148,10 +149,13 @@ int Connection::processHolding(bool hold) {
 
 int Connection::process(bool hold) {
   took_message_ = false;
-  Intake::startCounting(socket_);
+  // With nothing to write the library reads at once, and it takes a message whole.
+  const bool whole = !hold && intake_.wholeMessageIsNext() && queuedMessages() == 0;
+  if (!whole) intake_.startCounting(socket_);
   const int r = processHolding(hold);
   if (r < 0) return r;
-  const std::uint64_t taken = Intake::counted(socket_);
+  const std::uint64_t taken = whole ? intake_.claimed() : Intake::counted(socket_);
+  drained_ = whole && took_message_ && intake_.nothingIsBehind();
   if (!took_message_) {
     const int verdict = judge(intake_.noteNoMessage(taken, r == 0, limits_.message_bytes));
     return verdict < 0 ? verdict : r;

@@ -13,6 +13,10 @@ constexpr std::size_t fixed_header_bytes = 16;
 // The least header field takes eight bytes, and no message does without one.
 constexpr std::uint64_t least_message_bytes = fixed_header_bytes + 8;
 constexpr int far_away = 1 << 30;
+constexpr int from_the_start = -1;
+
+// As much as most messages have.
+constexpr std::size_t look_bytes = 1024;
 
 // The library reads so much of a handshake at a time, or as much as it has read already.
 constexpr std::size_t handshake_piece = 256;
@@ -37,11 +41,15 @@ std::uint64_t claimedSize(const char* header) {
 
 }  // namespace
 
+std::int64_t Intake::peek(int socket, char* buffer, std::size_t size) {
+  if (std::exchange(counting_, false)) setPeekOffset(socket, from_the_start);
+  return ::recv(socket, buffer, size, MSG_PEEK | MSG_DONTWAIT);
+}
+
 bool Intake::lookAtHandshake(int socket) {
   handshake_.resize(handshake_taken_ + std::max(handshake_piece, handshake_taken_));
-  setPeekOffset(socket, 0);
-  const ssize_t length = ::recv(socket, handshake_.data() + handshake_taken_,
-                                handshake_.size() - handshake_taken_, MSG_PEEK | MSG_DONTWAIT);
+  const std::int64_t length =
+      peek(socket, handshake_.data() + handshake_taken_, handshake_.size() - handshake_taken_);
   handshake_.resize(handshake_taken_ + (length > 0 ? static_cast<std::size_t>(length) : 0));
   const bool anything = length >= 0 || errno != EAGAIN;
   startCounting(socket);
@@ -84,19 +92,23 @@ Intake::Progress Intake::goThrough(std::string_view messages, std::uint64_t most
 }
 
 Intake::Next Intake::look(int socket, std::uint64_t most_bytes) {
-  std::array<char, fixed_header_bytes> header{};
-  setPeekOffset(socket, 0);
-  const ssize_t length = ::recv(socket, header.data(), header.size(), MSG_PEEK | MSG_DONTWAIT);
+  std::array<char, look_bytes> seen{};
+  const std::int64_t length = peek(socket, seen.data(), seen.size());
   claimed_ = 0;
+  seen_ = 0;
   // An error is shown once only, and the library has yet to learn of it.
   if (length <= 0) return length < 0 && errno == EAGAIN ? Next::nothing : Next::end;
-  if (length < static_cast<ssize_t>(header.size())) return Next::part_of_header;
-  claimed_ = claimedSize(header.data());
+  if (length < static_cast<std::int64_t>(fixed_header_bytes)) return Next::part_of_header;
+  claimed_ = claimedSize(seen.data());
+  seen_ = static_cast<std::uint64_t>(length);
   if (claimed_ < least_message_bytes) return Next::malformed;
   return claimed_ > most_bytes ? Next::too_large : Next::message;
 }
 
-void Intake::startCounting(int socket) { setPeekOffset(socket, far_away); }
+void Intake::startCounting(int socket) {
+  setPeekOffset(socket, far_away);
+  counting_ = true;
+}
 
 std::uint64_t Intake::counted(int socket) {
   int offset = far_away;
@@ -107,6 +119,7 @@ std::uint64_t Intake::counted(int socket) {
 
 void Intake::noteMessage(std::uint64_t taken) {
   claimed_ = 0;
+  seen_ = 0;
   if (brought_along_ > 0) {
     --brought_along_;
     return;
@@ -117,6 +130,7 @@ void Intake::noteMessage(std::uint64_t taken) {
 }
 
 Intake::Progress Intake::noteNoMessage(std::uint64_t taken, bool done, std::uint64_t most_bytes) {
+  seen_ = 0;
   if (brought_along_ > 0 && (done || taken > 0)) return Progress::dropped;
   if (taken == 0) return Progress::none;
   if (atBoundary()) remaining_ = claimed_;

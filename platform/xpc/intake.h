@@ -10,7 +10,8 @@ namespace kelvane::xpc {
 /// Follows, from outside, how far the bus library has read into a socket's stream of messages. The library
 /// takes in a message of up to 128 MiB without asking, and says neither where it stands nor that it dropped
 /// one. So the next message's header is looked at before the library may read, and the bytes that it then
-/// takes are counted. That is exact, because it reads to the end of a message and not beyond.
+/// takes are counted. That is exact, because it reads to the end of a message and not beyond. A message of
+/// which all was seen in that look need not be counted: the library takes it whole.
 ///
 /// The handshake's last read may bring messages along. So the handshake is looked at as well, and what stands
 /// behind its end is gone through. Only when bytes come between looking and reading are they not seen; then
@@ -41,8 +42,13 @@ class Intake {
   /// What the header that was looked at last claims as its message's size; 0 when there was none.
   [[nodiscard]] std::uint64_t claimed() const { return claimed_; }
 
+  /// The look saw a whole message: when the library reads, it takes that.
+  [[nodiscard]] bool wholeMessageIsNext() const { return seen_ > 0 && seen_ >= claimed_; }
+  /// The look saw one message and nothing behind it. What comes later is told by the socket.
+  [[nodiscard]] bool nothingIsBehind() const { return seen_ == claimed_; }
+
   /// Before the library may read.
-  static void startCounting(int socket);
+  void startCounting(int socket);
   /// After it, when it may have read: how many bytes it has taken.
   [[nodiscard]] static std::uint64_t counted(int socket);
   /// A message was handed out.
@@ -53,6 +59,7 @@ class Intake {
 
  private:
   Progress goThrough(std::string_view messages, std::uint64_t most_bytes);
+  std::int64_t peek(int socket, char* buffer, std::size_t size);
 
   std::string handshake_;            // what the library took, followed by what was looked at
   std::size_t handshake_taken_ = 0;  // the first part's size
@@ -60,6 +67,8 @@ class Intake {
   std::uint64_t brought_along_ = 0;  // whole messages that came with the handshake, not yet handed out
   bool known_ = false;               // where messages begin
   std::uint64_t claimed_ = 0;
+  std::uint64_t seen_ = 0;  // bytes that the last look saw, as many as it takes
+  bool counting_ = false;
   std::uint64_t remaining_ = 0;  // of the message under way, while that is known
   std::uint64_t taken_ = 0;      // without a message, while it is not
 };
