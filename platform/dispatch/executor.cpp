@@ -29,9 +29,9 @@ namespace kelvane::dispatch {
 namespace {
 
 constexpr unsigned most_threads = 1024;
-constexpr unsigned runs_between_polls = 16;
+constexpr unsigned runs_between_polls = 4;
 constexpr auto watchman_looks_every = std::chrono::milliseconds(2);
-constexpr unsigned backlog_stays_after = 8;          // looks in a row
+constexpr unsigned backlog_stays_after = 50;         // looks in a row
 constexpr std::uint64_t watchman_lingers_above = 4;  // runnables in one look
 
 // What epoll reports for the two descriptors of the executor itself; sources count from `first_source`.
@@ -265,7 +265,7 @@ void Executor::changeSource(const EventSourceState& source, int descriptor, std:
 void Executor::removeSource(const EventSourceState& source, int descriptor) {
   const Lock lock(mutex_);
   if (sources_.erase(source.identity()) == 0) return;
-  ::epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
+  if (descriptor >= 0) ::epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
 }
 
 // --- timers ---

@@ -4,7 +4,8 @@
 //
 // The model. There is one list of ready runnables, and one epoll descriptor. A thread of the pool takes the
 // first ready runnable; when there is none, one thread at a time (the poller) waits in epoll, and the rest
-// wait to be notified, and go after a while.
+// wait to be notified, and go after a while. A queue with many items goes back to the list's end after a few,
+// and after a few runnables the poll is looked at, so a long queue keeps neither others nor messages waiting.
 //
 // Waking a thread costs more than most runnables take. So making something ready wakes nobody while a thread
 // of the pool is at work: that one will come to it as soon as it is done. The poller, likewise, runs what it
@@ -14,7 +15,8 @@
 //    that another thread takes over the ready list and the poll.
 //  * A thread may block, or compute, without telling. While any thread is at work, the watchman looks every
 //    two milliseconds whether ready work, or the poll, has been left alone since the last look, and if so
-//    adds a thread; and likewise, where a processor is free, when work has piled up at each of eight looks.
+//    adds a thread; and likewise, where a processor is free, when work has piled up for a tenth of a second
+//    (two threads that wait for each other's queues are slower than one).
 //    It looks a last time after the work has ended, and then sleeps without a time-out.
 //
 // So a runnable waits for a thread at most a few milliseconds, whatever the others do, and in the common case
@@ -78,6 +80,7 @@ class Executor {
   [[nodiscard]] bool addSource(const std::shared_ptr<EventSourceState>& source, int descriptor,
                                std::uint32_t events);
   void changeSource(const EventSourceState& source, int descriptor, std::uint32_t events);
+  /// -1 for a descriptor that need not be taken out of epoll, because it is about to be closed.
   void removeSource(const EventSourceState& source, int descriptor);
 
   void setTimer(const std::shared_ptr<TimerState>& timer, std::uint64_t deadline);
@@ -148,7 +151,7 @@ class EventSourceState final : public Runnable, public std::enable_shared_from_t
   void again();
   void setEvents(std::uint32_t events);
   void run() noexcept override;
-  void cancel();
+  void cancel(bool is_closed_next);
   [[nodiscard]] std::uint64_t identity() const { return identity_; }
 
  private:

@@ -11,6 +11,8 @@ namespace kelvane {
 namespace dispatch {
 namespace {
 
+constexpr unsigned items_in_one_go = 16;
+
 /// One item in a serial queue's list: asynchronous work, or a thread that waits for its turn.
 struct Turn {
   std::condition_variable granted_wakeup;
@@ -115,9 +117,15 @@ class SerialQueue final : public Queue {
     Executor::shared().submit(shared_from_this());
   }
 
+  /// A few items; then others have their turn, and the poll.
   void run() noexcept override {
     std::unique_lock lock(mutex_);
-    while (!release() && !passToWaiter()) {
+    for (unsigned left = items_in_one_go; !release() && !passToWaiter(); --left) {
+      if (left == 0) {
+        lock.unlock();
+        Executor::shared().submit(shared_from_this());
+        return;
+      }
       const std::unique_ptr<Item> item = removeFirst();
       lock.unlock();
       {

@@ -39,8 +39,8 @@ void EventSourceState::setEvents(std::uint32_t events) {
   Executor::shared().changeSource(*this, descriptor_, events);
 }
 
-void EventSourceState::cancel() {
-  if (!cancelled_.exchange(true)) Executor::shared().removeSource(*this, descriptor_);
+void EventSourceState::cancel(bool is_closed_next) {
+  if (!cancelled_.exchange(true)) Executor::shared().removeSource(*this, is_closed_next ? -1 : descriptor_);
 }
 
 }  // namespace dispatch
@@ -65,7 +65,11 @@ void EventSource::setEvents(std::uint32_t events) {
 }
 
 void EventSource::cancel() {
-  if (state_ != nullptr) state_->cancel();
+  if (state_ != nullptr) state_->cancel(false);
+}
+
+void EventSource::cancelBeforeClose() {
+  if (state_ != nullptr) state_->cancel(true);
 }
 
 Timer::Timer(dispatch_time_t deadline, dispatch_queue_t queue, Block handler)

@@ -151,10 +151,12 @@ int Connection::startBus() {
                                  vtableOf(*exported_interface_, BusCallbacks::call, BusCallbacks::read),
                                  this);
   }
+  if (r < 0 || !accepting_) return r < 0 ? r : sd_bus_start(bus_);
+  // Whoever accepts reads at once.
   intake_.lookAtHandshake(socket_);
-  if (r >= 0) r = sd_bus_start(bus_);
-  if (r >= 0) intake_.noteHandshake(Intake::counted(socket_));
-  // Starting enlarges the buffer beyond what a peer that does not read should cost.
+  r = sd_bus_start(bus_);
+  if (r >= 0) intake_.noteHandshake(intake_.counted(socket_));
+  // Starting enlarges the buffer beyond what a peer that does not read its replies should cost.
   if (r >= 0) ::setsockopt(socket_, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes);
   return r;
 }
@@ -185,7 +187,12 @@ void Connection::finish(Lock& lock, Cause cause, Error error) {
   if (cause == Cause::invalidation) ending.never_called = std::move(interruption_handler_);
   if (first) {
     state_ = State::ended;
-    source_.cancel();
+    // The bus closes the only descriptor, unless there is one for input too.
+    if (input_ < 0) {
+      source_.cancelBeforeClose();
+    } else {
+      source_.cancel();
+    }
     deadline_.cancel();
     ending.outstanding = std::move(outstanding_);
     ending.exported_object = std::move(exported_object_);

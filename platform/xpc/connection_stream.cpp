@@ -82,7 +82,9 @@ int Connection::step() {
   if (sd_bus_is_open(bus_) <= 0) return -ECONNRESET;
   if (!ready_) return stepHandshake();
   bool hold = false;
-  if (intake_.atBoundary()) {
+  // What waited for the handshake's end goes out at once.
+  const bool writes_first = input_ < 0 && intake_.isCounting() && queuedMessages() > 0;
+  if (intake_.atBoundary() && !writes_first) {
     hold = !under_way_ && peerMustWait();
     if (!hold) {
       if (const int r = lookAhead(hold); r < 0) return r;
@@ -98,7 +100,7 @@ int Connection::stepHandshake() {
     const bool hold = !intake_.lookAtHandshake(socket_);
     r = processHolding(hold);
     if (r < 0) return r;
-    intake_.noteHandshake(Intake::counted(socket_));
+    intake_.noteHandshake(intake_.counted(socket_));
   }
   if (sd_bus_is_ready(bus_) <= 0) return r;
   ready_ = true;
@@ -154,7 +156,7 @@ int Connection::process(bool hold) {
   if (!whole) intake_.startCounting(socket_);
   const int r = processHolding(hold);
   if (r < 0) return r;
-  const std::uint64_t taken = whole ? intake_.claimed() : Intake::counted(socket_);
+  const std::uint64_t taken = whole ? intake_.claimed() : intake_.counted(socket_);
   drained_ = whole && took_message_ && intake_.nothingIsBehind();
   if (!took_message_) {
     const int verdict = judge(intake_.noteNoMessage(taken, r == 0, limits_.message_bytes));

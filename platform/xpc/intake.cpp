@@ -106,15 +106,20 @@ Intake::Next Intake::look(int socket, std::uint64_t most_bytes) {
 }
 
 void Intake::startCounting(int socket) {
-  setPeekOffset(socket, far_away);
+  if (!counting_ || counted_ > far_away / 2) {
+    setPeekOffset(socket, far_away);
+    counted_ = 0;
+  }
   counting_ = true;
+  counted_before_ = counted_;
 }
 
 std::uint64_t Intake::counted(int socket) {
   int offset = far_away;
   socklen_t length = sizeof offset;
   ::getsockopt(socket, SOL_SOCKET, SO_PEEK_OFF, &offset, &length);
-  return static_cast<std::uint64_t>(far_away - offset);
+  counted_ = static_cast<std::uint64_t>(far_away - offset);
+  return counted_ - counted_before_;
 }
 
 void Intake::noteMessage(std::uint64_t taken) {

@@ -50,7 +50,9 @@ class Intake {
   /// Before the library may read.
   void startCounting(int socket);
   /// After it, when it may have read: how many bytes it has taken.
-  [[nodiscard]] static std::uint64_t counted(int socket);
+  [[nodiscard]] std::uint64_t counted(int socket);
+  /// Nobody has looked since the counting was started; it can go on as it is.
+  [[nodiscard]] bool isCounting() const { return counting_; }
   /// A message was handed out.
   void noteMessage(std::uint64_t taken);
   /// None was; `done` says that the library had nothing left to do. Tells a message under way from one that
@@ -69,8 +71,10 @@ class Intake {
   std::uint64_t claimed_ = 0;
   std::uint64_t seen_ = 0;  // bytes that the last look saw, as many as it takes
   bool counting_ = false;
-  std::uint64_t remaining_ = 0;  // of the message under way, while that is known
-  std::uint64_t taken_ = 0;      // without a message, while it is not
+  std::uint64_t counted_ = 0;         // since the counter was set
+  std::uint64_t counted_before_ = 0;  // of those, before the counting was started
+  std::uint64_t remaining_ = 0;       // of the message under way, while that is known
+  std::uint64_t taken_ = 0;           // without a message, while it is not
 };
 
 }  // namespace kelvane::xpc

@@ -29,6 +29,26 @@ TEST(SerialQueue, RunsAsynchronousAndSynchronousItemsInTheOrderOfSubmission) {
   for (int i = 0; i < 3000; ++i) ASSERT_EQ(ran[static_cast<std::size_t>(i)], i);
 }
 
+TEST(SerialQueue, WithManyItemsLetsAnotherHaveItsTurnBeforeTheyAreDone) {
+  const dispatch_queue_t queue = dispatch_queue_create("long");
+  const dispatch_queue_t other = dispatch_queue_create("other");
+  Occasion all_submitted;
+  Occasion done;
+  std::atomic<int> ran{0};
+  std::atomic<int> ran_before_the_other{0};
+  dispatch_async(queue, [&] {
+    all_submitted.await();
+    dispatch_async(other, [&] { ran_before_the_other = ran.load(); });
+  });
+  constexpr int items = 1000;
+  for (int i = 0; i < items; ++i) dispatch_async(queue, [&] { ++ran; });
+  dispatch_async(queue, [&] { done.happen(); });
+  all_submitted.happen();
+  done.await();
+  dispatch_sync(other, [] {});
+  EXPECT_LT(ran_before_the_other, items);
+}
+
 TEST(SerialQueue, KeepsTheOrderOfEachThreadAmongAHundredThousandItemsFromEight) {
   constexpr int thread_count = 8;
   constexpr int items = 12'500;
