@@ -52,6 +52,13 @@ TEST_F(CentralObject, TheSystemDirectoryOfTheRealRootBeginsWithTwoSlashes) {
   EXPECT_TRUE(log_.contains(5, "init plistDir: //System/Library/Kelvane/"));
 }
 
+TEST_F(CentralObject, RequestsInFlightCountsWhateverCollectionItIsGiven) {
+  const auto it = kelvane();
+  EXPECT_EQ(it->requestsInFlight(InFlight{{"one", [] {}}, {"two", [] {}}}), 2U);
+  EXPECT_EQ(it->requestsInFlight(Array{}), 0U);
+  EXPECT_EQ(it->requestsInFlight(Dictionary{{"a", 1}}), 1U);
+}
+
 TEST_F(CentralObject, CopyServicesReturnsASnapshotACheckInAfterTheCopyDoesNotChangeIt) {
   descriptor(systemFile("a.plist"), Dictionary{{KELVANE_ID, "declared"}});
   const auto it = kelvane();
