@@ -31,6 +31,7 @@ namespace {
 constexpr unsigned most_threads = 1024;
 constexpr unsigned runs_between_polls = 4;
 constexpr auto watchman_looks_every = std::chrono::milliseconds(2);
+constexpr unsigned poll_is_left_alone_after = 3;     // looks in a row
 constexpr unsigned backlog_stays_after = 50;         // looks in a row
 constexpr std::uint64_t watchman_lingers_above = 4;  // runnables in one look
 
@@ -198,19 +199,21 @@ void Executor::callTheWatchman() {
 void Executor::watch() {
   Lock lock(mutex_);
   unsigned looks_with_backlog = 0;
+  unsigned looks_without_poll = 0;
   for (;;) {
     watchman_wakeup_.wait(lock, [this] { return watching_; });
     const std::uint64_t taken_before = taken_;
     const std::uint64_t polls_before = polls_;
     watchman_wakeup_.wait_for(lock, watchman_looks_every, [] { return false; });
     looks_with_backlog = ready_.empty() ? 0 : looks_with_backlog + 1;
+    looks_without_poll = polling_ || polls_ != polls_before ? 0 : looks_without_poll + 1;
     if (busy_ == 0 && ready_.empty()) {
       watching_ = taken_ - taken_before > watchman_lingers_above;
       continue;
     }
     const bool backlog_stays = looks_with_backlog >= backlog_stays_after && busy_ < cores_;
     const bool work_left_alone = !ready_.empty() && (taken_ == taken_before || backlog_stays);
-    const bool poll_left_alone = !polling_ && polls_ == polls_before;
+    const bool poll_left_alone = looks_without_poll >= poll_is_left_alone_after;
     if (work_left_alone || poll_left_alone) callThread();
   }
 }

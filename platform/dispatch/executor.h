@@ -14,10 +14,10 @@
 //  * A thread that is about to block in a queue, group, semaphore or sleep (BlockingRegion) first sees to it
 //    that another thread takes over the ready list and the poll.
 //  * A thread may block, or compute, without telling. While any thread is at work, the watchman looks every
-//    two milliseconds whether ready work, or the poll, has been left alone since the last look, and if so
-//    adds a thread; and likewise, where a processor is free, when work has piled up for a tenth of a second
-//    (two threads that wait for each other's queues are slower than one).
-//    It looks a last time after the work has ended, and then sleeps without a time-out.
+//    two milliseconds. It adds a thread when ready work has been left alone since the last look, or the poll
+//    for three looks, or, where a processor is free, when work has piled up for a tenth of a second: sooner
+//    it does not pay, since two threads that wait for each other's queues are slower than one. It looks a
+//    last time after the work has ended, and then sleeps without a time-out.
 //
 // So a runnable waits for a thread at most a few milliseconds, whatever the others do, and in the common case
 // a message travels from the socket through its queues and back without changing threads.

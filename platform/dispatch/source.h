@@ -40,8 +40,8 @@ class EventSource {
   /// Watches for these events from now on; what is ready already is reported again.
   void setEvents(std::uint32_t events);
   void cancel();
-  /// The same where the descriptor is closed right after, and nobody has a copy of it: the kernel then forgets
-  /// it by itself.
+  /// The same where the descriptor is closed right after, and nobody has a copy of it: the kernel then
+  /// forgets it by itself.
   void cancelBeforeClose();
 
  private:
