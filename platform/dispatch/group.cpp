@@ -122,11 +122,11 @@ dispatch_semaphore_t dispatch_semaphore_create(long value) {
 // Either side may let go of the semaphore as soon as the other has done its part, so each keeps it meanwhile.
 
 long dispatch_semaphore_wait(const dispatch_semaphore_t& semaphore, dispatch_time_t deadline) {
-  const dispatch_semaphore_t kept = semaphore;
+  const dispatch_semaphore_t kept = semaphore;  // NOLINT(performance-unnecessary-copy-initialization)
   return kept->wait(deadline);
 }
 void dispatch_semaphore_signal(const dispatch_semaphore_t& semaphore) {
-  const dispatch_semaphore_t kept = semaphore;
+  const dispatch_semaphore_t kept = semaphore;  // NOLINT(performance-unnecessary-copy-initialization)
   kept->signal();
 }
 

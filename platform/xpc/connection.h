@@ -128,6 +128,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   int lookAhead(bool& hold);
   int process(bool hold);
   int processHolding(bool hold);
+  void noteTaken(sd_bus_message* message);
   int judge(Intake::Progress progress);
   void startMessageDeadline();
   void watchForWriting();
@@ -163,6 +164,8 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   bool hung_up_ = false;    // nothing more will come than what the socket holds
   bool out_watched_ = false;
   bool took_message_ = false;  // the bus handed out a message when it was last told to process
+  std::uint64_t taken_serial_ = 0;
+  bool writes_first_ = false;  // the handshake has just ended; what waited for that goes out first
   bool drained_ = false;       // and the socket held nothing behind it
   Intake intake_;
   std::uint64_t waiting_calls_ = 0;  // handed to the queue, and not yet handled

@@ -59,8 +59,8 @@ int BusCallbacks::call(sd_bus_message* message, void* userdata, sd_bus_error* /*
   return static_cast<Connection*>(userdata)->acceptCall(message);
 }
 
-int BusCallbacks::anything(sd_bus_message* /*message*/, void* userdata, sd_bus_error* /*error*/) {
-  static_cast<Connection*>(userdata)->took_message_ = true;
+int BusCallbacks::anything(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+  static_cast<Connection*>(userdata)->noteTaken(message);
   return 0;
 }
 
@@ -75,7 +75,7 @@ int BusCallbacks::read(sd_bus* /*bus*/, const char* /*path*/, const char* /*inte
 
 int BusCallbacks::reply(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
   auto& pending = *static_cast<Connection::PendingCall*>(userdata);
-  pending.connection->took_message_ = true;
+  pending.connection->noteTaken(message);
   return pending.connection->acceptReply(pending, message);
 }
 

@@ -82,8 +82,7 @@ int Connection::step() {
   if (sd_bus_is_open(bus_) <= 0) return -ECONNRESET;
   if (!ready_) return stepHandshake();
   bool hold = false;
-  // What waited for the handshake's end goes out at once.
-  const bool writes_first = input_ < 0 && intake_.isCounting() && queuedMessages() > 0;
+  const bool writes_first = std::exchange(writes_first_, false) && input_ < 0 && queuedMessages() > 0;
   if (intake_.atBoundary() && !writes_first) {
     hold = !under_way_ && peerMustWait();
     if (!hold) {
@@ -104,6 +103,7 @@ int Connection::stepHandshake() {
   }
   if (sd_bus_is_ready(bus_) <= 0) return r;
   ready_ = true;
+  writes_first_ = true;
   deadline_.cancel();
   const int verdict = judge(intake_.endHandshake(accepting_ ? "BEGIN" : "", limits_.message_bytes));
   return verdict < 0 ? verdict : 1;
@@ -158,6 +158,8 @@ int Connection::process(bool hold) {
   if (r < 0) return r;
   const std::uint64_t taken = whole ? intake_.claimed() : intake_.counted(socket_);
   drained_ = whole && took_message_ && intake_.nothingIsBehind();
+  // Another message than the one that was looked at: that one was dropped.
+  if (took_message_ && intake_.serial() != 0 && intake_.serial() != taken_serial_) return -EBADMSG;
   if (!took_message_) {
     const int verdict = judge(intake_.noteNoMessage(taken, r == 0, limits_.message_bytes));
     return verdict < 0 ? verdict : r;
@@ -165,6 +167,11 @@ int Connection::process(bool hold) {
   intake_.noteMessage(taken);
   if (!intake_.underWay() && std::exchange(under_way_, false)) deadline_.cancel();
   return r;
+}
+
+void Connection::noteTaken(sd_bus_message* message) {
+  took_message_ = true;
+  if (sd_bus_message_get_cookie(message, &taken_serial_) < 0) taken_serial_ = 0;
 }
 
 int Connection::judge(Intake::Progress progress) {

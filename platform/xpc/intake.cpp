@@ -1,5 +1,6 @@
 #include "platform/xpc/intake.h"
 
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <algorithm>
 #include <array>
@@ -26,17 +27,28 @@ void setPeekOffset(int socket, int offset) {
   ::setsockopt(socket, SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset);
 }
 
+/// All bytes that a socket holds. A look ends where descriptors, or another sender's bytes, begin.
+std::uint64_t bytesIn(int socket) {
+  int bytes = 0;
+  return ::ioctl(socket, FIONREAD, &bytes) == 0 ? static_cast<std::uint64_t>(bytes) : UINT64_MAX;
+}
+
+constexpr std::size_t body_size_at = 4;
+constexpr std::size_t serial_at = 8;
+constexpr std::size_t fields_size_at = 12;
+
+std::uint32_t numberIn(const char* header, std::size_t at) {
+  const bool big = header[0] == 'B';
+  std::uint32_t value = 0;
+  for (std::size_t i = 0; i < 4; ++i)
+    value |= std::uint32_t{static_cast<std::uint8_t>(header[at + (big ? 3 - i : i)])} << (8 * i);
+  return value;
+}
+
 /// The whole size of the message that begins with this header, as its sender claims.
 std::uint64_t claimedSize(const char* header) {
-  const bool big = header[0] == 'B';
-  const auto number = [&](std::size_t at) {
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < 4; ++i)
-      value |= std::uint64_t{static_cast<std::uint8_t>(header[at + (big ? 3 - i : i)])} << (8 * i);
-    return value;
-  };
-  const std::uint64_t fields = (number(12) + 7) & ~std::uint64_t{7};
-  return fixed_header_bytes + fields + number(4);
+  const std::uint64_t fields = (std::uint64_t{numberIn(header, fields_size_at)} + 7) & ~std::uint64_t{7};
+  return fixed_header_bytes + fields + numberIn(header, body_size_at);
 }
 
 }  // namespace
@@ -95,13 +107,16 @@ Intake::Next Intake::look(int socket, std::uint64_t most_bytes) {
   std::array<char, look_bytes> seen{};
   const std::int64_t length = peek(socket, seen.data(), seen.size());
   claimed_ = 0;
+  serial_ = 0;
   seen_ = 0;
   // An error is shown once only, and the library has yet to learn of it.
   if (length <= 0) return length < 0 && errno == EAGAIN ? Next::nothing : Next::end;
   if (length < static_cast<std::int64_t>(fixed_header_bytes)) return Next::part_of_header;
   claimed_ = claimedSize(seen.data());
+  serial_ = numberIn(seen.data(), serial_at);
   seen_ = static_cast<std::uint64_t>(length);
-  if (claimed_ < least_message_bytes) return Next::malformed;
+  nothing_is_behind_ = seen_ == claimed_ && bytesIn(socket) == seen_;
+  if (claimed_ < least_message_bytes || serial_ == 0) return Next::malformed;
   return claimed_ > most_bytes ? Next::too_large : Next::message;
 }
 
@@ -124,6 +139,7 @@ std::uint64_t Intake::counted(int socket) {
 
 void Intake::noteMessage(std::uint64_t taken) {
   claimed_ = 0;
+  serial_ = 0;
   seen_ = 0;
   if (brought_along_ > 0) {
     --brought_along_;

@@ -42,17 +42,17 @@ class Intake {
   /// What the header that was looked at last claims as its message's size; 0 when there was none.
   [[nodiscard]] std::uint64_t claimed() const { return claimed_; }
 
+  /// The serial in that header; 0 when there was none.
+  [[nodiscard]] std::uint32_t serial() const { return serial_; }
   /// The look saw a whole message: when the library reads, it takes that.
   [[nodiscard]] bool wholeMessageIsNext() const { return seen_ > 0 && seen_ >= claimed_; }
-  /// The look saw one message and nothing behind it. What comes later is told by the socket.
-  [[nodiscard]] bool nothingIsBehind() const { return seen_ == claimed_; }
+  /// The socket held one whole message and nothing behind it. What comes later is told by the socket.
+  [[nodiscard]] bool nothingIsBehind() const { return nothing_is_behind_; }
 
   /// Before the library may read.
   void startCounting(int socket);
   /// After it, when it may have read: how many bytes it has taken.
   [[nodiscard]] std::uint64_t counted(int socket);
-  /// Nobody has looked since the counting was started; it can go on as it is.
-  [[nodiscard]] bool isCounting() const { return counting_; }
   /// A message was handed out.
   void noteMessage(std::uint64_t taken);
   /// None was; `done` says that the library had nothing left to do. Tells a message under way from one that
@@ -70,6 +70,8 @@ class Intake {
   bool known_ = false;               // where messages begin
   std::uint64_t claimed_ = 0;
   std::uint64_t seen_ = 0;  // bytes that the last look saw, as many as it takes
+  bool nothing_is_behind_ = false;
+  std::uint32_t serial_ = 0;
   bool counting_ = false;
   std::uint64_t counted_ = 0;         // since the counter was set
   std::uint64_t counted_before_ = 0;  // of those, before the counting was started

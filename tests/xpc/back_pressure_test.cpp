@@ -1,5 +1,7 @@
 #include <sys/socket.h>
+#include <array>
 #include <atomic>
+#include <string>
 #include <vector>
 
 #include "tests/xpc/echo_server.h"
@@ -120,6 +122,31 @@ TEST_P(BackPressure, NothingMoreIsReadWhileTooManyCallsWaitForTheirHandler) {
   for (std::uint32_t expected = 2; expected < 2 + whole; ++expected)
     ASSERT_EQ(peer.receive()->reply_serial, expected);
   server.expectOthersAreServed();
+}
+
+// The kernel shows what is in the socket only up to the bytes that came with a descriptor.
+TEST_P(BackPressure, ACallRightBehindOneWithADescriptorIsAnsweredThoughNothingComesAfterIt) {
+  EchoServer server(GetParam());
+  std::array<int, 2> pair{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
+  const FileDescriptor one(pair[0]);
+  const FileDescriptor other(pair[1]);
+  RawMessage with_descriptor;
+  with_descriptor.member = "openBack";
+  with_descriptor.signature = "sh";
+  with_descriptor.body = std::string("\2\0\0\0id\0\0\0\0\0\0", 12);
+  with_descriptor.descriptors = 1;
+  RawPeer peer = server.rawPeer();
+  peer.handshake();
+  peer.send(echoCall(1, 8).bytes());
+  ASSERT_EQ(peer.receive()->reply_serial, 1U);
+  for (std::uint32_t serial = 2; serial < 1000; serial += 2) {
+    with_descriptor.serial = serial;
+    peer.send(with_descriptor.bytes(), {one.get()});
+    peer.send(echoCall(serial + 1, 8).bytes());
+    ASSERT_EQ(peer.receive()->reply_serial, serial);
+    ASSERT_EQ(peer.receive()->reply_serial, serial + 1);
+  }
 }
 
 }  // namespace

@@ -33,6 +33,14 @@ class HostileMessage : public OverBothDoors {
     peer.awaitEnd();
     server_.expectOthersAreServed();
   }
+  /// A peer that has yet to say BEGIN. It speaks when the server waits for it already, so all that it says is
+  /// looked at before it is read.
+  RawPeer peerBeforeItsLastLine() {
+    RawPeer peer = server_.rawPeer();
+    server_.expectOthersAreServed();
+    peer.handshake(false);
+    return peer;
+  }
   /// The message is answered with this error, and the connection stays.
   void expectError(RawMessage message, const std::string& name, const std::vector<int>& descriptors = {}) {
     RawPeer peer = servedPeer();
@@ -137,15 +145,13 @@ TEST_P(HostileMessage, AnOversizedMessageIsRefusedByItsHeader) {
 }
 
 TEST_P(HostileMessage, AnOversizedMessageIsRefusedWhenItsHeaderCameWithTheHandshake) {
-  RawPeer peer = server_.rawPeer();
-  peer.handshake(false);
+  RawPeer peer = peerBeforeItsLastLine();
   peer.send("BEGIN\r\n" + headerClaiming((32U << 20) + 1));
   expectEnd(peer);
 }
 
 TEST_P(HostileMessage, HalfAMessageThatCameWithTheHandshakeEndsAfterTenSeconds) {
-  RawPeer peer = server_.rawPeer();
-  peer.handshake(false);
+  RawPeer peer = peerBeforeItsLastLine();
   const std::string whole = echoCall(1, 8).bytes();
   peer.send("BEGIN\r\n" + whole + whole.substr(0, 40));
   EXPECT_EQ(peer.receive()->reply_serial, 1U);
@@ -155,9 +161,17 @@ TEST_P(HostileMessage, HalfAMessageThatCameWithTheHandshakeEndsAfterTenSeconds) 
 }
 
 TEST_P(HostileMessage, ADroppedMessageThatCameWithTheHandshakeEndsTheConnection) {
-  RawPeer peer = server_.rawPeer();
-  peer.handshake(false);
+  RawPeer peer = peerBeforeItsLastLine();
   peer.send("BEGIN\r\n" + echoCall(0, 8).bytes());
+  expectEnd(peer);
+}
+
+TEST_P(HostileMessage, ADroppedMessageEndsTheConnectionThoughAGoodOneIsRightBehindIt) {
+  RawPeer peer = servedPeer();
+  RawMessage without_a_path;
+  without_a_path.serial = 2;
+  without_a_path.path = "";
+  peer.send(without_a_path.bytes() + echoCall(3, 8).bytes());
   expectEnd(peer);
 }
 
