@@ -3,8 +3,8 @@
 // For each number of services, in one run and taking turns: a question that asks every service (the record of
 // recent figures is removed before it, outside of what is timed); the same question again, answered from the
 // record; the reading of one state value; a bare bus loop that opens the same connections to the same
-// services, asks the same and closes them; one bare round trip; and what marshalling an answer of that size
-// takes.
+// services, asks the same and closes them; a bare round trip on an open connection; and what marshalling an
+// answer of that size takes. What is short is repeated, and counts with its mean.
 
 #include <sys/resource.h>
 #include <unistd.h>

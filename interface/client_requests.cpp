@@ -92,7 +92,7 @@ std::optional<Dictionary> ClientInterface::purge(const Dictionary& info, const P
 }
 
 void ClientInterface::clientCancelPurge(Dictionary info, Reply<> reply) {
-  const Value token = info[KELVANE_TOKEN];
+  const Value& token = info[KELVANE_TOKEN];
   const auto operation = dispatch_sync(collection_queue(), [&]() -> std::shared_ptr<KelvanePurgeOperation> {
     if (!purgeOperations()) return nullptr;
     const auto found = operationUnder(*purgeOperations(), token);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <string>
 #include <utility>
 
 #include "platform/foundation/value.h"
@@ -16,17 +15,14 @@ namespace kelvane {
 /// One thread at a time.
 class HeldRecord {
  public:
-  /// Holds what is to be written under the key.
-  void hold(std::shared_ptr<KelvaneRecentInfo> record, std::string key) {
+  /// Holds what is to be written.
+  void hold(std::shared_ptr<KelvaneRecentInfo> record) {
     *this = {};
     record_ = std::move(record);
-    key_ = std::move(key);
     unwritten_ = true;
   }
 
   [[nodiscard]] bool isUnwritten() const { return unwritten_; }
-  [[nodiscard]] bool isUnwritten(const std::string& key) const { return unwritten_ && key_ == key; }
-  [[nodiscard]] const std::string& key() const { return key_; }
   [[nodiscard]] const std::shared_ptr<KelvaneRecentInfo>& record() const { return record_; }
 
   /// Its archive, which is to be written now.
@@ -46,8 +42,7 @@ class HeldRecord {
 
  private:
   std::shared_ptr<KelvaneRecentInfo> record_;
-  std::string key_;  // while unwritten
-  Data archive_;     // of the record, when it is written
+  Data archive_;  // of the record, when it is written
   bool unwritten_ = false;
 };
 

@@ -85,7 +85,7 @@ void ClientInterface::clientGetState(xpc::Anything key, Reply<Value> reply) {
 void ClientInterface::_clientSetState(const Value& value, const std::string& key, const Reply<>& reply) {
   dispatch_assert_queue(defaults_queue());
   settleState();
-  held_record_ = {};  // what is written may take its place
+  if (key == KELVANE_RECENT_SERVICE_STATS) held_record_ = {};
   store(value, key);
   if (key == KELVANE_CACHE_ENABLED) notifyRecipients(key, value);
   reply();
@@ -110,18 +110,21 @@ void ClientInterface::_clientGetState(const Value& key, const Reply<Value>& repl
 
 void ClientInterface::settleState() {
   dispatch_assert_queue(defaults_queue());
-  if (held_record_.isUnwritten()) store(held_record_.takeArchive(), held_record_.key());
+  // Where nothing can be stored, what is held is all there is.
+  if (!held_record_.isUnwritten() || userDefaults() == nullptr) return;
+  store(held_record_.takeArchive(), KELVANE_RECENT_SERVICE_STATS);
 }
 
 void ClientInterface::clientSetStateSync(const StateObject& value, const std::string& key) {
   dispatch_assert_queue(defaults_queue());
-  if (const auto* const record = std::get_if<std::shared_ptr<KelvaneRecentInfo>>(&value)) {
-    if (!held_record_.isUnwritten(key)) settleState();
-    held_record_.hold(*record, key);
+  const auto* const record = std::get_if<std::shared_ptr<KelvaneRecentInfo>>(&value);
+  if (record != nullptr && key == KELVANE_RECENT_SERVICE_STATS) {
+    held_record_.hold(*record);
     return;
   }
+  const Value stored = record != nullptr ? Value(archivedData(**record)) : std::get<Value>(value);
   const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
-  _clientSetState(std::get<Value>(value), key, [&] { dispatch_semaphore_signal(semaphore); });
+  _clientSetState(stored, key, [&] { dispatch_semaphore_signal(semaphore); });
   awaitAnswer(semaphore, set_sync_selector);
 }
 
@@ -131,7 +134,7 @@ StateObject ClientInterface::clientGetStateSync(const std::string& key) {
   KVLog(5, "%s %d", get_sync_selector, 641);
   const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
   StateObject result;
-  if (held_record_.isUnwritten(key)) {
+  if (held_record_.isUnwritten() && key == KELVANE_RECENT_SERVICE_STATS) {
     KVLog(5, "%s ENTRY", get_selector);
     result = held_record_.record();
     KVLog(5, "%s EXIT", get_selector);

@@ -100,11 +100,11 @@ bool KelvaneOperation::updateInFlight(const std::string& identifier, Done cancel
     const bool adding = static_cast<bool>(cancelBlock);
     KVLog(5, "%s %s %@", update_selector, adding ? "adding" : "removing", identifier);
     bool changed = false;
-    if (adding) {
+    if (adding && takes_services_) {
       changed = in_flight_.try_emplace(identifier, std::move(cancelBlock)).second;
       if (!changed)
         KVLog(3, "%s trying to add \"%@\", which is already inFlight", update_selector, identifier);
-    } else {
+    } else if (!adding) {
       changed = in_flight_.erase(identifier) > 0;
       if (!changed)
         KVLog(5, "%s trying to remove \"%@\", which is not inFlight", update_selector, identifier);
@@ -134,6 +134,10 @@ void KelvaneOperation::cancelInFlights() {
     in_flight_.clear();
     noteInFlightCount();
   });
+}
+
+void KelvaneOperation::setTakesServices(bool takes) {
+  dispatch_sync(collection_queue_, [&] { takes_services_ = takes; });
 }
 
 std::size_t KelvaneOperation::inFlightCount() const {

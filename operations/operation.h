@@ -48,6 +48,8 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
   void cancelInFlightService(const std::string& identifier);
   void cancelInFlights();
   [[nodiscard]] std::size_t inFlightCount() const;
+  /// Whether services may be added; when they may not, adding one gives false.
+  void setTakesServices(bool takes);
 
   /// Asks every service in flight to stop purging. Does not end their requests.
   virtual void cancelOperation();
@@ -96,6 +98,7 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
   dispatch_queue_t message_queue_;
 
   InFlight in_flight_;                           // only on collection_queue_
+  bool takes_services_ = true;                   // only on collection_queue_
   std::atomic<std::size_t> in_flight_count_{0};  // written on collection_queue_, read anywhere
 };
 

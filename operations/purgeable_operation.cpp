@@ -126,9 +126,11 @@ void KelvanePurgeableOperation::startOperation(
   const Dictionary request = info();
   const std::uint64_t start = mach_absolute_time();
   KVLog(5, "%s ENTRY, info: %@", start_selector, request);
+  setTakesServices(true);
   const dispatch_group_t group = dispatch_group_create();
   ask(cachedInfo(request), request, group);
   static_cast<void>(dispatch_group_wait(group, dispatch_time(DISPATCH_TIME_NOW, wait_nanoseconds)));
+  setTakesServices(false);  // nobody would end a question that came so late
   if (inFlightCount() != 0) awaitStragglers();
   const Dictionary cached = cachedInfo(request);
   KVLog(5, "%s cachedInfo (2nd pass): %@", start_selector, cached);

@@ -73,8 +73,10 @@ KelvaneRecentInfo::Status KelvaneRecentInfo::validate(std::uint64_t number, doub
   for (auto entry = volumes_.begin(); entry != volumes_.end();) {
     auto& [name, volume] = *entry;
     const bool moved = distance(volumeFreespace(name), volume.freespace()) > number;
-    if (moved || volume.dropServicesOlderThan(threshold, now)) dropped = true;
-    entry = moved || volume.services().empty() ? volumes_.erase(entry) : std::next(entry);
+    if (!moved && volume.dropServicesOlderThan(threshold, now)) dropped = true;
+    const bool goes = moved || volume.services().empty();
+    if (goes) dropped = true;
+    entry = goes ? volumes_.erase(entry) : std::next(entry);
   }
   if (volumes_.empty()) return invalid;
   return dropped ? changed : nothing_to_do;

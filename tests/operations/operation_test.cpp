@@ -131,6 +131,15 @@ TEST_F(OperationBase, ARecordIsRemovedUnderItsOwnID) {
 
 // --- the in-flight table ---
 
+TEST_F(OperationBase, WhenServicesAreNoLongerTakenAddingOneReturnsFalseAndRemovingGoesOn) {
+  const auto it = operation();
+  EXPECT_TRUE(it->updateInFlight("a", [] {}));
+  it->setTakesServices(false);
+  EXPECT_FALSE(it->updateInFlight("b", [] {}));
+  EXPECT_TRUE(it->updateInFlight("a", nullptr));
+  EXPECT_EQ(it->inFlightCount(), 0U);
+}
+
 TEST_F(OperationBase, AddingTheSameIdentifierTwiceReturnsTrueThenFalseAndKeepsTheFirstCallback) {
   const auto it = operation();
   std::string called;

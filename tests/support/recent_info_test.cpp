@@ -88,6 +88,12 @@ TEST_F(RecentInfo, ARecordOfWhichNothingIsLeftIsInvalid) {
   EXPECT_EQ(KelvaneRecentInfo({}).validate(change, threshold), KelvaneRecentInfo::invalid);
 }
 
+TEST_F(RecentInfo, AVolumeWithoutAFigureIsDropped) {
+  KelvaneRecentInfo info({{"/a", volumeOf({{"one", figure(1)}}, "/a")}, {"/b", volumeOf({}, "/b")}});
+  EXPECT_EQ(info.validate(change, threshold), KelvaneRecentInfo::changed);
+  EXPECT_FALSE(info.volumes().contains("/b"));
+}
+
 TEST_F(RecentInfo, AVolumeUnderAnothersNameMakesTheWholeRecordInvalid) {
   KelvaneRecentInfo info(
       {{"/a", volumeOf({{"one", figure(1)}}, "/b")}, {"/b", volumeOf({{"one", figure(1)}}, "/b")}});
@@ -141,10 +147,11 @@ TEST_F(RecentInfo, EveryRecordComesBackFromItsArchive) {
     RecentVolumes volumes;
     for (auto v = random() % 4; v > 0; --v) {
       RecentServices services;
-      for (auto s = random() % 5; s > 0; --s)
+      for (auto s = random() % 5; s > 0; --s) {
         services.insert_or_assign(
             "service" + std::to_string(random() % 100),
             figure(amounts[random() % amounts.size()], static_cast<std::int64_t>(random() % 500)));
+      }
       const std::string name = "/v" + std::to_string(random() % 50);
       volumes.insert_or_assign(name, volumeOf(services, name));
     }
