@@ -6,6 +6,7 @@
 
 #include "common/keys.h"
 #include "daemon/descriptor.h"
+#include "operations/periodic_operation.h"
 #include "platform/dispatch/once.h"
 #include "platform/foundation/user_defaults.h"
 #include "support/log.h"
@@ -104,15 +105,11 @@ void Kelvane::setServices(Services services) {
   services_ = std::move(services);
 }
 
-// --- what the event sources hand over ---
-
-void Kelvane::handleVFSStreamXPCEvent(const Dictionary& event) {
-  const std::uint64_t flags = event["_Flags"].unsignedLongLongValue();
-  KVLog(5, "%s received an event with the flags %#llx", "handleVFSStreamXPCEvent:", flags);
-}
-
 void Kelvane::performPeriodicsWithInfo(const Dictionary& info) {
-  KVLog(5, "%s received the volume %@", "performPeriodicsWithInfo:", info[KELVANE_VOLUME]);
+  const auto operation = KelvanePeriodicOperation::initWithInfo(info, copyServices());
+  if (operation == nullptr) return;
+  operation->startOperation(
+      [](const Dictionary& result) { KVLog(5, "%s result: %@", "performPeriodicsWithInfo:", result); });
 }
 
 }  // namespace kelvane

@@ -11,9 +11,9 @@
 
 namespace kelvane {
 
-/// Service identifier to record, in the order of the identifiers. A copy is a snapshot, and costs nothing until
-/// one of the two changes; the records are shared. Copies may be read on any thread; one object belongs to one
-/// thread at a time.
+/// Service identifier to record, in the order of the identifiers. A copy is a snapshot, and costs nothing
+/// until one of the two changes; the records are shared. Copies may be read on any thread; one object belongs
+/// to one thread at a time.
 class Services {
  public:
   using Map = std::map<std::string, std::shared_ptr<KVService>, std::less<>>;

@@ -99,6 +99,11 @@ class FakeService {
     const std::scoped_lock lock(state_->mutex);
     return state_->questions;
   }
+  /// It answers none of these but with `answerKept`.
+  [[nodiscard]] std::vector<Question> periodics() const {
+    const std::scoped_lock lock(state_->mutex);
+    return state_->periodics;
+  }
   [[nodiscard]] std::vector<Dictionary> notifications() const {
     const std::scoped_lock lock(state_->mutex);
     return state_->notifications;
@@ -113,6 +118,9 @@ class FakeService {
   }
   void awaitQuestions(std::size_t number) const {
     await([=](const State& it) { return it.questions.size() >= number; });
+  }
+  void awaitPeriodics(std::size_t number) const {
+    await([=](const State& it) { return it.periodics.size() >= number; });
   }
   void awaitCancels(int number) const {
     await([=](const State& it) { return it.cancels >= number; });
@@ -161,6 +169,7 @@ class FakeService {
     std::condition_variable changed;
     std::vector<Purge> purges;
     std::vector<Question> questions;
+    std::vector<Question> periodics;
     std::vector<Dictionary> notifications;
     std::vector<std::shared_ptr<xpc::Connection>> connections;
     std::vector<ResultReply> unanswered;  // kept, so that the caller goes on waiting
@@ -199,8 +208,11 @@ class FakeService {
         keep(reply);
       }
     }
-    void servicePeriodic(std::int32_t /*urgency*/, Dictionary /*info*/, ResultReply reply) override {
-      keep(reply);
+    void servicePeriodic(std::int32_t urgency, Dictionary info, ResultReply reply) override {
+      state_->change([&](State& it) {
+        it.periodics.push_back({urgency, std::move(info)});
+        it.unanswered.push_back(reply);
+      });
     }
     void serviceCancelPurge(Reply<> reply) override {
       state_->change([&](State& it) { ++it.cancels; });

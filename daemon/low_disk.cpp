@@ -1,0 +1,73 @@
+// What is done when a volume runs low: an event of the file-system stream becomes a purge of a fixed amount
+// on each volume that it concerns.
+
+#include <unistd.h>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/keys.h"
+#include "daemon/kelvane.h"
+#include "support/log.h"
+#include "support/statistics.h"
+#include "support/volumes.h"
+
+namespace kelvane {
+namespace {
+
+constexpr const char* selector = "handleVFSStreamXPCEvent:";
+
+// Conditions of a volume, in the order in which they count: the first that is set is the event's.
+constexpr std::uint64_t VQ_LOWDISK = 0x4;
+constexpr std::uint64_t VQ_VERYLOWDISK = 0x200;
+constexpr std::uint64_t VFS_QUOTA = 0x1000;
+
+constexpr std::uint64_t purged_bytes = 262'144'000;
+constexpr int pass_seconds = 300;
+
+using Volumes = std::optional<std::vector<std::string>>;
+
+struct Condition {
+  const char* statistic = nullptr;  // null for an event of no known condition
+  Volumes volumes;
+};
+
+Condition conditionOf(std::uint64_t flags) {
+  if ((flags & VQ_LOWDISK) != 0) {
+    KVLog(3, "%s caught VQ_LOWDISK", selector);
+    return {"KV_LOWDISK_EVENT", lowSpaceVolumes()};
+  }
+  if ((flags & VQ_VERYLOWDISK) != 0) {
+    KVLog(3, "%s caught VQ_VERYLOWDISK", selector);
+    return {"KV_VERYLOWDISK_EVENT", lowSpaceVolumes()};
+  }
+  if ((flags & VFS_QUOTA) != 0) {
+    KVLog(3, "%s caught VFS_QUOTA", selector);
+    Volumes over = quotaVolumes(::getuid());
+    return {"KV_VFS_QUOTA_EVENT", over ? std::move(over) : lowSpaceVolumes()};
+  }
+  return {nullptr, lowSpaceVolumes()};
+}
+
+/// A quota event in every case: services that opted out of those are left out of every purge made here.
+Dictionary requestFor(const std::string& volume) {
+  return {{KELVANE_VOLUME, volume},
+          {KELVANE_AMOUNT, purged_bytes},
+          {KELVANE_ASYNC, true},
+          {KELVANE_PURGE_TIMEOUT, pass_seconds},
+          {KELVANE_QUOTA_EVENT, true}};
+}
+
+}  // namespace
+
+void Kelvane::handleVFSStreamXPCEvent(const Dictionary& event) {
+  const Condition condition = conditionOf(event["_Flags"].unsignedLongLongValue());
+  if (!condition.volumes || condition.volumes->empty()) {
+    KVLog(5, "%s No volumes report low disk space, skipping purge", selector);
+    return;
+  }
+  for (const std::string& volume : *condition.volumes) purge(requestFor(volume), nullptr);
+  addReportStat(kelvane_domain, condition.statistic, 1);
+}
+
+}  // namespace kelvane

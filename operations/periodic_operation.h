@@ -1,0 +1,35 @@
+#pragma once
+
+// Asks the services that declared periodic work to do it, on one volume.
+//
+// Only a service that is in the in-flight table already is called, and nothing fills the table before that is
+// looked at: so as the daemon stands nobody is called, and the amount is 0.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "operations/operation.h"
+
+namespace kelvane {
+
+class KelvanePeriodicOperation final : public KelvaneOperation {
+ public:
+  /// As the base's, with the services that do periodic work only.
+  static std::shared_ptr<KelvanePeriodicOperation> initWithInfo(const Value& info, Services services);
+  explicit KelvanePeriodicOperation(Key key) : KelvaneOperation(key) {}
+
+  /// Calls out, waits at most 15 seconds for the connections to end, and calls the completion once, on this
+  /// thread, before it returns. The result is KELVANE_AMOUNT, the bytes that the last reply reported.
+  void startOperation(const std::function<void(const Dictionary& result)>& completion);
+
+ private:
+  using Amount = std::shared_ptr<std::atomic<std::uint64_t>>;
+  void callOut(const Amount& amount, const dispatch_group_t& group);
+  void callService(const std::shared_ptr<KVService>& service, const Amount& amount,
+                   const dispatch_group_t& group);
+};
+
+}  // namespace kelvane

@@ -1,0 +1,144 @@
+// Events of the file-system stream, and the purges that are made of them.
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/statistics.h"
+#include "tests/daemon/daemon_fixture.h"
+#include "tests/operations/fake_service.h"
+
+namespace kelvane {
+namespace {
+
+constexpr std::uint64_t low_disk = 0x4;
+constexpr std::uint64_t very_low_disk = 0x200;
+constexpr std::uint64_t quota = 0x1000;
+constexpr VolumeSpace low{1 << 20, std::uint64_t{1} << 40, 0, 0};
+
+class LowDisk : public tests::DaemonFixture {
+ protected:
+  LowDisk() : it_(kelvane()) {
+    forgetStatistics();
+    service_->purges([](std::uint64_t asked) { return asked; });
+    dispatch_sync(it_->collection_queue(), [&] { it_->services()["cache"] = service_->record(); });
+  }
+  void TearDown() override {
+    service_.reset();
+    std::exchange(it_, nullptr)->setListener(nullptr);
+    DaemonFixture::TearDown();
+  }
+  void event(std::uint64_t flags) { it_->handleVFSStreamXPCEvent({{"_Flags", flags}}); }
+  /// The volume of each purge, in order; each is met at once, in its first pass.
+  [[nodiscard]] std::vector<std::string> purged() const {
+    std::vector<std::string> volumes;
+    for (const auto& purge : service_->purgesAsked()) volumes.push_back(*purge.info[KELVANE_VOLUME].string());
+    return volumes;
+  }
+  static std::int64_t counted(const std::string& key) { return statisticsOf(kelvane_domain).counters[key]; }
+
+  std::unique_ptr<tests::FakeService> service_ = std::make_unique<tests::FakeService>("cache");
+  std::shared_ptr<Kelvane> it_;
+};
+
+TEST_F(LowDisk, BothLowAndVeryLowIsTreatedAsLow) {
+  volumes_.add("/data", low);
+  event(low_disk | very_low_disk);
+  EXPECT_EQ(purged(), std::vector<std::string>{"/data"});
+  EXPECT_EQ(log_.count(3, "handleVFSStreamXPCEvent: caught VQ_LOWDISK"), 1U);
+  EXPECT_EQ(log_.count("VQ_VERYLOWDISK"), 0U);
+  EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 1);
+  EXPECT_EQ(counted("KV_VERYLOWDISK_EVENT"), 0);
+}
+
+TEST_F(LowDisk, VeryLowIsCountedUnderItsOwnKeyAndComesBeforeQuota) {
+  volumes_.add("/data", low);
+  event(very_low_disk | quota);
+  EXPECT_EQ(log_.count(3, "handleVFSStreamXPCEvent: caught VQ_VERYLOWDISK"), 1U);
+  EXPECT_EQ(log_.count("VFS_QUOTA"), 0U);
+  EXPECT_EQ(counted("KV_VERYLOWDISK_EVENT"), 1);
+}
+
+TEST_F(LowDisk, AnEventWithoutAKnownBitPurgesALowVolumeAndIsCountedUnderNoKey) {
+  volumes_.add("/data", low);
+  for (const Dictionary& event : {Dictionary{{"_Flags", 0}}, Dictionary{{"_Flags", 0x8}}, Dictionary{},
+                                  Dictionary{{"_Flags", "0x4"}}}) {
+    it_->handleVFSStreamXPCEvent(event);
+  }
+  EXPECT_EQ(purged().size(), 4U);
+  EXPECT_EQ(log_.count("caught"), 0U);
+  for (const auto& [key, count] : statisticsOf(kelvane_domain).counters)
+    EXPECT_FALSE(key.starts_with("KV_")) << key;
+}
+
+TEST_F(LowDisk, WithoutALowVolumeNothingIsPurgedAndNothingCounted) {
+  volumes_.add("/data");
+  event(low_disk);
+  EXPECT_TRUE(purged().empty());
+  EXPECT_EQ(log_.count(5, "handleVFSStreamXPCEvent: No volumes report low disk space, skipping purge"), 1U);
+  EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 0);
+}
+
+TEST_F(LowDisk, TwoLowVolumesMakeTwoRequestsInTheirOrderEachFor250MiBWithATimeoutOf300Seconds) {
+  volumes_.add("/one", low);
+  volumes_.add("/plenty");
+  volumes_.add("/two", low);
+  event(low_disk);
+  EXPECT_EQ(purged(), (std::vector<std::string>{"/one", "/two"}));
+  for (const auto& purge : service_->purgesAsked()) {
+    EXPECT_EQ(purge.info[KELVANE_AMOUNT], Value(262'144'000));
+    EXPECT_EQ(purge.info[KELVANE_PURGE_TIMEOUT], Value(300));
+    EXPECT_EQ(purge.info[KELVANE_ASYNC], Value(true));
+  }
+  EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 1);
+}
+
+TEST_F(LowDisk, EveryRequestIsAQuotaEventWhateverTheEvent) {
+  volumes_.add("/data", low);
+  volumes_.setOverQuota(std::vector<std::string>{"/data"});
+  for (const std::uint64_t flags : {low_disk, very_low_disk, quota, std::uint64_t{0}}) event(flags);
+  ASSERT_EQ(service_->purgesAsked().size(), 4U);
+  for (const auto& purge : service_->purgesAsked()) EXPECT_EQ(purge.info[KELVANE_QUOTA_EVENT], Value(true));
+}
+
+TEST_F(LowDisk, AServiceThatOptedOutOfQuotaEventsIsLeftOutOfEveryPurgeMadeOfAnEvent) {
+  volumes_.add("/data", low);
+  dispatch_sync(it_->collection_queue(), [&] { it_->services()["cache"]->setNoQuota(true); });
+  event(low_disk);
+  EXPECT_TRUE(purged().empty());
+  EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 1);
+}
+
+TEST_F(LowDisk, AQuotaEventPurgesTheVolumesOnWhichTheDaemonsUserIsOverQuota) {
+  volumes_.add("/data");
+  volumes_.add("/low", low);
+  volumes_.setOverQuota(std::vector<std::string>{"/data"});
+  event(quota);
+  EXPECT_EQ(purged(), std::vector<std::string>{"/data"});
+  EXPECT_EQ(volumes_.askedFor(), ::getuid());
+  EXPECT_EQ(log_.count(3, "handleVFSStreamXPCEvent: caught VFS_QUOTA"), 1U);
+  EXPECT_EQ(counted("KV_VFS_QUOTA_EVENT"), 1);
+}
+
+TEST_F(LowDisk, AQuotaEventWhoseQueryIsEmptyDoesNotFallBackToTheLowVolumes) {
+  volumes_.add("/low", low);
+  volumes_.setOverQuota(std::vector<std::string>{});
+  event(quota);
+  EXPECT_TRUE(purged().empty());
+  EXPECT_EQ(log_.count(5, "handleVFSStreamXPCEvent: No volumes report low disk space, skipping purge"), 1U);
+  EXPECT_EQ(counted("KV_VFS_QUOTA_EVENT"), 0);
+}
+
+TEST_F(LowDisk, AQuotaEventWhoseQueryYieldsNothingFallsBackToTheLowVolumes) {
+  volumes_.add("/low", low);
+  volumes_.setOverQuota(std::nullopt);
+  event(quota);
+  EXPECT_EQ(purged(), std::vector<std::string>{"/low"});
+  EXPECT_EQ(counted("KV_VFS_QUOTA_EVENT"), 1);
+}
+
+}  // namespace
+}  // namespace kelvane
