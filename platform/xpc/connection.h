@@ -127,6 +127,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   [[nodiscard]] bool peerMustWait() const;
   int lookAhead(bool& hold);
   int process(bool hold);
+  int processLastLine(std::size_t bytes);
   int processHolding(bool hold);
   void noteTaken(sd_bus_message* message);
   int judge(Intake::Progress progress);

@@ -16,9 +16,11 @@
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <utility>
 
 #include "platform/xpc/connection_internal.h"
@@ -31,17 +33,17 @@ bool isWritable(int socket) {
   return ::poll(&state, 1, 0) > 0;
 }
 
-/// While it lives, reading from `input` gives nothing.
-class InputHeld {
+/// While it lives, reading from `input` reads from another descriptor.
+class InputInstead {
  public:
-  InputHeld(int input, int socket) : input_(input), socket_(socket) {
-    if (input_ >= 0) ::dup3(emptySocket(), input_, O_CLOEXEC);
+  InputInstead(int input, int other, int socket) : input_(input), socket_(socket) {
+    if (input_ >= 0) ::dup3(other, input_, O_CLOEXEC);
   }
-  ~InputHeld() {
+  ~InputInstead() {
     if (input_ >= 0) ::dup3(socket_, input_, O_CLOEXEC);
   }
-  InputHeld(const InputHeld&) = delete;
-  InputHeld& operator=(const InputHeld&) = delete;
+  InputInstead(const InputInstead&) = delete;
+  InputInstead& operator=(const InputInstead&) = delete;
 
  private:
   const int input_;
@@ -97,7 +99,8 @@ int Connection::stepHandshake() {
   int r = 1;
   if (sd_bus_is_ready(bus_) == 0) {
     const bool hold = !intake_.lookAtHandshake(socket_);
-    r = processHolding(hold);
+    const std::size_t last_bytes = accepting_ && input_ >= 0 ? intake_.bytesThrough("BEGIN") : 0;
+    r = last_bytes > 0 ? processLastLine(last_bytes) : processHolding(hold);
     if (r < 0) return r;
     intake_.noteHandshake(intake_.counted(socket_));
   }
@@ -144,7 +147,25 @@ int Connection::lookAhead(bool& hold) {
 }
 
 int Connection::processHolding(bool hold) {
-  const InputHeld held(hold ? input_ : -1, socket_);
+  const InputInstead nothing(hold ? input_ : -1, hold ? emptySocket() : -1, socket_);
+  const int r = sd_bus_process(bus_, nullptr);
+  return r >= 0 && sd_bus_is_open(bus_) <= 0 ? -ECONNRESET : r;
+}
+
+/// In the handshake the library reads whatever there is, and fails when a descriptor comes with it: as it
+/// does with the first call of a peer that does not wait. So it gets the handshake's end by itself.
+int Connection::processLastLine(std::size_t bytes) {
+  std::array<int, 2> pair{-1, -1};
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) return -errno;
+  const FileDescriptor ours(pair[0]);
+  const FileDescriptor librarys(pair[1]);
+  std::string line(bytes, '\0');
+  const auto size = static_cast<ssize_t>(bytes);
+  if (::recv(socket_, line.data(), bytes, MSG_DONTWAIT) != size ||
+      ::send(ours.get(), line.data(), bytes, MSG_NOSIGNAL) != size) {
+    return -ECONNRESET;
+  }
+  const InputInstead instead(input_, librarys.get(), socket_);
   const int r = sd_bus_process(bus_, nullptr);
   return r >= 0 && sd_bus_is_open(bus_) <= 0 ? -ECONNRESET : r;
 }

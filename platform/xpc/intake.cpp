@@ -73,6 +73,13 @@ void Intake::noteHandshake(std::uint64_t taken) {
   handshake_taken_ = handshake_seen_ ? handshake_taken_ + taken : 0;
 }
 
+std::size_t Intake::bytesThrough(std::string_view last) const {
+  const std::size_t found = handshake_.find("\r\n" + std::string(last) + "\r\n");
+  if (found == std::string::npos) return 0;
+  const std::size_t end = found + 2 + last.size() + 2;
+  return end > handshake_taken_ ? end - handshake_taken_ : 0;
+}
+
 Intake::Progress Intake::endHandshake(std::string_view last, std::uint64_t most_bytes) {
   const std::string text = std::exchange(handshake_, {}).substr(0, handshake_taken_);
   if (!handshake_seen_) return Progress::none;

@@ -29,6 +29,9 @@ class Intake {
   /// then it had better not, because it writes first, and reads what comes upon that.
   bool lookAtHandshake(int socket);
   void noteHandshake(std::uint64_t taken);
+  /// How many of the bytes looked at go up to the end of the line `last` of the handshake, when that is among
+  /// them; else 0.
+  [[nodiscard]] std::size_t bytesThrough(std::string_view last) const;
   /// The handshake is over; its last line is `last`, or, when that is empty, whatever line came last.
   /// Tells what stands behind it.
   Progress endHandshake(std::string_view last, std::uint64_t most_bytes);

@@ -12,6 +12,16 @@ namespace {
 class BackPressure : public OverBothDoors {};
 INSTANTIATE_TEST_SUITE_P(, BackPressure, testing::Values(Door::path, Door::endpoint), nameOf);
 
+RawMessage openBackCall(std::uint32_t serial) {
+  RawMessage call;
+  call.serial = serial;
+  call.member = "openBack";
+  call.signature = "sh";
+  call.body = std::string("\2\0\0\0id\0\0\0\0\0\0", 12);
+  call.descriptors = 1;
+  return call;
+}
+
 /// Sends calls until the socket has taken no more and none is being handled any longer; how many went whole.
 class Pipeline {
  public:
@@ -124,6 +134,23 @@ TEST_P(BackPressure, NothingMoreIsReadWhileTooManyCallsWaitForTheirHandler) {
   server.expectOthersAreServed();
 }
 
+TEST_P(BackPressure, ADescriptorRightBehindTheHandshakesEndIsTaken) {
+  EchoServer server(GetParam());
+  std::array<int, 2> pair{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
+  const FileDescriptor one(pair[0]);
+  const FileDescriptor other(pair[1]);
+  for (int round = 0; round < 50; ++round) {
+    RawPeer peer = server.rawPeer();
+    peer.handshake(false);
+    server.expectOthersAreServed();
+    peer.send("BEGIN\r\n");
+    peer.send(openBackCall(1).bytes(), {one.get()});
+    ASSERT_EQ(peer.receive()->reply_serial, 1U);
+    EXPECT_TRUE(server.echo().lastEndpoint().open());
+  }
+}
+
 // The kernel shows what is in the socket only up to the bytes that came with a descriptor.
 TEST_P(BackPressure, ACallRightBehindOneWithADescriptorIsAnsweredThoughNothingComesAfterIt) {
   EchoServer server(GetParam());
@@ -131,18 +158,10 @@ TEST_P(BackPressure, ACallRightBehindOneWithADescriptorIsAnsweredThoughNothingCo
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
   const FileDescriptor one(pair[0]);
   const FileDescriptor other(pair[1]);
-  RawMessage with_descriptor;
-  with_descriptor.member = "openBack";
-  with_descriptor.signature = "sh";
-  with_descriptor.body = std::string("\2\0\0\0id\0\0\0\0\0\0", 12);
-  with_descriptor.descriptors = 1;
   RawPeer peer = server.rawPeer();
   peer.handshake();
-  peer.send(echoCall(1, 8).bytes());
-  ASSERT_EQ(peer.receive()->reply_serial, 1U);
-  for (std::uint32_t serial = 2; serial < 1000; serial += 2) {
-    with_descriptor.serial = serial;
-    peer.send(with_descriptor.bytes(), {one.get()});
+  for (std::uint32_t serial = 1; serial < 1000; serial += 2) {
+    peer.send(openBackCall(serial).bytes(), {one.get()});
     peer.send(echoCall(serial + 1, 8).bytes());
     ASSERT_EQ(peer.receive()->reply_serial, serial);
     ASSERT_EQ(peer.receive()->reply_serial, serial + 1);
