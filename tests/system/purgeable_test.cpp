@@ -1,8 +1,10 @@
 // What could be freed, and what is remembered: a real daemon, real services, a real volume, a real file.
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 
 #include "common/keys.h"
 #include "support/recent_info.h"
@@ -145,6 +147,32 @@ TEST_F(Purgeable, AStateFolderThatCannotBeUsedLeavesADaemonThatServesAndSaysSo) 
   EXPECT_TRUE(it.logged("init Unable to initialize user defaults!"));
   EXPECT_EQ(client.state(KELVANE_CACHE_ENABLED), Value(true));
   EXPECT_EQ(client.purgeableSpace(question()), resultOf({{"com.example.one", std::uint64_t{16384}}}, 16384));
+}
+
+TEST_F(Purgeable, ASettingsFileOnAReadOnlyVolumeIsLeftAsItIsAndIsUsedWhenItCanBeWrittenAgain) {
+  const Volume volume(4);
+  const auto remount = [&](unsigned long flags) {
+    return ::mount(nullptr, volume.path().c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0;
+  };
+  const auto life = [&](const std::function<void(Daemon&, Client&)>& use) {
+    Daemon it(built("kelvaned"), {"STATE_DIRECTORY=" + volume.path()});
+    {
+      Client client(it);
+      use(it, client);
+    }
+    it.process().signal(SIGTERM);
+    static_cast<void>(it.process().wait());
+  };
+  life([](Daemon&, Client& client) { client.setState("value", "key"); });
+  ASSERT_TRUE(remount(MS_RDONLY));
+  life([](Daemon& it, Client& client) {
+    EXPECT_TRUE(it.logged("init Unable to initialize user defaults!"));
+    client.setState("other", "key");
+    EXPECT_EQ(client.state("key"), Value());
+    EXPECT_EQ(client.state(KELVANE_CACHE_ENABLED), Value(true));
+  });
+  ASSERT_TRUE(remount(0));
+  life([](Daemon&, Client& client) { EXPECT_EQ(client.state("key"), Value("value")); });
 }
 
 TEST_F(Purgeable, OnAFullVolumeWhatWasStoredBeforeStaysAndTheDaemonGoesOn) {
