@@ -67,7 +67,7 @@ sd_bus_message* DaemonClient::message(const char* method) const {
 }
 
 sd_bus_message* DaemonClient::call(sd_bus_message* message) const {
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{nullptr, nullptr, 0};
   sd_bus_message* answer = nullptr;
   if (sd_bus_call(bus_, message, UINT64_MAX, &error, &answer) < 0) giveUp(error.message);
   sd_bus_message_unref(message);
