@@ -7,6 +7,7 @@
 // queue has work. From the end of creation the listener accepts connections, so that requests may come before
 // start-up has gone on to its next step.
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -61,6 +62,8 @@ class Kelvane final : public ClientInterface {
 
   /// An event of the file-system stream.
   void handleVFSStreamXPCEvent(const Dictionary& event);
+  /// What services have reported as freed for such events so far. Any thread.
+  [[nodiscard]] std::uint64_t bytesPurgedForEvents() const { return bytes_purged_for_events_; }
   /// The periodic maintenance of one volume.
   void performPeriodicsWithInfo(const Dictionary& info);
 
@@ -123,6 +126,7 @@ class Kelvane final : public ClientInterface {
   Dictionary opt_outs_;                              // never changed
   std::optional<PurgeOperations> purge_operations_;  // only on collection_queue_; never assigned
   bool is_listening_ = false;
+  std::atomic<std::uint64_t> bytes_purged_for_events_{0};
 };
 
 }  // namespace kelvane

@@ -8,6 +8,8 @@
 
 #include "common/keys.h"
 #include "daemon/kelvane.h"
+#include "daemon/low_disk.h"
+#include "daemon/start_up.h"
 #include "support/log.h"
 #include "support/statistics.h"
 #include "support/volumes.h"
@@ -16,11 +18,6 @@ namespace kelvane {
 namespace {
 
 constexpr const char* selector = "handleVFSStreamXPCEvent:";
-
-// Conditions of a volume, in the order in which they count: the first that is set is the event's.
-constexpr std::uint64_t VQ_LOWDISK = 0x4;
-constexpr std::uint64_t VQ_VERYLOWDISK = 0x200;
-constexpr std::uint64_t VFS_QUOTA = 0x1000;
 
 constexpr std::uint64_t purged_bytes = 262'144'000;
 constexpr int pass_seconds = 300;
@@ -66,8 +63,18 @@ void Kelvane::handleVFSStreamXPCEvent(const Dictionary& event) {
     KVLog(5, "%s No volumes report low disk space, skipping purge", selector);
     return;
   }
-  for (const std::string& volume : *condition.volumes) purge(requestFor(volume), nullptr);
+  for (const std::string& volume : *condition.volumes) {
+    const std::optional<Dictionary> result = purge(requestFor(volume), nullptr);
+    if (result) bytes_purged_for_events_ += (*result)[KELVANE_AMOUNT].unsignedLongLongValue();
+  }
   addReportStat(kelvane_domain, condition.statistic, 1);
+}
+
+std::uint64_t postVolumeEvent(std::uint64_t flag) {
+  const std::shared_ptr<Kelvane>& kelvane = Kelvane::sharedKelvane();
+  const std::uint64_t before = kelvane->bytesPurgedForEvents();
+  xpc_post_event(vfs_event_stream, {{"_Flags", flag}});
+  return kelvane->bytesPurgedForEvents() - before;
 }
 
 }  // namespace kelvane

@@ -1,7 +1,9 @@
 #include <string>
 
+#include "daemon/low_disk.h"
 #include "daemon/process.h"
 #include "daemon/start_up.h"
+#include "daemon/volume_watcher.h"
 #include "platform/dispatch/queue.h"
 #include "platform/xpc/launch.h"
 #include "support/paths.h"
@@ -10,6 +12,7 @@ int main(int argc, char** argv) {
   using namespace kelvane;
   if (const auto status = answerCommandLine(argc, argv)) return *status;
   if (const auto failure = makeDirectories()) return refuseToStart(*failure);
+  if (const auto problem = takeSpaceThresholds()) return refuseToStart(*problem);
   settleProcess();
 
   std::string reason;
@@ -19,5 +22,6 @@ int main(int argc, char** argv) {
 
   if (!startUp())
     return refuseToStart("cannot serve " + runtimeDirectory() + "/kelvane.sock; is another one running?");
+  const auto watcher = VolumeWatcher::start(postVolumeEvent);
   dispatch_main();
 }

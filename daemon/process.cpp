@@ -10,6 +10,7 @@
 
 #include "platform/host/notify.h"
 #include "support/paths.h"
+#include "support/space_thresholds.h"
 #include "support/statistics.h"
 
 namespace kelvane {
@@ -25,7 +26,11 @@ constexpr const char* help =
     "  STATE_DIRECTORY          settings                             (/var/lib/kelvane)\n"
     "  CONFIGURATION_DIRECTORY  grants in entitlements.d             (/etc/kelvane)\n"
     "  KELVANE_LOG_LEVEL        0 to 5                               (3)\n"
-    "SIGTERM ends it at once.\n";
+    "  KELVANE_LOW_SPACE        when a volume is low                 (10%,2G)\n"
+    "  KELVANE_VERY_LOW_SPACE   when it is very low                  (5%,1G, or half of the above)\n"
+    "The last two are a part of the volume, an amount (K, M, G, T), or both, of which the smaller counts; "
+    "0%\n"
+    "turns them off. SIGTERM ends the daemon at once.\n";
 
 std::optional<std::string> makeDirectory(const std::string& path) {
   if (::mkdir(path.c_str(), 0755) == 0) {
@@ -61,6 +66,13 @@ std::optional<std::string> makeDirectories() {
   static_cast<void>(makeDirectory(stateDirectory()));  // without it, opening the settings says so
   if (auto failure = makeDirectory(runtimeDirectory())) return failure;
   return makeDirectory(runtimeDirectory() + "/services");
+}
+
+std::optional<std::string> takeSpaceThresholds() {
+  const auto thresholds = spaceThresholdsOfEnvironment();
+  if (const auto* problem = std::get_if<ThresholdProblem>(&thresholds)) return problem->text;
+  setSpaceThresholds(std::get<SpaceThresholds>(thresholds));
+  return std::nullopt;
 }
 
 void settleProcess() {

@@ -18,6 +18,9 @@ namespace kelvane {
 /// likewise, but the daemon can do without.
 [[nodiscard]] std::optional<std::string> makeDirectories();
 
+/// When volumes count as low, from the environment. Nothing on success, else what is wrong with it.
+[[nodiscard]] std::optional<std::string> takeSpaceThresholds();
+
 /// As many descriptors as the process may have; a peer that goes away is no signal; where statistics and
 /// notifications go.
 void settleProcess();

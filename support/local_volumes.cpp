@@ -5,6 +5,8 @@
 #include <map>
 #include <string_view>
 
+#include "platform/foundation/utf8.h"
+
 namespace kelvane {
 namespace {
 
@@ -25,7 +27,7 @@ bool isOnBlockDevice(const MountEntry& mount) {
 }
 
 bool isLocal(const MountEntry& mount) {
-  if (!mount.writable || isForeign(mount.type)) return false;
+  if (!mount.writable || isForeign(mount.type) || !isMessageText(mount.target)) return false;
   if (mount.type == "overlay" || mount.type == "btrfs" || mount.type == "zfs") return true;
   if (mount.type == "tmpfs") {
     static constexpr std::array<std::string_view, 4> system_folders = {"/dev", "/proc", "/run", "/sys"};
@@ -62,6 +64,20 @@ std::vector<MountEntry> localVolumesAmong(const std::vector<MountEntry>& mounts)
   result.reserve(chosen.size());
   for (const std::size_t place : chosen) result.push_back(mounts[place]);
   return result;
+}
+
+std::vector<std::string> foldersThatMayNotAnswer(const std::vector<MountEntry>& mounts) {
+  std::vector<std::string> folders;
+  for (const MountEntry& mount : mounts) {
+    if (isForeign(mount.type) || mount.type == "fuseblk") folders.push_back(mount.target);
+  }
+  return folders;
+}
+
+bool isInOneOf(const std::vector<std::string>& folders, const std::string& path) {
+  return std::any_of(folders.begin(), folders.end(), [&](const std::string& folder) {
+    return isBelow(path, folder == "/" ? std::string_view() : folder);
+  });
 }
 
 std::string plainPath(const std::string& path) {

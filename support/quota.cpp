@@ -1,6 +1,12 @@
 #include "support/quota.h"
 
+#include <fcntl.h>
 #include <sys/quota.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cerrno>
+
+#include "platform/foundation/file_descriptor.h"
 
 namespace kelvane {
 
@@ -12,11 +18,13 @@ bool isOverQuota(const QuotaUsage& usage) {
          over(usage.files, usage.files_soft, usage.files_hard);
 }
 
-std::optional<QuotaUsage> quotaUsage(const std::string& device, uid_t user) {
+std::optional<QuotaUsage> quotaUsage(const std::string& path, uid_t user) {
+  // By the mount and not by its device, which the process need not be able to see.
+  const FileDescriptor mount(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   dqblk quota{};
-  if (::quotactl(QCMD(Q_GETQUOTA, USRQUOTA), device.c_str(), static_cast<int>(user),
-                 reinterpret_cast<char*>(&quota)) != 0) {
-    return std::nullopt;
+  if (::syscall(SYS_quotactl_fd, mount.get(), QCMD(Q_GETQUOTA, USRQUOTA), user, &quota) != 0) {
+    const bool has_nothing_there = mount && errno == ENOENT;  // quotas are kept, and none on this user
+    return has_nothing_there ? std::optional(QuotaUsage()) : std::nullopt;
   }
   constexpr std::uint64_t block = 1024;  // the unit of the limits; what is used is in bytes
   return QuotaUsage{quota.dqb_curspace,  quota.dqb_bsoftlimit * block, quota.dqb_bhardlimit * block,

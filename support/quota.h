@@ -20,7 +20,7 @@ struct QuotaUsage {
 /// Over: more than a soft limit, or all of a hard one, which nobody can exceed.
 [[nodiscard]] bool isOverQuota(const QuotaUsage& usage);
 
-/// Nothing when the file system on that block device keeps no quotas, or may not be asked.
-[[nodiscard]] std::optional<QuotaUsage> quotaUsage(const std::string& device, uid_t user);
+/// Nothing when the file system mounted at `path` keeps no quotas, or may not be asked.
+[[nodiscard]] std::optional<QuotaUsage> quotaUsage(const std::string& path, uid_t user);
 
 }  // namespace kelvane

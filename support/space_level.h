@@ -8,7 +8,7 @@
 
 namespace kelvane {
 
-enum class SpaceLevel { plenty, low, very_low };
+enum class SpaceLevel : std::uint8_t { plenty, low, very_low };
 
 /// Reached when less than the smaller of the two amounts of bytes is available, or less than that part of the
 /// inodes.
@@ -16,6 +16,7 @@ struct SpaceLimit {
   double of_bytes_total;
   std::uint64_t bytes;
   double of_files_total;
+  bool operator==(const SpaceLimit&) const = default;
 };
 
 struct SpaceThresholds {
@@ -24,11 +25,20 @@ struct SpaceThresholds {
   /// A limit once reached is left at so many times itself, so that a volume at its limit does not come and
   /// go.
   double clear = 1.25;
+  bool operator==(const SpaceThresholds&) const = default;
 };
 
 /// The level of a volume that was at `before`. A file system that does not count its bytes, or its inodes, is
 /// not low on them.
 [[nodiscard]] SpaceLevel spaceLevel(const VolumeSpace& space, SpaceLevel before,
                                     const SpaceThresholds& thresholds = {});
+
+/// How much can be written before the limit is reached, 0 when it is; infinite where the file system does not
+/// count.
+struct SpaceRoom {
+  double bytes;
+  double files;
+};
+[[nodiscard]] SpaceRoom roomAbove(const VolumeSpace& space, const SpaceLimit& limit);
 
 }  // namespace kelvane

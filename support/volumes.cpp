@@ -6,6 +6,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include "common/keys.h"
@@ -13,41 +14,40 @@
 #include "support/mount_table.h"
 #include "support/quota.h"
 #include "support/space_level.h"
+#include "support/space_probe.h"
 
 namespace kelvane {
 namespace {
-
-/// A part of a file system may be a single file, mounted over another file: that is no volume. Only local
-/// ones are looked at, since a server that does not answer would keep us.
-bool isDirectory(const MountEntry& mount) {
-  struct stat status {};
-  return mount.root == "/" || ::stat(mount.target.c_str(), &status) != 0 || S_ISDIR(status.st_mode);
-}
 
 class SystemVolumeSource final : public VolumeSource {
  public:
   std::vector<MountEntry> mounts() override {
     std::vector<MountEntry> all = readMountTable().value_or(std::vector<MountEntry>());
-    std::erase_if(all, [](const MountEntry& mount) {
-      return !localVolumesAmong({mount}).empty() && !isDirectory(mount);
+    const std::vector<std::string> doubtful = foldersThatMayNotAnswer(all);
+    std::set<std::string> prompt;
+    std::erase_if(all, [&](const MountEntry& mount) {
+      if (localVolumesAmong({mount}).empty() || isInOneOf(doubtful, mount.target)) return false;
+      if (!isDirectory(mount)) return true;
+      prompt.insert(mount.target);
+      return false;
     });
+    const std::lock_guard lock(mutex_);
+    prompt_ = std::move(prompt);
     return all;
   }
 
   std::uint64_t mountsGeneration() override { return watch_.generation(); }
 
   std::optional<VolumeSpace> space(const std::string& path) override {
-    struct statvfs status {};
-    if (::statvfs(path.c_str(), &status) != 0) return std::nullopt;
-    return VolumeSpace{status.f_bavail * status.f_frsize, status.f_blocks * status.f_frsize, status.f_favail,
-                       status.f_files};
+    return isPrompt(path) ? ask(path) : probe_.ask(path);
   }
 
   std::optional<std::vector<std::string>> overQuota(uid_t user) override {
     bool any_answered = false;
     std::vector<std::string> over;
     for (const MountEntry& volume : localVolumesAmong(mounts())) {
-      const std::optional<QuotaUsage> usage = quotaUsage(volume.source, user);
+      if (!isPrompt(volume.target)) continue;
+      const std::optional<QuotaUsage> usage = quotaUsage(volume.target, user);
       any_answered |= usage.has_value();
       if (usage && isOverQuota(*usage)) over.push_back(volume.target);
     }
@@ -56,7 +56,28 @@ class SystemVolumeSource final : public VolumeSource {
   }
 
  private:
+  /// A part of a file system may be a single file, mounted over another file: that is no volume.
+  static bool isDirectory(const MountEntry& mount) {
+    struct stat status {};
+    return mount.root == "/" || ::stat(mount.target.c_str(), &status) != 0 || S_ISDIR(status.st_mode);
+  }
+
+  static std::optional<VolumeSpace> ask(const std::string& path) {
+    struct statvfs status {};
+    if (::statvfs(path.c_str(), &status) != 0) return std::nullopt;
+    return VolumeSpace{status.f_bavail * status.f_frsize, status.f_blocks * status.f_frsize, status.f_favail,
+                       status.f_files};
+  }
+
+  bool isPrompt(const std::string& path) {
+    const std::lock_guard lock(mutex_);
+    return prompt_.contains(path);
+  }
+
   MountTableWatch watch_;
+  SpaceProbe probe_{ask};
+  std::mutex mutex_;
+  std::set<std::string> prompt_;  // volumes that always answer; guarded by mutex_
 };
 
 /// What this file keeps between calls.
@@ -87,25 +108,17 @@ class Volumes {
     return std::find(volumes.begin(), volumes.end(), path) != volumes.end();
   }
 
-  std::vector<std::string> low() {
-    using Space = std::pair<std::string, std::optional<VolumeSpace>>;
-    std::vector<Space> spaces;  // asked for outside the lock
-    for (std::string& volume : local()) {
-      std::optional<VolumeSpace> space = source().space(volume);
-      spaces.emplace_back(std::move(volume), space);
-    }
+  std::optional<VolumeLook> look(const std::string& volume) {
+    const std::optional<VolumeSpace> space = source().space(volume);  // outside the lock
+    if (!space) return std::nullopt;
     const std::lock_guard lock(mutex_);
-    std::map<std::string, SpaceLevel> levels;
-    std::vector<std::string> result;
-    for (const auto& [volume, space] : spaces) {
-      if (!space) continue;
-      const SpaceLevel level = spaceLevel(*space, levels_[volume]);
-      levels[volume] = level;
-      if (level != SpaceLevel::plenty) result.push_back(volume);
-    }
-    levels_ = std::move(levels);  // what is no longer mounted is forgotten
-    return result;
+    SpaceLevel& level = levels_[volume];
+    level = spaceLevel(*space, level, thresholds_);
+    return VolumeLook{*space, level};
   }
+
+  const SpaceThresholds& thresholds() const { return thresholds_; }
+  void setThresholds(const SpaceThresholds& thresholds) { thresholds_ = thresholds; }
 
  private:
   const std::vector<std::string>& refreshedLocal() {
@@ -115,6 +128,9 @@ class Volumes {
       local_.clear();
       for (MountEntry& mount : localVolumesAmong(source().mounts()))
         local_.push_back(std::move(mount.target));
+      std::erase_if(levels_, [this](const auto& known) {
+        return std::find(local_.begin(), local_.end(), known.first) == local_.end();
+      });
       local_generation_ = generation;
     }
     return local_;
@@ -122,11 +138,12 @@ class Volumes {
 
   SystemVolumeSource system_;
   std::atomic<VolumeSource*> source_{&system_};
+  SpaceThresholds thresholds_;  // constant once volumes are asked for
 
   std::mutex mutex_;                          // guards all below
   std::uint64_t local_generation_ = 0;        // of local_; 0: none
   std::vector<std::string> local_;            // paths, in the order of the mount table
-  std::map<std::string, SpaceLevel> levels_;  // of the local volumes when last asked
+  std::map<std::string, SpaceLevel> levels_;  // of the volumes when last looked at
 };
 
 }  // namespace
@@ -136,7 +153,19 @@ void VolumeSource::install(VolumeSource* source) { Volumes::shared().install(sou
 
 std::vector<std::string> getLocalVolumes() { return Volumes::shared().local(); }
 
-std::optional<std::vector<std::string>> lowSpaceVolumes() { return Volumes::shared().low(); }
+void setSpaceThresholds(const SpaceThresholds& thresholds) { Volumes::shared().setThresholds(thresholds); }
+const SpaceThresholds& spaceThresholds() { return Volumes::shared().thresholds(); }
+
+std::optional<VolumeLook> lookAtVolume(const std::string& volume) { return Volumes::shared().look(volume); }
+
+std::optional<std::vector<std::string>> lowSpaceVolumes() {
+  std::vector<std::string> low = getLocalVolumes();
+  std::erase_if(low, [](const std::string& volume) {
+    const std::optional<VolumeLook> look = lookAtVolume(volume);
+    return !look || look->level == SpaceLevel::plenty;
+  });
+  return low;
+}
 
 std::optional<std::vector<std::string>> quotaVolumes(uid_t user) {
   return VolumeSource::current().overQuota(user);

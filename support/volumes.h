@@ -40,6 +40,7 @@ class VolumeSource {
   /// A number that is another one whenever `mounts` may answer differently than before; cheap to ask. 0 says
   /// that nobody knows: `mounts` is then asked each time.
   [[nodiscard]] virtual std::uint64_t mountsGeneration() { return 0; }
+  /// Nothing when the volume cannot be asked, or does not answer within half a second.
   [[nodiscard]] virtual std::optional<VolumeSpace> space(const std::string& path) = 0;
   /// Volumes on which the user is over quota; nothing when quotas cannot be asked.
   [[nodiscard]] virtual std::optional<std::vector<std::string>> overQuota(uid_t user) = 0;
@@ -49,10 +50,23 @@ class VolumeSource {
   static void install(VolumeSource* source);
 };
 
+/// When volumes count as low, for the whole process: the defaults until this was called. Before anybody asks.
+struct SpaceThresholds;
+enum class SpaceLevel : std::uint8_t;
+void setSpaceThresholds(const SpaceThresholds& thresholds);
+[[nodiscard]] const SpaceThresholds& spaceThresholds();
+
 /// The local volumes, in the order of the mount table.
 [[nodiscard]] std::vector<std::string> getLocalVolumes();
-/// Those of them that are low on space. A volume that was found low stays so until it is clear by a margin,
-/// so the answer depends on earlier calls.
+/// What a volume has, and whether that is low. A volume that was found low stays so until it is clear by a
+/// margin, so the level depends on earlier looks, whoever took them.
+struct VolumeLook {
+  VolumeSpace space;
+  SpaceLevel level;
+};
+/// Nothing when the volume cannot be asked or does not answer. Waits for an answer for half a second at most.
+[[nodiscard]] std::optional<VolumeLook> lookAtVolume(const std::string& volume);
+/// Those of the local volumes that are low on space.
 [[nodiscard]] std::optional<std::vector<std::string>> lowSpaceVolumes();
 /// Those on which the user is over quota; nothing when quotas cannot be asked on any.
 [[nodiscard]] std::optional<std::vector<std::string>> quotaVolumes(uid_t user);

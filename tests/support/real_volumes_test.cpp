@@ -132,7 +132,7 @@ TEST_F(RealVolumes, AFolderThatDoesNotExistHasNoFreeSpace) {
 
 TEST_F(RealVolumes, AFileSystemWithoutABlockDeviceKeepsNoQuotas) {
   const PrivateMount tmpfs = PrivateMount::tmpfs(a_, "16m");
-  EXPECT_FALSE(quotaUsage("none", ::getuid()));
+  EXPECT_FALSE(quotaUsage(a_, ::getuid()));
 }
 
 TEST_F(RealVolumes, TheTablesGenerationChangesWithTheTableAndNotOtherwise) {

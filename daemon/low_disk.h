@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+
+namespace kelvane {
+
+// Conditions of a volume in an event's "_Flags", in the order in which they count: the first that is set is
+// the event's.
+inline constexpr std::uint64_t VQ_LOWDISK = 0x4;
+inline constexpr std::uint64_t VQ_VERYLOWDISK = 0x200;
+inline constexpr std::uint64_t VFS_QUOTA = 0x1000;
+
+/// Posts an event of the file-system stream with that flag to this process's central object, and returns when
+/// what it asks for is done, with the bytes that services reported for events meanwhile. Any thread.
+std::uint64_t postVolumeEvent(std::uint64_t flag);
+
+}  // namespace kelvane
