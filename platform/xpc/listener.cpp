@@ -132,6 +132,8 @@ std::shared_ptr<Listener> Listener::initWithListeningSocket(FileDescriptor socke
   // A service manager hands it over in the blocking mode.
   const int flags = ::fcntl(socket.get(), F_GETFL);
   if (flags < 0 || ::fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0) return nullptr;
+  // Peers are told who listened last as the one they speak to; that was the service manager until now.
+  if (::listen(socket.get(), SOMAXCONN) != 0) return nullptr;
   return std::shared_ptr<Listener>(new Listener(std::move(socket), false));
 }
 

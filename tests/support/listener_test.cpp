@@ -130,21 +130,40 @@ class ActivatedProgram {
   }
   ActivatedProgram(const ActivatedProgram&) = delete;
   ActivatedProgram& operator=(const ActivatedProgram&) = delete;
+  [[nodiscard]] pid_t id() const { return process_; }
 
  private:
   const pid_t process_;
 };
 
-TEST_F(DaemonListener, TheSocketThatSocketActivationHandsOverIsUsed) {
-  const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));  // is to survive an execution
+/// A listening socket that survives an execution.
+FileDescriptor inheritableSocketAt(const std::string& path) {
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  std::copy(socket_.begin(), socket_.end(), std::begin(address.sun_path));
-  ASSERT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(socket.get(), 5), 0);
+  std::copy(path.begin(), path.end(), std::begin(address.sun_path));
+  EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(::listen(socket.get(), 5), 0);
+  return socket;
+}
+
+TEST_F(DaemonListener, TheSocketThatSocketActivationHandsOverIsUsed) {
+  const FileDescriptor socket = inheritableSocketAt(socket_);
   const ScopedEnvironment nowhere("RUNTIME_DIRECTORY", "/nonexistent");
   const ActivatedProgram program(socket.get());
   EXPECT_EQ(ask(info), info);
+}
+
+// A service lets in root and whoever holds the daemon's socket. The daemon is not root.
+TEST_F(DaemonListener, WhoConnectsToASocketThatWasHandedOverSeesTheDaemonAndNotItsServiceManager) {
+  const FileDescriptor socket = inheritableSocketAt(socket_);
+  const ScopedEnvironment nowhere("RUNTIME_DIRECTORY", "/nonexistent");
+  const ActivatedProgram program(socket.get());
+  ASSERT_EQ(ask(info), info);  // it has taken the socket over
+  const auto connection = xpc::Connection::initWithSocketPath(socket_);
+  ASSERT_TRUE(connection->credentials());
+  EXPECT_EQ(connection->credentials()->pid, program.id());
+  connection->invalidate();
 }
 
 }  // namespace
