@@ -4,6 +4,7 @@
 #include "daemon/process.h"
 #include "daemon/start_up.h"
 #include "daemon/volume_watcher.h"
+#include "daemon/watchdog.h"
 #include "platform/dispatch/queue.h"
 #include "platform/xpc/launch.h"
 #include "support/paths.h"
@@ -23,5 +24,6 @@ int main(int argc, char** argv) {
   if (!startUp())
     return refuseToStart("cannot serve " + runtimeDirectory() + "/kelvane.sock; is another one running?");
   const auto watcher = VolumeWatcher::start(postVolumeEvent);
+  const auto watchdog = Watchdog::over(Kelvane::sharedKelvane()->collection_queue());
   dispatch_main();
 }

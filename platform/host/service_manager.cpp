@@ -42,6 +42,14 @@ bool isSocket(const std::string& path) {
 
 bool notifyReady() { return sd_notify(0, "READY=1") > 0; }
 
+std::optional<std::uint64_t> serviceManagerPatience() {
+  std::uint64_t microseconds = 0;
+  if (sd_watchdog_enabled(0, &microseconds) <= 0) return std::nullopt;
+  return microseconds;
+}
+
+bool notifyAlive() { return sd_notify(0, "WATCHDOG=1") > 0; }
+
 FileDescriptor takePassedSocket(const std::string& name) {
   static std::mutex mutex;
   static std::set<int>& taken = *new std::set<int>;  // guarded by mutex

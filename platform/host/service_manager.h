@@ -3,6 +3,8 @@
 // What the service manager and the journal give a process, apart from messages. Without a service manager
 // everything here answers "none". Any thread.
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,6 +14,12 @@ namespace kelvane {
 
 /// Tells the service manager that start-up is over. False when nobody asked to be told.
 bool notifyReady();
+
+/// For how many microseconds the service manager waits for a sign of life of this process before it starts
+/// another one; nothing when it does not wait for any.
+[[nodiscard]] std::optional<std::uint64_t> serviceManagerPatience();
+/// That sign. False when nobody asked for it.
+bool notifyAlive();
 
 /// The descriptor that socket activation handed over under that name; empty when there is none. Each is given
 /// away once, the first of several of one name first, and closes on execution.

@@ -16,24 +16,16 @@
 namespace kelvane::tests {
 namespace {
 
-constexpr int patience_milliseconds = 20'000;
+constexpr std::chrono::seconds start_up_patience(20);
 
-/// The service manager's end of the conversation about readiness.
-FileDescriptor readinessSocket(const std::string& path) {
+/// The service manager's end of the conversation.
+FileDescriptor notificationSocket(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.data(), path.size());
   FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) std::abort();
   return socket;
-}
-
-bool saysReady(const FileDescriptor& socket) {
-  pollfd waiting{socket.get(), POLLIN, 0};
-  char text[256] = {};
-  return ::poll(&waiting, 1, patience_milliseconds) == 1 &&
-         ::recv(socket.get(), text, sizeof text - 1, 0) > 0 &&
-         std::string(text).find("READY=1") != std::string::npos;
 }
 
 }  // namespace
@@ -49,17 +41,26 @@ Daemon::Daemon(std::string program, std::vector<std::string> environment) {
                          "<string>PURGE_ENTITLEMENT</string><string>PURGEABLE_ENTITLEMENT</string>"
                          "<string>ITEMIZED_PURGEABLE_ENTITLEMENT</string></array>"));
   std::filesystem::permissions(at + "/etc/entitlements.d/tests.plist", std::filesystem::perms(0644));
-  const FileDescriptor readiness = readinessSocket(at + "/ready");
+  notifications_ = notificationSocket(at + "/ready");
   for (const std::string& variable : {"RUNTIME_DIRECTORY=" + at + "/run", "STATE_DIRECTORY=" + at + "/state",
                                       "CONFIGURATION_DIRECTORY=" + at + "/etc",
                                       "NOTIFY_SOCKET=" + at + "/ready", std::string("KELVANE_LOG_LEVEL=5")}) {
     environment.push_back(variable);
   }
   process_ = std::make_unique<Process>(std::vector<std::string>{std::move(program)}, std::move(environment));
-  ready_ = saysReady(readiness);
+  ready_ = nextNotification(start_up_patience).value_or("").find("READY=1") != std::string::npos;
 }
 
 Daemon::~Daemon() = default;
+
+std::optional<std::string> Daemon::nextNotification(std::chrono::milliseconds patience) {
+  pollfd waiting{notifications_.get(), POLLIN, 0};
+  char text[256] = {};
+  if (::poll(&waiting, 1, static_cast<int>(patience.count())) != 1) return std::nullopt;
+  const ssize_t length = ::recv(notifications_.get(), text, sizeof text, 0);
+  if (length < 0) return std::nullopt;
+  return std::string(text, static_cast<std::size_t>(length));
+}
 
 Client::Client(const Daemon& daemon)
     : connection_(xpc::Connection::initWithSocketPath(daemon.socket())),

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/dispatch/group.h"
+#include "platform/foundation/file_descriptor.h"
 #include "support/protocols.h"
 #include "tests/system/machine.h"
 #include "tests/system/process.h"
@@ -27,9 +30,12 @@ class Daemon {
   [[nodiscard]] bool logged(const std::string& text) { return process_->printed(text); }
   /// The daemon says it is ready to whoever started it; was that so?
   [[nodiscard]] bool isReady() const { return ready_; }
+  /// What it says next to whoever started it; nothing when that takes longer than `patience`.
+  [[nodiscard]] std::optional<std::string> nextNotification(std::chrono::milliseconds patience);
 
  private:
   Folder folder_;
+  FileDescriptor notifications_;
   bool ready_ = false;
   std::unique_ptr<Process> process_;
 };
