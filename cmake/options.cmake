@@ -8,6 +8,10 @@ target_compile_options(kelvane_options INTERFACE
   -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual -Wconversion -Wno-sign-conversion
   -Woverloaded-virtual -Wundef
   -fno-omit-frame-pointer)
+# What is installed checks the bounds that the compiler knows, and has no function pointers that can be overwritten.
+target_compile_options(kelvane_options INTERFACE
+  "$<$<CONFIG:Release>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2;-fstack-protector-strong>")
+target_link_options(kelvane_options INTERFACE -Wl,-z,relro -Wl,-z,now)
 target_link_libraries(kelvane_options INTERFACE Threads::Threads)
 
 # kelvane_library(NAME SOURCES file... [USES target...] [PRIVATE_USES target...])
