@@ -172,6 +172,7 @@ TEST_P(HostileMessage, ADroppedMessageEndsTheConnectionThoughAGoodOneIsRightBehi
   without_a_path.serial = 2;
   without_a_path.path = "";
   peer.send(without_a_path.bytes() + echoCall(3, 8).bytes());
+  ASSERT_FALSE(peer.receive()) << "the good one was answered";
   expectEnd(peer);
 }
 
