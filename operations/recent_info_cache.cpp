@@ -43,17 +43,17 @@ Array missingFrom(const Dictionary& figures, const Services& services) {
 
 /// The volume's free space and timestamp go with every answer of any service on it.
 void enter(RecentVolumes& volumes, const std::string& volume, const std::string& identifier,
-           KelvaneRecentServiceInfo info) {
+           const KelvaneRecentServiceInfo& info) {
   const std::uint64_t freespace = volumeFreespace(volume);
-  const auto found = volumes.find(volume);
-  if (found == volumes.end()) {
-    volumes.emplace(volume, KelvaneRecentVolumeInfo::kelvaneRecentVolumeInfo(
-                                {{identifier, std::move(info)}}, freespace, currentDate(), volume));
-    return;
-  }
-  found->second.setService(identifier, std::move(info));
+  const Date now = currentDate();
+  auto found = volumes.find(volume);
+  if (found == volumes.end())
+    found =
+        volumes.emplace(volume, KelvaneRecentVolumeInfo::kelvaneRecentVolumeInfo({}, freespace, now, volume))
+            .first;
+  found->second.setService(identifier, info);
   found->second.setFreespace(freespace);
-  found->second.setTimestamp(currentDate());
+  found->second.setTimestamp(now);
 }
 
 }  // namespace
@@ -72,7 +72,7 @@ Dictionary KelvanePurgeableOperation::cachedInfo(const Dictionary& info) {
     const Array to_query = missingFrom(to_count, services());
     if (status == KelvaneRecentInfo::invalid) {
       KVLog(5, "%s Recent Info is invalid, deleting...", cached_selector);
-      state_->clientSetStateSync(Value(), KELVANE_RECENT_SERVICE_STATS);
+      state_->clientSetStateSync({}, KELVANE_RECENT_SERVICE_STATS);
     } else if (status == KelvaneRecentInfo::changed) {
       KVLog(5, "%s Recent Info need syncing. New values: %@", cached_selector, *record);
       state_->clientSetStateSync(record, KELVANE_RECENT_SERVICE_STATS);

@@ -18,8 +18,8 @@ namespace kelvane {
 /// One service's last figure on one volume.
 class KelvaneRecentServiceInfo {
  public:
-  static KelvaneRecentServiceInfo kelvaneRecentServiceInfo(Value amount, Date timestamp) {
-    return {std::move(amount), timestamp};
+  static KelvaneRecentServiceInfo kelvaneRecentServiceInfo(const Value& amount, Date timestamp) {
+    return {amount, timestamp};
   }
 
   /// As the service gave it: a number of bytes, when the service keeps to the rules.
@@ -29,8 +29,7 @@ class KelvaneRecentServiceInfo {
   friend bool operator==(const KelvaneRecentServiceInfo&, const KelvaneRecentServiceInfo&) = default;
 
  private:
-  KelvaneRecentServiceInfo(Value amount, Date timestamp)
-      : amount_(std::move(amount)), timestamp_(timestamp) {}
+  KelvaneRecentServiceInfo(const Value& amount, Date timestamp) : amount_(amount), timestamp_(timestamp) {}
 
   Value amount_;
   Date timestamp_;
