@@ -18,6 +18,7 @@
 #include "platform/dispatch/group.h"
 #include "platform/foundation/archive.h"
 #include "platform/foundation/user_defaults.h"
+#include "platform/xpc/wire.h"
 #include "support/log.h"
 
 namespace kelvane {
@@ -25,6 +26,7 @@ namespace {
 
 constexpr const char* get_selector = "_clientGetState:replyBlock:";
 constexpr const char* get_sync_selector = "clientGetStateSync:";
+constexpr const char* set_selector = "_clientSetState:key:replyBlock:";
 constexpr const char* set_sync_selector = "clientSetStateSync:key:";
 
 Value storedState(const std::shared_ptr<UserDefaults>& defaults) {
@@ -32,6 +34,9 @@ Value storedState(const std::shared_ptr<UserDefaults>& defaults) {
   defaults->synchronize();
   return defaults->objectForKey(KELVANE_USER_DEFAULTS);
 }
+
+// Whoever reads the whole state gets every value in one more dictionary.
+constexpr std::size_t most_nested = xpc::most_nested - 1;
 
 /// What the state holds under the key, or else the default.
 Value entryOf(const Dictionary& state, const std::string& key, const Dictionary& default_values) {
@@ -93,6 +98,11 @@ void ClientInterface::_clientSetState(const Value& value, const std::string& key
 
 void ClientInterface::store(const Value& value, const std::string& key) {
   if (userDefaults() == nullptr) return;
+  if (value.nestsDeeperThan(most_nested)) {
+    KVLog(3, "%s value for key: %@ nests deeper than %d", set_selector, Value(key),
+          static_cast<int>(most_nested));
+    return;
+  }
   const Value stored = storedState(userDefaults());
   Dictionary state = stored.isDictionary() ? *stored.dictionary() : Dictionary();
   state.set(key, value);  // nothing removes the key

@@ -29,18 +29,6 @@ bool isSuiteName(std::string_view name) {
          name.find_first_of(std::string_view("/\0", 2)) == name.npos;
 }
 
-bool nestsDeeperThan(const Value& value, std::size_t depth) {
-  const auto deeper = [&](const Value& inner) { return nestsDeeperThan(inner, depth - 1); };
-  if (const Array* array = value.array()) {
-    return depth == 0 || std::any_of(array->begin(), array->end(), deeper);
-  }
-  if (const Dictionary* dictionary = value.dictionary()) {
-    return depth == 0 || std::any_of(dictionary->begin(), dictionary->end(),
-                                     [&](const auto& entry) { return deeper(entry.second); });
-  }
-  return false;
-}
-
 /// Both iterate in the order of their keys.
 std::vector<Change> entryDifference(const Dictionary& before, const Dictionary& after) {
   std::vector<Change> changes;
@@ -82,7 +70,7 @@ Value UserDefaults::objectForKey(std::string_view key) const { return held_[key]
 
 void UserDefaults::setObject(const Value& value, std::string_view key) {
   last_error_.clear();
-  if (nestsDeeperThan(value, archive_depth_limit)) {
+  if (value.nestsDeeperThan(archive_depth_limit)) {
     last_error_ = fmt::format("the value for \"{}\" nests deeper than {}", key, archive_depth_limit);
     return;
   }

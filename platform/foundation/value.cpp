@@ -262,6 +262,16 @@ double Value::doubleValue() const {
   return number<double>(held_, [](auto n) { return static_cast<double>(n); });
 }
 
+bool Value::nestsDeeperThan(std::size_t depth) const {
+  const auto deeper = [&](const Value& inner) { return inner.nestsDeeperThan(depth - 1); };
+  if (const Array* held = array()) return depth == 0 || std::any_of(held->begin(), held->end(), deeper);
+  if (const Dictionary* held = dictionary()) {
+    return depth == 0 ||
+           std::any_of(held->begin(), held->end(), [&](const auto& entry) { return deeper(entry.second); });
+  }
+  return false;
+}
+
 std::string Value::description() const {
   std::string out;
   describe(out, *this);

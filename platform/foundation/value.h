@@ -143,6 +143,9 @@ class Value {
   [[nodiscard]] std::uint64_t unsignedLongLongValue() const;
   [[nodiscard]] double doubleValue() const;
 
+  /// Whether more than so many arrays and dictionaries stand one within the other, this one included.
+  [[nodiscard]] bool nestsDeeperThan(std::size_t depth) const;
+
   /// As log lines print it: `{KELVANE_AMOUNT = 5; KELVANE_VOLUME = "/";}`, arrays as `(1, 2)`, data as
   /// `<0a0b>`, nothing as `(null)`. Long data is shortened and says so.
   [[nodiscard]] std::string description() const;

@@ -11,8 +11,7 @@ namespace kelvane::xpc {
 namespace {
 
 // A variant and what it holds are one level each, for writing as for reading: what can be sent can be read.
-// Deeper than any property list in use, and far above the end of any thread's stack.
-constexpr int deepest = 64;
+constexpr int deepest = 2 * (static_cast<int>(most_nested) + 1);
 
 // --- writing ---
 

@@ -3,6 +3,7 @@
 // How C++ types travel in messages. A type's signature, writing and reading stand here once; the signature of
 // a method is derived from its C++ arguments, so that the two cannot disagree.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -14,6 +15,10 @@
 struct sd_bus_message;
 
 namespace kelvane::xpc {
+
+/// So many arrays and dictionaries may stand one within the other in a value that travels. Deeper than any
+/// property list in use, and far above the end of any thread's stack.
+inline constexpr std::size_t most_nested = 31;
 
 /// A value of any kind, but never nothing, as one D-Bus variant.
 struct Anything {

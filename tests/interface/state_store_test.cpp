@@ -100,6 +100,19 @@ TEST_F(StateStore, AStoredObjectThatIsNoDictionaryIsNamedAndLeftAsItIs) {
   EXPECT_EQ(registry_->user_defaults_->objectForKey(KELVANE_USER_DEFAULTS), Value("text"));
 }
 
+TEST_F(StateStore, AValueThatNestsTooDeepForTheWholeStateToTravelIsNotTakenAndSaidSo) {
+  const auto nested = [](int arrays) {
+    Value value = "bottom";
+    for (int array = 0; array < arrays; ++array) value = Array{value};
+    return value;
+  };
+  write(nested(30), "k");
+  EXPECT_EQ(log_.count(3, ""), 0u);
+  write(nested(31), "k");
+  EXPECT_EQ(log_.count(3, "_clientSetState:key:replyBlock: value for key: k nests deeper than 30"), 1u);
+  EXPECT_EQ(read("k"), nested(30));
+}
+
 TEST_F(StateStore, WhatWasWrittenIsThereForWhoeverOpensTheSuiteNext) {
   write(Dictionary{{"deep", Array{1, "two"}}}, "k");
   const auto again = UserDefaults::initWithSuiteName("com.orvel.kelvane", directory_.path());

@@ -81,6 +81,21 @@ TEST(HostilePeers, WhileAServiceDoesNotAnswerItsPingTheRegistryWaits) {
   EXPECT_TRUE(cancelled);
 }
 
+TEST(HostilePeers, AValueThatIsStoredNestedAsDeepAsMayBeIsReadWithTheWholeState) {
+  Daemon daemon;
+  Client client(daemon);
+  Value nested = "bottom";
+  for (int array = 1; array <= 31; ++array) {
+    nested = Array{nested};
+    client.setState(nested, "com.example." + std::to_string(array));
+  }
+  const Value state = client.state(KELVANE_USER_DEFAULTS);
+  EXPECT_EQ(client.failure(), "");
+  ASSERT_TRUE(state.isDictionary());
+  EXPECT_EQ(Value(Array{(*state.dictionary())["com.example.30"]}), nested);
+  EXPECT_FALSE(state.dictionary()->contains("com.example.31"));
+}
+
 TEST(HostilePeers, CheckInsWithOddIdentifiersAreServedOrRefusedAndHarmNobody) {
   const Folder folder;
   Daemon daemon;
