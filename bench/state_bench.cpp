@@ -6,19 +6,15 @@
 // services, asks the same and closes them; a bare round trip on an open connection; and what marshalling an
 // answer of that size takes. What is short is repeated, and counts with its mean.
 
-#include <sys/resource.h>
-#include <unistd.h>
-#include <CLI/CLI.hpp>
+#include <fmt/format.h>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
+#include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "bench/support/bare_fanout.h"
-#include "bench/support/daemon_client.h"
-#include "bench/support/daemon_process.h"
-#include "bench/support/quartiles.h"
-#include "bench/support/service_host.h"
+#include "bench/support/comparison.h"
+#include "bench/support/rounds.h"
 #include "common/keys.h"
 
 namespace kelvane::bench {
@@ -26,18 +22,18 @@ namespace {
 
 constexpr int repetitions = 10;  // of what is short, in each round
 
-template <class What>
-double microsecondsOf(What what, int times = 1) {
-  const std::uint64_t begin = nanosecondsNow();
-  for (int i = 0; i < times; ++i) what();
-  return static_cast<double>(nanosecondsNow() - begin) / 1e3 / times;
-}
-
-struct Figures {
-  std::size_t services = 0;
-  Quartiles uncached, cached, get_state;                // microseconds
-  Quartiles bare, round_trip, marshalling;              // microseconds
-  Quartiles uncached_ratio, cached_ratio, state_ratio;  // round by round
+/// What is measured in each round: microseconds, and ratios.
+enum Thing : std::size_t {
+  uncached,
+  cached,
+  get_state,
+  bare,
+  round_trip,
+  marshalling,
+  uncached_ratio,
+  cached_ratio,
+  state_ratio,
+  things
 };
 
 void expect(std::int64_t total, std::size_t services) {
@@ -46,121 +42,62 @@ void expect(std::int64_t total, std::size_t services) {
   std::exit(1);
 }
 
-Figures measure(ServiceHost& host, const std::string& daemon_program, const std::string& volume,
-                std::size_t services, int rounds) {
-  const DaemonProcess daemon(daemon_program);
-  DaemonClient client(daemon.socket());
-  std::vector<int> endpoints;
-  for (std::size_t i = 0; i < services; ++i) {
-    endpoints.push_back(host.addService(Speech::dbus));
-    client.checkIn("com.example.bench" + std::to_string(i), endpoints.back());
-  }
-  client.setState("value", "com.example.bench");
-  std::vector<double> uncached, cached, get_state, bare, round_trip, marshalling, uncached_ratio,
-      cached_ratio, state_ratio;
-  for (int round = -2; round < rounds; ++round) {  // the first two warm up
-    client.removeState(KELVANE_RECENT_SERVICE_STATS);
-    const double asked = microsecondsOf([&] { expect(client.purgeableSpace(volume), services); });
-    const double bare_time =
-        static_cast<double>(bareBusFanout(endpoints, Request::purgeable, volume, 0)) / 1e3;
-    const double counted =
-        microsecondsOf([&] { expect(client.purgeableSpace(volume), services); }, repetitions);
-    const double trip = static_cast<double>(bareBusRoundTrip(endpoints[0], volume)) / 1e3;
-    const double read = microsecondsOf([&] { client.state("com.example.bench"); }, repetitions);
-    const double marshalled = static_cast<double>(bareBusMarshalling(services + 2)) / 1e3;
-    if (round < 0) continue;
-    uncached.push_back(asked);
-    cached.push_back(counted);
-    get_state.push_back(read);
-    bare.push_back(bare_time);
-    round_trip.push_back(trip);
-    marshalling.push_back(marshalled);
-    uncached_ratio.push_back(asked / bare_time);
-    cached_ratio.push_back((counted - marshalled) / trip);
-    state_ratio.push_back(read / trip);
-  }
-  for (const int endpoint : endpoints) ::close(endpoint);
-  return {services,
-          quartilesOf(uncached),
-          quartilesOf(cached),
-          quartilesOf(get_state),
-          quartilesOf(bare),
-          quartilesOf(round_trip),
-          quartilesOf(marshalling),
-          quartilesOf(uncached_ratio),
-          quartilesOf(cached_ratio),
-          quartilesOf(state_ratio)};
+std::array<double, things> round(PopulatedDaemon& daemon, const std::string& volume) {
+  DaemonClient& client = daemon.client();
+  const std::vector<int>& endpoints = daemon.endpoints();
+  const std::size_t services = endpoints.size();
+  const auto ask = [&] { expect(client.purgeableSpace(volume), services); };
+  client.removeState(KELVANE_RECENT_SERVICE_STATS);
+  const double asked = microsecondsOf(ask);
+  const double fanned = microsecondsOf([&] { bareBusFanout(endpoints, Request::purgeable, volume, 0); });
+  const double counted = microsecondsOf(ask, repetitions);
+  const double trip = static_cast<double>(bareBusRoundTrip(endpoints[0], volume)) / 1e3;
+  const double read = microsecondsOf([&] { client.state("com.example.bench"); }, repetitions);
+  const double marshalled = static_cast<double>(bareBusMarshalling(services + 2)) / 1e3;
+  return {asked,      counted, read, fanned, trip, marshalled, asked / fanned, (counted - marshalled) / trip,
+          read / trip};
 }
 
-void print(const Figures& f) {
-  std::printf(
-      "%8zu  %9.0f %9.0f  %5.2f (%.2f .. %.2f)  %8.1f %8.1f %8.1f  %5.2f (%.2f .. %.2f)  %7.1f  %5.2f\n",
-      f.services, f.uncached.median, f.bare.median, f.uncached_ratio.median, f.uncached_ratio.low,
-      f.uncached_ratio.high, f.cached.median, f.round_trip.median, f.marshalling.median,
-      f.cached_ratio.median, f.cached_ratio.low, f.cached_ratio.high, f.get_state.median,
-      f.state_ratio.median);
+std::string lineOf(std::size_t services, const std::array<Quartiles, things>& q) {
+  return fmt::format(
+      "{:8}  {:9.0f} {:9.0f}  {:5.2f} ({:.2f} .. {:.2f})  {:8.1f} {:8.1f} {:8.1f}  {:5.2f} ({:.2f} .. "
+      "{:.2f})  {:7.1f}  {:5.2f}",
+      services, q[uncached].median, q[bare].median, q[uncached_ratio].median, q[uncached_ratio].low,
+      q[uncached_ratio].high, q[cached].median, q[round_trip].median, q[marshalling].median,
+      q[cached_ratio].median, q[cached_ratio].low, q[cached_ratio].high, q[get_state].median,
+      q[state_ratio].median);
 }
 
-void writeJson(const std::string& path, const std::vector<Figures>& all) {
-  std::ofstream out(path);
-  out << "[";
-  const char* separator = "\n";
-  for (const Figures& f : all) {
-    out << separator << " {\"services\": " << f.services << ", \"uncached_us\": " << f.uncached.median
-        << ", \"bare_us\": " << f.bare.median << ", \"uncached_ratio\": " << f.uncached_ratio.median
-        << ", \"cached_us\": " << f.cached.median << ", \"round_trip_us\": " << f.round_trip.median
-        << ", \"marshalling_us\": " << f.marshalling.median << ", \"cached_ratio\": " << f.cached_ratio.median
-        << ", \"get_state_us\": " << f.get_state.median << ", \"state_ratio\": " << f.state_ratio.median
-        << "}";
-    separator = ",\n";
-  }
-  out << "\n]\n";
-}
-
-int run(int argc, char** argv) {
-  CLI::App app("Measures questions about purgeable space and the reading of state against a bare bus loop.");
-  std::string daemon = std::filesystem::canonical("/proc/self/exe").parent_path() / "kelvaned";
-  std::string volume = "/";
-  std::string json;
-  int rounds = 31;
-  std::vector<std::size_t> counts{1, 10, 100, 1000};
-  app.add_option("--daemon", daemon, "the daemon's program")->check(CLI::ExistingFile);
-  app.add_option("--volume", volume, "a local volume; nothing is written to it");
-  app.add_option("--rounds", rounds, "rounds for each number of services")->check(CLI::Range(3, 1000));
-  app.add_option("--services", counts, "the numbers of services");
-  app.add_option("--json", json, "a file for the figures");
-  CLI11_PARSE(app, argc, argv);
-
-  rlimit descriptors{};
-  ::getrlimit(RLIMIT_NOFILE, &descriptors);
-  descriptors.rlim_cur = descriptors.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &descriptors);
-
-  ServiceHost host;
-  std::printf("microseconds, medians of %d rounds; ratios with their quartiles\n\n", rounds);
-  std::printf(
-      "services   uncached  bare bus  ratio                   cached    round  marshal-  "
-      "(cached - marshalling)   state   ratio\n");
-  std::printf(
-      "              query   fan-out                            query     trip      ling  "
-      "to one round trip         read\n");
-  std::vector<Figures> all;
-  for (const std::size_t count : counts) {
-    all.push_back(measure(host, daemon, volume, count, rounds));
-    print(all.back());
-  }
-  if (!json.empty()) writeJson(json, all);
-  return 0;
+Row measure(ServiceHost& host, const Setting& setting, std::size_t services) {
+  PopulatedDaemon daemon(setting.daemon, host, services);
+  daemon.client().setState("value", "com.example.bench");
+  const auto found = quartilesOfRounds<things>(setting.rounds, [&] { return round(daemon, setting.volume); });
+  return {lineOf(services, found),
+          {{"services", static_cast<double>(services)},
+           {"uncached_us", found[uncached].median},
+           {"bare_us", found[bare].median},
+           {"uncached_ratio", found[uncached_ratio].median},
+           {"cached_us", found[cached].median},
+           {"round_trip_us", found[round_trip].median},
+           {"marshalling_us", found[marshalling].median},
+           {"cached_ratio", found[cached_ratio].median},
+           {"get_state_us", found[get_state].median},
+           {"state_ratio", found[state_ratio].median}}};
 }
 
 }  // namespace
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
-  try {
-    return kelvane::bench::run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "state_bench: %s\n", failure.what());
-    return 1;
-  }
+  return kelvane::bench::runComparison(
+      argc, argv,
+      {"state_bench",
+       "Measures questions about purgeable space and the reading of state against a bare bus loop.",
+       "services   uncached  bare bus  ratio                   cached    round  marshal-  "
+       "(cached - marshalling)   state   ratio\n"
+       "              query   fan-out                            query     trip      ling  "
+       "to one round trip         read",
+       31,
+       {1, 10, 100, 1000},
+       kelvane::bench::measure});
 }

@@ -16,6 +16,7 @@ class DaemonProcess {
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
   [[nodiscard]] std::string socket() const { return directory_ + "/run/kelvane.sock"; }
+  [[nodiscard]] pid_t ID() const { return process_; }
   /// Its greatest resident size so far, in KiB.
   [[nodiscard]] std::uint64_t peakMemory() const;
 

@@ -23,6 +23,7 @@ class ServiceHost {
 
   /// A new service. Returns the descriptor of its endpoint, which the caller owns.
   int addService(Speech speech);
+  [[nodiscard]] pid_t ID() const { return process_; }
 
  private:
   pid_t process_ = -1;

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <sys/types.h>
+#include <cstdint>
+
+namespace kelvane::bench {
+
+/// What a process has done so far. The threads that it has now are counted; those that ended, in the
+/// processor time only.
+struct ProcessWork {
+  double processor_microseconds = 0;
+  double context_switches = 0;
+
+  static ProcessWork of(pid_t process);
+  friend ProcessWork operator-(const ProcessWork& a, const ProcessWork& b) {
+    return {a.processor_microseconds - b.processor_microseconds, a.context_switches - b.context_switches};
+  }
+};
+
+}  // namespace kelvane::bench
