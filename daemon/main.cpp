@@ -12,8 +12,8 @@
 int main(int argc, char** argv) {
   using namespace kelvane;
   if (const auto status = answerCommandLine(argc, argv)) return *status;
-  if (const auto failure = makeDirectories()) return refuseToStart(*failure);
   if (const auto problem = takeSpaceThresholds()) return refuseToStart(*problem);
+  if (const auto failure = makeDirectories()) return refuseToStart(*failure);
   settleProcess();
 
   std::string reason;

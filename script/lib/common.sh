@@ -40,3 +40,6 @@ can_mount() {
   [ "$(id -u)" = 0 ] || as_user=(--user --map-root-user)
   unshare "${as_user[@]}" --mount sh -c 'mount -t tmpfs none /mnt' 2>/dev/null
 }
+
+# True where image files can be mounted as block devices, and a program can serve a file system.
+can_loop() { [ "$(id -u)" = 0 ] && losetup --find >/dev/null 2>&1 && [ -c /dev/fuse ]; }

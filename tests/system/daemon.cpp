@@ -42,9 +42,10 @@ Daemon::Daemon(std::string program, std::vector<std::string> environment) {
                          "<string>ITEMIZED_PURGEABLE_ENTITLEMENT</string></array>"));
   std::filesystem::permissions(at + "/etc/entitlements.d/tests.plist", std::filesystem::perms(0644));
   notifications_ = notificationSocket(at + "/ready");
-  for (const std::string& variable : {"RUNTIME_DIRECTORY=" + at + "/run", "STATE_DIRECTORY=" + at + "/state",
-                                      "CONFIGURATION_DIRECTORY=" + at + "/etc",
-                                      "NOTIFY_SOCKET=" + at + "/ready", std::string("KELVANE_LOG_LEVEL=5")}) {
+  for (const std::string& variable :
+       {"RUNTIME_DIRECTORY=" + at + "/run", "STATE_DIRECTORY=" + at + "/state",
+        "CONFIGURATION_DIRECTORY=" + at + "/etc", "NOTIFY_SOCKET=" + at + "/ready",
+        std::string("KELVANE_LOG_LEVEL=5"), std::string("KELVANE_LOW_SPACE=0%")}) {
     environment.push_back(variable);
   }
   process_ = std::make_unique<Process>(std::vector<std::string>{std::move(program)}, std::move(environment));

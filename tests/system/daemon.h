@@ -17,8 +17,9 @@ namespace kelvane::tests {
 /// A real daemon in folders of its own, with every entitlement granted to the user that runs the tests.
 class Daemon {
  public:
-  /// Starts it, and returns when it has told its service manager that it is ready. What `environment` says
-  /// comes first, so a STATE_DIRECTORY there outlives this daemon.
+  /// Starts it, and returns when it has told its service manager that it is ready. No volume is ever low for
+  /// it. What `environment` says comes first, so a STATE_DIRECTORY there outlives this daemon, and a
+  /// KELVANE_LOW_SPACE counts.
   explicit Daemon(std::string program = built("kelvaned"), std::vector<std::string> environment = {});
   ~Daemon();
 

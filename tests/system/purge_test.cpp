@@ -5,21 +5,12 @@
 #include <filesystem>
 
 #include "common/keys.h"
-#include "tests/system/daemon.h"
+#include "tests/system/services.h"
 
 namespace kelvane::tests {
 namespace {
 
 constexpr std::uint64_t mebibyte = 1 << 20;
-
-/// A service program on a folder of the volume, registered with the daemon.
-std::unique_ptr<Process> startService(const Daemon& daemon, const std::string& behaviour,
-                                      const std::string& ID, const std::string& folder) {
-  auto service = std::make_unique<Process>(
-      std::vector<std::string>{built("service_program"), behaviour, ID, folder, "--daemon", daemon.socket()});
-  EXPECT_TRUE(service->printed("registered")) << service->output();
-  return service;
-}
 
 std::unique_ptr<Process> startDeclared(const Daemon& daemon, const std::string& ID,
                                        const std::string& folder) {

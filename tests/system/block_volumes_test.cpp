@@ -1,0 +1,171 @@
+// Volumes on block devices: ext4 and xfs in image files, parts of them mounted elsewhere, mounted and
+// unmounted while the daemon runs; and one behind a program that never answers. Needs to be root, for the
+// loop devices.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+#include <filesystem>
+
+#include "common/keys.h"
+#include "platform/foundation/file_descriptor.h"
+#include "tests/system/services.h"
+
+namespace kelvane::tests {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uint64_t mebibyte = 1 << 20;
+
+void succeed(const std::vector<std::string>& command) {
+  const Finished finished = run(command);
+  EXPECT_EQ(finished.status, 0) << command.front() << ": " << finished.output;
+}
+
+/// A file that takes next to no space until something is written to it.
+std::string imageFile(const Folder& folder, off_t bytes) {
+  const std::string path = folder.path() + "/image";
+  const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  EXPECT_EQ(::ftruncate(file.get(), bytes), 0);
+  return path;
+}
+
+/// A file system of that type in an image file, and where it can be mounted.
+class BlockVolume {
+ public:
+  explicit BlockVolume(const std::string& type) : image_(imageFile(folder_, 320 << 20)) {
+    const std::vector<std::string> make =
+        type == "xfs" ? std::vector<std::string>{"mkfs.xfs", "-q", image_}
+                      : std::vector<std::string>{"mkfs.ext4", "-q", "-m", "0", image_};
+    succeed(make);
+    fs::create_directory(path());
+    mount();
+  }
+  ~BlockVolume() { ::umount2(path().c_str(), MNT_DETACH); }
+  void mount() const { succeed({"mount", "-o", "loop", image_, path()}); }
+  void unmount() const { succeed({"umount", path()}); }
+  [[nodiscard]] std::string path() const { return folder_.path() + "/volume"; }
+  [[nodiscard]] std::uint64_t freeSpace() const {
+    struct statvfs space {};
+    EXPECT_EQ(::statvfs(path().c_str(), &space), 0);
+    return space.f_bavail * space.f_frsize;
+  }
+  /// Files of a mebibyte in a folder of that name.
+  [[nodiscard]] std::string fill(const std::string& name, std::uint64_t count) const {
+    const std::string folder = path() + "/" + name;
+    fs::create_directory(folder);
+    for (std::uint64_t i = 0; i < count; ++i) take(folder + "/" + std::to_string(i), mebibyte);
+    return folder;
+  }
+  static void take(const std::string& path, std::uint64_t bytes) {
+    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_EQ(::posix_fallocate(file.get(), 0, static_cast<off_t>(bytes)), 0) << path;
+  }
+
+ private:
+  const Folder folder_;
+  const std::string image_;
+};
+
+std::optional<Dictionary> purge(const Daemon& daemon, const std::string& volume, std::uint64_t bytes) {
+  return Client(daemon).purge({{KELVANE_VOLUME, volume}, {KELVANE_AMOUNT, bytes}});
+}
+
+class OnABlockDevice : public testing::TestWithParam<const char*> {};
+
+TEST_P(OnABlockDevice, AVolumeIsPurgedOnRequestAndWhenItRunsLow) {
+  const BlockVolume volume(GetParam());
+  Daemon daemon(built("kelvaned"), {"KELVANE_LOW_SPACE=10%"});
+  const auto service = startService(daemon, "deletes", "com.example.cache", volume.fill("cache", 64));
+  const auto result = purge(daemon, volume.path(), 8 * mebibyte);
+  ASSERT_TRUE(result);
+  EXPECT_EQ((*result)[KELVANE_AMOUNT].unsignedLongLongValue(), 8 * mebibyte);
+  BlockVolume::take(volume.path() + "/growing", volume.freeSpace() - 24 * mebibyte);
+  EXPECT_TRUE(service->printed("asked 1 262144000")) << daemon.process().output();
+}
+
+TEST_P(OnABlockDevice, AFolderOfAVolumeMountedElsewhereIsNoVolume) {
+  const BlockVolume volume(GetParam());
+  const std::string cache = volume.fill("cache", 4);
+  const Folder elsewhere;
+  ASSERT_EQ(::mount(cache.c_str(), elsewhere.path().c_str(), nullptr, MS_BIND, nullptr), 0);
+  Daemon daemon;
+  const auto service = startService(daemon, "deletes", "com.example.cache", cache);
+  EXPECT_FALSE(purge(daemon, elsewhere.path(), mebibyte));
+  EXPECT_TRUE(purge(daemon, volume.path(), mebibyte));
+  ::umount2(elsewhere.path().c_str(), MNT_DETACH);
+}
+
+TEST_P(OnABlockDevice, AVolumeThatIsUnmountedWhileTheDaemonRunsIsNoneAndOneAgainWhenItIsMounted) {
+  const BlockVolume volume(GetParam());
+  const std::string cache = volume.fill("cache", 4);
+  Daemon daemon;
+  const auto service = startService(daemon, "deletes", "com.example.cache", cache);
+  EXPECT_TRUE(purge(daemon, volume.path(), mebibyte));
+  volume.unmount();  // nothing of the daemon keeps it busy
+  EXPECT_FALSE(purge(daemon, volume.path(), mebibyte));
+  volume.mount();
+  EXPECT_TRUE(purge(daemon, volume.path(), mebibyte));
+}
+
+INSTANTIATE_TEST_SUITE_P(BlockVolumes, OnABlockDevice, testing::Values("ext4", "xfs"));
+
+/// A block device whose file system is served by a program, this one, which answers nothing: whoever asks it
+/// something waits until the program lets go of it.
+class HungVolume {
+ public:
+  HungVolume() {
+    const Finished made = run({"losetup", "--find", "--show", imageFile(folder_, 1 << 20)});
+    EXPECT_EQ(made.status, 0) << made.output;
+    device_ = made.output.substr(0, made.output.find('\n'));
+    fs::create_directory(path());
+    const std::string options =
+        "fd=" + std::to_string(program_.get()) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
+    EXPECT_EQ(::mount(device_.c_str(), path().c_str(), "fuseblk", 0, options.c_str()), 0) << device_;
+  }
+  ~HungVolume() {
+    program_.reset();  // everybody who waits is told that the program has gone
+    ::umount2(path().c_str(), MNT_DETACH);
+    succeed({"losetup", "--detach", device_});
+  }
+  [[nodiscard]] std::string path() const { return folder_.path() + "/hung"; }
+
+ private:
+  const Folder folder_;
+  FileDescriptor program_{::open("/dev/fuse", O_RDWR | O_CLOEXEC)};
+  std::string device_;
+};
+
+TEST(HungVolumes, OneThatDoesNotAnswerKeepsNobodyElseFromBeingServed) {
+  const HungVolume hung;
+  const Volume volume(64);
+  Daemon daemon(built("kelvaned"), {"KELVANE_LOW_SPACE=10%"});
+  ASSERT_TRUE(daemon.isReady());
+  EXPECT_TRUE(daemon.logged("volumeFreespace " + hung.path() + " does not answer, going on without it"));
+  const auto service =
+      startService(daemon, "deletes", "com.example.cache", volume.fill("cache", 50, mebibyte));
+  ASSERT_TRUE(purge(daemon, volume.path(), mebibyte));
+  const auto result = purge(daemon, hung.path(), mebibyte);  // is a volume, of whose space nothing is known
+  ASSERT_TRUE(result);
+  EXPECT_EQ((*result)[KELVANE_FREESPACE_BEGIN].unsignedLongLongValue(), 0U);
+  BlockVolume::take(volume.path() + "/growing", volume.freeSpace() - 4 * mebibyte);
+  EXPECT_TRUE(service->printed("asked 1 262144000")) << daemon.process().output();
+  EXPECT_EQ(daemon.process().count("does not answer"), 1U);
+}
+
+TEST(HungVolumes, AVolumeThatIsUnmountedInTheMiddleIsForgotten) {
+  auto hung = std::make_unique<HungVolume>();
+  const std::string path = hung->path();
+  Daemon daemon(built("kelvaned"), {"KELVANE_LOW_SPACE=10%"});
+  EXPECT_TRUE(daemon.logged("volumeFreespace " + path + " does not answer, going on without it"));
+  hung.reset();
+  EXPECT_TRUE(daemon.logged("volumeFreespace " + path + " answers again"));
+  EXPECT_FALSE(purge(daemon, path, mebibyte));
+}
+
+}  // namespace
+}  // namespace kelvane::tests
