@@ -30,7 +30,7 @@ void writeGrant(const std::string& directory) {
 
 }  // namespace
 
-DaemonProcess::DaemonProcess(const std::string& program) {
+DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::string>& environment) {
   std::string name = std::filesystem::temp_directory_path() / "kelvane-bench-XXXXXX";
   if (::mkdtemp(name.data()) == nullptr) giveUp("cannot make a temporary directory");
   directory_ = name;
@@ -46,6 +46,7 @@ DaemonProcess::DaemonProcess(const std::string& program) {
     ::setenv("STATE_DIRECTORY", (directory_ + "/state").c_str(), 1);
     ::setenv("CONFIGURATION_DIRECTORY", (directory_ + "/etc").c_str(), 1);
     ::setenv("KELVANE_LOG_LEVEL", "2", 1);
+    for (const std::string& variable : environment) ::putenv(const_cast<char*>(variable.c_str()));
     ::execl(program.c_str(), program.c_str(), nullptr);
     std::_Exit(127);
   }

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kelvane::bench {
 
@@ -10,7 +11,9 @@ namespace kelvane::bench {
 class DaemonProcess {
  public:
   /// Starts it and returns when it accepts connections. Ends this program, with the reason, when it does not.
-  explicit DaemonProcess(const std::string& program);
+  /// `environment` is of "NAME=value"; without more, no volume is ever low for it.
+  explicit DaemonProcess(const std::string& program,
+                         const std::vector<std::string>& environment = {"KELVANE_LOW_SPACE=0%"});
   ~DaemonProcess();
   DaemonProcess(const DaemonProcess&) = delete;
   DaemonProcess& operator=(const DaemonProcess&) = delete;
