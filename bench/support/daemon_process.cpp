@@ -30,13 +30,31 @@ void writeGrant(const std::string& directory) {
 
 }  // namespace
 
-DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::string>& environment) {
+DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::string>& environment)
+    : program_(program), environment_(environment) {
   std::string name = std::filesystem::temp_directory_path() / "kelvane-bench-XXXXXX";
   if (::mkdtemp(name.data()) == nullptr) giveUp("cannot make a temporary directory");
   directory_ = name;
   for (const char* part : {"/run", "/run/notify", "/state"})
     std::filesystem::create_directories(directory_ + part);
   writeGrant(directory_);
+  start();
+}
+
+DaemonProcess::~DaemonProcess() {
+  if (process_ > 0) end();
+  std::filesystem::remove_all(directory_);
+}
+
+void DaemonProcess::end() {
+  ::kill(process_, SIGTERM);
+  int status = -1;
+  ::waitpid(process_, &status, 0);
+  process_ = -1;
+  if (status != 0) giveUp("the daemon " + program_ + " did not end well");
+}
+
+void DaemonProcess::start() {
   const int watch = ::inotify_init1(IN_CLOEXEC);
   ::inotify_add_watch(watch, (directory_ + "/run/notify").c_str(), IN_MODIFY);
   process_ = ::fork();
@@ -46,20 +64,14 @@ DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::
     ::setenv("STATE_DIRECTORY", (directory_ + "/state").c_str(), 1);
     ::setenv("CONFIGURATION_DIRECTORY", (directory_ + "/etc").c_str(), 1);
     ::setenv("KELVANE_LOG_LEVEL", "2", 1);
-    for (const std::string& variable : environment) ::putenv(const_cast<char*>(variable.c_str()));
-    ::execl(program.c_str(), program.c_str(), nullptr);
+    for (const std::string& variable : environment_) ::putenv(const_cast<char*>(variable.c_str()));
+    ::execl(program_.c_str(), program_.c_str(), nullptr);
     std::_Exit(127);
   }
   // It says so itself when it is open for business.
   pollfd started{watch, POLLIN, 0};
-  if (::poll(&started, 1, 10'000) != 1) giveUp("the daemon " + program + " did not start");
+  if (::poll(&started, 1, 10'000) != 1) giveUp("the daemon " + program_ + " did not start");
   ::close(watch);
-}
-
-DaemonProcess::~DaemonProcess() {
-  ::kill(process_, SIGTERM);
-  ::waitpid(process_, nullptr, 0);
-  std::filesystem::remove_all(directory_);
 }
 
 std::uint64_t DaemonProcess::peakMemory() const {

@@ -18,12 +18,19 @@ class DaemonProcess {
   DaemonProcess(const DaemonProcess&) = delete;
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
+  /// Ends it by SIGTERM; returns when it is gone. Ends this program when its status is not 0.
+  void end();
+  /// Starts it again, in the same directories, after it was ended.
+  void start();
+
   [[nodiscard]] std::string socket() const { return directory_ + "/run/kelvane.sock"; }
   [[nodiscard]] pid_t ID() const { return process_; }
   /// Its greatest resident size so far, in KiB.
   [[nodiscard]] std::uint64_t peakMemory() const;
 
  private:
+  const std::string program_;
+  const std::vector<std::string> environment_;
   std::string directory_;
   pid_t process_ = -1;
 };

@@ -1,0 +1,180 @@
+// What it costs to start, and how soon the daemon is gone and back.
+//
+// In turns: the daemon's start, from its creation to the launched notification, without descriptors and with
+// so many; reading and parsing the same files with nothing but the property-list library; and the end by
+// SIGTERM in the middle of a purge, then the start to the first answer.
+//
+// Writes descriptors to /System/Library/Kelvane, so that must be an empty folder of this program's own:
+//
+//   script/lib/private-root.sh -- build/release/bin/start_bench
+
+#include <fmt/format.h>
+#include <plist/plist.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "bench/support/comparison.h"
+#include "bench/support/rounds.h"
+
+namespace kelvane::bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path descriptors = "/System/Library/Kelvane";
+
+enum Thing : std::size_t { empty, full, parsing, ratio, added_ratio, gone, back, things };
+
+void writeDescriptors(std::size_t count) {
+  if (!fs::is_directory(descriptors) || !fs::is_empty(descriptors)) {
+    throw std::runtime_error(
+        "/System/Library/Kelvane must be an empty folder; run me in script/lib/private-root.sh");
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    std::ofstream(descriptors / fmt::format("com.example.service{}.plist", i)) << fmt::format(
+        R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//W3C//DTD PLIST 1.0//EN" "http://www.w3.org/TR/plist/plist-1.0.dtd">
+<plist version="1.0">
+<dict>
+  <key>KELVANE_ID</key><string>com.example.service{}</string>
+  <key>KELVANE_SERVICES</key><array><string>PURGE</string><string>PERIODIC</string></array>
+  <key>KELVANE_NOTIFICATIONS</key><array><string>KELVANE_CACHE_ENABLED</string></array>
+</dict>
+</plist>
+)",
+        i);
+  }
+}
+
+void parseBare() {
+  for (const auto& entry : fs::directory_iterator(descriptors)) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    plist_t list = nullptr;
+    plist_from_memory(text.data(), static_cast<std::uint32_t>(text.size()), &list);
+    if (list == nullptr) throw std::runtime_error("cannot parse " + entry.path().string());
+    plist_free(list);
+  }
+}
+
+/// While the folder has another name, the daemon finds it empty.
+template <class What>
+double withoutDescriptors(What what) {
+  fs::rename(descriptors, "/System/Library/Elsewhere");
+  fs::create_directory(descriptors);
+  const double took = what();
+  fs::remove(descriptors);
+  fs::rename("/System/Library/Elsewhere", descriptors);
+  return took;
+}
+
+double startOf(const std::string& program) {
+  std::unique_ptr<DaemonProcess> daemon;
+  return microsecondsOf([&] { daemon = std::make_unique<DaemonProcess>(program); });
+}
+
+/// A client that asks for one purge after the other until the daemon is gone, in a process of its own.
+class Asking {
+ public:
+  explicit Asking(const std::string& socket) : process_(::fork()) {
+    if (process_ != 0) return;
+    ::close(STDERR_FILENO);  // it will say that the daemon failed
+    DaemonClient client(socket);
+    while (true) static_cast<void>(client.purge("/", 1 << 20));
+  }
+  ~Asking() { ::waitpid(process_, nullptr, 0); }
+  Asking(const Asking&) = delete;
+  Asking& operator=(const Asking&) = delete;
+
+ private:
+  const pid_t process_;
+};
+
+struct EndAndStart {
+  double gone;
+  double back;
+};
+
+/// Ended in the middle of a purge; back with what it was told to keep.
+EndAndStart endAndStart(const std::string& program) {
+  constexpr std::size_t services = 300;
+  DaemonProcess daemon(program);
+  ServiceHost host;
+  {
+    DaemonClient client(daemon.socket());
+    for (std::size_t i = 0; i < services; ++i) {
+      const int endpoint = host.addService(Speech::dbus);
+      client.checkIn(fmt::format("com.example.service{}", i), endpoint);
+      ::close(endpoint);
+    }
+    client.setState("kept", "com.example.bench");
+  }
+  const Asking asking(daemon.socket());
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EndAndStart took{};
+  took.gone = microsecondsOf([&] { daemon.end(); });
+  took.back = microsecondsOf([&] {
+    daemon.start();
+    if (DaemonClient(daemon.socket()).state("com.example.bench") != "kept") {
+      throw std::runtime_error("the daemon has lost what it had acknowledged");
+    }
+  });
+  return took;
+}
+
+std::array<double, things> round(const std::string& program) {
+  const double without = withoutDescriptors([&] { return startOf(program); });
+  const double with = startOf(program);
+  const double parsed = microsecondsOf(parseBare);
+  const EndAndStart ended = endAndStart(program);
+  return {without, with, parsed, with / parsed, (with - without) / parsed, ended.gone, ended.back};
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Measures the daemon's start and end. Run it in script/lib/private-root.sh.");
+  std::size_t count = 1000;
+  int rounds = 21;
+  app.add_option("--descriptors", count, "how many services are declared")->check(CLI::Range(1, 100000));
+  app.add_option("--rounds", rounds, "how often each is measured")->check(CLI::PositiveNumber);
+  CLI11_PARSE(app, argc, argv);
+  allowManyDescriptors();
+  writeDescriptors(count);
+  const std::string program = daemonBesideThisProgram();
+  const auto found = quartilesOfRounds<things>(rounds, [&] { return round(program); });
+  const auto line = [&](const char* what, Thing thing, double unit) {
+    fmt::print("{:<58}{:>9.2f}  ({:.2f} .. {:.2f})\n", what, found[thing].median / unit,
+               found[thing].low / unit, found[thing].high / unit);
+  };
+  constexpr double milliseconds = 1000;
+  line("start without descriptors, ms", empty, milliseconds);
+  line("start with them, ms", full, milliseconds);
+  line("the same files read and parsed bare, ms", parsing, milliseconds);
+  line("ratio of the start to that", ratio, 1);
+  line("ratio of what they add to the start to that", added_ratio, 1);
+  line("SIGTERM in the middle of a purge to the end, ms", gone, milliseconds);
+  line("start to the first answer after that, ms", back, milliseconds);
+  return 0;
+}
+
+}  // namespace
+}  // namespace kelvane::bench
+
+int main(int argc, char** argv) {
+  try {
+    return kelvane::bench::run(argc, argv);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "start_bench: %s\n", failure.what());
+    return 1;
+  }
+}
