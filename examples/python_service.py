@@ -29,6 +29,7 @@ CLIENT_PATH = "/com/orvel/kelvane"
 CLIENT_INTERFACE = "com.orvel.KelvaneClientProtocol"
 SERVICE_PATH = "/com/orvel/kelvane/service"
 FOREVER = GLib.MAXINT
+RETRY_MILLISECONDS = 250
 
 # A value that may be absent is an array of none or one, hence aa{sv}.
 SERVICE = Gio.DBusNodeInfo.new_for_xml("""
@@ -111,6 +112,7 @@ class Service:
         self.cache = Cache(arguments.folder)
         self.working = threading.Lock()  # one purge at a time
         self.connections = set()  # those served
+        self.waiting_for = None
         self.attempt = 0  # what is left of an earlier one is ignored
         self.daemon = None
         self.endpoint = None
@@ -155,6 +157,7 @@ class Service:
         if attempt != self.attempt:
             return
         if answer:
+            self.waiting_for = None
             print("registered", self.id, flush=True)
         else:
             print("refused: the ID is that of a declared service", file=sys.stderr, flush=True)
@@ -163,11 +166,13 @@ class Service:
         if attempt != self.attempt:
             return
         self.attempt += 1
-        print("waiting:", why, file=sys.stderr, flush=True)
+        if why != self.waiting_for:  # said once, however often it is tried
+            print("waiting:", why, file=sys.stderr, flush=True)
+        self.waiting_for = why
         if self.endpoint is not None:
             self.endpoint.close()
             self.endpoint = None
-        GLib.timeout_add(1000, self.check_in)
+        GLib.timeout_add(RETRY_MILLISECONDS, self.check_in)
 
     # --- being called ---
 

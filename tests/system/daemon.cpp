@@ -30,7 +30,8 @@ FileDescriptor notificationSocket(const std::string& path) {
 
 }  // namespace
 
-Daemon::Daemon(std::string program, std::vector<std::string> environment) {
+Daemon::Daemon(std::string program, std::vector<std::string> environment)
+    : program_(std::move(program)), environment_(std::move(environment)) {
   const std::string& at = folder_.path();
   for (const char* part : {"/run", "/state", "/etc/entitlements.d"})
     std::filesystem::create_directories(at + part);
@@ -46,9 +47,19 @@ Daemon::Daemon(std::string program, std::vector<std::string> environment) {
        {"RUNTIME_DIRECTORY=" + at + "/run", "STATE_DIRECTORY=" + at + "/state",
         "CONFIGURATION_DIRECTORY=" + at + "/etc", "NOTIFY_SOCKET=" + at + "/ready",
         std::string("KELVANE_LOG_LEVEL=5"), std::string("KELVANE_LOW_SPACE=0%")}) {
-    environment.push_back(variable);
+    environment_.push_back(variable);
   }
-  process_ = std::make_unique<Process>(std::vector<std::string>{std::move(program)}, std::move(environment));
+  start();
+}
+
+void Daemon::restart(int signal) {
+  process_->signal(signal);
+  process_->wait();
+  start();
+}
+
+void Daemon::start() {
+  process_ = std::make_unique<Process>(std::vector<std::string>{program_}, environment_);
   ready_ = nextNotification(start_up_patience).value_or("").find("READY=1") != std::string::npos;
 }
 

@@ -23,6 +23,9 @@ class Daemon {
   explicit Daemon(std::string program = built("kelvaned"), std::vector<std::string> environment = {});
   ~Daemon();
 
+  /// Ends it with that signal and starts it again, in the same folders.
+  void restart(int signal);
+
   [[nodiscard]] std::string socket() const { return folder_.path() + "/run/kelvane.sock"; }
   [[nodiscard]] std::string launchSocket() const { return folder_.path() + "/run/launch.sock"; }
   [[nodiscard]] std::string address() const { return "unix:path=" + socket(); }
@@ -35,6 +38,10 @@ class Daemon {
   [[nodiscard]] std::optional<std::string> nextNotification(std::chrono::milliseconds patience);
 
  private:
+  void start();
+
+  const std::string program_;
+  std::vector<std::string> environment_;
   Folder folder_;
   FileDescriptor notifications_;
   bool ready_ = false;

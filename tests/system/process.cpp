@@ -89,10 +89,14 @@ void Process::read(int descriptor) {
   changed_.notify_all();
 }
 
-bool Process::printed(const std::string& text) {
+bool Process::printed(const std::string& text) { return printed(text, 1); }
+
+bool Process::printed(const std::string& text, std::size_t times) {
   std::unique_lock lock(mutex_);
   const auto found = [&] {
-    return std::any_of(lines_.begin(), lines_.end(), [&](const auto& line) { return contains(line, text); });
+    const auto lines =
+        std::count_if(lines_.begin(), lines_.end(), [&](const auto& line) { return contains(line, text); });
+    return static_cast<std::size_t>(lines) >= times;
   };
   changed_.wait_for(lock, patience, [&] { return found() || ended_; });
   return found();

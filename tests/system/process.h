@@ -25,6 +25,8 @@ class Process {
   /// Waits until a line that contains `text` has been printed; false when the program has ended without one,
   /// or after half a minute.
   [[nodiscard]] bool printed(const std::string& text);
+  /// The same until so many lines contain it.
+  [[nodiscard]] bool printed(const std::string& text, std::size_t times);
   /// How many lines contain `text` so far.
   [[nodiscard]] std::size_t count(const std::string& text);
   /// All it has printed so far.

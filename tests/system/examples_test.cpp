@@ -1,0 +1,84 @@
+// The example services, in C++ and in Python: killed, stopped, started again, and with a daemon that goes and
+// comes back, each is in the registry again without help.
+
+#include <gtest/gtest.h>
+#include <chrono>
+#include <csignal>
+
+#include "common/keys.h"
+#include "tests/system/daemon.h"
+
+namespace kelvane::tests {
+namespace {
+
+constexpr std::uint64_t mebibyte = 1 << 20;
+constexpr const char* ID = "com.example.cache";
+
+class ExampleService : public testing::TestWithParam<const char*> {
+ protected:
+  [[nodiscard]] std::unique_ptr<Process> start() const {
+    std::vector<std::string> command = {built("cache_service")};
+    if (GetParam() == std::string("python")) {
+      command = {"/usr/bin/python3", KELVANE_SOURCE_FOLDER "/examples/python_service.py"};
+    }
+    for (const std::string& argument : {std::string("--id"), std::string(ID), std::string("--folder"),
+                                        folder_, std::string("--daemon"), daemon_.socket()}) {
+      command.push_back(argument);
+    }
+    auto service = std::make_unique<Process>(command);
+    EXPECT_TRUE(service->printed("registered")) << service->output();
+    return service;
+  }
+  [[nodiscard]] std::uint64_t purged(std::uint64_t bytes, int urgency = 4) const {
+    const auto result = Client(daemon_).purge(
+        {{KELVANE_VOLUME, volume_.path()}, {KELVANE_AMOUNT, bytes}, {KELVANE_URGENCY, urgency}});
+    return result ? (*result)[KELVANE_AMOUNT].unsignedLongLongValue() : 0;
+  }
+
+  const Volume volume_{32};
+  const std::string folder_ = volume_.fill("cache", 16, mebibyte);
+  Daemon daemon_;
+};
+
+TEST_P(ExampleService, OutlivesARestartOfTheDaemon) {
+  const auto service = start();
+  for (std::size_t restart = 1; restart <= 3; ++restart) {
+    daemon_.restart(restart == 2 ? SIGKILL : SIGTERM);
+    ASSERT_TRUE(daemon_.isReady());
+    const auto began = std::chrono::steady_clock::now();
+    ASSERT_TRUE(service->printed("registered", restart + 1)) << service->output();
+    const auto took = std::chrono::steady_clock::now() - began;
+    RecordProperty("milliseconds_until_registered_" + std::to_string(restart),
+                   static_cast<int>(took / std::chrono::milliseconds(1)));
+    EXPECT_EQ(purged(mebibyte), mebibyte) << service->output();
+  }
+}
+
+TEST_P(ExampleService, IsDroppedWhenItIsKilledAndBackWhenItIsStartedAgain) {
+  for (int i = 0; i < 3; ++i) {
+    const auto service = start();
+    EXPECT_EQ(purged(mebibyte), mebibyte);
+    service->signal(SIGKILL);
+    service->wait();
+    ASSERT_TRUE(daemon_.process().printed("interruptionHandler ENTRY", static_cast<std::size_t>(i + 1)));
+    EXPECT_EQ(purged(mebibyte), 0U);
+  }
+}
+
+TEST_P(ExampleService, ThatIsStoppedForAWhileAnswersWhenItGoesOn) {
+  const auto service = start();
+  service->signal(SIGSTOP);
+  Client client(daemon_);
+  client.startPurge({{KELVANE_VOLUME, volume_.path()}, {KELVANE_AMOUNT, mebibyte}, {KELVANE_URGENCY, 4}});
+  ASSERT_TRUE(daemon_.logged("requesting 1048576 bytes from com.example.cache")) << daemon_.process().output();
+  service->signal(SIGCONT);
+  const auto result = client.finishPurge();
+  ASSERT_TRUE(result);
+  EXPECT_EQ((*result)[KELVANE_AMOUNT].unsignedLongLongValue(), mebibyte);
+}
+
+std::string languageOf(const testing::TestParamInfo<const char*>& info) { return info.param; }
+INSTANTIATE_TEST_SUITE_P(Examples, ExampleService, testing::Values("cpp", "python"), languageOf);
+
+}  // namespace
+}  // namespace kelvane::tests
