@@ -1,5 +1,6 @@
 #include "platform/dispatch/executor.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -11,8 +12,11 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "platform/dispatch/clock.h"
 #include "platform/dispatch/fatal.h"
@@ -29,16 +33,17 @@ namespace kelvane::dispatch {
 namespace {
 
 constexpr unsigned most_threads = 1024;
-constexpr unsigned runs_between_polls = 4;
+constexpr auto poll_is_due_after = std::chrono::milliseconds(1);
 constexpr auto watchman_looks_every = std::chrono::milliseconds(2);
-constexpr unsigned poll_is_left_alone_after = 3;     // looks in a row
+constexpr unsigned poll_is_left_alone_after = 3;  // looks in a row
+constexpr unsigned running_is_trusted_for = 10;   // looks in a row
+constexpr std::size_t most_threads_asked_about = 64;
 constexpr unsigned backlog_stays_after = 50;         // looks in a row
 constexpr std::uint64_t watchman_lingers_above = 4;  // runnables in one look
 
-// What epoll reports for the two descriptors of the executor itself; sources count from `first_source`.
+// What epoll reports for the two descriptors of the executor itself; no source has these.
 constexpr std::uint64_t wakeup_identity = 0;
 constexpr std::uint64_t timer_identity = 1;
-constexpr std::uint64_t first_source = 2;
 
 thread_local bool on_pool_thread = false;
 
@@ -55,6 +60,20 @@ void startThread(void (*body)()) {
     throw;
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+/// Whether the kernel has the thread of this process running, or ready to. False when it does not say.
+bool runs(pid_t thread) {
+  // The state stands behind the name, which is in parentheses and may hold any.
+  std::array<char, 64> text{};
+  const int file =
+      ::open(("/proc/self/task/" + std::to_string(thread) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  const ssize_t length = ::read(file, text.data(), text.size());
+  ::close(file);
+  const std::string_view seen(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+  const std::size_t name_end = seen.rfind(')');
+  return name_end != std::string_view::npos && seen.substr(name_end).starts_with(") R");
 }
 
 bool watchDescriptor(int epoll, int descriptor, std::uint32_t events, std::uint64_t identity) {
@@ -118,10 +137,11 @@ void Executor::addThread() {
 
 void Executor::work() {
   on_pool_thread = true;
+  const pid_t ID = ::gettid();
   Lock lock(mutex_);
+  thread_IDs_.insert(ID);
   for (;;) {
-    const bool poll_is_due = !polling_ && since_poll_ >= runs_between_polls;
-    if (!ready_.empty() && !poll_is_due) {
+    if (!ready_.empty() && (polling_ || !pollIsDue())) {
       runReady(lock);
     } else if (!polling_) {
       poll(lock);
@@ -129,6 +149,7 @@ void Executor::work() {
       break;
     }
   }
+  thread_IDs_.erase(ID);
   --threads_;
   --busy_;
 }
@@ -137,13 +158,14 @@ void Executor::runReady(Lock& lock) {
   std::shared_ptr<Runnable> runnable = std::move(ready_.front());
   ready_.pop_front();
   ++taken_;
-  ++since_poll_;
   callTheWatchman();
   lock.unlock();
   runnable->run();
   runnable.reset();
   lock.lock();
 }
+
+bool Executor::pollIsDue() const { return std::chrono::steady_clock::now() - polled_ >= poll_is_due_after; }
 
 void Executor::poll(Lock& lock) {
   std::array<epoll_event, 64> events;
@@ -153,28 +175,30 @@ void Executor::poll(Lock& lock) {
   lock.unlock();
   const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), patience);
   bool timers_due = false;
+  // Dropped without the lock: each may be the last reference, and what the handler holds may come back here
+  // when it is destroyed.
+  std::vector<std::shared_ptr<EventSourceState>> due_already;
   lock.lock();
   ++busy_;
   ++polls_;
   polling_ = false;
-  since_poll_ = 0;
-  std::array<std::pair<std::shared_ptr<EventSourceState>, std::uint32_t>, 64> fired;
-  std::size_t fired_count = 0;
+  polled_ = std::chrono::steady_clock::now();
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = events[static_cast<std::size_t>(i)];
     if (event.data.u64 == timer_identity) timers_due = true;
-    if (event.data.u64 < first_source) continue;
     const auto source = sources_.find(event.data.u64);
     if (source == sources_.end()) continue;
-    if (auto state = source->second.lock()) fired[fired_count++] = {std::move(state), event.events};
+    auto state = source->second.lock();
+    if (state == nullptr) continue;
+    if (state->note(event.events)) {
+      ready_.push_back(std::move(state));
+    } else {
+      due_already.push_back(std::move(state));
+    }
   }
+  if (!timers_due && due_already.empty()) return;
   lock.unlock();
-  for (std::size_t i = 0; i < fired_count; ++i) {
-    fired[i].first->fire(fired[i].second);
-    // Dropped before the lock is taken again: this may be the last reference, and what the handler holds may
-    // come back here when it is destroyed.
-    fired[i].first.reset();
-  }
+  due_already.clear();
   if (timers_due) runDueTimers();
   lock.lock();
 }
@@ -200,6 +224,7 @@ void Executor::watch() {
   Lock lock(mutex_);
   unsigned looks_with_backlog = 0;
   unsigned looks_without_poll = 0;
+  unsigned looks_left_alone = 0;
   for (;;) {
     watchman_wakeup_.wait(lock, [this] { return watching_; });
     const std::uint64_t taken_before = taken_;
@@ -212,10 +237,22 @@ void Executor::watch() {
       continue;
     }
     const bool backlog_stays = looks_with_backlog >= backlog_stays_after && busy_ < cores_;
-    const bool work_left_alone = !ready_.empty() && (taken_ == taken_before || backlog_stays);
-    const bool poll_left_alone = looks_without_poll >= poll_is_left_alone_after;
-    if (work_left_alone || poll_left_alone) callThread();
+    const bool left_alone =
+        (!ready_.empty() && taken_ == taken_before) || looks_without_poll >= poll_is_left_alone_after;
+    looks_left_alone = left_alone ? looks_left_alone + 1 : 0;
+    if (backlog_stays || looks_left_alone > running_is_trusted_for || (left_alone && !aThreadRuns(lock)))
+      callThread();
   }
+}
+
+/// Looks without the lock.
+bool Executor::aThreadRuns(Lock& lock) {
+  const std::set<pid_t> IDs = thread_IDs_;
+  if (IDs.size() > most_threads_asked_about) return false;
+  lock.unlock();
+  const bool any = std::any_of(IDs.begin(), IDs.end(), runs);
+  lock.lock();
+  return any;
 }
 
 void Executor::wakePoller() const {
@@ -275,7 +312,7 @@ void Executor::removeSource(const EventSourceState& source, int descriptor) {
 
 void Executor::setTimer(const std::shared_ptr<TimerState>& timer, std::uint64_t deadline) {
   const Lock lock(mutex_);
-  timer->place = timers_.emplace(deadline, timer);
+  timer->place = timers_.emplace_hint(timers_.end(), deadline, timer);  // most come in order
   timer->placed = true;
   armTimerDescriptor(deadline);
   if (threads_ == 0) addThread();

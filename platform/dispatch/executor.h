@@ -5,7 +5,9 @@
 // The model. There is one list of ready runnables, and one epoll descriptor. A thread of the pool takes the
 // first ready runnable; when there is none, one thread at a time (the poller) waits in epoll, and the rest
 // wait to be notified, and go after a while. A queue with many items goes back to the list's end after a few,
-// and after a few runnables the poll is looked at, so a long queue keeps neither others nor messages waiting.
+// or after a millisecond, and when as much has passed since the poll was last looked at, it is: so a long
+// queue keeps neither others nor messages waiting. Looking more often would find messages one at a time, and
+// in the processes at their other ends wake threads for one message at a time.
 //
 // Waking a thread costs more than most runnables take. So making something ready wakes nobody while a thread
 // of the pool is at work: that one will come to it as soon as it is done. The poller, likewise, runs what it
@@ -15,13 +17,17 @@
 //    that another thread takes over the ready list and the poll.
 //  * A thread may block, or compute, without telling. While any thread is at work, the watchman looks every
 //    two milliseconds. It adds a thread when ready work has been left alone since the last look, or the poll
-//    for three looks, or, where a processor is free, when work has piled up for a tenth of a second: sooner
-//    it does not pay, since two threads that wait for each other's queues are slower than one. It looks a
-//    last time after the work has ended, and then sleeps without a time-out.
+//    for three looks, and no thread of the pool is running: one that is, or that others keep from a
+//    processor, comes to it by itself, and is given ten looks more. Where a processor is free it also adds
+//    one when work has piled up for a tenth of a second: sooner it does not pay, since two threads that wait
+//    for each other's queues are slower than one. It looks a last time after the work has ended, and then
+//    sleeps without a time-out.
 //
-// So a runnable waits for a thread at most a few milliseconds, whatever the others do, and in the common case
-// a message travels from the socket through its queues and back without changing threads.
+// So a runnable waits for a thread at most a few milliseconds when the others block, and a few hundredths of
+// a second when they compute; and in the common case a message travels from the socket through its queues and
+// back without changing threads.
 
+#include <sys/types.h>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -31,6 +37,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <unordered_map>
 
 #include "platform/dispatch/block.h"
@@ -99,10 +106,12 @@ class Executor {
 
   void work();
   void runReady(Lock& lock);
+  [[nodiscard]] bool pollIsDue() const;
   void poll(Lock& lock);
   bool idle(Lock& lock);
   void watch();
   void callTheWatchman();
+  bool aThreadRuns(Lock& lock);
   void callThread();
   void addThread();
   void wakePoller() const;
@@ -121,11 +130,12 @@ class Executor {
   std::condition_variable idle_wakeup_;
   std::chrono::nanoseconds idle_threads_go_after_ = std::chrono::seconds(5);
   unsigned threads_ = 0;
-  unsigned idle_ = 0;        // waiting to be notified
-  unsigned notified_ = 0;    // idle ones that were notified and have not yet got up
-  unsigned busy_ = 0;        // running something and not blocked
-  bool polling_ = false;     // a thread is in epoll or about to be
-  unsigned since_poll_ = 0;  // runnables taken since somebody last looked at epoll
+  std::set<pid_t> thread_IDs_;
+  unsigned idle_ = 0;                             // waiting to be notified
+  unsigned notified_ = 0;                         // idle ones that were notified and have not yet got up
+  unsigned busy_ = 0;                             // running something and not blocked
+  bool polling_ = false;                          // a thread is in epoll or about to be
+  std::chrono::steady_clock::time_point polled_;  // when somebody last looked at epoll
   std::uint64_t taken_ = 0;
   std::uint64_t polls_ = 0;
   bool watching_ = false;
@@ -148,6 +158,8 @@ class EventSourceState final : public Runnable, public std::enable_shared_from_t
  public:
   EventSourceState(int descriptor, std::function<void(std::uint32_t)> handler);
   void fire(std::uint32_t events);
+  /// As `fire`, for the executor: true when the caller is to put this into its ready list.
+  [[nodiscard]] bool note(std::uint32_t events);
   void again();
   void setEvents(std::uint32_t events);
   void run() noexcept override;

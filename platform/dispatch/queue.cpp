@@ -1,6 +1,7 @@
 #include "platform/dispatch/queue.h"
 
 #include <unistd.h>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -11,7 +12,8 @@ namespace kelvane {
 namespace dispatch {
 namespace {
 
-constexpr unsigned items_in_one_go = 16;
+constexpr unsigned items_in_one_go = 64;
+constexpr auto longest_go = std::chrono::milliseconds(1);
 
 /// One item in a serial queue's list: asynchronous work, or a thread that waits for its turn.
 struct Turn {
@@ -119,9 +121,12 @@ class SerialQueue final : public Queue {
 
   /// A few items; then others have their turn, and the poll.
   void run() noexcept override {
+    std::chrono::steady_clock::time_point end;
     std::unique_lock lock(mutex_);
     for (unsigned left = items_in_one_go; !release() && !passToWaiter(); --left) {
-      if (left == 0) {
+      if (left == items_in_one_go) {
+        end = std::chrono::steady_clock::now() + longest_go;
+      } else if (left == 0 || std::chrono::steady_clock::now() >= end) {
         lock.unlock();
         Executor::shared().submit(shared_from_this());
         return;

@@ -19,9 +19,12 @@ std::atomic<std::uint64_t> next_identity{2};  // epoll's own descriptors come be
 EventSourceState::EventSourceState(int descriptor, std::function<void(std::uint32_t)> handler)
     : descriptor_(descriptor), identity_(next_identity.fetch_add(1)), handler_(std::move(handler)) {}
 
+bool EventSourceState::note(std::uint32_t events) {
+  return (bits_.fetch_or(run_is_due | events, std::memory_order_acq_rel) & run_is_due) == 0;
+}
+
 void EventSourceState::fire(std::uint32_t events) {
-  const std::uint64_t before = bits_.fetch_or(run_is_due | events, std::memory_order_acq_rel);
-  if ((before & run_is_due) == 0) Executor::shared().submit(shared_from_this());
+  if (note(events)) Executor::shared().submit(shared_from_this());
 }
 
 void EventSourceState::again() { fire(asked_for); }

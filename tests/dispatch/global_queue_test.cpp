@@ -20,10 +20,11 @@ using test::Occasion;
 
 const dispatch_queue_t& global() { return dispatch_get_global_queue(0, 0); }
 
-constexpr int crowd = 200;
+constexpr int many = 200;
 
 /// Has a crowd of items wait inside `blocked`, and fails (by its time-out) unless one more still runs.
-void expectAnotherItemRunsBeside(const std::function<void()>& blocked, const std::function<void()>& release) {
+void expectAnotherItemRunsBeside(const std::function<void()>& blocked, const std::function<void()>& release,
+                                 int crowd = many) {
   Occasion entered;
   Occasion left;
   for (int i = 0; i < crowd; ++i) {
@@ -61,12 +62,22 @@ TEST(GlobalQueue, StarvesNoItemWhenAllOthersBlockWithoutTelling) {
   expectAnotherItemRunsBeside([&] { release.await(); }, [&] { release.happen(); });
 }
 
+TEST(GlobalQueue, StarvesNoItemWhenAllOthersCompute) {
+  std::atomic<bool> released{false};
+  expectAnotherItemRunsBeside(
+      [&] {
+        while (!released) {
+        }
+      },
+      [&] { released = true; }, 3);
+}
+
 TEST(GlobalQueue, StarvesNoItemWhenAllOthersBlockInASemaphore) {
   const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
   expectAnotherItemRunsBeside(
       [&] { EXPECT_EQ(dispatch_semaphore_wait(semaphore, DISPATCH_TIME_FOREVER), 0); },
       [&] {
-        for (int i = 0; i < crowd; ++i) dispatch_semaphore_signal(semaphore);
+        for (int i = 0; i < many; ++i) dispatch_semaphore_signal(semaphore);
       });
 }
 
@@ -83,7 +94,7 @@ TEST(GlobalQueue, StarvesNoItemWhenAllOthersBlockInASynchronousCall) {
   int passed = 0;
   expectAnotherItemRunsBeside([&] { dispatch_sync(queue, [&] { ++passed; }); },
                               [&] { dispatch_resume(queue); });
-  EXPECT_EQ(dispatch_sync(queue, [&] { return passed; }), crowd);
+  EXPECT_EQ(dispatch_sync(queue, [&] { return passed; }), many);
 }
 
 TEST(GlobalQueue, StarvesNoDescriptorWhileItsItemsAreAtWorkAllTheTime) {
