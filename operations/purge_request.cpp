@@ -61,8 +61,7 @@ bool PurgeRequest::takeShare() {
 }
 
 void PurgeRequest::call() {
-  request_ = dispatch_sync(operation_->collection_queue(), [this] { return info_->contents(); });
-  request_.set(KELVANE_AMOUNT, donation_);
+  request_ = dispatch_sync(operation_->collection_queue(), [this] { return info_->request(donation_); });
   CallServiceAsync(
       service_,
       [this](const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) { send(proxy, done); },

@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "common/keys.h"
 #include "platform/foundation/value.h"
 
 namespace kelvane {
@@ -26,8 +27,24 @@ class WorkingDictionary {
 
   [[nodiscard]] const Dictionary& contents() const { return contents_; }
   [[nodiscard]] const Value& operator[](std::string_view key) const { return contents_[key]; }
-  void set(std::string_view key, Value value) { contents_.set(key, std::move(value)); }
-  void clear() { contents_.clear(); }
+  void set(std::string_view key, Value value) {
+    contents_.set(key, std::move(value));
+    request_.clear();
+  }
+  void clear() {
+    contents_.clear();
+    request_.clear();
+  }
+  /// What a service is asked that is to give so much: the contents, with that amount. Many are asked for the
+  /// same amount in a row, and share one dictionary.
+  [[nodiscard]] const Dictionary& request(std::uint64_t amount) {
+    if (request_.empty() || request_amount_ != amount) {
+      request_ = contents_;
+      request_.set(KELVANE_AMOUNT, amount);
+      request_amount_ = amount;
+    }
+    return request_;
+  }
 
   void countReport(std::uint64_t bytes) {
     std::uint64_t before = reported_.load(std::memory_order_relaxed);
@@ -40,6 +57,8 @@ class WorkingDictionary {
   friend std::uint64_t amountPurged(const WorkingDictionary& working);
 
   Dictionary contents_;
+  Dictionary request_;  // empty when the contents have changed since
+  std::uint64_t request_amount_ = 0;
   std::atomic<std::uint64_t> reported_{0};
 };
 

@@ -6,8 +6,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <mutex>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "platform/dispatch/queue.h"
@@ -57,6 +60,24 @@ void add(std::int64_t& counter, std::int64_t value) {
   counter = value < 0 ? std::numeric_limits<std::int64_t>::min() : std::numeric_limits<std::int64_t>::max();
 }
 
+/// Names are looked up with every reply of a service, and few of them are new: so they are hashed, and put in
+/// order only for those who read them.
+struct NameHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
+};
+template <class Kept>
+using Names = std::unordered_map<std::string, Kept, NameHash, std::equal_to<>>;
+
+struct Domain {
+  Names<std::int64_t> counters;
+  Names<Distribution> distributions;
+
+  [[nodiscard]] Statistics inOrder() const {
+    return {{counters.begin(), counters.end()}, {distributions.begin(), distributions.end()}};
+  }
+};
+
 /// All statistics of the process, and the writing of them.
 class Recorder {
  public:
@@ -66,14 +87,15 @@ class Recorder {
   }
 
   template <class Kept, class Number>
-  void record(const char* domain, std::map<std::string, Kept> Statistics::*kept, const std::string& name,
-              Number value) {
+  void record(std::string_view domain, Names<Kept> Domain::*kept, std::string_view name, Number value) {
     bool full = false;
     {
       const std::lock_guard lock(mutex_);
-      auto& names = domains_[domain].*kept;
-      if (names.size() < most_names || names.contains(name)) {
-        add(names[name], value);
+      Names<Kept>& names = domainNamed(domain).*kept;
+      auto found = names.find(name);
+      if (found == names.end() && names.size() < most_names) found = names.emplace(name, Kept()).first;
+      if (found != names.end()) {
+        add(found->second, value);
         scheduleWriting();
       } else {
         full = !std::exchange(said_full_, true);
@@ -85,7 +107,7 @@ class Recorder {
   Statistics of(const std::string& domain) {
     const std::lock_guard lock(mutex_);
     const auto found = domains_.find(domain);
-    return found != domains_.end() ? found->second : Statistics();
+    return found != domains_.end() ? found->second.inOrder() : Statistics();
   }
 
   void forget() {
@@ -105,11 +127,18 @@ class Recorder {
   }
 
  private:
+  // All with mutex_ held.
+
+  Domain& domainNamed(std::string_view name) {
+    const auto found = domains_.find(name);
+    return found != domains_.end() ? found->second : domains_[std::string(name)];
+  }
   void scheduleWriting() {
     if (path_.empty() || std::exchange(scheduled_, true)) return;
     timer_ = Timer(dispatch_time(DISPATCH_TIME_NOW, write_delay), queue_, [this] { write(); });
   }
 
+  /// On queue_, without the mutex.
   void write() {
     std::string path;
     std::map<std::string, Statistics> domains;
@@ -117,7 +146,7 @@ class Recorder {
       const std::lock_guard lock(mutex_);
       if (!std::exchange(scheduled_, false)) return;
       path = path_;
-      domains = domains_;
+      for (const auto& [name, domain] : domains_) domains.emplace(name, domain.inOrder());
     }
     const bool written = replaceFile(path, openMetricsText(domains));
     const int error = errno;
@@ -130,7 +159,7 @@ class Recorder {
   bool said_failed_ = false;  // only on queue_
 
   std::mutex mutex_;  // guards all below
-  std::map<std::string, Statistics> domains_;
+  std::map<std::string, Domain, std::less<>> domains_;
   std::string path_;
   bool scheduled_ = false;
   bool said_full_ = false;
@@ -141,12 +170,12 @@ class Recorder {
 
 void addReportStat(const char* domain, const char* key, std::int64_t value) {
   if (domain == nullptr || key == nullptr) return;
-  Recorder::shared().record(domain, &Statistics::counters, key, value);
+  Recorder::shared().record(domain, &Domain::counters, key, value);
 }
 
 void addDistributionStat(const char* domain, double value, const std::string& name) {
   if (domain == nullptr) return;
-  Recorder::shared().record(domain, &Statistics::distributions, name, value);
+  Recorder::shared().record(domain, &Domain::distributions, name, value);
 }
 
 Statistics statisticsOf(const std::string& domain) { return Recorder::shared().of(domain); }
