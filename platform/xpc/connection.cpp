@@ -40,7 +40,7 @@ bool takesDescriptors(const InterfaceDescription* interface) {
 }  // namespace
 
 struct Connection::Ending {
-  std::list<std::unique_ptr<PendingCall>> outstanding;
+  std::list<PendingCall> outstanding;
   std::shared_ptr<void> exported_object;
   std::shared_ptr<Connection> self;
   Block handler;
@@ -107,8 +107,7 @@ void Connection::resume() {
   self_ = shared_from_this();
   const int r = unopened_ ? startBus() : -ENOTCONN;
   if (r < 0) {
-    finish(lock, Cause::invalidation,
-           {error_disconnected, std::string("cannot connect: ") + std::strerror(-r)});
+    finish(lock, Cause::invalidation, "cannot be connected");
     return;
   }
   const std::weak_ptr<Connection> weak = weak_from_this();
@@ -165,22 +164,21 @@ void Connection::invalidate() {
   Lock lock(mutex_);
   if (invalidated_) return;
   invalidated_ = true;
-  finish(lock, Cause::invalidation, {error_disconnected, "the connection was invalidated"});
+  finish(lock, Cause::invalidation, "the connection was invalidated");
 }
 
 void Connection::interrupt(const char* why) {
   Lock lock(mutex_);
-  finish(lock, Cause::interruption, {error_disconnected, why});
+  finish(lock, Cause::interruption, why);
 }
 
 /// Closes what is open and has the queue do the rest. Nothing of the user's is destroyed under the lock.
-void Connection::finish(Lock& lock, Cause cause, Error error) {
+void Connection::finish(Lock& lock, Cause cause, const char* why) {
   const bool first = state_ != State::ended;
   if (cause == Cause::interruption && !first) return;
   if (cause == Cause::invalidation) invalidated_ = true;
   Ending ending;
   Block closed;
-  ending.error = std::move(error);
   ending.self = std::move(self_);
   ending.handler = std::move(cause == Cause::invalidation ? invalidation_handler_ : interruption_handler_);
   // Kept, it could keep the connection.
@@ -196,7 +194,8 @@ void Connection::finish(Lock& lock, Cause cause, Error error) {
     deadline_.cancel();
     ending.outstanding = std::move(outstanding_);
     ending.exported_object = std::move(exported_object_);
-    for (const auto& pending : ending.outstanding) sd_bus_slot_unref(std::exchange(pending->slot, nullptr));
+    if (!ending.outstanding.empty()) ending.error = {error_disconnected, why};
+    for (PendingCall& pending : ending.outstanding) sd_bus_slot_unref(std::exchange(pending.slot, nullptr));
     for (const auto& [call, message] : unanswered_) sd_bus_message_unref(message);
     unanswered_.clear();
     if (bus_ != nullptr) sd_bus_close_unref(std::exchange(bus_, nullptr));
@@ -207,8 +206,8 @@ void Connection::finish(Lock& lock, Cause cause, Error error) {
   }
   // Under the lock, so that the interruption comes before the invalidation.
   dispatch_async(queue_, [ending = std::make_unique<Ending>(std::move(ending))] {
-    for (const auto& pending : ending->outstanding) {
-      if (pending->on_error) pending->on_error(ending->error);
+    for (const PendingCall& pending : ending->outstanding) {
+      if (pending.on_error) pending.on_error(ending->error);
     }
     if (ending->handler) ending->handler();
   });

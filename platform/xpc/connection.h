@@ -127,6 +127,8 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   [[nodiscard]] bool peerMustWait() const;
   int lookAhead(bool& hold);
   int process(bool hold);
+  std::uint64_t takenBesides(std::uint64_t queued_before);
+  [[nodiscard]] bool somethingMayBeLeft() const;
   int processLastLine(std::size_t bytes);
   int processHolding(bool hold);
   void noteTaken(sd_bus_message* message);
@@ -137,7 +139,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   void deliverError(ErrorHandler handler, Error error);
   int acceptCall(sd_bus_message* message);
   int acceptReply(PendingCall& pending, sd_bus_message* message);
-  void finish(Lock& lock, Cause cause, Error error);
+  void finish(Lock& lock, Cause cause, const char* why);
 
   void handleEvents(std::uint32_t events);
   void interrupt(const char* why);
@@ -167,7 +169,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   bool took_message_ = false;  // the bus handed out a message when it was last told to process
   std::uint64_t taken_serial_ = 0;
   bool writes_first_ = false;  // the handshake has just ended; what waited for that goes out first
-  bool drained_ = false;       // and the socket held nothing behind it
+  bool took_whole_ = false;    // and it took nothing but that, as had been foreseen
   Intake intake_;
   std::uint64_t waiting_calls_ = 0;  // handed to the queue, and not yet handled
   std::uint64_t waiting_bytes_ = 0;
@@ -177,7 +179,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   Block interruption_handler_;
   Block invalidation_handler_;
   Block closed_handler_;
-  std::list<std::unique_ptr<PendingCall>> outstanding_;
+  std::list<PendingCall> outstanding_;
   std::unordered_map<std::uint64_t, sd_bus_message*> unanswered_;
   std::uint64_t next_call_ = 1;
   std::shared_ptr<Connection> self_;  // while open

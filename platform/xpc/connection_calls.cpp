@@ -180,51 +180,53 @@ void Connection::call(const InterfaceDescription& interface, const char* member,
     deliverError(std::move(on_error), {error_disconnected, "the connection has ended"});
     return;
   }
-  auto pending = std::make_unique<PendingCall>();
-  pending->connection = this;
-  pending->reply_signature = reply_signature;
-  pending->read = std::move(read);
-  pending->on_error = std::move(on_error);
+  std::list<PendingCall> made(1);
+  PendingCall& pending = made.front();
+  pending.connection = this;
+  pending.place = made.begin();
+  pending.reply_signature = reply_signature;
+  pending.read = std::move(read);
+  pending.on_error = std::move(on_error);
   sd_bus_message* message = nullptr;
   int r = sd_bus_message_new_method_call(bus_, &message, nullptr, interface.path, interface.name, member);
   if (r >= 0) r = write(message);
-  if (r >= 0)
-    r = sd_bus_call_async(bus_, &pending->slot, message, BusCallbacks::reply, pending.get(), UINT64_MAX);
+  if (r >= 0) r = sd_bus_call_async(bus_, &pending.slot, message, BusCallbacks::reply, &pending, UINT64_MAX);
   sd_bus_message_unref(message);
   if (r < 0) {
     const bool gone = r == -EPIPE || r == -ECONNRESET || r == -ENOTCONN;
     Error error{gone ? error_disconnected : error_limits_exceeded,
                 std::string(member) + " cannot be sent: " + std::strerror(-r)};
     // The reply goes with the error, to be destroyed on the queue.
-    dispatch_async(queue_, [pending = std::move(pending), error = std::move(error)] {
-      if (pending->on_error) pending->on_error(error);
+    dispatch_async(queue_, [made = std::move(made), error = std::move(error)] {
+      if (made.front().on_error) made.front().on_error(error);
     });
     return;
   }
-  PendingCall& placed = *pending;
-  placed.place = outstanding_.insert(outstanding_.end(), std::move(pending));
+  outstanding_.splice(outstanding_.end(), made);
   watchForWriting();
 }
 
 int Connection::acceptReply(PendingCall& pending, sd_bus_message* message) {
-  std::unique_ptr<PendingCall> answered = std::move(*pending.place);
-  outstanding_.erase(answered->place);
-  sd_bus_slot_unref(std::exchange(answered->slot, nullptr));
+  std::list<PendingCall> answered;
+  answered.splice(answered.end(), outstanding_, pending.place);
+  sd_bus_slot_unref(std::exchange(pending.slot, nullptr));
   Error error;
-  Block made;
   if (sd_bus_message_is_method_error(message, nullptr) > 0) {
     error = errorOf(message);
-  } else if (sd_bus_message_has_signature(message, answered->reply_signature.c_str()) <= 0) {
-    error = {error_invalid_arguments, "the reply has another signature than " + answered->reply_signature};
-  } else if (const int r = answered->read(message, made); r < 0) {
+  } else if (sd_bus_message_has_signature(message, pending.reply_signature.c_str()) <= 0) {
+    error = {error_invalid_arguments, "the reply has another signature than " + pending.reply_signature};
+  } else if (const int r = pending.read(message, pending.answered); r < 0) {
     error = {error_invalid_arguments, std::string("the reply cannot be used: ") + std::strerror(-r)};
   }
-  deliver([answered = std::move(answered), made = std::move(made), error = std::move(error)]() mutable {
-    if (made) {
-      made();
-    } else if (answered->on_error) {
-      answered->on_error(error);
-    }
+  if (!pending.answered && pending.on_error) {
+    pending.answered = [on_error = std::move(pending.on_error), error = std::move(error)] {
+      on_error(error);
+    };
+  }
+  dispatch_async(queue_, [self = shared_from_this(), answered = std::move(answered)]() mutable {
+    const Delivery delivery(self);
+    if (answered.front().answered) answered.front().answered();
+    answered.clear();
   });
   return 1;
 }

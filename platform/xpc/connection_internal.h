@@ -4,7 +4,6 @@
 
 #include <systemd/sd-bus.h>
 #include <list>
-#include <memory>
 #include <string>
 
 #include "platform/xpc/connection.h"
@@ -14,11 +13,12 @@ namespace kelvane::xpc {
 /// A call that waits for its reply.
 struct Connection::PendingCall {
   Connection* connection;
-  std::list<std::unique_ptr<PendingCall>>::iterator place;
+  std::list<PendingCall>::iterator place;
   sd_bus_slot* slot = nullptr;
   std::string reply_signature;
   Read read;
   ErrorHandler on_error;
+  Block answered;  // once there is an answer: what is to run on the queue
 };
 
 /// A socket out of which nothing ever comes; -1 (and errno) when it cannot be made. Shared by all.

@@ -64,17 +64,26 @@ void Connection::handleEvents(std::uint32_t events) {
   Lock lock(mutex_);
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) hung_up_ = true;
   took_message_ = false;
-  drained_ = false;
+  took_whole_ = false;
   int r = 1;
   while (bus_ != nullptr && r > 0 && !took_message_) r = step();
   if (bus_ == nullptr) return;
   if (r < 0) {
-    finish(lock, Cause::interruption, {error_disconnected, std::strerror(-r)});
+    finish(lock, Cause::interruption, std::strerror(-r));
     return;
   }
   watchForWriting();
   // One message a round: whatever else is ready comes first. And no round for nothing.
-  if (r > 0 && (hung_up_ || !drained_)) source_.again();
+  if (r > 0 && somethingMayBeLeft()) source_.again();
+}
+
+/// What comes later than this looks is told by the socket.
+bool Connection::somethingMayBeLeft() const {
+  if (hung_up_ || !took_whole_) return true;
+  // With nothing exported and no call outstanding, the next thing is most likely the end. Then it costs less
+  // to come back for nothing than to ask.
+  if (input_ < 0 && outstanding_.empty()) return true;
+  return !intake_.nothingWaits(socket_);
 }
 
 /// Does one piece of work. Positive: there may be more; 0: nothing until the next event; negative: the
@@ -173,12 +182,13 @@ int Connection::processLastLine(std::size_t bytes) {
 int Connection::process(bool hold) {
   took_message_ = false;
   // With nothing to write the library reads at once, and it takes a message whole.
-  const bool whole = !hold && intake_.wholeMessageIsNext() && queuedMessages() == 0;
+  const std::uint64_t queued = queuedMessages();
+  const bool whole = !hold && intake_.wholeMessageIsNext() && queued == 0;
   if (!whole) intake_.startCounting(socket_);
   const int r = processHolding(hold);
   if (r < 0) return r;
-  const std::uint64_t taken = whole ? intake_.claimed() : intake_.counted(socket_);
-  drained_ = whole && took_message_ && intake_.nothingIsBehind();
+  const std::uint64_t taken = whole ? intake_.claimed() : takenBesides(queued);
+  took_whole_ = whole && took_message_;
   // Another message than the one that was looked at: that one was dropped.
   if (took_message_ && intake_.serial() != 0 && intake_.serial() != taken_serial_) return -EBADMSG;
   if (!took_message_) {
@@ -188,6 +198,11 @@ int Connection::process(bool hold) {
   intake_.noteMessage(taken);
   if (!intake_.underWay() && std::exchange(under_way_, false)) deadline_.cancel();
   return r;
+}
+
+/// With something to write it reads only when it could not write a whole message.
+std::uint64_t Connection::takenBesides(std::uint64_t queued_before) {
+  return queuedMessages() < queued_before ? 0 : intake_.counted(socket_);
 }
 
 void Connection::noteTaken(sd_bus_message* message) {

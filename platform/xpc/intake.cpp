@@ -27,12 +27,6 @@ void setPeekOffset(int socket, int offset) {
   ::setsockopt(socket, SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset);
 }
 
-/// All bytes that a socket holds. A look ends where descriptors, or another sender's bytes, begin.
-std::uint64_t bytesIn(int socket) {
-  int bytes = 0;
-  return ::ioctl(socket, FIONREAD, &bytes) == 0 ? static_cast<std::uint64_t>(bytes) : UINT64_MAX;
-}
-
 constexpr std::size_t body_size_at = 4;
 constexpr std::size_t serial_at = 8;
 constexpr std::size_t fields_size_at = 12;
@@ -81,7 +75,8 @@ std::size_t Intake::bytesThrough(std::string_view last) const {
 }
 
 Intake::Progress Intake::endHandshake(std::string_view last, std::uint64_t most_bytes) {
-  const std::string text = std::exchange(handshake_, {}).substr(0, handshake_taken_);
+  std::string text = std::exchange(handshake_, {});
+  text.resize(handshake_taken_);
   if (!handshake_seen_) return Progress::none;
   const std::size_t found =
       last.empty() ? text.rfind("\r\n") : text.find("\r\n" + std::string(last) + "\r\n");
@@ -122,9 +117,14 @@ Intake::Next Intake::look(int socket, std::uint64_t most_bytes) {
   claimed_ = claimedSize(seen.data());
   serial_ = numberIn(seen.data(), serial_at);
   seen_ = static_cast<std::uint64_t>(length);
-  nothing_is_behind_ = seen_ == claimed_ && bytesIn(socket) == seen_;
   if (claimed_ < least_message_bytes || serial_ == 0) return Next::malformed;
   return claimed_ > most_bytes ? Next::too_large : Next::message;
+}
+
+// A look does not tell: it ends where descriptors, or another sender's bytes, begin.
+bool Intake::nothingWaits(int socket) {
+  int bytes = 0;
+  return ::ioctl(socket, FIONREAD, &bytes) == 0 && bytes == 0;
 }
 
 void Intake::startCounting(int socket) {

@@ -49,8 +49,8 @@ class Intake {
   [[nodiscard]] std::uint32_t serial() const { return serial_; }
   /// The look saw a whole message: when the library reads, it takes that.
   [[nodiscard]] bool wholeMessageIsNext() const { return seen_ > 0 && seen_ >= claimed_; }
-  /// The socket held one whole message and nothing behind it. What comes later is told by the socket.
-  [[nodiscard]] bool nothingIsBehind() const { return nothing_is_behind_; }
+  /// The socket holds nothing at all.
+  [[nodiscard]] static bool nothingWaits(int socket);
 
   /// Before the library may read.
   void startCounting(int socket);
@@ -73,7 +73,6 @@ class Intake {
   bool known_ = false;               // where messages begin
   std::uint64_t claimed_ = 0;
   std::uint64_t seen_ = 0;  // bytes that the last look saw, as many as it takes
-  bool nothing_is_behind_ = false;
   std::uint32_t serial_ = 0;
   bool counting_ = false;
   std::uint64_t counted_ = 0;         // since the counter was set
