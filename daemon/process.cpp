@@ -1,6 +1,7 @@
 #include "daemon/process.h"
 
 #include <fmt/format.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <cerrno>
@@ -17,6 +18,7 @@ namespace kelvane {
 namespace {
 
 constexpr int usage_status = 2;
+constexpr int heap_kept_bytes = 16 << 20;
 constexpr const char* help =
     "usage: kelvaned [--help] [--version]\n"
     "\n"
@@ -82,6 +84,10 @@ void settleProcess() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
   }
   std::signal(SIGPIPE, SIG_IGN);
+  // One heap for all threads: work moves between them, and what one allocates another frees. It keeps what it
+  // has grown to; else each purge would give it back, and ask for it again page by page.
+  ::mallopt(M_ARENA_MAX, 1);
+  ::mallopt(M_TRIM_THRESHOLD, heap_kept_bytes);
   notify_set_directory(runtimeDirectory() + "/notify");
   setStatisticsFile(runtimeDirectory() + "/metrics.prom");
 }
