@@ -94,8 +94,9 @@ void VolumeWatcher::lookAtDue() {
   if (stopped_) return;
   const std::uint64_t now = Clock::current().now();
   for (auto& [volume, watched] : volumes_) {
-    // Those that are nearly due are looked at as well, so that many volumes have few wake-ups.
-    const std::uint64_t tolerance = (watched.look_at - watched.looked_at) / 4;
+    // Those that are half way there are looked at as well: so the looks at all that are idle fall together
+    // before long, and cost one wake-up.
+    const std::uint64_t tolerance = (watched.look_at - watched.looked_at) / 2;
     if (!watched.is_looking && watched.look_at <= now + tolerance) look(volume, watched);
   }
   callForQuota();

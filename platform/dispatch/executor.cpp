@@ -76,6 +76,15 @@ bool runs(pid_t thread) {
   return name_end != std::string_view::npos && seen.substr(name_end).starts_with(") R");
 }
 
+/// 0 disarms it.
+void armTimer(int descriptor, std::chrono::nanoseconds delay) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(delay);
+  itimerspec timer{};
+  timer.it_value.tv_sec = seconds.count();
+  timer.it_value.tv_nsec = (delay - seconds).count();
+  ::timerfd_settime(descriptor, 0, &timer, nullptr);
+}
+
 bool watchDescriptor(int epoll, int descriptor, std::uint32_t events, std::uint64_t identity) {
   epoll_event event{};
   event.events = events | EPOLLET;
@@ -94,9 +103,10 @@ Executor::Executor()
     : epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       wakeup_event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       timer_descriptor_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      watchman_timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)),
       cores_(std::max(1U, std::thread::hardware_concurrency())) {
   if (!watchDescriptor(epoll_, wakeup_event_, EPOLLIN, wakeup_identity) ||
-      !watchDescriptor(epoll_, timer_descriptor_, EPOLLIN, timer_identity)) {
+      !watchDescriptor(epoll_, timer_descriptor_, EPOLLIN, timer_identity) || watchman_timer_ < 0) {
     fatal("cannot create the pool's descriptors", std::strerror(errno));
   }
   startThread([] { shared().watch(); });
@@ -172,6 +182,7 @@ void Executor::poll(Lock& lock) {
   polling_ = true;
   const int patience = ready_.empty() ? -1 : 0;
   --busy_;
+  if (patience < 0 && busy_ == 0 && after_timer_ && called_) sendTheWatchmanBack();
   lock.unlock();
   const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), patience);
   bool timers_due = false;
@@ -183,6 +194,7 @@ void Executor::poll(Lock& lock) {
   ++polls_;
   polling_ = false;
   polled_ = std::chrono::steady_clock::now();
+  after_timer_ = count == 1 && events[0].data.u64 == timer_identity;
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = events[static_cast<std::size_t>(i)];
     if (event.data.u64 == timer_identity) timers_due = true;
@@ -217,7 +229,31 @@ bool Executor::idle(Lock& lock) {
 void Executor::callTheWatchman() {
   if (watching_) return;
   watching_ = true;
-  watchman_wakeup_.notify_one();
+  called_ = true;
+  seen_ = {taken_, polls_};
+  armTimer(watchman_timer_, watchman_looks_every);
+}
+
+void Executor::sendTheWatchmanBack() {
+  watching_ = false;
+  called_ = false;
+  armTimer(watchman_timer_, std::chrono::nanoseconds(0));
+}
+
+/// Until the next look, or the next call.
+void Executor::watchmanSleeps(Lock& lock) {
+  const bool lingers = watching_ && !called_;
+  if (lingers) seen_ = {taken_, polls_};
+  lock.unlock();
+  if (lingers) {
+    std::this_thread::sleep_for(watchman_looks_every);
+  } else {
+    std::uint64_t times = 0;
+    const ssize_t length = ::read(watchman_timer_, &times, sizeof times);
+    static_cast<void>(length);  // what is to be done stands in watching_
+  }
+  lock.lock();
+  called_ = false;
 }
 
 void Executor::watch() {
@@ -226,19 +262,17 @@ void Executor::watch() {
   unsigned looks_without_poll = 0;
   unsigned looks_left_alone = 0;
   for (;;) {
-    watchman_wakeup_.wait(lock, [this] { return watching_; });
-    const std::uint64_t taken_before = taken_;
-    const std::uint64_t polls_before = polls_;
-    watchman_wakeup_.wait_for(lock, watchman_looks_every, [] { return false; });
+    watchmanSleeps(lock);
+    if (!watching_) continue;
     looks_with_backlog = ready_.empty() ? 0 : looks_with_backlog + 1;
-    looks_without_poll = polling_ || polls_ != polls_before ? 0 : looks_without_poll + 1;
+    looks_without_poll = polling_ || polls_ != seen_.polls ? 0 : looks_without_poll + 1;
     if (busy_ == 0 && ready_.empty()) {
-      watching_ = taken_ - taken_before > watchman_lingers_above;
+      watching_ = taken_ - seen_.taken > watchman_lingers_above;
       continue;
     }
     const bool backlog_stays = looks_with_backlog >= backlog_stays_after && busy_ < cores_;
     const bool left_alone =
-        (!ready_.empty() && taken_ == taken_before) || looks_without_poll >= poll_is_left_alone_after;
+        (!ready_.empty() && taken_ == seen_.taken) || looks_without_poll >= poll_is_left_alone_after;
     looks_left_alone = left_alone ? looks_left_alone + 1 : 0;
     if (backlog_stays || looks_left_alone > running_is_trusted_for || (left_alone && !aThreadRuns(lock)))
       callThread();
@@ -329,11 +363,7 @@ void Executor::removeTimer(TimerState& timer) {
 void Executor::armTimerDescriptor(std::uint64_t deadline) const {
   const std::optional<std::uint64_t> delay = Clock::current().realDelay(deadline);
   if (!delay || timers_.begin()->first < deadline) return;
-  const std::uint64_t nanoseconds = std::max<std::uint64_t>(*delay, 1);
-  itimerspec timer{};
-  timer.it_value.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
-  timer.it_value.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
-  ::timerfd_settime(timer_descriptor_, 0, &timer, nullptr);
+  armTimer(timer_descriptor_, std::chrono::nanoseconds(std::max<std::uint64_t>(*delay, 1)));
 }
 
 void Executor::runDueTimers() {

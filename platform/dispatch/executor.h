@@ -21,7 +21,8 @@
 //    processor, comes to it by itself, and is given ten looks more. Where a processor is free it also adds
 //    one when work has piled up for a tenth of a second: sooner it does not pay, since two threads that wait
 //    for each other's queues are slower than one. It looks a last time after the work has ended, and then
-//    sleeps without a time-out.
+//    sleeps without a time-out. It is called by a timer, two milliseconds after work has begun; where a timer
+//    was all that began it and it ends before that, it is not woken at all: an idle process wakes one thread.
 //
 // So a runnable waits for a thread at most a few milliseconds when the others block, and a few hundredths of
 // a second when they compute; and in the common case a message travels from the socket through its queues and
@@ -111,6 +112,8 @@ class Executor {
   bool idle(Lock& lock);
   void watch();
   void callTheWatchman();
+  void sendTheWatchmanBack();
+  void watchmanSleeps(Lock& lock);
   bool aThreadRuns(Lock& lock);
   void callThread();
   void addThread();
@@ -123,6 +126,7 @@ class Executor {
   int epoll_ = -1;
   int wakeup_event_ = -1;
   int timer_descriptor_ = -1;
+  int watchman_timer_ = -1;
   unsigned cores_ = 1;
 
   std::mutex mutex_;  // guards all below
@@ -138,8 +142,13 @@ class Executor {
   std::chrono::steady_clock::time_point polled_;  // when somebody last looked at epoll
   std::uint64_t taken_ = 0;
   std::uint64_t polls_ = 0;
-  bool watching_ = false;
-  std::condition_variable watchman_wakeup_;
+  bool after_timer_ = false;  // the poll last found nothing but timers
+  bool watching_ = false;     // the watchman is up, or called
+  bool called_ = false;       // it will be up when its timer is due
+  struct {
+    std::uint64_t taken;
+    std::uint64_t polls;
+  } seen_{};  // what the watchman last saw, or would have when it was called
   std::unordered_map<std::uint64_t, std::weak_ptr<EventSourceState>> sources_;
   std::multimap<std::uint64_t, std::shared_ptr<TimerState>> timers_;
 };
