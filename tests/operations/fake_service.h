@@ -71,8 +71,8 @@ class FakeService {
     state_->on_purgeable = std::move(answer);
   }
   /// Answers every question about purgeable space with this.
-  void answersPurgeable(std::optional<Dictionary> answer) {
-    onPurgeable([answer = std::move(answer)](const Question& /*question*/, const ResultReply& reply) {
+  void answersPurgeable(const std::optional<Dictionary>& answer) {
+    onPurgeable([answer](const Question& /*question*/, const ResultReply& reply) {
       reply(answer);
     });
   }
