@@ -82,7 +82,7 @@ bool SuiteFile::layOut(bool& begun) {
     error_ = "its file system does not support a write-ahead log";
     return false;
   }
-  if (!begun) return checkPages();
+  if (!begun) return checkPages() && emptyLog();
   // Another process may be doing the same; whoever comes second finds it done.
   if (!execute("BEGIN IMMEDIATE") || !recognise(begun)) return false;
   const std::string create = fmt::format("{};{};PRAGMA application_id={};PRAGMA user_version={}", keys_table,
@@ -113,6 +113,16 @@ bool SuiteFile::checkPages() {
   std::string found;
   if (!single("PRAGMA quick_check(1)", found)) return false;
   return found == "ok" || spoiled(found);
+}
+
+/// A power loss may leave a torn frame behind the log's end. The next one written there continues the log, and
+/// when that one is lost in part as well, the two parts could pass for a frame that was written whole. So what
+/// is in the log goes into the file, and the next frame begins a new log. Where that cannot be done now, as on
+/// a full volume or beside another process, the log serves on as it is.
+bool SuiteFile::emptyLog() {
+  const int result =
+      sqlite3_wal_checkpoint_v2(connection_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+  return (result & 0xff) != SQLITE_CORRUPT || worked(result);
 }
 
 bool SuiteFile::prepare() {

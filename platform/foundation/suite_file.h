@@ -71,6 +71,7 @@ class SuiteFile {
   bool layOut(bool& begun);
   bool recognise(bool& empty);
   bool checkPages();
+  bool emptyLog();
   bool prepare();
   bool loadKeys(Dictionary& contents, std::size_t& unreadable);
   bool loadEntries(Dictionary& contents, std::size_t& unreadable);

@@ -146,6 +146,21 @@ TEST_F(DamagedSuiteTest, ADatabaseThatItsLogCanRepairIsNotSetAside) {
   EXPECT_TRUE(defaults->takeNotices().empty());
 }
 
+// A frame that a power loss has torn behind the log's end must not be completed by the next one's pieces.
+TEST_F(DamagedSuiteTest, WhatAnInterruptedProcessLeftInTheLogIsInTheFileOnceItIsOpen) {
+  const std::string copy = directory_ / "copy";
+  {
+    const auto defaults = openSuite();
+    defaults->setObject("in the log", "key");
+    std::filesystem::copy_file(path("-wal"), copy);
+  }
+  std::filesystem::rename(copy, path("-wal"));
+  ASSERT_GT(logSize(), 0U);
+  const auto defaults = openSuite();
+  EXPECT_EQ(logSize(), 0U);
+  EXPECT_EQ(defaults->objectForKey("key"), Value("in the log"));
+}
+
 TEST_F(DamagedSuiteTest, ALogWhoseDatabaseIsEmptyOrGoneIsSetAsideAndNotThrownAway) {
   const std::string copy = directory_ / "copy";
   {
