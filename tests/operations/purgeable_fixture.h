@@ -1,24 +1,17 @@
 #pragma once
 
-#include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "common/keys.h"
 #include "operations/purgeable_operation.h"
-#include "operations/timebase.h"
-#include "platform/dispatch/manual_clock.h"
 #include "platform/foundation/archive.h"
 #include "platform/host/time.h"
 #include "support/statistics.h"
-#include "tests/operations/fake_service.h"
-#include "tests/operations/settling.h"
-#include "tests/support/fake_volumes.h"
-#include "tests/support/log_capture.h"
+#include "tests/operations/operation_fixture.h"
 
 namespace kelvane::tests {
 
@@ -69,29 +62,9 @@ class MemoryState final : public PersistentState {
   int writes_ = 0;
 };
 
-/// Questions about a volume "/data" with 1000 bytes free, on a clock that stands still. In the end nothing
-/// may be left: no operation, no connection, no timer.
-class PurgeableFixture : public testing::Test {
+class PurgeableFixture : public OperationFixture<KelvanePurgeableOperation> {
  protected:
-  PurgeableFixture() {
-    gTimebaseConversion = 1.0;
-    volumes_.add("/data", {1000, 2000, 0, 0});
-  }
-  ~PurgeableFixture() override { gTimebaseConversion = 0.0; }
-
-  void TearDown() override {
-    services_.clear();
-    for (const auto& operation : made_) {
-      while (!operation.expired()) std::this_thread::yield();
-    }
-    awaitNoConnections();
-  }
-
-  FakeService& service(const std::string& ID) {
-    services_.push_back(std::make_unique<FakeService>(ID));
-    registry_[ID] = services_.back()->record();
-    return *services_.back();
-  }
+  using OperationFixture::service;
   FakeService& service(const std::string& ID, std::uint64_t amount) {
     FakeService& it = service(ID);
     it.answersPurgeable(Dictionary{{KELVANE_AMOUNT, amount}});
@@ -101,9 +74,7 @@ class PurgeableFixture : public testing::Test {
     return {{KELVANE_VOLUME, "/data"}, {KELVANE_URGENCY, urgency}};
   }
   std::shared_ptr<KelvanePurgeableOperation> operation(std::int32_t urgency = 3) {
-    auto operation = KelvanePurgeableOperation::initWithInfo(info(urgency), registry_, state_);
-    made_.push_back(operation);
-    return operation;
+    return made(KelvanePurgeableOperation::initWithInfo(info(urgency), registry_, state_));
   }
   static Dictionary run(KelvanePurgeableOperation& operation) {
     std::vector<Dictionary> results;
@@ -124,13 +95,7 @@ class PurgeableFixture : public testing::Test {
     state_->set(KelvaneRecentInfo::kelvaneRecentInfo({{"/data", volume(std::move(services))}}));
   }
 
-  LogCapture log_;
-  FakeVolumes volumes_;
-  ManualClock clock_;
-  std::vector<std::unique_ptr<FakeService>> services_;
-  Services registry_;
   std::shared_ptr<MemoryState> state_ = std::make_shared<MemoryState>();
-  std::vector<std::weak_ptr<KelvanePurgeableOperation>> made_;
 };
 
 }  // namespace kelvane::tests
