@@ -3,13 +3,18 @@
 // When the daemon asks, it deletes the oldest files first, and stops as soon as it has freed its share. The
 // more urgent the request, the younger the files it gives up: see givenUpAt.
 
+#include <fcntl.h>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "examples/command_line.h"
-#include "examples/reclaim.h"
+#include "examples/urgency.h"
+#include "kelvane/folder_purge.h"
 #include "kelvane/service.h"
+#include "platform/foundation/file_descriptor.h"
 
 namespace kelvane::examples {
 namespace {
@@ -36,25 +41,22 @@ void say(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
 /// Constant after construction.
 class CacheService final : public client::ServiceHandler {
  public:
-  CacheService(CacheFolder folder, const Settings& settings)
+  CacheService(FileDescriptor folder, const Settings& settings)
       : folder_(std::move(folder)), settings_(settings) {}
 
   std::optional<Purgeable> purgeable(const Request& request) override {
     if (!concerns(request)) return Purgeable{};
-    return Purgeable{folder_.bytes(givenUp(request.urgency))};
+    return Purgeable{client::purgeableBytes(folder_.get(), optionsFor(request))};
   }
 
   std::uint64_t purge(const Request& request, const Cancellation& cancellation) override {
-    Reclaimed reclaimed;
-    if (concerns(request)) {
-      reclaimed = folder_.reclaim(request.amount, givenUp(request.urgency),
-                                  [&cancellation] { return cancellation.isCancelled(); });
-    }
+    client::FolderPurge purged;
+    if (concerns(request)) purged = client::purgeFolder(folder_.get(), optionsFor(request), cancellation);
     if (settings_.verbose) {
-      say("purge urgency={} asked={} gave={} files={}{}", request.urgency, request.amount, reclaimed.bytes,
-          reclaimed.files, cancellation.isCancelled() ? " cancelled" : "");
+      say("purge urgency={} asked={} gave={} files={}{}", request.urgency, request.amount, purged.freed,
+          purged.files, cancellation.isCancelled() ? " cancelled" : "");
     }
-    return reclaimed.bytes;
+    return purged.freed;
   }
 
   void stateChanged(ServiceState state, const std::string& reason) override {
@@ -74,11 +76,14 @@ class CacheService final : public client::ServiceHandler {
   [[nodiscard]] bool concerns(const Request& request) const {
     return settings_.volume.empty() || request.volume == settings_.volume;
   }
-  [[nodiscard]] Seconds givenUp(int urgency) const {
-    return givenUpAt(urgency, static_cast<Seconds>(std::time(nullptr)), settings_.lifetime);
+  [[nodiscard]] client::FolderPurgeOptions optionsFor(const Request& request) const {
+    const auto now = static_cast<Seconds>(std::time(nullptr));
+    return {.amount = request.amount,
+            .order = client::PurgeOrder::oldestFirst,
+            .modified_by = givenUpAt(request.urgency, now, settings_.lifetime)};
   }
 
-  const CacheFolder folder_;
+  const FileDescriptor folder_;
   const Settings settings_;
 };
 
@@ -118,13 +123,12 @@ int serveUntilSignal(const Settings& settings) {
   sigaddset(&ending, SIGTERM);
   sigaddset(&ending, SIGINT);
   sigprocmask(SIG_BLOCK, &ending, nullptr);
-  std::string reason;
-  auto folder = CacheFolder::open(settings.folder, reason);
+  FileDescriptor folder(::open(settings.folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!folder) {
-    fmt::print(stderr, "{}: {}\n", settings.folder, reason);
+    fmt::print(stderr, "{}: {}\n", settings.folder, std::strerror(errno));
     return exit_failed;
   }
-  CacheService handler(std::move(*folder), settings);
+  CacheService handler(std::move(folder), settings);
   const auto service = client::Service::start(handler, settings.service);
   if (!service) {
     fmt::print(stderr, "{}\n", service.error().reason);

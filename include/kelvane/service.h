@@ -29,7 +29,6 @@
 // Values. See kelvane/client.h. Amounts are bytes.
 
 #include <sys/types.h>
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -37,6 +36,7 @@
 #include <vector>
 
 #include "common/keys.h"
+#include "kelvane/cancellation.h"
 #include "kelvane/result.h"
 #include "platform/foundation/value.h"
 
@@ -54,19 +54,6 @@ struct Request {
 struct Purgeable {
   std::uint64_t bytes = 0;
   bool opt_out = false;  // do not ask me again for a while
-};
-
-/// Says whether a purge is still wanted: no longer when the daemon cancels it, when the connection it came
-/// over has ended (the daemon waits no longer) and when the Service is being destroyed. Cheap to copy; any
-/// thread.
-class Cancellation {
- public:
-  using Flag = std::shared_ptr<const std::atomic<bool>>;
-  explicit Cancellation(Flag flag) : flag_(std::move(flag)) {}
-  [[nodiscard]] bool isCancelled() const { return flag_->load(std::memory_order_relaxed); }
-
- private:
-  Flag flag_;
 };
 
 enum class ServiceState {

@@ -1,0 +1,312 @@
+#include "kelvane/folder_purge.h"
+
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <new>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "client/folder_walk.h"
+
+namespace kelvane::client {
+namespace {
+
+constexpr std::uint64_t block = 512;
+
+std::uint64_t bytesOf(const struct stat& status) {
+  return static_cast<std::uint64_t>(status.st_blocks) * block;
+}
+
+bool allGoUnseen(const FolderPurgeOptions& options) {
+  return options.counted_by_volume && options.linked_files && options.order == PurgeOrder::asFound &&
+         options.amount == FolderPurgeOptions::everything &&
+         options.modified_by == FolderPurgeOptions{}.modified_by;
+}
+
+std::uint64_t freeBytes(int folder) {
+  struct statvfs status {};
+  return ::fstatvfs(folder, &status) == 0 ? status.f_bfree * status.f_frsize : 0;
+}
+
+bool mayGo(const struct stat& status, const FolderPurgeOptions& options) {
+  return status.st_mtim.tv_sec <= options.modified_by && (status.st_nlink == 1 || options.linked_files);
+}
+
+/// Deletes, and keeps the account.
+class Purger {
+ public:
+  Purger(const FolderPurgeOptions& options, const Cancellation& cancellation)
+      : options_(options), cancellation_(cancellation) {}
+
+  [[nodiscard]] bool done() {
+    if (purge_.freed >= options_.amount) {
+      purge_.end = PurgeEnd::amountFreed;
+    } else if (cancellation_.isCancelled()) {
+      purge_.end = PurgeEnd::cancelled;
+    }
+    return purge_.end != PurgeEnd::nothingLeft;
+  }
+  void note(int error) {
+    if (purge_.failures++ == 0) purge_.error = error;
+  }
+  void fail(int error) {
+    note(error);
+    purge_.end = PurgeEnd::failed;
+  }
+  void deleteFile(int folder, const char* name, const struct stat& status) {
+    if (status.st_nlink == 1 && bytesOf(status) >= FolderPurge::asked_from) {
+      deleteAsking(folder, name, status);
+    } else if (unlinked(folder, name) && status.st_nlink == 1) {
+      purge_.freed += bytesOf(status);
+    }
+  }
+  void deleteUnseen(int folder, const char* name) { unlinked(folder, name); }
+  void noteFreed(std::uint64_t before, std::uint64_t after) {
+    purge_.freed = after > before ? after - before : 0;
+  }
+  void deleteFolder(int parent, const std::string& name) {
+    if (!options_.empty_folders) return;
+    if (::unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0) {
+      ++purge_.folders;
+    } else if (errno != ENOTEMPTY && errno != EEXIST && errno != ENOENT && errno != ENOTDIR) {
+      note(errno);
+    }
+  }
+  [[nodiscard]] const FolderPurgeOptions& options() const { return options_; }
+  [[nodiscard]] const FolderPurge& purge() const { return purge_; }
+
+ private:
+  bool unlinked(int folder, const char* name) {
+    if (::unlinkat(folder, name, 0) == 0) {
+      ++purge_.files;
+      return true;
+    }
+    if (errno != ENOENT && errno != EISDIR) note(errno);
+    return false;
+  }
+
+  /// A lease for writing is given only to the one who alone has a file open. With its last name gone nobody
+  /// else can open it any more, so the answer stays true, and there is no one to break the lease.
+  void deleteAsking(int folder, const char* name, const struct stat& status) {
+    const FileDescriptor file(
+        ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!unlinked(folder, name)) return;
+    struct stat now = status;
+    if (file && (::fstat(file.get(), &now) != 0 || now.st_nlink != 0)) return;
+    const bool held = file && ::fcntl(file.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN;
+    (held ? purge_.held : purge_.freed) += bytesOf(now);
+  }
+
+  const FolderPurgeOptions& options_;
+  const Cancellation& cancellation_;
+  FolderPurge purge_;
+};
+
+class PurgeAsFound final : public FolderWalk::Visitor {
+ public:
+  enum class Files { seen, unseen, stay };
+  PurgeAsFound(Purger& purger, Files files) : purger_(purger), files_(files) {}
+  [[nodiscard]] bool done() override { return purger_.done(); }
+  void file(int folder, const char* name, const struct stat& status) override {
+    if (files_ == Files::unseen) {
+      purger_.deleteUnseen(folder, name);
+    } else if (files_ == Files::seen && mayGo(status, purger_.options())) {
+      purger_.deleteFile(folder, name, status);
+    }
+  }
+  void entered(const std::string& /*name*/) override {}
+  void left(int parent, const std::string& name) override {
+    if (parent >= 0) purger_.deleteFolder(parent, name);
+  }
+  void failed(int error) override {
+    if (files_ != Files::stay) purger_.note(error);  // else it was noted before
+  }
+
+ private:
+  Purger& purger_;
+  const Files files_;
+};
+
+void purgeAsFound(Purger& purger, int root, PurgeAsFound::Files files) {
+  PurgeAsFound visitor(purger, files);
+  if (!FolderWalk(visitor, files == PurgeAsFound::Files::seen).run(root)) purger.fail(errno);
+}
+
+void purgeUnseen(Purger& purger, int root) {
+  const std::uint64_t before = freeBytes(root);
+  purgeAsFound(purger, root, PurgeAsFound::Files::unseen);
+  purger.noteFreed(before, freeBytes(root));
+}
+
+struct Folder {
+  std::size_t parent;
+  std::string name;
+};
+
+struct File {
+  timespec modified;
+  ino_t number;
+  std::size_t folder;
+  std::string name;
+};
+
+/// Remembers what may go, and where.
+class FilesByAge final : public FolderWalk::Visitor {
+ public:
+  explicit FilesByAge(Purger& purger) : purger_(purger) {}
+  [[nodiscard]] bool done() override { return purger_.done(); }
+  void file(int /*folder*/, const char* name, const struct stat& status) override {
+    if (mayGo(status, purger_.options())) files.push_back({status.st_mtim, status.st_ino, current_, name});
+  }
+  void entered(const std::string& name) override {
+    folders.push_back({current_, name});
+    current_ = folders.size() - 1;
+  }
+  void left(int /*parent*/, const std::string& /*name*/) override { current_ = folders[current_].parent; }
+  void failed(int error) override { purger_.note(error); }
+
+  void sort() {
+    std::sort(files.begin(), files.end(), [](const File& a, const File& b) {
+      return std::tie(a.modified.tv_sec, a.modified.tv_nsec, a.folder, a.name) <
+             std::tie(b.modified.tv_sec, b.modified.tv_nsec, b.folder, b.name);
+    });
+  }
+
+  std::vector<Folder> folders{{0, ""}};  // parents first; the first is the whole
+  std::vector<File> files;
+
+ private:
+  Purger& purger_;
+  std::size_t current_ = 0;
+};
+
+/// Opens folders that were seen, once more, and keeps some open.
+class SeenFolders {
+ public:
+  SeenFolders(int root, const std::vector<Folder>& folders) : root_(root), folders_(folders) {}
+
+  /// The folder that has this place now; -1 when there is none.
+  int open(std::size_t folder) {
+    Kept& kept = kept_[folder % kept_.size()];
+    if (!kept.descriptor || kept.folder != folder) kept = {folder, find(folder)};
+    return kept.descriptor.get();
+  }
+
+ private:
+  struct Kept {
+    std::size_t folder = 0;
+    FileDescriptor descriptor;
+  };
+  static constexpr std::size_t longest_path = 4000;  // below PATH_MAX
+
+  [[nodiscard]] FileDescriptor find(std::size_t folder) const {
+    std::vector<const std::string*> names;
+    for (; folder != 0; folder = folders_[folder].parent) names.push_back(&folders_[folder].name);
+    FileDescriptor found = openBelow(root_, ".");
+    std::string path;
+    while (found && !names.empty()) {
+      path = *names.back();
+      for (names.pop_back(); !names.empty() && path.size() + names.back()->size() < longest_path;
+           names.pop_back())
+        path += '/' + *names.back();
+      found = openBelow(found.get(), path.c_str());
+    }
+    return found;
+  }
+
+  const int root_;
+  const std::vector<Folder>& folders_;
+  std::array<Kept, 64> kept_;
+};
+
+void deleteAsSeen(Purger& purger, int folder, const File& file) {
+  struct stat now {};
+  if (folder < 0 || ::fstatat(folder, file.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return;
+  const bool same = S_ISREG(now.st_mode) && now.st_ino == file.number &&
+                    now.st_mtim.tv_sec == file.modified.tv_sec &&
+                    now.st_mtim.tv_nsec == file.modified.tv_nsec;
+  if (same && mayGo(now, purger.options())) purger.deleteFile(folder, file.name.c_str(), now);
+}
+
+/// What it keeps open is closed on return: a folder that is deleted and still open makes deleting those above
+/// it slow, each in proportion to the depth.
+void deleteInOrder(Purger& purger, int root, const FilesByAge& found) {
+  SeenFolders folders(root, found.folders);
+  for (const File& file : found.files) {
+    if (purger.done()) return;
+    deleteAsSeen(purger, folders.open(file.folder), file);
+  }
+}
+
+void purgeOldestFirst(Purger& purger, int root) {
+  FilesByAge found(purger);
+  if (!FolderWalk(found).run(root)) return purger.fail(errno);
+  found.sort();
+  deleteInOrder(purger, root, found);
+  if (purger.options().empty_folders && !purger.done()) purgeAsFound(purger, root, PurgeAsFound::Files::stay);
+}
+
+/// Adds up and touches nothing.
+class Sum final : public FolderWalk::Visitor {
+ public:
+  explicit Sum(const FolderPurgeOptions& options) : options_(options) {}
+  [[nodiscard]] bool done() override { return false; }
+  void file(int /*folder*/, const char* /*name*/, const struct stat& status) override {
+    if (status.st_nlink == 1 && mayGo(status, options_)) bytes += bytesOf(status);
+  }
+  void entered(const std::string& /*name*/) override {}
+  void left(int /*parent*/, const std::string& /*name*/) override {}
+  void failed(int /*error*/) override {}
+
+  std::uint64_t bytes = 0;
+
+ private:
+  const FolderPurgeOptions& options_;
+};
+
+}  // namespace
+
+FolderPurge purgeFolder(int folder, const FolderPurgeOptions& options,
+                        const Cancellation& cancellation) noexcept {
+  Purger purger(options, cancellation);
+  try {
+    if (purger.done()) return purger.purge();
+    if (options.order == PurgeOrder::oldestFirst) {
+      purgeOldestFirst(purger, folder);
+    } else if (allGoUnseen(options)) {
+      purgeUnseen(purger, folder);
+    } else {
+      purgeAsFound(purger, folder, PurgeAsFound::Files::seen);
+    }
+  } catch (const std::bad_alloc&) {
+    purger.fail(ENOMEM);
+  }
+  return purger.purge();
+}
+
+FolderPurge purgeFolder(const std::string& path, const FolderPurgeOptions& options,
+                        const Cancellation& cancellation) noexcept {
+  const FileDescriptor folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (folder) return purgeFolder(folder.get(), options, cancellation);
+  FolderPurge purge;
+  purge.end = PurgeEnd::failed;
+  purge.failures = 1;
+  purge.error = errno;
+  return purge;
+}
+
+std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options) noexcept {
+  try {
+    Sum sum(options);
+    return FolderWalk(sum).run(folder) ? sum.bytes : 0;
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
+}
+
+}  // namespace kelvane::client
