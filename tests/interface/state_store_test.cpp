@@ -227,7 +227,7 @@ TEST_F(RecordStore, ReadingAnUnwrittenRecordLogsAsAnyOtherReading) {
 
 TEST_F(StateStore, ValuesOfEveryTypeComeBackAsTheyWere) {
   Value deep = "innermost";
-  for (int i = 0; i < 50; ++i) deep = i % 2 == 0 ? Value(Array{deep}) : Value(Dictionary{{"k", deep}});
+  for (int i = 0; i < 30; ++i) deep = i % 2 == 0 ? Value(Array{deep}) : Value(Dictionary{{"k", deep}});
   const std::vector<Value> values = {true,
                                      0,
                                      -1,

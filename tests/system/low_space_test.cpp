@@ -191,7 +191,7 @@ TEST_F(LowSpace, AnEventWithoutFlagsOrWithUnknownBitsPurgesWhatIsLowAndOneWithAT
     const Finished posted = post(daemon, event);
     EXPECT_EQ(posted.status, 0) << posted.output;
   }
-  EXPECT_EQ(daemon.process().count("No volumes report low disk space, skipping purge"), 4U);
+  EXPECT_TRUE(daemon.process().printed("No volumes report low disk space, skipping purge", 4));
   EXPECT_EQ(daemon.process().count("caught"), 0U);
   EXPECT_TRUE(Client(daemon).isServed());
 }
