@@ -15,6 +15,7 @@
 #include "tests/client/daemon_process.h"
 #include "tests/client/events.h"
 #include "tests/foundation/temporary_directory.h"
+#include "tests/support/scoped_environment.h"
 
 namespace kelvane::tests {
 namespace {
@@ -279,6 +280,7 @@ using AServiceDeathTest = AService;
 
 TEST_F(AServiceDeathTest, MayNotBeDestroyedByItsHandler) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const ScopedEnvironment inside("TMPDIR", directory_.path());  // what the dying leaves
   struct Destroying final : Handler {
     void stateChanged(ServiceState, const std::string&) override {
       events.await("stored");

@@ -10,6 +10,7 @@
 #include "tests/daemon/daemon_fixture.h"
 #include "tests/operations/answer.h"
 #include "tests/operations/fake_service.h"
+#include "tests/support/scoped_environment.h"
 
 namespace kelvane {
 namespace {
@@ -159,6 +160,7 @@ class Termination : public tests::DaemonFixture {};
 
 TEST_F(Termination, SIGTERMWhileAPurgeIsRunningEndsTheProcessAtOnceWithStatusZero) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const tests::ScopedEnvironment inside("TMPDIR", directory_.path());  // what the ended leaves
   EXPECT_EXIT(
       {
         volumes_.add("/data");

@@ -4,6 +4,7 @@
 #include "platform/foundation/archive.h"
 #include "platform/foundation/user_defaults.h"
 #include "tests/interface/interface_fixture.h"
+#include "tests/support/scoped_environment.h"
 
 namespace kelvane {
 namespace {
@@ -297,6 +298,7 @@ TEST_F(StateStore, IsReachedOverTheWire) {
 
 TEST_F(StateStore, OutsideItsQueueItStopsTheProcess) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const tests::ScopedEnvironment inside("TMPDIR", directory_.path());  // what the dying leave
   EXPECT_DEATH(registry_->_clientSetState(1, "k", [] {}), "running outside the queue that this needs");
   EXPECT_DEATH(registry_->_clientGetState("k", [](const Value&) {}),
                "running outside the queue that this needs");
