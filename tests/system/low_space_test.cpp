@@ -82,13 +82,15 @@ TEST_F(LowSpace, AVolumeThatIsFilledIsGivenSpaceThoughNobodyAsked) {
   EXPECT_TRUE(daemon.logged("handleVFSStreamXPCEvent: caught VQ_LOWDISK"));
 }
 
-TEST_F(LowSpace, AWriterNeverFailsWhileServicesHaveSomethingToGive) {
+TEST_F(LowSpace, AWriterWhoHasTakenTheLastSpaceFindsMoreOnceServicesHaveGivenTheirs) {
   const Volume volume(64);
   Daemon& daemon = this->daemon();
   const auto service =
       startService(daemon, "deletes", "com.example.cache", volume.fill("cache", 40, mebibyte));
-  write(volume.path() + "/growing", 50 * mebibyte);
-  EXPECT_EQ(fs::file_size(volume.path() + "/growing"), 50 * mebibyte);
+  write(volume.path() + "/growing", 20 * mebibyte);
+  EXPECT_TRUE(daemon.logged("com.example.cache service purged: 41943040")) << daemon.process().output();
+  write(volume.path() + "/more", 30 * mebibyte);
+  EXPECT_EQ(fs::file_size(volume.path() + "/more"), 30 * mebibyte);
 }
 
 TEST_F(LowSpace, AVolumeThatIsMountedAndFilledWhileTheDaemonRunsIsSeen) {
