@@ -19,6 +19,8 @@ namespace {
 Error errorOf(xpc::Connection& connection, const xpc::Error& error) {
   if (!connection.credentials()) return {Failure::noDaemon, "nobody listens on the daemon's socket"};
   if (error.name != xpc::error_disconnected) return {Failure::badRequest, error.description()};
+  if (error.message == xpc::handshake_took_too_long)
+    return {Failure::connectionLost, "the daemon does not answer"};
   if (!connection.wasEstablished()) {
     return {Failure::refused,
             "the daemon does not accept connections from this process: no CLIENT_ENTITLEMENT"};

@@ -17,6 +17,9 @@ inline constexpr const char* error_invalid_arguments = "org.freedesktop.DBus.Err
 inline constexpr const char* error_limits_exceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 inline constexpr const char* error_failed = "org.freedesktop.DBus.Error.Failed";
 
+/// The message of the disconnection from a peer that lets the handshake wait.
+inline constexpr const char* handshake_took_too_long = "the handshake took too long";
+
 /// What a method answers that has nothing to say but whether it was done. Takes no place in the signature.
 struct Outcome {
   std::string error_name;  // empty: done
