@@ -1,0 +1,156 @@
+#include "tools/options.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+
+#include "support/space_thresholds.h"
+#include "tools/amount.h"
+#include "tools/commands.h"
+#include "tools/problem.h"
+
+namespace kelvane::tools {
+namespace {
+
+using Command = int (*)(const Options&, const Screen&);
+
+CLI::App* addCommand(CLI::App& app, Options& options, const char* name, const char* description,
+                     Command command) {
+  CLI::App* const added = app.add_subcommand(name, description);
+  added->fallthrough();
+  added->callback([&options, command] { options.command = command; });
+  return added;
+}
+
+void addUrgency(CLI::App& command, Options& options) {
+  command
+      .add_option("-u,--urgency", options.urgency,
+                  "How far to go: 1 (only what nobody will miss) to 4 (all that can be made again)")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 4))
+      ->type_name("1-4");
+}
+
+CLI::Option* addVolume(CLI::App& command, Options& options) {
+  return command.add_option("volume", options.volume, "A volume, or any path inside one")->type_name("PATH");
+}
+
+void addAmount(CLI::App& command, Options& options) {
+  command
+      .add_option_function<std::string>(
+          "amount",
+          [&options](const std::string& text) {
+            const auto amount = parseAmount(text);
+            if (const auto* const wrong = std::get_if<NoAmount>(&amount))
+              throw CLI::ValidationError(wrong->reason, CLI::ExitCodes::ValidationError);
+            options.amount = std::get<std::uint64_t>(amount);
+          },
+          "How much to free, such as 500M, 1.5GiB or 4096. K, M, G, T, P and KiB, MiB ... count by 1024, KB, "
+          "MB ... by 1000")
+      ->required()
+      ->type_name("SIZE");
+}
+
+void describePurge(CLI::App& app, Options& options) {
+  CLI::App* const purge = addCommand(app, options, "purge", "Free space on a volume", purgeCommand);
+  addVolume(*purge, options)->required();
+  addAmount(*purge, options);
+  addUrgency(*purge, options);
+  purge
+      ->add_option("--pass-seconds", options.pass_seconds,
+                   "How long to wait for the services in each pass; 0: 2, 4, 6, 8 seconds")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 300))
+      ->type_name("SECONDS");
+}
+
+std::string footer() {
+  std::string text = "Exit codes:";
+  for (const ExitCodeText& code : exitCodeTexts()) text += fmt::format("\n  {:>3}  {}", code.code, code.text);
+  return text;
+}
+
+/// An amount or the like that begins with "-" is read as an option, and so is missed.
+std::string reasonOf(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (argv[i][0] == '-' && argv[i][1] >= '0' && argv[i][1] <= '9')
+      return std::get<NoAmount>(parseAmount(argv[i])).reason;
+  }
+  if (app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-')
+    return fmt::format("there is no command \"{}\"", argv[1]);
+  std::string reason = error.what();
+  for (char& c : reason) c = c == '\n' ? ' ' : c;
+  return reason;
+}
+
+int complain(ExitCode code, const std::string& text) {
+  std::fputs(fmt::format("kelvanectl: {}\n", printable(screenOf(STDERR_FILENO), text)).c_str(), stderr);
+  return code;
+}
+
+int parseAndRun(int argc, char** argv) {
+  Options options;
+  CLI::App app("Shows who holds space that can be freed, and frees it", "kelvanectl");
+  describe(app, options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);
+    return complain(exit_usage, reasonOf(app, error, argc, argv) + "; see `kelvanectl --help`");
+  }
+  return options.command(options, screenOf(STDOUT_FILENO));
+}
+
+}  // namespace
+
+const std::vector<ExitCodeText>& exitCodeTexts() {
+  static const std::vector<ExitCodeText> texts = {
+      {exit_met, "Done; for a purge, all that was asked for was freed"},
+      {exit_short, "Less was freed than asked, or a checked file has faults"},
+      {exit_usage, "Wrong usage: an option, an amount or a volume that is none"},
+      {exit_refused, "This user has no right to it"},
+      {exit_no_daemon, "No daemon is there"},
+      {exit_no_answer, "The daemon went away before it answered, or does not answer"},
+      {exit_failed, "Something else failed, such as reading a file"},
+      {exit_cancelled, "Cancelled by Ctrl-C or SIGTERM"},
+  };
+  return texts;
+}
+
+void describe(CLI::App& app, Options& options) {
+  app.require_subcommand(1);
+  app.add_flag("--json", options.json, "Print JSON instead of a screen");
+  app.add_option("--daemon", options.daemon,
+                 "The daemon's socket; default: kelvane.sock in $RUNTIME_DIRECTORY, or in /run/kelvane")
+      ->type_name("SOCKET");
+  app.set_version_flag("--version", "kelvanectl " KELVANE_VERSION);
+  addCommand(app, options, "status", "Show whether the daemon is there, and how full the volumes are",
+             statusCommand);
+  CLI::App* const purgeable =
+      addCommand(app, options, "purgeable", "Show what each service could free", purgeableCommand);
+  addVolume(*purgeable, options)->description("A volume, or any path inside one; default: all volumes");
+  addUrgency(*purgeable, options);
+  describePurge(app, options);
+  app.footer(footer());
+}
+
+void print(const std::string& text) {
+  if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0)
+    throw Problem(exit_failed, fmt::format("standard output: {}", std::strerror(errno)));
+}
+
+int runProgram(int argc, char** argv) noexcept {
+  try {
+    std::setlocale(LC_CTYPE, "");
+    std::signal(SIGPIPE, SIG_DFL);  // whoever started this may have ignored it
+    return parseAndRun(argc, argv);
+  } catch (const Problem& problem) {
+    return complain(problem.code(), problem.what());
+  } catch (const std::exception& error) {
+    return complain(exit_failed, error.what());
+  }
+}
+
+}  // namespace kelvane::tools
