@@ -96,18 +96,19 @@ class XMLCheck {
   }
 
   void markup() {
-    if (startsWith("<!--")) {
+    const char kind = at_ + 1 < text_.size() ? text_[at_ + 1] : '\0';
+    if (kind != '!' && kind != '?' && (kind == '/' || !inLeaf())) {
+      tag();
+    } else if (startsWith("<!--")) {
       between("<!--", "-->");
     } else if (startsWith("<![CDATA[")) {
       characterData();
-    } else if (inLeaf() && !startsWith("</")) {
+    } else if (inLeaf()) {
       fail(fmt::format("markup inside <{}>", open_.back().element));
     } else if (startsWith("<!")) {
       documentType();
-    } else if (startsWith("<?")) {
-      instruction();
     } else {
-      tag();
+      instruction();
     }
   }
 

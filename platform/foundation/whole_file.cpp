@@ -30,15 +30,15 @@ std::string_view kindOf(mode_t mode) {
 
 std::string tooLarge(std::size_t cap) { return fmt::format("is larger than {} bytes", cap); }
 
-/// Fills `bytes` up to its end or the end of the file; false with errno set when reading fails.
-bool readFully(int file, Data::Bytes& bytes) {
-  std::size_t filled = 0;
+/// Fills `bytes` from `filled` on, up to its end or the end of the file, and cuts it off there; false with errno
+/// set when reading fails. A file that has as many bytes as it said is not asked for more.
+bool readFully(int file, std::size_t filled, std::size_t said, Data::Bytes& bytes) {
   while (filled < bytes.size()) {
     const ssize_t count = ::read(file, bytes.data() + filled, bytes.size() - filled);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return false;
-    if (count == 0) break;
     filled += static_cast<std::size_t>(count);
+    if (count == 0 || (said != 0 && filled == said)) break;
   }
   bytes.resize(filled);
   return true;
@@ -49,10 +49,11 @@ bool readFully(int file, Data::Bytes& bytes) {
 WholeFile readOpened(int file, std::size_t size, const std::string& path, std::size_t cap) {
   cap = std::min(cap, std::numeric_limits<std::size_t>::max() / 4);
   WholeFile result;
-  for (std::size_t room = std::min(std::max<std::size_t>(size, 4096), cap) + 1;;
+  for (std::size_t room = std::min<std::size_t>(size != 0 ? size : 4096, cap) + 1;;
        room = std::min(room * 2, cap + 1)) {
+    const std::size_t filled = result.bytes.size();
     result.bytes.resize(room);
-    if (::lseek(file, 0, SEEK_SET) < 0 || !readFully(file, result.bytes)) return failedBySystem(path);
+    if (!readFully(file, filled, size, result.bytes)) return failedBySystem(path);
     if (result.bytes.size() < room) return result;
     if (room > cap) return failed(path, tooLarge(cap));
   }
