@@ -66,6 +66,34 @@ void describePurge(CLI::App& app, Options& options) {
       ->type_name("SECONDS");
 }
 
+void describeState(CLI::App& app, Options& options) {
+  CLI::App* const state = app.add_subcommand("state", "Look into and change the daemon's key-value store");
+  state->require_subcommand(1)->fallthrough();
+  CLI::App* const get =
+      addCommand(*state, options, "get", "Print a value as JSON; exit code 1 for none", stateGetCommand);
+  CLI::App* const set = addCommand(*state, options, "set", "Store a value", stateSetCommand);
+  CLI::App* const remove = addCommand(*state, options, "delete", "Remove a value", stateDeleteCommand);
+  for (CLI::App* const command : {get, set, remove})
+    command->add_option("key", options.key, "The value's key")->required()->type_name("KEY");
+  set->add_option("value", options.value, "The value, as JSON")->required()->type_name("JSON");
+}
+
+void describeLaunch(CLI::App& app, Options& options) {
+  CLI::App* const activity =
+      app.add_subcommand("activity", "Start what runs in the daemon by schedule; for root");
+  activity->require_subcommand(1)->fallthrough();
+  addCommand(*activity, options, "run", "Run an activity, and wait until it is over", activityRunCommand)
+      ->add_option("name", options.name, "Such as com.orvel.Kelvane.daily")
+      ->required()
+      ->type_name("NAME");
+  CLI::App* const events = app.add_subcommand("events", "Tell the daemon of events; for root");
+  events->require_subcommand(1)->fallthrough();
+  CLI::App* const post = addCommand(*events, options, "post",
+                                    "Post an event, and wait until it is dealt with", eventsPostCommand);
+  post->add_option("stream", options.name, "Such as com.orvel.dispatch.vfs")->required()->type_name("STREAM");
+  post->add_option("event", options.value, "The event, as a JSON object; default: {}")->type_name("JSON");
+}
+
 std::string footer() {
   std::string text = "Exit codes:";
   for (const ExitCodeText& code : exitCodeTexts()) text += fmt::format("\n  {:>3}  {}", code.code, code.text);
@@ -108,7 +136,7 @@ int parseAndRun(int argc, char** argv) {
 const std::vector<ExitCodeText>& exitCodeTexts() {
   static const std::vector<ExitCodeText> texts = {
       {exit_met, "Done; for a purge, all that was asked for was freed"},
-      {exit_short, "Less was freed than asked, or a checked file has faults"},
+      {exit_short, "Less was freed than asked, a checked file has faults, or a key has no value"},
       {exit_usage, "Wrong usage: an option, an amount or a volume that is none"},
       {exit_refused, "This user has no right to it"},
       {exit_no_daemon, "No daemon is there"},
@@ -133,6 +161,14 @@ void describe(CLI::App& app, Options& options) {
   addVolume(*purgeable, options)->description("A volume, or any path inside one; default: all volumes");
   addUrgency(*purgeable, options);
   describePurge(app, options);
+  addCommand(app, options, "services", "Show the declared services, and whether they can be reached",
+             servicesCommand);
+  addCommand(app, options, "check", "Look for faults in descriptor and grant files", checkCommand)
+      ->add_option("files", options.files, "Property lists")
+      ->required()
+      ->type_name("FILE");
+  describeState(app, options);
+  describeLaunch(app, options);
   app.footer(footer());
 }
 

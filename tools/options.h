@@ -23,7 +23,6 @@ struct Options {
   std::string key;
   std::string value;
   std::string name;
-  double seconds = 1;
 
   /// What was chosen; prints, and returns the exit code.
   std::function<int(const Options&, const Screen&)> command;

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/checked_file.h"
+
+namespace kelvane::tools {
+
+/// One descriptor that the daemon reads at its start.
+struct Declared {
+  CheckedFile file;
+  std::string ID;             // empty when it declares none
+  std::string overridden_by;  // the file that declares the same ID later, which counts
+  bool listening = false;     // somebody listens on its socket, so a call reaches it
+};
+
+/// The descriptors in these folders, in the order in which the daemon reads them.
+[[nodiscard]] std::vector<Declared> declaredServices(const std::vector<std::string>& folders,
+                                                     const std::string& sockets,
+                                                     const std::string& unix_table = "/proc/net/unix");
+[[nodiscard]] std::string servicesScreen(const std::vector<Declared>& services, const Screen& screen);
+[[nodiscard]] Value servicesValue(const std::vector<Declared>& services);
+
+}  // namespace kelvane::tools
