@@ -113,8 +113,7 @@ void Connection::resume() {
   const std::weak_ptr<Connection> weak = weak_from_this();
   deadline_ = Timer(dispatch_time(DISPATCH_TIME_NOW, limits_.handshake_nanoseconds),
                     dispatch_get_global_queue(0, 0), [weak] {
-                      if (const auto connection = weak.lock())
-                        connection->interrupt(handshake_took_too_long);
+                      if (const auto connection = weak.lock()) connection->interrupt(handshake_took_too_long);
                     });
   source_ = EventSource(socket_, EPOLLIN | EPOLLRDHUP, [weak](std::uint32_t events) {
     if (const auto connection = weak.lock()) connection->handleEvents(events);
