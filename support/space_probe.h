@@ -28,6 +28,10 @@ class SpaceProbe {
   /// How long anybody waits, counted from when the question was put.
   static constexpr std::int64_t patience = 500'000'000;  // nanoseconds
 
+  /// At most so many questions are out at a time, since each may keep a thread for good; whoever would put
+  /// one more has no answer.
+  static constexpr std::size_t most_questions = 16;
+
   [[nodiscard]] std::optional<VolumeSpace> ask(const std::string& path);
 
  private:
@@ -36,6 +40,7 @@ class SpaceProbe {
     std::mutex mutex;
     std::map<std::string, std::shared_ptr<Question>> questions;  // guarded by mutex
   };
+  /// Null when too many are out.
   [[nodiscard]] std::shared_ptr<Question> questionAbout(const std::string& path);
 
   const Ask ask_;

@@ -22,6 +22,7 @@ namespace {
 class SystemVolumeSource final : public VolumeSource {
  public:
   std::vector<MountEntry> mounts() override {
+    const std::lock_guard lock(mutex_);  // so that what was read last is kept
     std::vector<MountEntry> all = readMountTable().value_or(std::vector<MountEntry>());
     const std::vector<std::string> doubtful = foldersThatMayNotAnswer(all);
     std::set<std::string> prompt;
@@ -31,7 +32,6 @@ class SystemVolumeSource final : public VolumeSource {
       prompt.insert(mount.target);
       return false;
     });
-    const std::lock_guard lock(mutex_);
     prompt_ = std::move(prompt);
     return all;
   }
@@ -39,7 +39,8 @@ class SystemVolumeSource final : public VolumeSource {
   std::uint64_t mountsGeneration() override { return watch_.generation(); }
 
   std::optional<VolumeSpace> space(const std::string& path) override {
-    return isPrompt(path) ? ask(path) : probe_.ask(path);
+    const std::string plain = plainPath(path);
+    return isPrompt(plain) ? ask(plain) : probe_.ask(plain);
   }
 
   std::optional<std::vector<std::string>> overQuota(uid_t user) override {

@@ -71,10 +71,10 @@ void ManualClock::advance(std::uint64_t nanoseconds) {
   dispatch_clock_moved();
 }
 
-void ManualClock::awaitWaiterFor(std::uint64_t nanoseconds) {
+void ManualClock::awaitWaiterFor(std::uint64_t nanoseconds, std::size_t waiters) {
   const std::uint64_t deadline = now_.load() + nanoseconds;
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return waiters_.contains(deadline) || timers_.contains(deadline); });
+  changed_.wait(lock, [&] { return waiters_.count(deadline) + timers_.count(deadline) >= waiters; });
 }
 
 void ManualClock::wait(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeup,

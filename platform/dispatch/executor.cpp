@@ -116,7 +116,11 @@ void Executor::submit(std::shared_ptr<Runnable> runnable) {
   const Lock lock(mutex_);
   ready_.push_back(std::move(runnable));
   // A thread at work comes to it by itself, or the watchman sees that it does not.
-  if (busy_ == 0 && notified_ == 0) callThread();
+  if (busy_ == 0 && notified_ == 0) {
+    callThread();
+  } else {
+    callTheWatchman();
+  }
 }
 
 /// Gets one more thread to look at the ready list and at epoll.
@@ -266,7 +270,9 @@ void Executor::watch() {
     if (!watching_) continue;
     looks_with_backlog = ready_.empty() ? 0 : looks_with_backlog + 1;
     looks_without_poll = polling_ || polls_ != seen_.polls ? 0 : looks_without_poll + 1;
-    if (busy_ == 0 && ready_.empty()) {
+    // A thread may be blocked for good. Nothing waits for it as long as nothing is ready and somebody polls.
+    if (ready_.empty() && (busy_ == 0 || polling_)) {
+      looks_left_alone = 0;
       watching_ = taken_ - seen_.taken > watchman_lingers_above;
       continue;
     }
@@ -281,6 +287,7 @@ void Executor::watch() {
 
 /// Looks without the lock.
 bool Executor::aThreadRuns(Lock& lock) {
+  if (threads_ > thread_IDs_.size() || notified_ > 0) return true;  // one is on its way
   const std::set<pid_t> IDs = thread_IDs_;
   if (IDs.size() > most_threads_asked_about) return false;
   lock.unlock();

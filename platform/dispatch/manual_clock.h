@@ -24,8 +24,9 @@ class ManualClock final : public Clock {
 
   /// Moves now and the calendar on; what became due is on its way when this returns.
   void advance(std::uint64_t nanoseconds);
-  /// Blocks (in real time) until a thread waits for, or a timer is set to, exactly now + `nanoseconds`.
-  void awaitWaiterFor(std::uint64_t nanoseconds);
+  /// Blocks (in real time) until a thread waits for, or a timer is set to, exactly now + `nanoseconds`; or as
+  /// many of them as are said.
+  void awaitWaiterFor(std::uint64_t nanoseconds, std::size_t waiters = 1);
   /// The two above together: nothing is moved until somebody waits for that moment.
   void advanceToWaiterFor(std::uint64_t nanoseconds) {
     awaitWaiterFor(nanoseconds);

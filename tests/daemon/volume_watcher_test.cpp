@@ -118,6 +118,7 @@ TEST_F(Watcher, AVolumeThatIsMountedIsLookedAtAtOnceAndOneThatIsUnmountedNoMore)
   EXPECT_EQ(purge_.awaitCall(1), VQ_LOWDISK);
   volumes_.remove("/usb");
   purge_.end(0);
+  clock_.awaitWaiterFor(1 * second);
   clock_.advance(1 * second);
   watcher_->mountsChanged();
   clock_.awaitWaiterFor(9 * second);

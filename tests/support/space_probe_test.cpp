@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 #include <condition_variable>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/dispatch/manual_clock.h"
 #include "tests/support/log_capture.h"
@@ -22,7 +24,6 @@ class Reluctant {
     std::unique_lock lock(mutex_);
     ++asked_;
     changed_.wait(lock, [this] { return answers_; });
-    ++answered_;
     return some;
   }
   void answer() {
@@ -40,7 +41,6 @@ class Reluctant {
   std::condition_variable changed_;
   bool answers_ = false;
   int asked_ = 0;
-  int answered_ = 0;
 };
 
 class Probe : public testing::Test {
@@ -48,6 +48,7 @@ class Probe : public testing::Test {
   /// Asks and gives up when the patience is over.
   void giveUpOn(const std::string& path) {
     std::thread asking([&] { EXPECT_FALSE(probe_.ask(path)); });
+    while (file_system_.asked() == 0) std::this_thread::yield();
     clock_.advanceToWaiterFor(SpaceProbe::patience);
     asking.join();
   }
@@ -89,12 +90,28 @@ TEST_F(Probe, WhoAsksWhileAQuestionIsOutWaitsForThatOne) {
   std::thread one([&] { first = probe_.ask("/slow"); });
   while (file_system_.asked() == 0) std::this_thread::yield();
   std::thread other([&] { second = probe_.ask("/slow"); });
-  clock_.awaitWaiterFor(SpaceProbe::patience);
+  clock_.awaitWaiterFor(SpaceProbe::patience, 2);
   file_system_.answer();
   one.join();
   other.join();
+  EXPECT_EQ(file_system_.asked(), 1);
   EXPECT_TRUE(first);
   EXPECT_TRUE(second);
+}
+
+TEST_F(Probe, PutsNoMoreQuestionsThanItHasThreadsToSpare) {
+  std::vector<std::thread> asking;
+  for (std::size_t i = 0; i < SpaceProbe::most_questions; ++i) {
+    asking.emplace_back([this, i] { EXPECT_FALSE(probe_.ask("/hung" + std::to_string(i))); });
+  }
+  while (file_system_.asked() < static_cast<int>(SpaceProbe::most_questions)) std::this_thread::yield();
+  EXPECT_FALSE(probe_.ask("/one more"));
+  EXPECT_EQ(file_system_.asked(), static_cast<int>(SpaceProbe::most_questions));
+  clock_.awaitWaiterFor(SpaceProbe::patience, SpaceProbe::most_questions);
+  clock_.advance(SpaceProbe::patience);
+  for (std::thread& thread : asking) thread.join();
+  file_system_.answer();
+  while (log_.count("answers again") < SpaceProbe::most_questions) std::this_thread::yield();
 }
 
 }  // namespace

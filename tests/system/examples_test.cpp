@@ -70,7 +70,8 @@ TEST_P(ExampleService, ThatIsStoppedForAWhileAnswersWhenItGoesOn) {
   service->signal(SIGSTOP);
   Client client(daemon_);
   client.startPurge({{KELVANE_VOLUME, volume_.path()}, {KELVANE_AMOUNT, mebibyte}, {KELVANE_URGENCY, 4}});
-  ASSERT_TRUE(daemon_.logged("requesting 1048576 bytes from com.example.cache")) << daemon_.process().output();
+  ASSERT_TRUE(daemon_.logged("requesting 1048576 bytes from com.example.cache"))
+      << daemon_.process().output();
   service->signal(SIGCONT);
   const auto result = client.finishPurge();
   ASSERT_TRUE(result);

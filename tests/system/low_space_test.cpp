@@ -182,9 +182,9 @@ TEST_F(LowSpace, OneOfTwoThousandVolumesIsSeen) {
   while (!volumes.empty()) volumes.pop_back();
 }
 
-TEST_F(LowSpace, AnEventWithoutFlagsOrWithUnknownBitsPurgesWhatIsLowAndOneWithATextForThemToo) {
+TEST_F(LowSpace, AnEventWithoutFlagsWithUnknownBitsOrWithATextForThemFindsNoneAndHarmsNobody) {
   const Volume volume(64);
-  Daemon& daemon = this->daemon();
+  Daemon& daemon = this->daemon({});
   const auto service = startService(daemon, "silent", "com.example.cache", volume.fill("cache", 1, mebibyte));
   for (const std::vector<std::string>& event : {std::vector<std::string>{"0"},
                                                 {"1", "_Flags", "t", "9223372036854775811"},

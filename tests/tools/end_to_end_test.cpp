@@ -214,7 +214,7 @@ TEST(Kelvanectl, CancelsThePurgeOnCtrlCAndSaysWhatWasFreed) {
   const auto service =
       startService(daemon, "deletes", "com.example.cache", volume.fill("cache", 8, mebibyte));
   const auto silent = startService(daemon, "silent", "com.example.silent", volume.path());
-  OnTerminal purge(daemon, {"purge", volume.path(), "16M", "--pass-seconds", "1", "--urgency", "1"});
+  OnTerminal purge(daemon, {"purge", volume.path(), "16M", "--pass-seconds", "2", "--urgency", "1"});
   ASSERT_TRUE(purge.printed("8.0 MiB of 16.0 MiB,")) << purge.all();
   purge.type("\x03");
   EXPECT_EQ(purge.finish(), 130);
