@@ -71,10 +71,11 @@ class FakeService {
     state_->on_purgeable = std::move(answer);
   }
   /// Answers every question about purgeable space with this.
-  void answersPurgeable(const std::optional<Dictionary>& answer) {
-    onPurgeable([answer](const Question& /*question*/, const ResultReply& reply) {
-      reply(answer);
-    });
+  void answersPurgeable(const Dictionary& answer) {
+    onPurgeable([answer](const Question& /*question*/, const ResultReply& reply) { reply(answer); });
+  }
+  void answersPurgeable(std::nullopt_t) {
+    onPurgeable([](const Question& /*question*/, const ResultReply& reply) { reply(std::nullopt); });
   }
   void onPing(std::function<void(const Reply<>& reply)> answer) { state_->on_ping = std::move(answer); }
   void answersCancel(bool answers) { state_->answers_cancel = answers; }
