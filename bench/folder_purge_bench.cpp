@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -71,6 +72,7 @@ void make(const std::string& folder, const Shape& shape) {
 
 void run(std::vector<std::string> words) {
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
   pid_t child = 0;
@@ -173,8 +175,12 @@ int main(int argc, char** argv) {
   app.add_option("--small-files", settings.small_files)->check(CLI::PositiveNumber);
   app.add_option("--large-files", settings.large_files)->check(CLI::PositiveNumber);
   CLI11_PARSE(app, argc, argv);
-  measure({"small files of 4 KiB, 1,000 in a folder", settings.small_files, 1000, 4096}, settings);
-  measure({"large files of 16 MiB, 50 in a folder", settings.large_files, 50, std::size_t{16} << 20},
-          settings);
+  try {
+    measure({"small files of 4 KiB, 1,000 in a folder", settings.small_files, 1000, 4096}, settings);
+    measure({"large files of 16 MiB, 50 in a folder", settings.large_files, 50, std::size_t{16} << 20},
+            settings);
+  } catch (const std::exception& error) {
+    fail(error.what());
+  }
   return 0;
 }

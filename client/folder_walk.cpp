@@ -12,7 +12,7 @@
 namespace kelvane::client {
 namespace {
 
-constexpr std::size_t entries_bytes = 256 * 1024;
+constexpr std::size_t entries_bytes = std::size_t{256} << 10;
 constexpr std::size_t open_levels = 32;
 
 bool isDots(const char* name) { return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0; }

@@ -47,10 +47,10 @@ void enter(RecentVolumes& volumes, const std::string& volume, const std::string&
   const std::uint64_t freespace = volumeFreespace(volume);
   const Date now = currentDate();
   auto found = volumes.find(volume);
-  if (found == volumes.end())
-    found =
-        volumes.emplace(volume, KelvaneRecentVolumeInfo::kelvaneRecentVolumeInfo({}, freespace, now, volume))
-            .first;
+  if (found == volumes.end()) {
+    auto entry = KelvaneRecentVolumeInfo::kelvaneRecentVolumeInfo({}, freespace, now, volume);
+    found = volumes.emplace(volume, std::move(entry)).first;
+  }
   found->second.setService(identifier, info);
   found->second.setFreespace(freespace);
   found->second.setTimestamp(now);

@@ -65,7 +65,7 @@ enum class PurgeEnd {
 };
 
 struct FolderPurge {
-  static constexpr std::uint64_t asked_from = 64 * 1024;
+  static constexpr std::uint64_t asked_from = std::uint64_t{64} << 10;
 
   PurgeEnd end = PurgeEnd::nothingLeft;
   std::uint64_t freed = 0;  // bytes that are free now

@@ -115,10 +115,10 @@ bool SuiteFile::checkPages() {
   return found == "ok" || spoiled(found);
 }
 
-/// A power loss may leave a torn frame behind the log's end. The next one written there continues the log, and
-/// when that one is lost in part as well, the two parts could pass for a frame that was written whole. So what
-/// is in the log goes into the file, and the next frame begins a new log. Where that cannot be done now, as on
-/// a full volume or beside another process, the log serves on as it is.
+/// A power loss may leave a torn frame behind the log's end. The next one written there continues the log,
+/// and when that one is lost in part as well, the two parts could pass for a frame that was written whole. So
+/// what is in the log goes into the file, and the next frame begins a new log. Where that cannot be done now,
+/// as on a full volume or beside another process, the log serves on as it is.
 bool SuiteFile::emptyLog() {
   const int result =
       sqlite3_wal_checkpoint_v2(connection_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
