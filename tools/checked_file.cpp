@@ -82,8 +82,8 @@ class Check {
   template <std::size_t count>
   void keys(const std::array<Key, count>& known) {
     for (const auto& [name, value] : file_.contents) {
-      const auto key =
-          std::find_if(known.begin(), known.end(), [&](const Key& each) { return name == each.name; });
+      const auto key = std::find_if(known.begin(), known.end(),
+                                    [&name = name](const Key& each) { return name == each.name; });
       const std::string element = "<key>" + name + "</key>";
       if (key == known.end()) {
         fault(element, fmt::format("\"{}\" is no key that is known", name));

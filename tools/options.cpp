@@ -168,6 +168,7 @@ void describe(CLI::App& app, Options& options) {
       ->required()
       ->type_name("FILE");
   describeState(app, options);
+  addCommand(app, options, "stats", "Show what the daemon has counted since its start", statsCommand);
   describeLaunch(app, options);
   app.footer(footer());
 }

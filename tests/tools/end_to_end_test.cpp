@@ -286,6 +286,17 @@ TEST(Kelvanectl, KeepsReadsAndRemovesState) {
   EXPECT_EQ(wrong.output, "kelvanectl: \"green\" is no JSON; a text is quoted, as in '\"text\"'\n");
 }
 
+TEST(Kelvanectl, ShowsWhatTheDaemonCounted) {
+  const Folder folder;
+  EXPECT_EQ(ctl({"--daemon", folder.path() + "/kelvane.sock", "stats"}).status, 6);
+  writeFile(folder.path() + "/metrics.prom",
+            "kelvane_reports_total{domain=\"d\",key=\"KelvanePurgeFailed\"} 3\n");
+  const Finished stats = ctl({"--daemon", folder.path() + "/kelvane.sock", "stats"});
+  EXPECT_EQ(stats.status, 0);
+  EXPECT_THAT(stats.output, testing::ContainsRegex("KelvanePurgeFailed +3\n"));
+  expectMatchesSchema(ctl({"--daemon", folder.path() + "/kelvane.sock", "--json", "stats"}).output);
+}
+
 TEST(Kelvanectl, RunsActivitiesAndPostsEvents) {
   Daemon daemon;
   EXPECT_EQ(ctl(daemon, {"activity", "run", "com.orvel.Kelvane.daily"}).status, 0);
