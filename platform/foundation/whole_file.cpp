@@ -30,8 +30,8 @@ std::string_view kindOf(mode_t mode) {
 
 std::string tooLarge(std::size_t cap) { return fmt::format("is larger than {} bytes", cap); }
 
-/// Fills `bytes` from `filled` on, up to its end or the end of the file, and cuts it off there; false with errno
-/// set when reading fails. A file that has as many bytes as it said is not asked for more.
+/// Fills `bytes` from `filled` on, up to its end or the end of the file, and cuts it off there; false with
+/// errno set when reading fails. A file that has as many bytes as it said is not asked for more.
 bool readFully(int file, std::size_t filled, std::size_t said, Data::Bytes& bytes) {
   while (filled < bytes.size()) {
     const ssize_t count = ::read(file, bytes.data() + filled, bytes.size() - filled);
