@@ -11,11 +11,12 @@
 namespace kelvane {
 
 bool isOverQuota(const QuotaUsage& usage) {
-  const auto over = [](std::uint64_t used, std::uint64_t soft, std::uint64_t hard) {
-    return (soft != 0 && used > soft) || (hard != 0 && used >= hard);
+  constexpr std::uint64_t least_bytes = 4096;  // that a file system gives away at a time
+  const auto over = [](std::uint64_t used, std::uint64_t least, std::uint64_t soft, std::uint64_t hard) {
+    return (soft != 0 && used > soft) || (hard != 0 && used + least > hard);
   };
-  return over(usage.bytes, usage.bytes_soft, usage.bytes_hard) ||
-         over(usage.files, usage.files_soft, usage.files_hard);
+  return over(usage.bytes, least_bytes, usage.bytes_soft, usage.bytes_hard) ||
+         over(usage.files, 1, usage.files_soft, usage.files_hard);
 }
 
 std::optional<QuotaUsage> quotaUsage(const std::string& path, uid_t user) {

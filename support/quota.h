@@ -17,7 +17,7 @@ struct QuotaUsage {
   std::uint64_t files_hard = 0;
 };
 
-/// Over: more than a soft limit, or all of a hard one, which nobody can exceed.
+/// Over: more than a soft limit, or so much of a hard one, which nobody can exceed, that nothing more fits.
 [[nodiscard]] bool isOverQuota(const QuotaUsage& usage);
 
 /// Nothing when the file system mounted at `path` keeps no quotas, or may not be asked.

@@ -65,11 +65,13 @@ TEST(SpaceLevel, OtherThresholdsCanBeGiven) {
   EXPECT_EQ(spaceLevel(ofOneGiB(GiB / 2), SpaceLevel::low, thresholds), SpaceLevel::plenty);
 }
 
-TEST(Quota, IsExceededAboveASoftLimitAndAtAHardOne) {
+TEST(Quota, IsExceededAboveASoftLimitAndWhereNothingMoreFitsBelowAHardOne) {
+  constexpr std::uint64_t KiB = 1024;
   EXPECT_FALSE(isOverQuota({100, 0, 0, 100, 0, 0}));
-  EXPECT_FALSE(isOverQuota({100, 100, 101, 0, 0, 0}));
-  EXPECT_TRUE(isOverQuota({101, 100, 200, 0, 0, 0}));
-  EXPECT_TRUE(isOverQuota({200, 0, 200, 0, 0, 0}));
+  EXPECT_FALSE(isOverQuota({100 * KiB, 100 * KiB, 104 * KiB, 0, 0, 0}));
+  EXPECT_TRUE(isOverQuota({100 * KiB + 1, 100 * KiB, 200 * KiB, 0, 0, 0}));
+  EXPECT_TRUE(isOverQuota({200 * KiB, 0, 200 * KiB, 0, 0, 0}));
+  EXPECT_TRUE(isOverQuota({100 * KiB, 0, 101 * KiB, 0, 0, 0}));  // a limit that is no multiple of a block
   EXPECT_TRUE(isOverQuota({0, 0, 0, 11, 10, 0}));
   EXPECT_TRUE(isOverQuota({0, 0, 0, 20, 0, 20}));
 }
