@@ -68,6 +68,7 @@ std::optional<QuotaWarning> QuotaWarnings::next() {
 }
 
 std::optional<QuotaWarning> parseQuotaWarning(std::span<const unsigned char> message) {
+  if (message.empty()) return std::nullopt;
   // Aligned as the header is, which a buffer of bytes need not be.
   std::vector<std::uint64_t> aligned(message.size() / sizeof(std::uint64_t) + 1);
   std::memcpy(aligned.data(), message.data(), message.size());
