@@ -5,7 +5,7 @@ chmod 755 "$folder"  # some tests are other users meanwhile
 trap 'rm -rf "$folder"' EXIT
 TMPDIR=$folder "$@"
 status=$?
-left=$(ls -A "$folder")
+left=$(find "$folder" -mindepth 1)
 [ -z "$left" ] && exit "$status"
 printf 'left behind in the folder for temporary files:\n%s\n' "$left" >&2
 exit 1

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 namespace kelvane::test {
 
@@ -21,8 +22,10 @@ class TemporaryDirectory {
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
   ~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    // What another thread is just letting go of, a settings file's log for one, may vanish in the middle.
+    std::error_code failed;
+    do std::filesystem::remove_all(path_, failed);
+    while (failed == std::errc::no_such_file_or_directory || failed == std::errc::directory_not_empty);
   }
 
   [[nodiscard]] const std::string& path() const { return path_; }
