@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 #include "support/service_record.h"
 
 namespace kelvane {

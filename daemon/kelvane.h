@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "interface/client_interface.h"
+#include "kelvane/value.h"
 #include "operations/operation.h"
 #include "platform/dispatch/queue.h"
-#include "platform/foundation/value.h"
 #include "support/listener.h"
 #include "support/paths.h"
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <utility>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 #include "support/recent_info.h"
 
 namespace kelvane {

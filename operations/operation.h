@@ -13,10 +13,10 @@
 #include <memory>
 #include <string>
 
+#include "kelvane/value.h"
 #include "operations/services.h"
 #include "platform/dispatch/group.h"
 #include "platform/dispatch/queue.h"
-#include "platform/foundation/value.h"
 #include "support/service_calls.h"
 
 namespace kelvane {

@@ -4,8 +4,8 @@
 #include <string>
 #include <variant>
 
+#include "kelvane/value.h"
 #include "platform/dispatch/queue.h"
-#include "platform/foundation/value.h"
 #include "support/recent_info.h"
 
 namespace kelvane {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/foundation/copy_on_write.h"
+#include "kelvane/copy_on_write.h"
 #include "support/service_record.h"
 
 namespace kelvane {

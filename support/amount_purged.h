@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "common/keys.h"
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 #include "platform/xpc/credentials.h"
 
 namespace kelvane {

@@ -19,7 +19,7 @@
 #include <variant>
 #include <vector>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane {
 

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 #include "tools/screen.h"
 
 namespace kelvane::tools {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane::tools {
 

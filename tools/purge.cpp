@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <algorithm>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 #include "tools/amount.h"
 
 namespace kelvane::tools {

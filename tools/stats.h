@@ -3,7 +3,7 @@
 #include <map>
 #include <string>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 #include "tools/screen.h"
 
 namespace kelvane::tools {

@@ -26,7 +26,7 @@
 
 #include "common/keys.h"
 #include "kelvane/result.h"
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane::client {
 

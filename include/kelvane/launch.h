@@ -8,7 +8,7 @@
 #include <string>
 
 #include "kelvane/result.h"
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane::client {
 

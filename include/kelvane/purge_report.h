@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane::client {
 

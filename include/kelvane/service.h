@@ -38,7 +38,7 @@
 #include "common/keys.h"
 #include "kelvane/cancellation.h"
 #include "kelvane/result.h"
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane::client {
 

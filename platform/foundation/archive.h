@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <span>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane::foundation {
 

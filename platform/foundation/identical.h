@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane::foundation {
 

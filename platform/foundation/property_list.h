@@ -13,7 +13,7 @@
 #include <span>
 #include <string>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane {
 

@@ -17,8 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include "kelvane/value.h"
 #include "platform/foundation/sqlite_handle.h"
-#include "platform/foundation/value.h"
 
 namespace kelvane::foundation {
 

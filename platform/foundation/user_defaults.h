@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane {
 

@@ -1,4 +1,4 @@
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 #include <algorithm>
 #include <array>

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane {
 

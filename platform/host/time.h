@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 
 namespace kelvane {
 

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
+#include "kelvane/value.h"
 #include "platform/dispatch/queue.h"
-#include "platform/foundation/value.h"
 
 namespace kelvane {
 

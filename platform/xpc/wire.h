@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/foundation/value.h"
+#include "kelvane/value.h"
 #include "platform/xpc/endpoint.h"
 #include "platform/xpc/error.h"
 

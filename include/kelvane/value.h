@@ -21,7 +21,7 @@
 #include <variant>
 #include <vector>
 
-#include "platform/foundation/copy_on_write.h"
+#include "kelvane/copy_on_write.h"
 
 namespace kelvane {
 
