@@ -59,9 +59,11 @@ struct Client::Calls : std::enable_shared_from_this<Client::Calls> {
     Call(std::shared_ptr<Calls> all, Completion<T> completion)
         : calls(std::move(all)), done(std::move(completion)) {}
 
-    void finish(Result<T> result) {
+    /// With a result, or what one is made of.
+    template <class Outcome>
+    void finish(Outcome outcome) {
       if (finished.exchange(true)) return;
-      done(std::move(result));
+      done(std::move(outcome));
       calls->remove(place);
     }
 

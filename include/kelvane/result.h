@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -28,24 +29,23 @@ template <class T>
 class [[nodiscard]] Result {
  public:
   Result(T value) : value_(std::move(value)) {}
-  Result(Error error) : failed_(true), error_(std::move(error)) {}
+  Result(Error error) : error_(std::move(error)) {}
 
-  explicit operator bool() const { return !failed_; }
-  const T& operator*() const& { return check(), value_; }
-  T& operator*() & { return check(), value_; }
-  T&& operator*() && { return check(), std::move(value_); }
-  const T* operator->() const { return check(), &value_; }
-  T* operator->() { return check(), &value_; }
+  explicit operator bool() const { return value_.has_value(); }
+  const T& operator*() const& { return check(), *value_; }
+  T& operator*() & { return check(), *value_; }
+  T&& operator*() && { return check(), std::move(*value_); }
+  const T* operator->() const { return check(), &*value_; }
+  T* operator->() { return check(), &*value_; }
   /// Empty when there is a value.
   [[nodiscard]] const Error& error() const { return error_; }
 
  private:
   void check() const {
-    if (failed_) throw std::logic_error("there is no value: " + error_.reason);
+    if (!value_) throw std::logic_error("there is no value: " + error_.reason);
   }
 
-  T value_{};
-  bool failed_ = false;
+  std::optional<T> value_;
   Error error_;
 };
 
