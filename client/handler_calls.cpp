@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/keys.h"
 #include "support/protocols.h"
 
 namespace kelvane::client {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "client/daemon_socket.h"
+#include "common/keys.h"
 #include "platform/dispatch/clock.h"
 #include "support/protocols.h"
 

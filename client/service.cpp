@@ -92,6 +92,8 @@ Result<std::unique_ptr<Service>> Service::start(ServiceHandler& handler, const S
   return std::unique_ptr<Service>(new Service(std::move(parts)));
 }
 
+ServiceHandler::~ServiceHandler() = default;
+
 Service::Service(std::unique_ptr<Parts> parts) : parts_(std::move(parts)) {}
 Service::~Service() = default;
 

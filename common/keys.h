@@ -1,8 +1,9 @@
 #pragma once
 
-// Key names and constants that more than one folder uses. Nothing here runs.
+// Key names and constants that more than one folder uses, beside those that the library's users see. Nothing
+// here runs.
 
-#include <cstdint>
+#include "kelvane/keys.h"
 
 namespace kelvane {
 
@@ -10,25 +11,11 @@ inline constexpr const char* kelvane_log_tag = "Kelvane";
 inline constexpr const char* kelvane_domain = "com.orvel.kelvane";  // settings suite and statistics domain
 
 // The info dictionary: requests, requests to one service, replies and results.
-inline constexpr const char* KELVANE_VOLUME = "KELVANE_VOLUME";
-inline constexpr const char* KELVANE_AMOUNT = "KELVANE_AMOUNT";
-inline constexpr const char* KELVANE_URGENCY = "KELVANE_URGENCY";
-inline constexpr const char* KELVANE_URGENCY_LIMIT = "KELVANE_URGENCY_LIMIT";
-inline constexpr const char* KELVANE_QUOTA_EVENT = "KELVANE_QUOTA_EVENT";
-inline constexpr const char* KELVANE_PURGE_TIMEOUT = "KELVANE_PURGE_TIMEOUT";
 inline constexpr const char* KELVANE_ASYNC = "KELVANE_ASYNC";
-inline constexpr const char* KELVANE_TOKEN = "KELVANE_TOKEN";
-inline constexpr const char* KELVANE_ERROR = "KELVANE_ERROR";
-inline constexpr const char* KELVANE_FREESPACE_BEGIN = "KELVANE_FREESPACE_BEGIN";
-inline constexpr const char* KELVANE_FREESPACE_END = "KELVANE_FREESPACE_END";
-inline constexpr const char* KELVANE_AMOUNT_REPORTED = "KELVANE_AMOUNT_REPORTED";
-inline constexpr const char* KELVANE_ELAPSED_TIME = "KELVANE_ELAPSED_TIME";
-inline constexpr const char* KELVANE_OPERATION_CANCELLED = "KELVANE_OPERATION_CANCELLED";
 inline constexpr const char* KELVANE_SERVICES_INFLIGHT = "KELVANE_SERVICES_INFLIGHT";
 inline constexpr const char* KELVANE_REPORTING_SERVICES = "KELVANE_REPORTING_SERVICES";
 inline constexpr const char* KELVANE_SERVICES_TO_QUERY = "KELVANE_SERVICES_TO_QUERY";
 inline constexpr const char* KELVANE_SERVICES_TO_COUNT = "KELVANE_SERVICES_TO_COUNT";
-inline constexpr const char* KELVANE_TOTAL_AVAILABLE = "KELVANE_TOTAL_AVAILABLE";
 inline constexpr const char* KELVANE_OPT_OUT = "KELVANE_OPT_OUT";
 inline constexpr const char* KELVANE_RECENT_SERVICE_STATS = "KELVANE_RECENT_SERVICE_STATS";
 
@@ -44,7 +31,6 @@ inline constexpr const char* service_kind_purge = "PURGE";
 inline constexpr const char* checkin_reply_anonymous = "ANON";
 
 // The state store.
-inline constexpr const char* KELVANE_CACHE_ENABLED = "KELVANE_CACHE_ENABLED";
 inline constexpr const char* KELVANE_USER_DEFAULTS = "KELVANE_USER_DEFAULTS";
 
 // Entitlements. A grant lists them under `entitlements_key`.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/keys.h"
 #include "platform/host/time.h"
 #include "support/recent_info.h"
 #include "support/volumes.h"

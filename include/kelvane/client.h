@@ -7,9 +7,8 @@
 //   if (!freed) complain(freed.error().reason);
 //   else use((*freed)[kelvane::KELVANE_AMOUNT].unsignedLongLongValue());
 //
-// Values. Dictionaries are kelvane::Dictionary of platform/foundation/value.h, a cheap value that copies by
-// sharing; it stands in for a type of this library's own. The names of the keys are in common/keys.h. Amounts
-// are bytes.
+// Values. Dictionaries are kelvane::Dictionary of kelvane/value.h, a cheap value that copies by sharing. The
+// names of the keys are in kelvane/keys.h. Amounts are bytes.
 //
 // Who may ask. What the grants in entitlements.d give to the user, group and label of this process. A request
 // that is not granted is answered with Failure::refused, and so is one about a volume that the daemon does
@@ -24,7 +23,8 @@
 #include <optional>
 #include <string>
 
-#include "common/keys.h"
+#include "kelvane/export.h"
+#include "kelvane/keys.h"
 #include "kelvane/result.h"
 #include "kelvane/value.h"
 
@@ -38,10 +38,10 @@ struct ClientOptions {
 /// go: 1 (only what nobody will miss) to 4 (all that can be made again); anything else counts as 3.
 /// `pass_seconds` bounds the wait for the services in each of the passes (300 at most; 0: 2, 4, 6, 8
 /// seconds).
-[[nodiscard]] Dictionary purgeRequest(const std::string& volume, std::uint64_t bytes, int urgency_limit = 3,
-                                      std::uint64_t pass_seconds = 0);
+[[nodiscard]] KELVANE_EXPORT Dictionary purgeRequest(const std::string& volume, std::uint64_t bytes,
+                                                     int urgency_limit = 3, std::uint64_t pass_seconds = 0);
 
-class Client {
+class KELVANE_EXPORT Client {
  public:
   template <class T>
   using Completion = std::function<void(Result<T>)>;

@@ -28,6 +28,7 @@
 #include "kelvane/cancellation.h"
 
 namespace kelvane::client {
+#include "kelvane/export.h"
 
 enum class PurgeOrder {
   /// One folder after the other, its files first, as the file system lists them: in no order that means
@@ -78,10 +79,11 @@ struct FolderPurge {
 
 /// `folder` is a descriptor of a directory, of any kind and access; it stays open and is not changed. The
 /// path may itself be a link. Cancelling is looked for before each file.
-[[nodiscard]] FolderPurge purgeFolder(int folder, const FolderPurgeOptions& options,
-                                      const Cancellation& cancellation) noexcept;
-[[nodiscard]] FolderPurge purgeFolder(const std::string& path, const FolderPurgeOptions& options,
-                                      const Cancellation& cancellation) noexcept;
+[[nodiscard]] KELVANE_EXPORT FolderPurge purgeFolder(int folder, const FolderPurgeOptions& options,
+                                                     const Cancellation& cancellation) noexcept;
+[[nodiscard]] KELVANE_EXPORT FolderPurge purgeFolder(const std::string& path,
+                                                     const FolderPurgeOptions& options,
+                                                     const Cancellation& cancellation) noexcept;
 
 /// The bytes of files that purging with these options could free, their amount and order aside. Files with
 /// several names count nothing. 0 when the folder cannot be read.

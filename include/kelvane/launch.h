@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "kelvane/export.h"
 #include "kelvane/result.h"
 #include "kelvane/value.h"
 
@@ -15,7 +16,7 @@ namespace kelvane::client {
 /// Every member may be called on any thread, and blocks until the daemon has answered: an activity or an
 /// event is answered when it has been dealt with, which may take minutes. After `patience` without an answer
 /// it fails with Failure::connectionLost; what was begun goes on in the daemon.
-class LaunchSocket {
+class KELVANE_EXPORT LaunchSocket {
  public:
   explicit LaunchSocket(std::string path, std::chrono::seconds patience = std::chrono::hours(24))
       : path_(std::move(path)), patience_(patience) {}

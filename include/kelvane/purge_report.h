@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kelvane/export.h"
 #include "kelvane/value.h"
 
 namespace kelvane::client {
@@ -31,6 +32,6 @@ struct PurgeReport {
 };
 
 /// Takes a purge's answer apart. What is missing or malformed in it is left at its default.
-[[nodiscard]] PurgeReport readPurgeReport(const Dictionary& answer);
+[[nodiscard]] KELVANE_EXPORT PurgeReport readPurgeReport(const Dictionary& answer);
 
 }  // namespace kelvane::client

@@ -36,6 +36,8 @@
 #include <vector>
 
 #include "common/keys.h"
+#include "kelvane/export.h"
+#include "kelvane/keys.h"
 #include "kelvane/cancellation.h"
 #include "kelvane/result.h"
 #include "kelvane/value.h"
@@ -63,9 +65,9 @@ enum class ServiceState {
   serving,     // declared: the socket is open
 };
 
-class ServiceHandler {
+class KELVANE_EXPORT ServiceHandler {
  public:
-  virtual ~ServiceHandler() = default;
+  virtual ~ServiceHandler();
 
   /// Nothing: cannot say (the daemon then counts 0).
   virtual std::optional<Purgeable> purgeable(const Request& request) = 0;
@@ -102,7 +104,7 @@ struct ServiceOptions {
   std::optional<std::vector<uid_t>> callers;
 };
 
-class Service {
+class KELVANE_EXPORT Service {
  public:
   /// Starts serving; does not wait for the daemon. Fails with Failure::badRequest on options that cannot be
   /// used, with the reason: no ID, a socket that cannot be made or was not handed over.

@@ -22,10 +22,11 @@
 #include <vector>
 
 #include "kelvane/copy_on_write.h"
+#include "kelvane/export.h"
 
 namespace kelvane {
 
-class Value;
+class KELVANE_EXPORT Value;
 
 /// A moment, in microseconds since 1970-01-01T00:00:00Z; earlier moments are negative.
 struct Date {
@@ -55,7 +56,7 @@ class Data {
 };
 
 /// Values in order. Holds no "nothing": appending nothing is ignored.
-class Array {
+class KELVANE_EXPORT Array {
  public:
   using Elements = std::vector<Value>;
   Array() = default;
@@ -69,7 +70,7 @@ class Array {
   [[nodiscard]] Elements::const_iterator end() const;
   [[nodiscard]] bool contains(const Value& value) const;
   void append(Value value);
-  friend bool operator==(const Array& a, const Array& b);
+  friend KELVANE_EXPORT bool operator==(const Array& a, const Array& b);
 
  private:
   foundation::CopyOnWrite<Elements> elements_;
@@ -77,7 +78,7 @@ class Array {
 
 /// String keys to values; iterates in the order of the keys' bytes. Holds no "nothing": setting a key to
 /// nothing removes it, and reading an absent key gives nothing.
-class Dictionary {
+class KELVANE_EXPORT Dictionary {
  public:
   using Entries = std::map<std::string, Value, std::less<>>;
   Dictionary() = default;
@@ -93,13 +94,13 @@ class Dictionary {
   void set(std::string_view key, Value value);
   void remove(std::string_view key);
   void clear();
-  friend bool operator==(const Dictionary& a, const Dictionary& b);
+  friend KELVANE_EXPORT bool operator==(const Dictionary& a, const Dictionary& b);
 
  private:
   foundation::CopyOnWrite<Entries> entries_;
 };
 
-class Value {
+class KELVANE_EXPORT Value {
   template <class Integer>
   using Widest =
       std::conditional_t<std::is_same_v<Integer, bool>, bool,
@@ -156,7 +157,7 @@ class Value {
   [[nodiscard]] const Held& held() const { return held_; }
 
   /// Numbers are equal when they stand for the same number, whatever holds it (true equals 1).
-  friend bool operator==(const Value& a, const Value& b);
+  friend KELVANE_EXPORT bool operator==(const Value& a, const Value& b);
 
  private:
   Held held_;
