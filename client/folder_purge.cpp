@@ -254,8 +254,9 @@ void purgeOldestFirst(Purger& purger, int root) {
 /// Adds up and touches nothing.
 class Sum final : public FolderWalk::Visitor {
  public:
-  explicit Sum(const FolderPurgeOptions& options) : options_(options) {}
-  [[nodiscard]] bool done() override { return false; }
+  Sum(const FolderPurgeOptions& options, const Cancellation& cancellation)
+      : options_(options), cancellation_(cancellation) {}
+  [[nodiscard]] bool done() override { return cancellation_.isCancelled(); }
   void file(int /*folder*/, const char* /*name*/, const struct stat& status) override {
     if (status.st_nlink == 1 && mayGo(status, options_)) bytes += bytesOf(status);
   }
@@ -267,6 +268,7 @@ class Sum final : public FolderWalk::Visitor {
 
  private:
   const FolderPurgeOptions& options_;
+  const Cancellation& cancellation_;
 };
 
 }  // namespace
@@ -300,9 +302,10 @@ FolderPurge purgeFolder(const std::string& path, const FolderPurgeOptions& optio
   return purge;
 }
 
-std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options) noexcept {
+std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options,
+                             const Cancellation& cancellation) noexcept {
   try {
-    Sum sum(options);
+    Sum sum(options, cancellation);
     return FolderWalk(sum).run(folder) ? sum.bytes : 0;
   } catch (const std::bad_alloc&) {
     return 0;

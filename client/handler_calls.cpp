@@ -30,11 +30,12 @@ Dictionary amount(std::uint64_t bytes) { return Dictionary{{KELVANE_AMOUNT, byte
 }  // namespace
 
 /// The service as one connection sees it. Its methods run on the connection's queue. It goes when the
-/// connection has ended: nobody then waits for the purges asked for over it.
+/// connection has ended: nobody then waits for the purges asked for over it, nor for an answer.
 class HandlerCalls::Door final : public KelvaneServiceProtocol {
  public:
   explicit Door(std::shared_ptr<HandlerCalls> calls) : calls_(std::move(calls)) {}
   ~Door() override {
+    gone_->store(true);
     for (const auto& flag : asked_) flag->store(true);
   }
   Door(const Door&) = delete;
@@ -43,8 +44,8 @@ class HandlerCalls::Door final : public KelvaneServiceProtocol {
   void servicePurgeable(std::int32_t urgency, Dictionary info,
                         Reply<std::optional<Dictionary>> reply) override {
     calls_->submit(calls_->question_queue_,
-                   [urgency, info = std::move(info), reply = std::move(reply)](auto& handler) {
-                     reply(answerOf(handler.purgeable(requestOf(urgency, info))));
+                   [gone = gone_, urgency, info = std::move(info), reply = std::move(reply)](auto& handler) {
+                     reply(answerOf(handler.purgeable(requestOf(urgency, info), Cancellation(gone))));
                    });
   }
 
@@ -92,6 +93,7 @@ class HandlerCalls::Door final : public KelvaneServiceProtocol {
 
  private:
   const std::shared_ptr<HandlerCalls> calls_;
+  const Flag gone_ = std::make_shared<std::atomic<bool>>(false);
   std::vector<Flag> asked_;  // on the connection's queue only; a flag that is only here has been answered
 };
 

@@ -44,9 +44,9 @@ class CacheService final : public client::ServiceHandler {
   CacheService(FileDescriptor folder, const Settings& settings)
       : folder_(std::move(folder)), settings_(settings) {}
 
-  std::optional<Purgeable> purgeable(const Request& request) override {
+  std::optional<Purgeable> purgeable(const Request& request, const Cancellation& cancellation) override {
     if (!concerns(request)) return Purgeable{};
-    return Purgeable{client::purgeableBytes(folder_.get(), optionsFor(request))};
+    return Purgeable{client::purgeableBytes(folder_.get(), optionsFor(request), cancellation)};
   }
 
   std::uint64_t purge(const Request& request, const Cancellation& cancellation) override {

@@ -22,7 +22,8 @@ class Cache final : public client::ServiceHandler {
   Cache(std::string folder, CacheReport& report, int registered)
       : folder_(std::move(folder)), report_(report), registered_(registered) {}
 
-  std::optional<client::Purgeable> purgeable(const client::Request& /*request*/) override {
+  std::optional<client::Purgeable> purgeable(const client::Request& /*request*/,
+                                             const client::Cancellation& /*cancellation*/) override {
     return std::nullopt;
   }
   std::uint64_t purge(const client::Request& request, const client::Cancellation& /*cancellation*/) override {

@@ -6,9 +6,9 @@
 
 namespace kelvane::client {
 
-/// Says whether a purge is still wanted: no longer when the daemon cancels it, when the connection it came
-/// over has ended (the daemon waits no longer) and when the Service is being destroyed. Cheap to copy; any
-/// thread.
+/// Says whether a purge, or the answer to a question, is still wanted: no longer when the daemon cancels the
+/// purge, when the connection it came over has ended (the daemon waits no longer) and when the Service is
+/// being destroyed. Cheap to copy; any thread.
 class Cancellation {
  public:
   using Flag = std::shared_ptr<const std::atomic<bool>>;

@@ -7,7 +7,9 @@
 //
 // Safety. Whoever can write in the folder need not be trusted. Names are looked up one by one from the
 // folder's own descriptor; no link is followed and no mount is entered, bind mounts included; so what is
-// deleted was in the folder when its own folder was opened. Only regular files go, and folders when that is
+// deleted was in the folder when its own folder was opened. A folder that is moved away while its files are
+// being deleted is emptied all the same, wherever it is then; those in it that were not yet entered stay as
+// they are once the walk cannot find its way back. Only regular files go, and folders when that is
 // asked for. Links, sockets, pipes and devices stay. What vanishes, or cannot be read or deleted, is passed
 // over.
 //
@@ -26,9 +28,9 @@
 #include <string>
 
 #include "kelvane/cancellation.h"
+#include "kelvane/export.h"
 
 namespace kelvane::client {
-#include "kelvane/export.h"
 
 enum class PurgeOrder {
   /// One folder after the other, its files first, as the file system lists them: in no order that means
@@ -86,7 +88,9 @@ struct FolderPurge {
                                                      const Cancellation& cancellation) noexcept;
 
 /// The bytes of files that purging with these options could free, their amount and order aside. Files with
-/// several names count nothing. 0 when the folder cannot be read.
-[[nodiscard]] std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options) noexcept;
+/// several names count nothing. 0 when the folder cannot be read; when cancelled, what was counted until
+/// then.
+[[nodiscard]] KELVANE_EXPORT std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options,
+                                                          const Cancellation& cancellation) noexcept;
 
 }  // namespace kelvane::client

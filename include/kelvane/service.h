@@ -4,7 +4,7 @@
 // daemon asks.
 //
 //   class Thumbnails final : public kelvane::client::ServiceHandler {
-//     std::optional<Purgeable> purgeable(const Request& request) override { ... }
+//     std::optional<Purgeable> purgeable(const Request& request, const Cancellation&) override { ... }
 //     std::uint64_t purge(const Request& request, const Cancellation& cancellation) override { ... }
 //   };
 //   Thumbnails thumbnails;
@@ -23,8 +23,8 @@
 // The daemon's pings are answered by the library, whatever the handler is doing. Nothing may be thrown out of
 // a handler.
 //
-// Lifetimes. The handler must outlive the Service. Destroying the Service cancels the purge that runs, waits
-// for the calls that run to return, and ends the rest: no call of the handler begins or goes on afterwards.
+// Lifetimes. The handler must outlive the Service. Destroying the Service cancels what runs, waits for the
+// calls that run to return, and ends the rest: no call of the handler begins or goes on afterwards.
 //
 // Values. See kelvane/client.h. Amounts are bytes.
 
@@ -35,10 +35,9 @@
 #include <string>
 #include <vector>
 
-#include "common/keys.h"
+#include "kelvane/cancellation.h"
 #include "kelvane/export.h"
 #include "kelvane/keys.h"
-#include "kelvane/cancellation.h"
 #include "kelvane/result.h"
 #include "kelvane/value.h"
 
@@ -69,8 +68,8 @@ class KELVANE_EXPORT ServiceHandler {
  public:
   virtual ~ServiceHandler();
 
-  /// Nothing: cannot say (the daemon then counts 0).
-  virtual std::optional<Purgeable> purgeable(const Request& request) = 0;
+  /// Nothing: cannot say (the daemon then counts 0). Once cancelled, nobody waits for the answer.
+  virtual std::optional<Purgeable> purgeable(const Request& request, const Cancellation& cancellation) = 0;
   /// Frees `request.amount` bytes or what there is, and returns the bytes that really went. Once cancelled,
   /// it should return soon, with what it has freed until then.
   virtual std::uint64_t purge(const Request& request, const Cancellation& cancellation) = 0;

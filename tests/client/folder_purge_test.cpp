@@ -85,6 +85,10 @@ class AFolder : public Folder, public testing::TestWithParam<PurgeOrder> {
     options.order = GetParam();
     return purgeFolder(folder(), options, Cancellation(cancelled_));
   }
+  [[nodiscard]] std::uint64_t purgeable(const FolderPurgeOptions& options = {}) const {
+    const FileDescriptor opened(::open(folder().c_str(), O_PATH | O_CLOEXEC));
+    return client::purgeableBytes(opened.get(), options, Cancellation(cancelled_));
+  }
 };
 INSTANTIATE_TEST_SUITE_P(, AFolder, testing::Values(PurgeOrder::asFound, PurgeOrder::oldestFirst),
                          [](const auto& order) {
@@ -129,9 +133,7 @@ TEST_P(AFolder, StopsWithTheFileThatBringsTheAmount) {
 TEST_P(AFolder, KeepsWhatIsTooYoung) {
   const std::uint64_t bytes = add("old", small, 100) + add("at the edge", small, 200);
   add("young", small, 201);
-  EXPECT_EQ(client::purgeableBytes(FileDescriptor(::open(folder().c_str(), O_PATH | O_CLOEXEC)).get(),
-                                   {.modified_by = 200}),
-            bytes);
+  EXPECT_EQ(purgeable({.modified_by = 200}), bytes);
   EXPECT_EQ(purge({.modified_by = 200}).freed, bytes);
   EXPECT_TRUE(exists("young"));
 }
@@ -142,6 +144,13 @@ TEST_P(AFolder, DeletesNothingWhenCancelledBefore) {
   const FolderPurge purged = purge();
   EXPECT_EQ(purged.end, PurgeEnd::cancelled);
   EXPECT_TRUE(exists("a"));
+}
+
+TEST_P(AFolder, IsNotCountedAnyFurtherOnceThatIsCancelled) {
+  const std::uint64_t bytes = add("a") + add("sub/b");
+  EXPECT_EQ(purgeable(), bytes);
+  *cancelled_ = true;
+  EXPECT_EQ(purgeable(), 0U);
 }
 
 TEST_P(AFolder, StopsWhenAnotherThreadCancelsMidway) {

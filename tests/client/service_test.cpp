@@ -42,18 +42,22 @@ const char* nameOf(ServiceState state) {
   return "?";
 }
 
-/// Notes each call, and answers a purge with half of what it was asked.
+/// Notes each call, and answers a purge with half of what it was asked. At urgency 4 it is busy until
+/// cancelled.
 class Handler : public client::ServiceHandler {
  public:
-  std::optional<Purgeable> purgeable(const Request& request) override {
+  std::optional<Purgeable> purgeable(const Request& request, const Cancellation& cancellation) override {
+    if (request.urgency == 4) {
+      events.note("asked");
+      awaitEnd(cancellation);
+    }
     if (request.urgency == 1) return std::nullopt;
     return Purgeable{static_cast<std::uint64_t>(request.urgency) * 100};
   }
   std::uint64_t purge(const Request& request, const Cancellation& cancellation) override {
     events.note("purge");
-    if (request.urgency == 4) {  // until cancelled
-      while (!cancellation.isCancelled()) std::this_thread::yield();
-      events.note("stopped");
+    if (request.urgency == 4) {
+      awaitEnd(cancellation);
       return 1;
     }
     if (request.urgency == 3) events.await("go on");
@@ -72,6 +76,12 @@ class Handler : public client::ServiceHandler {
   }
 
   Events events;
+
+ private:
+  void awaitEnd(const Cancellation& cancellation) {
+    while (!cancellation.isCancelled()) std::this_thread::yield();
+    events.note("stopped");
+  }
 };
 
 class AService : public testing::Test {
@@ -251,7 +261,27 @@ TEST_F(AService, StopsPurgingWhenTheDaemonDies) {
   handler_.events.await("stopped");
 }
 
+TEST_F(AService, LooksNoFurtherWhenTheDaemonThatAskedDies) {
+  DaemonProcess daemon(socket_);
+  const auto service = start(options());
+  handler_.events.await("registered");
+  daemon.tell("purgeable com.example.one 4");
+  handler_.events.await("asked");
+  daemon.end(SIGKILL);
+  handler_.events.await("stopped");
+}
+
 // --- its end ---
+
+TEST_F(AService, LooksNoFurtherWhenItIsDestroyed) {
+  DaemonProcess daemon(socket_);
+  auto service = start(options());
+  handler_.events.await("registered");
+  daemon.tell("purgeable com.example.one 4");
+  handler_.events.await("asked");
+  service = nullptr;
+  EXPECT_TRUE(handler_.events.has("stopped"));
+}
 
 TEST_F(AService, GetsNoCallOnceItIsDestroyed) {
   DaemonProcess daemon(socket_);
