@@ -1,4 +1,4 @@
-# The Debian package: script/package builds it.
+# The Debian packages: script/package builds them.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -9,7 +9,7 @@ set(CPACK_STRIP_FILES ON)
 # A package for each component that is named here.
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
-set(CPACK_COMPONENTS_ALL kelvane)
+set(CPACK_COMPONENTS_ALL kelvane libkelvane0 libkelvane-dev)
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
@@ -28,5 +28,22 @@ and by whom.")
 set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(CPACK_DEBIAN_KELVANE_PACKAGE_CONTROL_EXTRA
   ${debian}/conffiles ${debian}/postinst ${debian}/prerm ${debian}/postrm)
+
+# The version of the interface is in the library's name; what else a program needs is in shlibs.
+set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_NAME libkelvane0)
+set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBKELVANE0_DESCRIPTION "library for the storage-reclamation daemon
+With it a program asks the kelvane daemon for space on a volume, or gives
+space back when the daemon asks for it.")
+set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_BINARY_DIR}/packaging/libkelvane0/shlibs ${debian}/libkelvane0/triggers)
+
+set(CPACK_DEBIAN_LIBKELVANE-DEV_PACKAGE_NAME libkelvane-dev)
+set(CPACK_DEBIAN_LIBKELVANE-DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_LIBKELVANE-DEV_DESCRIPTION "storage-reclamation daemon: development files
+The headers of libkelvane, and what pkg-config and CMake need to build
+programs with it.")
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+set(CPACK_COMPONENT_LIBKELVANE-DEV_DEPENDS libkelvane0)
 
 include(CPack)

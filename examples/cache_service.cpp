@@ -14,7 +14,6 @@
 #include "examples/urgency.h"
 #include "kelvane/folder_purge.h"
 #include "kelvane/service.h"
-#include "platform/foundation/file_descriptor.h"
 
 namespace kelvane::examples {
 namespace {
@@ -41,17 +40,16 @@ void say(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
 /// Constant after construction.
 class CacheService final : public client::ServiceHandler {
  public:
-  CacheService(FileDescriptor folder, const Settings& settings)
-      : folder_(std::move(folder)), settings_(settings) {}
+  CacheService(int folder, const Settings& settings) : folder_(folder), settings_(settings) {}
 
   std::optional<Purgeable> purgeable(const Request& request, const Cancellation& cancellation) override {
     if (!concerns(request)) return Purgeable{};
-    return Purgeable{client::purgeableBytes(folder_.get(), optionsFor(request), cancellation)};
+    return Purgeable{client::purgeableBytes(folder_, optionsFor(request), cancellation)};
   }
 
   std::uint64_t purge(const Request& request, const Cancellation& cancellation) override {
     client::FolderPurge purged;
-    if (concerns(request)) purged = client::purgeFolder(folder_.get(), optionsFor(request), cancellation);
+    if (concerns(request)) purged = client::purgeFolder(folder_, optionsFor(request), cancellation);
     if (settings_.verbose) {
       say("purge urgency={} asked={} gave={} files={}{}", request.urgency, request.amount, purged.freed,
           purged.files, cancellation.isCancelled() ? " cancelled" : "");
@@ -83,7 +81,7 @@ class CacheService final : public client::ServiceHandler {
             .modified_by = givenUpAt(request.urgency, now, settings_.lifetime)};
   }
 
-  const FileDescriptor folder_;
+  const int folder_;  // open until the process ends
   const Settings settings_;
 };
 
@@ -123,12 +121,12 @@ int serveUntilSignal(const Settings& settings) {
   sigaddset(&ending, SIGTERM);
   sigaddset(&ending, SIGINT);
   sigprocmask(SIG_BLOCK, &ending, nullptr);
-  FileDescriptor folder(::open(settings.folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!folder) {
+  const int folder = ::open(settings.folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) {
     fmt::print(stderr, "{}: {}\n", settings.folder, std::strerror(errno));
     return exit_failed;
   }
-  CacheService handler(std::move(folder), settings);
+  CacheService handler(folder, settings);
   const auto service = client::Service::start(handler, settings.service);
   if (!service) {
     fmt::print(stderr, "{}\n", service.error().reason);
