@@ -3,7 +3,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_CONTACT "Kelvane maintainers <maintainers@kelvane.example>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "storage-reclamation daemon")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package begins its description with its own
 set(CPACK_STRIP_FILES ON)
 
 # A package for each component that is named here.
@@ -20,7 +20,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_KELVANE_PACKAGE_NAME kelvane)
 # Users, folders and units are made by its tools when the package is installed, also where it does not run.
 set(CPACK_DEBIAN_KELVANE_PACKAGE_DEPENDS "systemd (>= 250)")
-set(CPACK_DEBIAN_KELVANE_DESCRIPTION "Programs that keep data which can be thrown away and made again (caches,
+set(CPACK_DEBIAN_KELVANE_DESCRIPTION "storage-reclamation daemon
+Programs that keep data which can be thrown away and made again (caches,
 thumbnails, downloaded copies) register with the daemon as services. When
 space is needed on a volume, the daemon asks them, in passes of rising
 urgency, to purge bytes until there is enough, and reports what was freed
@@ -32,7 +33,7 @@ set(CPACK_DEBIAN_KELVANE_PACKAGE_CONTROL_EXTRA
 # The version of the interface is in the library's name; what else a program needs is in shlibs.
 set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_NAME libkelvane0)
 set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_LIBKELVANE0_DESCRIPTION "library for the storage-reclamation daemon
+set(CPACK_DEBIAN_LIBKELVANE0_DESCRIPTION "storage-reclamation daemon: shared library
 With it a program asks the kelvane daemon for space on a volume, or gives
 space back when the daemon asks for it.")
 set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_CONTROL_EXTRA
