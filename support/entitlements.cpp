@@ -4,7 +4,6 @@
 #include <memory>
 #include <mutex>
 
-#include "common/keys.h"
 #include "support/grants.h"
 #include "support/paths.h"
 
@@ -13,25 +12,12 @@ namespace {
 
 using SharedGrants = std::shared_ptr<const std::vector<Grant>>;
 
-std::vector<std::string> everyName() {
-  return {CLIENT_ENTITLEMENT,
-          SERVICE_ENTITLEMENT,
-          PURGE_ENTITLEMENT,
-          PURGEABLE_ENTITLEMENT,
-          ITEMIZED_PURGEABLE_ENTITLEMENT,
-          CANCEL_PURGE_ENTITLEMENT,
-          PERIODIC_ENTITLEMENT,
-          SERVICE_REQUEST_ENTITLEMENT,
-          NOTIFICATION_ENTITLEMENT};
-}
-
 SharedGrants load(const std::vector<std::string>& folders) {
   Grants read = readGrants(folders);
   if (!read.any_file) {
-    const std::vector<std::string> names = everyName();
     Grant root;
     root.user = 0;
-    root.names.insert(names.begin(), names.end());
+    root.names.insert(entitlement_names.begin(), entitlement_names.end());
     read.grants.push_back(std::move(root));
   }
   return std::make_shared<const std::vector<Grant>>(std::move(read.grants));
@@ -51,12 +37,16 @@ SharedGrants currentGrants() {
   Current& it = current();
   const std::lock_guard lock(it.mutex);  // held while reading, so that nobody is judged by half of them
   if (it.grants == nullptr) {
-    it.grants = load({"/usr/lib/kelvane/entitlements.d", configurationDirectory() + "/entitlements.d"});
+    it.grants = load(grantFolders());
   }
   return it.grants;
 }
 
 }  // namespace
+
+std::vector<std::string> grantFolders() {
+  return {"/usr/lib/kelvane/entitlements.d", configurationDirectory() + "/entitlements.d"};
+}
 
 void loadEntitlementGrants(const std::vector<std::string>& folders) {
   SharedGrants fresh = load(folders);

@@ -13,18 +13,34 @@
 //
 // Who the peer is, is what the kernel recorded when it connected. Any thread.
 
+#include <array>
 #include <string>
 #include <vector>
 
+#include "common/keys.h"
 #include "platform/xpc/connection.h"
 #include "platform/xpc/credentials.h"
 
 namespace kelvane {
 
+/// Every name there is.
+inline constexpr std::array<const char*, 9> entitlement_names = {CLIENT_ENTITLEMENT,
+                                                                 SERVICE_ENTITLEMENT,
+                                                                 PURGE_ENTITLEMENT,
+                                                                 PURGEABLE_ENTITLEMENT,
+                                                                 ITEMIZED_PURGEABLE_ENTITLEMENT,
+                                                                 CANCEL_PURGE_ENTITLEMENT,
+                                                                 PERIODIC_ENTITLEMENT,
+                                                                 SERVICE_REQUEST_ENTITLEMENT,
+                                                                 NOTIFICATION_ENTITLEMENT};
+
 /// Whether the peer of the connection holds every name. A connection without recorded credentials holds none.
 [[nodiscard]] bool connectionIsEntitled(const xpc::Connection& connection,
                                         const std::vector<std::string>& names);
 [[nodiscard]] bool peerIsEntitled(const xpc::PeerCredentials& peer, const std::vector<std::string>& names);
+
+/// Where grants are read from when nobody says otherwise, in this order.
+[[nodiscard]] std::vector<std::string> grantFolders();
 
 /// Reads the grants anew from these folders, in this order; a missing folder has none. Called once at first
 /// use with the standard ones. Reads files and may ask a directory service, so it may take its time.

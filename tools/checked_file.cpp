@@ -8,6 +8,7 @@
 #include "common/keys.h"
 #include "platform/foundation/property_list.h"
 #include "platform/foundation/whole_file.h"
+#include "support/entitlements.h"
 #include "support/paths.h"
 #include "tools/commands.h"
 #include "tools/json.h"
@@ -32,16 +33,7 @@ constexpr std::array<Key, 4> grant_keys = {{{"user", Wanted::textOrNumber},
                                             {"group", Wanted::textOrNumber},
                                             {"label", Wanted::text},
                                             {entitlements_key, Wanted::texts}}};
-constexpr std::array<std::string_view, 2> service_kinds = {service_kind_purge, service_kind_periodic};
-constexpr std::array<std::string_view, 9> entitlements = {CLIENT_ENTITLEMENT,
-                                                          SERVICE_ENTITLEMENT,
-                                                          PURGE_ENTITLEMENT,
-                                                          PURGEABLE_ENTITLEMENT,
-                                                          ITEMIZED_PURGEABLE_ENTITLEMENT,
-                                                          CANCEL_PURGE_ENTITLEMENT,
-                                                          PERIODIC_ENTITLEMENT,
-                                                          SERVICE_REQUEST_ENTITLEMENT,
-                                                          NOTIFICATION_ENTITLEMENT};
+constexpr std::array<const char*, 2> service_kinds = {service_kind_purge, service_kind_periodic};
 
 bool isA(const Value& value, Wanted wanted) {
   switch (wanted) {
@@ -94,7 +86,7 @@ class Check {
   }
 
   template <std::size_t count>
-  void names(const char* key, const std::array<std::string_view, count>& known) {
+  void names(const char* key, const std::array<const char*, count>& known) {
     const Array* const list = file_.contents[key].array();
     if (list == nullptr) return;
     for (const Value& each : *list) {
@@ -134,7 +126,7 @@ void checkDescriptor(Check& check) {
 
 void checkGrant(Check& check) {
   check.keys(grant_keys);
-  check.names(entitlements_key, entitlements);
+  check.names(entitlements_key, entitlement_names);
   const Dictionary& contents = check.contents();
   if (!contents.contains("user") && !contents.contains("group") && !contents.contains("label"))
     check.fault("", "none of user, group and label is there, so the grant is for nobody");
