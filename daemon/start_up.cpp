@@ -16,15 +16,6 @@ namespace {
 
 constexpr const char* selector = "main";
 
-/// The process counts as busy for as long as this lives.
-class Transaction {
- public:
-  Transaction() { xpc_transaction_begin(); }
-  ~Transaction() { xpc_transaction_end(); }
-  Transaction(const Transaction&) = delete;
-  Transaction& operator=(const Transaction&) = delete;
-};
-
 void takeTimebase(const StartUpFunctions& functions) {
   mach_timebase_info_data_t info{};
   if (functions.timebase_info(&info) != KERN_SUCCESS) {

@@ -8,6 +8,7 @@
 #include "interface/caller.h"
 #include "interface/client_interface.h"
 #include "operations/purgeable_operation.h"
+#include "platform/xpc/transaction.h"
 #include "support/token.h"
 
 namespace kelvane {
@@ -41,6 +42,7 @@ void storeOperation(std::optional<PurgeOperations>& operations, const Value& tok
 }  // namespace
 
 void ClientInterface::clientPurge(Dictionary info, ResultReply reply) {
+  const Transaction transaction;
   std::optional<Dictionary> result;
   if (callerIsEntitled(PURGE_ENTITLEMENT, "clientPurge:replyBlock:")) result = purge(info, nullptr);
   replyLater(reply, std::move(result));
@@ -58,6 +60,7 @@ void ClientInterface::clientItemizedPurgeableSpace(Dictionary info, ResultReply 
 /// Both forms get the same answer; they differ in who may ask.
 void ClientInterface::answerPurgeableSpace(const Dictionary& info, const char* entitlement,
                                            const char* selector, const ResultReply& reply) {
+  const Transaction transaction;
   std::optional<Dictionary> result;
   if (callerIsEntitled(entitlement, selector)) result = totalAvailable(info);
   replyLater(reply, std::move(result));

@@ -10,4 +10,13 @@ void xpc_transaction_begin();
 void xpc_transaction_end();
 [[nodiscard]] std::uint32_t xpc_transaction_count();
 
+/// A transaction for as long as this lives.
+class Transaction {
+ public:
+  Transaction() { xpc_transaction_begin(); }
+  ~Transaction() { xpc_transaction_end(); }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+};
+
 }  // namespace kelvane
