@@ -13,6 +13,7 @@
 #include "tools/commands.h"
 #include "tools/json.h"
 #include "tools/problem.h"
+#include "tools/unreadable.h"
 
 namespace kelvane::tools {
 namespace {
@@ -163,7 +164,8 @@ CheckedFile checkFile(const std::string& path) {
   }
   const PropertyListResult list = propertyListWithData(read.bytes);
   if (list.error || !list.value.isDictionary()) {
-    file.faults.push_back({0, list.error ? *list.error : "it is a property list, but no dictionary"});
+    file.faults.push_back(list.error ? whyUnreadable(read.bytes, *list.error)
+                                     : Fault{0, "it is a property list, but no dictionary"});
     return file;
   }
   file.contents = *list.value.dictionary();

@@ -95,6 +95,40 @@ TEST_F(Checking, SaysWhyAFileCannotBeRead) {
   }
 }
 
+TEST_F(Checking, SaysWhatAFileLooksLikeThatCannotBeParsedAndOnWhichLineWhereItCan) {
+  const std::string xml = "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">\n";
+  struct Broken {
+    std::string contents;
+    std::size_t line;
+    const char* says;
+  };
+  const std::vector<Broken> files = {
+      {"", 0, "it is empty"},
+      {xml + "<dict>\n<key>a</key><string>b</strin>\n</dict>\n</plist>\n", 4,
+       "it is no well-formed XML: mismatched tag"},
+      {xml + "<dict>\n<key>a</key>\n", 5, "it is no well-formed XML: no element found"},
+      {xml + "<dict>\n<key>a & b</key><true/></dict></plist>\n", 4,
+       "it is no well-formed XML: not well-formed"},
+      {"KELVANE_ID = com.example.cache\n", 1, "it is text, but no XML"},
+      {"  \n", 1, "it is text, but no XML"},
+      {std::string("bplist00\xD1\x01\x02", 11), 0, "it is a binary property list, damaged or cut off: "},
+      {std::string("\x7F"
+                   "ELF\0\0",
+                   6),
+       0, "it is binary data, but no binary property list"},
+      {"<html><body/></html>\n", 0, ""},
+  };
+  for (const Broken& each : files) {
+    folder.write("a.plist", each.contents);
+    const CheckedFile file = checkFile(folder / "a.plist");
+    EXPECT_EQ(file.kind, FileKind::unreadable) << each.contents;
+    ASSERT_EQ(file.faults.size(), 1U) << each.contents;
+    EXPECT_EQ(file.faults[0].line, each.line) << each.contents << file.faults[0].text;
+    EXPECT_THAT(file.faults[0].text, testing::StartsWith(each.says)) << each.contents;
+    EXPECT_FALSE(file.faults[0].text.empty());
+  }
+}
+
 TEST_F(Checking, IsShownAsCompilersShowFaults) {
   folder.write("a.plist", list({identifier, "<key>odd\033</key><true/>"}));
   folder.write("b.plist", list({identifier, "<key>odd</key><true/>"}));
