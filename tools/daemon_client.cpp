@@ -10,11 +10,13 @@ namespace kelvane::tools {
 
 std::string socketOf(const Options& options) { return client::daemonSocket(options.daemon); }
 
-std::string launchSocketOf(const Options& options) {
+std::string runtimePathOf(const Options& options, const char* name) {
   const std::string socket = socketOf(options);
   const std::size_t slash = socket.rfind('/');
-  return (slash == std::string::npos ? "" : socket.substr(0, slash + 1)) + "launch.sock";
+  return (slash == std::string::npos ? "" : socket.substr(0, slash + 1)) + name;
 }
+
+std::string launchSocketOf(const Options& options) { return runtimePathOf(options, "launch.sock"); }
 
 Problem problemOf(const client::Error& error, const std::string& socket) {
   switch (error.kind) {

@@ -14,6 +14,7 @@ namespace kelvane::tools {
 
 /// The daemon's socket, and what else is in its runtime folder.
 [[nodiscard]] std::string socketOf(const Options& options);
+[[nodiscard]] std::string runtimePathOf(const Options& options, const char* name);
 [[nodiscard]] std::string launchSocketOf(const Options& options);
 
 /// The same failure in kelvanectl's terms: which exit code, what is wrong, what to do.

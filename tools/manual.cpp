@@ -86,6 +86,26 @@ std::string synopsisOf(const std::string& name, const CLI::App& app) {
   return text;
 }
 
+/// What a command's description has no room for; empty for most.
+std::string_view detailsOf(std::string_view command) {
+  if (command == "services")
+    return "A descriptor in /OrvelInternal/Library/Kelvane overrides one with the same ID in "
+           "/System/Library/Kelvane. A service is reachable when somebody listens on its socket.\n.PP\n"
+           "The daemon calls a declared service through its socket, and needs no grant for that. "
+           "\\(lqEntitled\\(rq says whether the service may also connect to the daemon and check in by "
+           "itself: "
+           "yes, when the grant files give CLIENT_ENTITLEMENT and SERVICE_ENTITLEMENT to each process that "
+           "holds its listening socket now, as its effective user, its groups and its label are; no, when "
+           "they "
+           "give them to none of these. The service manager, process 1, does not count. It is unknown when "
+           "the "
+           "service does not run, so that nobody else holds the socket; when this user may not see who does; "
+           "when those who do differ; and when a grant file cannot be read, or is not root\\(aqs, since the "
+           "daemon believes files of its own user. The daemon reads the grant files at its start, and this "
+           "command reads them as they are now.\n";
+  return {};
+}
+
 std::string manual(const CLI::App& app, const Commands& commands) {
   std::string text = fmt::format(
       ".TH KELVANECTL 1 \"\" \"kelvane {}\" \"Kelvane\"\n.SH NAME\n"
@@ -103,6 +123,8 @@ std::string manual(const CLI::App& app, const Commands& commands) {
   for (const auto& [name, command] : commands) {
     if (!command->get_subcommands({}).empty()) continue;
     text += fmt::format(".SS {}\n{}.\n{}", roff(name), roff(command->get_description()), optionsOf(*command));
+    if (const std::string_view details = detailsOf(name); !details.empty())
+      text += ".PP\n" + std::string(details);
   }
   text += ".SH \"EXIT STATUS\"\n";
   for (const ExitCodeText& code : exitCodeTexts())

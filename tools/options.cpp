@@ -161,7 +161,8 @@ void describe(CLI::App& app, Options& options) {
   addVolume(*purgeable, options)->description("A volume, or any path inside one; default: all volumes");
   addUrgency(*purgeable, options);
   describePurge(app, options);
-  addCommand(app, options, "services", "Show the declared services, and whether they can be reached",
+  addCommand(app, options, "services",
+             "Show the declared services, whether they can be reached and whether they are entitled",
              servicesCommand);
   addCommand(app, options, "check", "Look for faults in descriptor and grant files", checkCommand)
       ->add_option("files", options.files, "Property lists")

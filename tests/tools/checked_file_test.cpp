@@ -156,8 +156,11 @@ TEST_F(Declaring, TellsWhatOverridesWhatAndWhoListens) {
                "0: 00000002 00000000 00010000 0001 01 7 /run/kelvane/services/com.example.cache\n"
                "0: 00000003 00000000 00000000 0001 03 8 /run/kelvane/services/com.example.maps\n"
                "0: 00000003 00000000 00000000 0001 03 9\n");
-  const auto services = declared();
+  auto services = declared();
   ASSERT_EQ(services.size(), 3U);
+  EXPECT_EQ(services[2].inode, "7");
+  services[1].entitlement.reason = "it does not run";
+  services[2].entitlement = {tools::Entitled::no, "user 1 lacks CLIENT_ENTITLEMENT"};
   EXPECT_EQ(services[0].overridden_by, folder / "internal/mine.plist");
   EXPECT_EQ(services[1].ID, "com.example.maps");
   EXPECT_FALSE(services[1].listening) << "connected, but nobody accepts there";
@@ -166,8 +169,10 @@ TEST_F(Declaring, TellsWhatOverridesWhatAndWhoListens) {
   EXPECT_EQ(servicesScreen(services, plain(80)),
             "com.example.cache\n  " + (folder / "system/a.plist") + "\n  overridden by " +
                 (folder / "internal/mine.plist") + "\ncom.example.maps\n  " + (folder / "system/b.plist") +
-                "\n  nobody listens on its socket\ncom.example.cache\n  " + (folder / "internal/mine.plist") +
-                "\n  reachable\n");
+                "\n  nobody listens on its socket\n  entitled or not: unknown; it does not run\n"
+                "com.example.cache\n  " +
+                (folder / "internal/mine.plist") +
+                "\n  reachable\n  not entitled: user 1 lacks CLIENT_ENTITLEMENT\n");
 }
 
 TEST_F(Declaring, ShowsAFileThatDeclaresNothing) {
