@@ -68,6 +68,17 @@ std::variant<std::uint64_t, NoAmount> parseAmount(std::string_view text) {
   return *bytes;
 }
 
+std::variant<double, NoAmount> parseSeconds(std::string_view text) {
+  constexpr double least = 0.1;
+  constexpr double most = 3600;
+  double seconds = 0;
+  const char* const end = text.data() + text.size();
+  const auto read = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
+  if (read.ec == std::errc() && read.ptr == end && seconds >= least && seconds <= most) return seconds;
+  return NoAmount{fmt::format("\"{}\" is no number of seconds from {:g} to {:g}; say it as in 2 or 0.5", text,
+                              least, most)};
+}
+
 std::string inUnits(std::uint64_t bytes) {
   constexpr std::array<const char*, 6> units = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   if (bytes < 1024) return fmt::format("{} B", bytes);

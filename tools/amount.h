@@ -17,6 +17,9 @@ struct NoAmount {
 /// neither "0" nor what is below one byte.
 [[nodiscard]] std::variant<std::uint64_t, NoAmount> parseAmount(std::string_view text);
 
+/// Seconds between two looks: "2", "0.5"; 0.1 to 3600.
+[[nodiscard]] std::variant<double, NoAmount> parseSeconds(std::string_view text);
+
 /// "12.5 MiB"; bytes below 1 KiB as they are.
 [[nodiscard]] std::string inUnits(std::uint64_t bytes);
 /// The same with a sign where it is negative.

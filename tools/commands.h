@@ -10,6 +10,7 @@ int purgeableCommand(const Options& options, const Screen& screen);
 int purgeCommand(const Options& options, const Screen& screen);
 int servicesCommand(const Options& options, const Screen& screen);
 int checkCommand(const Options& options, const Screen& screen);
+int watchCommand(const Options& options, const Screen& screen);
 int statsCommand(const Options& options, const Screen& screen);
 int stateGetCommand(const Options& options, const Screen& screen);
 int stateSetCommand(const Options& options, const Screen& screen);

@@ -108,6 +108,10 @@ std::string jsonText(const Value& value) {
   return jsonOf(value).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+std::string jsonLine(const Value& value) {
+  return jsonOf(value).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
 ReadJson readJson(const std::string& text) {
   const Json json = Json::parse(text, nullptr, false);
   if (json.is_discarded()) return {};

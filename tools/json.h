@@ -12,6 +12,9 @@ namespace kelvane::tools {
 /// U+FFFD.
 [[nodiscard]] std::string jsonText(const Value& value);
 
+/// The same as one line.
+[[nodiscard]] std::string jsonLine(const Value& value);
+
 /// The value that a JSON text says, in which null is nothing; nothing at all for what is no JSON. "data" and
 /// "date" are read as `jsonText` writes them.
 struct ReadJson {

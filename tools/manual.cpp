@@ -103,6 +103,18 @@ std::string_view detailsOf(std::string_view command) {
            "when those who do differ; and when a grant file cannot be read, or is not root\\(aqs, since the "
            "daemon believes files of its own user. The daemon reads the grant files at its start, and this "
            "command reads them as they are now.\n";
+  if (command == "watch")
+    return "On a terminal the view is drawn anew after each interval and when the window changes its size. "
+           "q, "
+           "Ctrl\\-C and closing the terminal end it. Elsewhere each look is printed as a block, with "
+           "\\-\\-json as one object on a line. Changes are those since the look before. A daemon that is "
+           "not "
+           "there, or does not answer within a second, is shown as such and looked for again; it does not "
+           "change "
+           "the exit status. What purges freed is what services claimed, as the daemon writes it to "
+           "metrics.prom "
+           "within a second after a purge; until a daemon that was started anew has counted something, the "
+           "figures are those of the one before.\n";
   return {};
 }
 

@@ -66,6 +66,26 @@ void describePurge(CLI::App& app, Options& options) {
       ->type_name("SECONDS");
 }
 
+void describeWatch(CLI::App& app, Options& options) {
+  CLI::App* const watch =
+      addCommand(app, options, "watch", "Show the volumes and what purges free, again and again; q ends it",
+                 watchCommand);
+  watch
+      ->add_option_function<std::string>(
+          "--interval",
+          [&options](const std::string& text) {
+            const auto seconds = parseSeconds(text);
+            if (const auto* const wrong = std::get_if<NoAmount>(&seconds))
+              throw CLI::ValidationError(wrong->reason, CLI::ExitCodes::ValidationError);
+            options.interval_seconds = std::get<double>(seconds);
+          },
+          "Seconds between two looks, 0.1 to 3600; default: 1")
+      ->type_name("SECONDS");
+  watch->add_option("--count", options.count, "End after so many looks")
+      ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000'000}))
+      ->type_name("N");
+}
+
 void describeState(CLI::App& app, Options& options) {
   CLI::App* const state = app.add_subcommand("state", "Look into and change the daemon's key-value store");
   state->require_subcommand(1)->fallthrough();
@@ -103,8 +123,10 @@ std::string footer() {
 /// An amount or the like that begins with "-" is read as an option, and so is missed.
 std::string reasonOf(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
-    if (argv[i][0] == '-' && argv[i][1] >= '0' && argv[i][1] <= '9')
-      return std::get<NoAmount>(parseAmount(argv[i])).reason;
+    if (argv[i][0] != '-' || argv[i][1] < '0' || argv[i][1] > '9') continue;
+    if (std::string_view(argv[i - 1]).starts_with("--"))
+      return fmt::format("{}: \"{}\" is less than it can be", argv[i - 1], argv[i]);
+    return std::get<NoAmount>(parseAmount(argv[i])).reason;
   }
   if (app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-')
     return fmt::format("there is no command \"{}\"", argv[1]);
@@ -142,7 +164,9 @@ const std::vector<ExitCodeText>& exitCodeTexts() {
       {exit_no_daemon, "No daemon is there"},
       {exit_no_answer, "The daemon went away before it answered, or does not answer"},
       {exit_failed, "Something else failed, such as reading a file"},
-      {exit_cancelled, "Cancelled by Ctrl-C or SIGTERM"},
+      {exit_cancelled, "Cancelled by Ctrl-C or SIGTERM, or the terminal was closed"},
+      {128 + SIGPIPE,
+       "Nobody reads standard output any more (as a shell counts it: the program ends by SIGPIPE)"},
   };
   return texts;
 }
@@ -161,6 +185,7 @@ void describe(CLI::App& app, Options& options) {
   addVolume(*purgeable, options)->description("A volume, or any path inside one; default: all volumes");
   addUrgency(*purgeable, options);
   describePurge(app, options);
+  describeWatch(app, options);
   addCommand(app, options, "services",
              "Show the declared services, whether they can be reached and whether they are entitled",
              servicesCommand);

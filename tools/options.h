@@ -19,6 +19,8 @@ struct Options {
   std::uint64_t amount = 0;
   int urgency = 3;
   std::uint64_t pass_seconds = 0;
+  double interval_seconds = 1;
+  std::uint64_t count = 0;  // of looks; 0: no end
   std::vector<std::string> files;
   std::string key;
   std::string value;

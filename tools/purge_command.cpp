@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 #include <array>
 #include <csignal>
@@ -17,6 +16,7 @@
 #include "tools/daemon_client.h"
 #include "tools/json.h"
 #include "tools/purge.h"
+#include "tools/taken_signals.h"
 #include "tools/volume_of.h"
 
 namespace kelvane::tools {
@@ -30,16 +30,6 @@ constexpr std::chrono::milliseconds redraw(100);
 constexpr std::chrono::seconds grace(3);
 // A purge that waits for its turn cannot be cancelled yet.
 constexpr std::chrono::milliseconds cancel_again(500);
-
-/// SIGINT and SIGTERM, to be taken when it suits. Made before the first thread, which would take them.
-FileDescriptor endingSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  return FileDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-}
 
 /// The answer, once it is there. Set on a thread of the client.
 class AwaitedAnswer {
@@ -106,8 +96,7 @@ class PurgeRun {
   }
 
   void takeSignal() {
-    signalfd_siginfo signal{};
-    if (::read(signals_.get(), &signal, sizeof signal) != sizeof signal) return;
+    if (nextSignal(signals_) == 0) return;
     leave_at_ = Clock::now() + (++signals_taken_ == 1 ? grace : std::chrono::seconds(0));
   }
 
@@ -136,7 +125,7 @@ class PurgeRun {
     drawn_ = false;
   }
 
-  const FileDescriptor signals_ = endingSignals();
+  const FileDescriptor signals_ = takenSignals({SIGINT, SIGTERM});
   const Screen screen_;
   const std::string volume_;
   const std::uint64_t asked_;

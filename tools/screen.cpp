@@ -15,6 +15,11 @@ namespace {
 constexpr unsigned narrowest = 40;
 constexpr unsigned widest = 200;
 
+winsize sizeOf(int descriptor) {
+  winsize size{};
+  return ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size : winsize{};
+}
+
 unsigned widthOf(int descriptor, unsigned otherwise) {
   if (const char* const said = std::getenv("COLUMNS")) {
     unsigned width = 0;
@@ -22,8 +27,8 @@ unsigned widthOf(int descriptor, unsigned otherwise) {
     if (const auto read = std::from_chars(said, end, width); read.ptr == end && read.ec == std::errc())
       return width;
   }
-  winsize size{};
-  return ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : otherwise;
+  const unsigned width = sizeOf(descriptor).ws_col;
+  return width != 0 ? width : otherwise;
 }
 
 bool isSet(const char* variable) {
@@ -86,6 +91,7 @@ Screen screenOf(int descriptor) {
   screen.colour = screen.live && !isSet("NO_COLOR");
   screen.unicode = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
   screen.width = std::clamp(widthOf(descriptor, screen.width), narrowest, widest);
+  if (const unsigned height = sizeOf(descriptor).ws_row; height != 0) screen.height = height;
   return screen;
 }
 
@@ -124,6 +130,12 @@ std::string fitted(const Screen& screen, const std::string& text, std::size_t wi
 
 std::string cut(const Screen& screen, const std::string& text, std::size_t width) {
   return fitted(screen, text, std::min(columns(text), width));
+}
+
+std::string firstLines(const std::string& text, std::size_t count) {
+  std::size_t end = 0;
+  for (; count > 0 && end < text.size(); --count) end = std::min(text.find('\n', end), text.size() - 1) + 1;
+  return text.substr(0, end);
 }
 
 std::string rightAligned(const std::string& text, std::size_t width) {

@@ -16,6 +16,7 @@ struct Screen {
   bool colour = false;
   bool unicode = false;  // may hold more than ASCII
   bool live = false;     // a line can be written over
+  unsigned height = 24;  // lines
 };
 
 /// The screen behind a descriptor. Colours and live lines are for terminals only, colours not when NO_COLOR
@@ -35,6 +36,8 @@ enum class Colour : std::uint8_t { none, green, yellow, red, dim, bold };
 [[nodiscard]] std::string fitted(const Screen& screen, const std::string& text, std::size_t width);
 /// The same without padding.
 [[nodiscard]] std::string cut(const Screen& screen, const std::string& text, std::size_t width);
+/// The first so many lines of it, each with its end.
+[[nodiscard]] std::string firstLines(const std::string& text, std::size_t count);
 /// Padded on the left, never cut.
 [[nodiscard]] std::string rightAligned(const std::string& text, std::size_t width);
 

@@ -12,7 +12,6 @@
 namespace kelvane::tools {
 namespace {
 
-constexpr std::size_t most_bytes = std::size_t{64} << 20;
 constexpr std::size_t figure_width = 12;
 
 struct Line {
@@ -94,11 +93,10 @@ Value statsValue(const Stats& stats) {
   return Dictionary{{"command", "stats"}, {"counters", counters}, {"distributions", distributions}};
 }
 
+std::string metricsFileOf(const Options& options) { return runtimePathOf(options, "metrics.prom"); }
+
 int statsCommand(const Options& options, const Screen& screen) {
-  const std::string launch = launchSocketOf(options);
-  const std::string path =
-      launch.substr(0, launch.size() - std::string_view("launch.sock").size()) + "metrics.prom";
-  const WholeFile file = readWholeFile(path, most_bytes);
+  const WholeFile file = readWholeFile(metricsFileOf(options), most_metrics_bytes);
   if (file.error)
     throw Problem(exit_failed, *file.error + "; the daemon writes it once it has something to count");
   const Stats stats = readStats(std::string(file.bytes.begin(), file.bytes.end()));

@@ -17,7 +17,6 @@
 namespace kelvane::tools {
 namespace {
 
-constexpr std::chrono::seconds patience(5);
 constexpr std::size_t narrow = 66;  // below it, two lines for each volume
 constexpr std::size_t amount_width = 10;
 constexpr std::size_t state_width = 8;
@@ -86,23 +85,53 @@ std::string daemonLine(const Status& status, const Screen& screen) {
   return reachable + " at " + cut(screen, socket, screen.width - 24 - columns(busy)) + busy;
 }
 
+/// How the columns of the table share the width.
+struct Columns {
+  std::size_t name;
+  std::size_t bar;
+  Changes changes;
+};
+
+Columns columnsOf(const std::vector<VolumeStatus>& volumes, const Screen& screen, Changes changes) {
+  std::size_t name = 6;
+  for (const VolumeStatus& volume : volumes) name = std::max(name, columns(printable(screen, volume.path)));
+  name = std::min<std::size_t>(name, screen.width / (changes == Changes::shown ? 4 : 3));
+  const std::size_t figures =
+      2 * amount_width + state_width + (changes == Changes::shown ? change_width + 2 : 0);
+  const std::size_t taken = name + figures + 8;
+  return {name, screen.width > taken ? screen.width - taken : 0, changes};
+}
+
+std::string wideHead(const Columns& table, const Screen& screen) {
+  const std::string change =
+      table.changes == Changes::shown ? "  " + rightAligned("Change", change_width) : "";
+  return coloured(screen, Colour::bold,
+                  fmt::format("{}  {}  {}  {}{}  State", fitted(screen, "Volume", table.name),
+                              fitted(screen, "Used", table.bar), rightAligned("Free", amount_width),
+                              rightAligned("Size", amount_width), change));
+}
+
 std::string wideLine(const VolumeStatus& volume, const SpaceThresholds& thresholds, const Screen& screen,
-                     std::size_t name_width) {
-  const std::string name = fitted(screen, printable(screen, volume.path), name_width);
+                     const Columns& table) {
+  const std::string name = fitted(screen, printable(screen, volume.path), table.name);
   if (!volume.space) return name + "  " + coloured(screen, Colour::red, "does not answer");
-  const std::size_t bar_width = screen.width - name_width - 2 * amount_width - state_width - 8;
-  return fmt::format("{}  {}  {}  {}  {}", name,
-                     drawn(screen, barOf(*volume.space, volume.level, thresholds), bar_width),
+  const std::string change = table.changes == Changes::shown ? "  " + changeText(volume.change, screen) : "";
+  return fmt::format("{}  {}  {}  {}{}  {}", name,
+                     drawn(screen, barOf(*volume.space, volume.level, thresholds), table.bar),
                      rightAligned(inUnits(volume.space->bytes_free), amount_width),
-                     rightAligned(inUnits(volume.space->bytes_total), amount_width),
+                     rightAligned(inUnits(volume.space->bytes_total), amount_width), change,
                      coloured(screen, colourOf(volume.level), nameOf(volume.level)));
 }
 
-std::string narrowLines(const VolumeStatus& volume, const SpaceThresholds& thresholds, const Screen& screen) {
+std::string narrowLines(const VolumeStatus& volume, const SpaceThresholds& thresholds, const Screen& screen,
+                        Changes changes) {
   const std::string state = volume.space ? nameOf(volume.level) : "does not answer";
   const Colour colour = volume.space ? colourOf(volume.level) : Colour::red;
-  const std::string head = fitted(screen, printable(screen, volume.path), screen.width - columns(state) - 1) +
-                           " " + coloured(screen, colour, state);
+  const bool shows_change = changes == Changes::shown && volume.space;
+  const std::size_t taken = columns(state) + 1 + (shows_change ? change_width + 1 : 0);
+  const std::string head = fitted(screen, printable(screen, volume.path), screen.width - taken) + " " +
+                           (shows_change ? changeText(volume.change, screen) + " " : "") +
+                           coloured(screen, colour, state);
   if (!volume.space) return head;
   const std::string figures =
       fmt::format("{} of {}", inUnits(volume.space->bytes_free), inUnits(volume.space->bytes_total));
@@ -120,10 +149,13 @@ Value volumeValue(const VolumeStatus& volume, const SpaceThresholds& thresholds)
   entry.set("files_total", volume.space->files_total);
   entry.set("low_below_bytes", limitOf(thresholds.low, *volume.space));
   entry.set("very_low_below_bytes", limitOf(thresholds.very_low, *volume.space));
+  if (volume.change) entry.set("change_bytes", *volume.change);
   return entry;
 }
 
-Status gather(const Options& options) {
+}  // namespace
+
+Status gatherStatus(const Options& options, std::chrono::seconds patience) {
   Status status;
   status.socket = socketOf(options);
   client::Client daemon({status.socket});
@@ -141,8 +173,6 @@ Status gather(const Options& options) {
   status.volumes = lookAtVolumes();
   return status;
 }
-
-}  // namespace
 
 std::optional<SpaceThresholds> daemonsThresholds(const std::string& socket) {
   const auto connection = xpc::Connection::initWithSocketPath(socket);
@@ -176,32 +206,33 @@ std::vector<VolumeStatus> lookAtVolumes() {
   return volumes;
 }
 
+std::string changeText(const std::optional<std::int64_t>& bytes, const Screen& screen) {
+  if (bytes.value_or(0) == 0) return std::string(change_width, ' ');
+  const std::string text = (*bytes > 0 ? "+" : "") + inUnitsSigned(*bytes);
+  return coloured(screen, *bytes > 0 ? Colour::green : Colour::yellow, rightAligned(text, change_width));
+}
+
 std::string volumesScreen(const std::vector<VolumeStatus>& volumes, const SpaceThresholds& thresholds,
-                          const Screen& screen) {
-  std::size_t name_width = 6;
-  for (const VolumeStatus& volume : volumes)
-    name_width = std::max(name_width, columns(printable(screen, volume.path)));
-  name_width = std::min<std::size_t>(name_width, screen.width / 3);
-  std::string text;
-  if (screen.width >= narrow) {
-    const std::string head =
-        fmt::format("{}  {}  {}  {}  {}", fitted(screen, "Volume", name_width),
-                    fitted(screen, "Used", screen.width - name_width - 2 * amount_width - state_width - 8),
-                    rightAligned("Free", amount_width), rightAligned("Size", amount_width), "State");
-    text += coloured(screen, Colour::bold, head) + "\n";
-  }
+                          const Screen& screen, Changes changes) {
+  if (volumes.empty()) return "There is no local volume.\n";
+  const Columns table = columnsOf(volumes, screen, changes);
+  const bool wide = screen.width >= narrow + (changes == Changes::shown ? change_width + 2 : 0);
+  std::string text = wide ? wideHead(table, screen) + "\n" : "";
   for (const VolumeStatus& volume : volumes) {
-    text += screen.width >= narrow ? wideLine(volume, thresholds, screen, name_width)
-                                   : narrowLines(volume, thresholds, screen);
+    text +=
+        wide ? wideLine(volume, thresholds, screen, table) : narrowLines(volume, thresholds, screen, changes);
     text += "\n";
   }
   return text;
 }
 
+std::string daemonScreen(const Status& status, const Screen& screen) {
+  return "Daemon     " + daemonLine(status, screen) + "\n";
+}
+
 std::string statusScreen(const Status& status, const Screen& screen) {
-  std::string text = "Daemon     " + daemonLine(status, screen) + "\n\n";
+  std::string text = daemonScreen(status, screen) + "\n";
   text += volumesScreen(status.volumes, status.thresholds, screen);
-  if (status.volumes.empty()) text += "There is no local volume.\n";
   if (!status.unreachable && !status.thresholds_are_the_daemons) {
     text += coloured(screen, Colour::dim,
                      screen.width < narrow
@@ -227,7 +258,7 @@ Value statusValue(const Status& status) {
 }
 
 int statusCommand(const Options& options, const Screen& screen) {
-  const Status status = gather(options);
+  const Status status = gatherStatus(options, std::chrono::seconds(5));
   print(options.json ? jsonText(statusValue(status)) : statusScreen(status, screen));
   if (status.unreachable) throw problemOf(*status.unreachable, status.socket);
   return exit_met;

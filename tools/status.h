@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -7,6 +8,7 @@
 
 #include "kelvane/result.h"
 #include "support/space_level.h"
+#include "tools/options.h"
 #include "tools/screen.h"
 
 namespace kelvane::tools {
@@ -15,6 +17,7 @@ struct VolumeStatus {
   std::string path;
   std::optional<VolumeSpace> space;  // nothing when the volume does not answer
   SpaceLevel level = SpaceLevel::plenty;
+  std::optional<std::int64_t> change = {};  // bytes free since an earlier look, where there was one
 };
 
 struct Status {
@@ -26,14 +29,24 @@ struct Status {
   std::vector<VolumeStatus> volumes;
 };
 
+/// Looks at the daemon and the volumes. A daemon that says nothing is given up after `patience`.
+[[nodiscard]] Status gatherStatus(const Options& options, std::chrono::seconds patience);
 [[nodiscard]] std::string statusScreen(const Status& status, const Screen& screen);
 [[nodiscard]] Value statusValue(const Status& status);
 
+/// The daemon's part of the screen: one line, or two.
+[[nodiscard]] std::string daemonScreen(const Status& status, const Screen& screen);
 /// The local volumes as they are now.
 [[nodiscard]] std::vector<VolumeStatus> lookAtVolumes();
-/// One or two lines for each.
+/// One or two lines for each; with what changed, where that is wanted.
+enum class Changes : bool { hidden, shown };
 [[nodiscard]] std::string volumesScreen(const std::vector<VolumeStatus>& volumes,
-                                        const SpaceThresholds& thresholds, const Screen& screen);
+                                        const SpaceThresholds& thresholds, const Screen& screen,
+                                        Changes changes = Changes::hidden);
+
+/// "+1.5 GiB", coloured, `change_width` wide; blank where nothing changed.
+inline constexpr std::size_t change_width = 11;
+[[nodiscard]] std::string changeText(const std::optional<std::int64_t>& bytes, const Screen& screen);
 
 /// The thresholds that the daemon on this socket was started with, where this user may know them.
 [[nodiscard]] std::optional<SpaceThresholds> daemonsThresholds(const std::string& socket);

@@ -105,5 +105,13 @@ TEST(Time, IsWrittenInTheUnitThatSuits) {
   EXPECT_EQ(tools::inTime(7500), "2 h 5 min");
 }
 
+TEST(Seconds, AreReadWithinTheirBounds) {
+  EXPECT_EQ(std::get<double>(tools::parseSeconds("2")), 2);
+  EXPECT_EQ(std::get<double>(tools::parseSeconds("0.5")), 0.5);
+  EXPECT_EQ(std::get<double>(tools::parseSeconds("3600")), 3600);
+  for (const char* text : {"", "0", "0.09", "3601", "-1", "x", "1x", " 1", "1e999", "1e1", "nan", "inf"})
+    EXPECT_TRUE(std::holds_alternative<tools::NoAmount>(tools::parseSeconds(text))) << text;
+}
+
 }  // namespace
 }  // namespace kelvane::tests
