@@ -1,17 +1,10 @@
 // The real program against a real daemon, on a real volume, and with nobody there.
 
-#include <gmock/gmock.h>
-#include <poll.h>
-#include <pty.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <array>
-#include <chrono>
-#include <csignal>
+#include <algorithm>
 #include <filesystem>
 
-#include "platform/foundation/file_descriptor.h"
 #include "tests/system/services.h"
+#include "tests/tools/program.h"
 #include "tests/tools/screens.h"
 #include "tools/amount.h"
 #include "tools/json.h"
@@ -25,97 +18,6 @@ using testing::MatchesRegex;
 using testing::Not;
 
 constexpr std::uint64_t mebibyte = 1 << 20;
-
-/// Without the screen's width and colours of whoever runs the tests.
-std::vector<std::string> environment() { return {"COLUMNS=80", "NO_COLOR=", "LC_ALL=C.UTF-8", "TERM=xterm"}; }
-
-Finished ctl(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), built("kelvanectl"));
-  return run(std::move(arguments), environment());
-}
-Finished ctl(const Daemon& daemon, std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), {"--daemon", daemon.socket()});
-  return ctl(std::move(arguments));
-}
-
-/// The program on a terminal of its own.
-class OnTerminal {
- public:
-  OnTerminal(const Daemon& daemon, std::vector<std::string> arguments, unsigned width = 80) {
-    arguments.insert(arguments.begin(), {built("kelvanectl"), "--daemon", daemon.socket()});
-    winsize size{24, static_cast<unsigned short>(width), 0, 0};
-    int master = -1;
-    id_ = ::forkpty(&master, nullptr, nullptr, &size);
-    if (id_ == 0) {
-      std::vector<char*> words;
-      for (std::string& argument : arguments) words.push_back(argument.data());
-      words.push_back(nullptr);
-      ::unsetenv("COLUMNS");
-      ::unsetenv("NO_COLOR");
-      ::setenv("TERM", "xterm", 1);
-      ::setenv("LC_ALL", "C.UTF-8", 1);
-      ::execv(words[0], words.data());
-      ::_exit(127);
-    }
-    terminal_ = FileDescriptor(master);
-  }
-  ~OnTerminal() {
-    if (id_ > 0) ::kill(id_, SIGKILL);
-    static_cast<void>(finish());
-  }
-  OnTerminal(const OnTerminal&) = delete;
-  OnTerminal& operator=(const OnTerminal&) = delete;
-
-  /// Reads until it has printed the text; false when it ended, or said nothing for half a minute, before
-  /// that.
-  bool printed(const std::string& text) {
-    while (printed_.find(text) == std::string::npos) {
-      if (!readMore()) return false;
-    }
-    return true;
-  }
-  void type(const std::string& keys) const {
-    EXPECT_EQ(::write(terminal_.get(), keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-  }
-  /// Reads to its end; its exit code.
-  int finish() {
-    while (readMore()) {
-    }
-    if (id_ > 0) ::waitpid(id_, &status_, 0);
-    id_ = -1;
-    return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
-  }
-  [[nodiscard]] const std::string& all() const { return printed_; }
-
- private:
-  bool readMore() {
-    pollfd waiting{terminal_.get(), POLLIN, 0};
-    std::array<char, 4096> buffer{};
-    if (::poll(&waiting, 1, 30'000) != 1) return false;
-    const ssize_t length = ::read(terminal_.get(), buffer.data(), buffer.size());
-    if (length <= 0) return false;  // EIO when the program has ended
-    printed_.append(buffer.data(), static_cast<std::size_t>(length));
-    return true;
-  }
-
-  pid_t id_ = -1;
-  int status_ = 0;
-  FileDescriptor terminal_;
-  std::string printed_;
-};
-
-void expectMatchesSchema(const std::string& json) {
-  const Folder folder;
-  writeFile(folder.path() + "/output.json", json);
-  const Finished checked = run({"python3", "-c",
-                                "import json, sys, jsonschema\n"
-                                "schema, output = (json.load(open(name)) for name in sys.argv[1:])\n"
-                                "jsonschema.Draft202012Validator.check_schema(schema)\n"
-                                "jsonschema.validate(output, schema)",
-                                std::string(KELVANE_SOURCE_FOLDER) + "/docs/kelvanectl.schema.json",
-                                folder.path() + "/output.json"});
-  EXPECT_EQ(checked.status, 0) << checked.output << json;
-}
 
 TEST(Kelvanectl, ShowsPurgesAndMeasuresOnARealVolume) {
   const Volume volume(64);
@@ -190,21 +92,25 @@ TEST(Kelvanectl, ShowsTheDaemonsOwnThresholds) {
     EXPECT_EQ((*entry.dictionary())["low_below_bytes"], Value(0)) << "the daemon was told 0%";
 }
 
-TEST(Kelvanectl, ShowsProgressOnATerminalOfAnyWidth) {
+TEST(Kelvanectl, ShowsProgressOnATerminalOfAnyWidthWithAndWithoutColours) {
   const Volume volume(32);
   Daemon daemon;
   const auto service =
       startService(daemon, "deletes", "com.example.cache", volume.fill("cache", 8, mebibyte));
   const auto silent = startService(daemon, "silent", "com.example.silent", volume.path());
   for (const unsigned width : {40U, 80U}) {
-    OnTerminal purge(daemon, {"purge", volume.path(), "64M", "--pass-seconds", "1", "--urgency", "1"}, width);
-    EXPECT_TRUE(purge.printed("of 64.0 MiB,")) << purge.all();
-    EXPECT_EQ(purge.finish(), 1);
-    EXPECT_THAT(purge.all(), AllOf(HasSubstr("\r\033[K"), HasSubstr("\033[33m"), HasSubstr("no answer")));
-    const std::string result = purge.all().substr(purge.all().rfind("\033[K") + 3);
-    std::string lines;
-    for (const char c : result) lines += c == '\r' ? "" : std::string(1, c);
-    expectFits(lines, coloured(width));
+    for (const char* const no_color : {"", "1"}) {
+      OnTerminal purge(daemon, {"purge", volume.path(), "64M", "--pass-seconds", "1", "--urgency", "1"},
+                       width, no_color);
+      EXPECT_TRUE(purge.printed("of 64.0 MiB,")) << purge.all();
+      EXPECT_EQ(purge.finish(), 1);
+      EXPECT_THAT(purge.all(), AllOf(HasSubstr("\r\033[K"), HasSubstr("no answer")));
+      EXPECT_EQ(purge.all().find("\033[33m") != std::string::npos, *no_color == '\0') << purge.all();
+      const std::string result = purge.all().substr(purge.all().rfind("\033[K") + 3);
+      std::string lines;
+      for (const char c : result) lines += c == '\r' ? "" : std::string(1, c);
+      expectFits(lines, coloured(width));
+    }
   }
 }
 
@@ -327,6 +233,15 @@ TEST(Kelvanectl, ChecksFilesAndShowsDeclaredServices) {
   const Finished faulty = ctl({"check", folder.path() + "/a.plist"});
   EXPECT_EQ(faulty.status, 1);
   EXPECT_EQ(faulty.output, folder.path() + "/a.plist:2: KELVANE_ID is not a string\n");
+  writeFile(folder.path() + "/b.plist",
+            propertyList("<key>KELVANE_ID</key><string>com.example.maps</string>\n<key>COLOUR</key><true/>"));
+  const Finished unknown = ctl({"check", folder.path() + "/b.plist"});
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_EQ(unknown.output, folder.path() + "/b.plist:3: \"COLOUR\" is no key that is known\n");
+  writeFile(folder.path() + "/c.plist", "<plist>\n<dict>\n</plist>\n");
+  const Finished broken = ctl({"check", folder.path() + "/c.plist"});
+  EXPECT_EQ(broken.status, 1);
+  EXPECT_EQ(broken.output, folder.path() + "/c.plist:3: it is no well-formed XML: mismatched tag\n");
   writeFile(std::string(system_descriptors) + "/maps.plist",
             propertyList("<key>KELVANE_ID</key><string>com.example.maps</string>"));
   const Finished services = ctl({"services"});
@@ -335,62 +250,6 @@ TEST(Kelvanectl, ChecksFilesAndShowsDeclaredServices) {
   expectMatchesSchema(ctl({"--json", "services"}).output);
   expectMatchesSchema(ctl({"--json", "check", folder.path() + "/a.plist"}).output);
   std::filesystem::remove(std::string(system_descriptors) + "/maps.plist");
-}
-
-/// What goes wrong without a daemon: the exit code, and what the one line on standard error says.
-struct Fault {
-  const char* arguments;
-  int code;
-  const char* says;
-};
-
-TEST(Kelvanectl, SaysInOneLineWhatIsWrongAndWhatToDo) {
-  const std::vector<Fault> faults = {
-      {"--daemon /nowhere/kelvane.sock status", 4,
-       "no daemon listens on /nowhere/kelvane.sock; start it with"},
-      {"--daemon /nowhere/kelvane.sock purgeable /", 4, "no daemon listens"},
-      {"--daemon /nowhere/kelvane.sock purge / 5M", 4, "no daemon listens"},
-      {"purge / 5X", 2, "\"5X\" is no amount: \"X\" is no unit; say it as in 500M"},
-      {"purge / -1", 2, "\"-1\" is no amount"},
-      {"purge / 1e999", 2, "\"1e999\" is no amount"},
-      {"purge / 0", 2, "less than one byte"},
-      {"purge / 5M --urgency 5", 2, "not in range 1 to 4"},
-      {"purge / 5M --urgency x", 2, "urgency"},
-      {"purge /", 2, "amount is required"},
-      {"purge", 2, "volume is required"},
-      {"purge /nowhere 5M", 2, "\"/nowhere\": No such file or directory; name a volume"},
-      {"purge /proc/self 5M", 2, "is no volume that the daemon serves"},
-      {"frobnicate", 2, "there is no command \"frobnicate\""},
-      {"status --frobnicate", 2, "--frobnicate"},
-      {"", 2, "subcommand is required"},
-      {"--daemon", 2, "--daemon"},
-  };
-  for (const Fault& fault : faults) {
-    const Finished finished =
-        run({"sh", "-c", built("kelvanectl") + " " + fault.arguments + " 2>&1 >/dev/null"}, environment());
-    EXPECT_EQ(finished.status, fault.code) << fault.arguments;
-    EXPECT_THAT(finished.output, AllOf(testing::StartsWith("kelvanectl: "), HasSubstr(fault.says)))
-        << fault.arguments;
-    EXPECT_EQ(std::count(finished.output.begin(), finished.output.end(), '\n'), 1) << finished.output;
-  }
-}
-
-TEST(Kelvanectl, EndsQuietlyWhenNobodyReads) {
-  const Finished finished =
-      run({"bash", "-c",
-           "trap '' PIPE; " + built("kelvanectl") + " --help | true; echo \"status ${PIPESTATUS[0]}\"; " +
-               built("kelvanectl") + " --help | head -n 1"},
-          environment());
-  EXPECT_THAT(finished.output, MatchesRegex("status (0|141)\n[^\n]*\n"));
-}
-
-TEST(Kelvanectl, SaysWhenItsOutputCannotBeWritten) {
-  Daemon daemon;
-  const Finished finished =
-      run({"sh", "-c", built("kelvanectl") + " --daemon " + daemon.socket() + " status >/dev/full"},
-          environment());
-  EXPECT_EQ(finished.status, 6);
-  EXPECT_EQ(finished.output, "kelvanectl: standard output: No space left on device\n");
 }
 
 }  // namespace
