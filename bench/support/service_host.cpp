@@ -41,6 +41,7 @@ int receiveDescriptor(int socket, char& byte) {
   message.msg_iovlen = 1;
   message.msg_control = control.data();
   message.msg_controllen = control.size();
+  errno = 0;  // stays so at the end of the stream
   if (::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC) <= 0) return -1;
   const cmsghdr* const header = CMSG_FIRSTHDR(&message);
   if (header == nullptr) return -1;
