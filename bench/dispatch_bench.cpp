@@ -1,18 +1,23 @@
 // What moving work costs, beside what the same movement costs with a bare condition variable.
 //
-// Each benchmark of a queue does its own bare counterpart in the same run, in turns of a few thousand, so
-// that both see the same machine. The counters: `queue_ns` and `bare_ns` per movement, and their `ratio`.
+// Each does its own bare counterpart in the same run, in turns of a few thousand movements, so that both see
+// the same machine.
 
-#include <benchmark/benchmark.h>
+#include <CLI/CLI.hpp>
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 
+#include "bench/support/report.h"
+#include "bench/support/rounds.h"
 #include "platform/dispatch/queue.h"
 
-namespace kelvane {
+namespace kelvane::bench {
 namespace {
 
 constexpr int turn = 2000;  // movements measured at a stretch
@@ -36,29 +41,25 @@ class Baton {
   std::uint64_t passed_ = 0;
 };
 
-template <class F>
-double nanosecondsOf(F&& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
+/// Nanoseconds of one movement on the queue and of a bare one.
+struct Moved {
+  double queue;
+  double bare;
+};
+
+Figure figureOf(const char* name, int rounds, const std::function<Moved()>& round) {
+  const auto found = quartilesOfRounds<3>(rounds, [&]() -> std::array<double, 3> {
+    const Moved moved = round();
+    return {moved.queue, moved.bare, moved.queue / moved.bare};
+  });
+  return {name, "ns", rounds, found[0], Peer{"bare condition variable", found[1], found[2]}};
 }
 
-/// Runs both by turns. Each argument makes `turn` movements.
+/// Each argument makes `turn` movements.
 template <class OnQueue, class Bare>
-void compare(benchmark::State& state, OnQueue&& on_queue, Bare&& bare) {
-  double queue_time = 0;
-  double bare_time = 0;
-  while (state.KeepRunning()) {
-    const double bare_now = nanosecondsOf(bare);
-    const double queue_now = nanosecondsOf(on_queue);
-    state.SetIterationTime(queue_now / 1e9);
-    bare_time += bare_now;
-    queue_time += queue_now;
-  }
-  const double movements = static_cast<double>(state.iterations()) * turn;
-  state.counters["queue_ns"] = queue_time / movements;
-  state.counters["bare_ns"] = bare_time / movements;
-  state.counters["ratio"] = queue_time / bare_time;
+Moved inTurns(OnQueue on_queue, Bare bare) {
+  const double bare_took = microsecondsOf(bare) * 1e3 / turn;
+  return {microsecondsOf(on_queue) * 1e3 / turn, bare_took};
 }
 
 /// Two threads and two batons: each passes one and waits for the other.
@@ -130,56 +131,52 @@ class BareHandOver {
 };
 
 /// From a thread outside the pool into an idle queue, until the item runs.
-void oneHopIntoAQueue(benchmark::State& state) {
+Figure oneHopIntoAQueue(int rounds) {
   const dispatch_queue_t queue = dispatch_queue_create("bench.hop");
   BareHandOver bare;
   Baton seen;
   std::uint64_t count = 0;
   std::chrono::steady_clock::time_point arrived;
-  double queue_time = 0;
-  double bare_time = 0;
-  while (state.KeepRunning()) {
-    double queue_now = 0;
-    for (int i = 0; i < turn; ++i) bare_time += bare.handOver();
-    for (int i = 0; i < turn; ++i) {
-      const auto start = std::chrono::steady_clock::now();
-      dispatch_async(queue, [&] {
-        arrived = std::chrono::steady_clock::now();
-        seen.pass();
-      });
-      seen.await(++count);
-      queue_now += std::chrono::duration<double, std::nano>(arrived - start).count();
-    }
-    state.SetIterationTime(queue_now / 1e9);
-    queue_time += queue_now;
-  }
-  const double movements = static_cast<double>(state.iterations()) * turn;
-  state.counters["queue_ns"] = queue_time / movements;
-  state.counters["bare_ns"] = bare_time / movements;
-  state.counters["ratio"] = queue_time / bare_time;
+  const auto hop = [&] {
+    const auto start = std::chrono::steady_clock::now();
+    dispatch_async(queue, [&] {
+      arrived = std::chrono::steady_clock::now();
+      seen.pass();
+    });
+    seen.await(++count);
+    return std::chrono::duration<double, std::nano>(arrived - start).count();
+  };
+  Figure figure = figureOf("one asynchronous queue hop", rounds, [&] {
+    Moved sum{};
+    for (int i = 0; i < turn; ++i) sum.bare += bare.handOver();
+    for (int i = 0; i < turn; ++i) sum.queue += hop();
+    return Moved{sum.queue / turn, sum.bare / turn};
+  });
+  figure.goal = ratioAtMost(1.2);
+  return figure;
 }
 
 /// From a thread outside the pool into an idle queue, and back to the waiting thread.
-void roundTripThroughAQueue(benchmark::State& state) {
+Figure roundTripThroughAQueue(int rounds) {
   const dispatch_queue_t queue = dispatch_queue_create("bench.round trip");
   BarePair bare;
   Baton back;
   std::uint64_t trips = 0;
-  compare(
-      state,
-      [&] {
-        for (int i = 0; i < turn; ++i) {
-          dispatch_async(queue, [&] { back.pass(); });
-          back.await(++trips);
-        }
-      },
-      [&] {
-        for (int i = 0; i < turn; ++i) bare.roundTrip();
-      });
+  const auto on_queue = [&] {
+    for (int i = 0; i < turn; ++i) {
+      dispatch_async(queue, [&] { back.pass(); });
+      back.await(++trips);
+    }
+  };
+  return figureOf("round trip through a queue", rounds, [&] {
+    return inTurns(on_queue, [&] {
+      for (int i = 0; i < turn; ++i) bare.roundTrip();
+    });
+  });
 }
 
 /// Two serial queues that hand work to each other, beside two threads that do: there and back.
-void pingPongBetweenQueues(benchmark::State& state) {
+Figure pingPongBetweenQueues(int rounds) {
   const dispatch_queue_t ping = dispatch_queue_create("bench.ping");
   const dispatch_queue_t pong = dispatch_queue_create("bench.pong");
   struct Match {
@@ -193,39 +190,47 @@ void pingPongBetweenQueues(benchmark::State& state) {
     }
   };
   BarePair bare;
-  compare(
-      state,
-      [&] {
-        Match match{ping, pong, turn, {}};
-        dispatch_async(ping, [&match] { match.serve(); });
-        match.over.await(1);
-      },
-      [&] {
-        for (int i = 0; i < turn; ++i) bare.roundTrip();
-      });
+  const auto on_queue = [&] {
+    Match match{ping, pong, turn, {}};
+    dispatch_async(ping, [&match] { match.serve(); });
+    match.over.await(1);
+  };
+  return figureOf("ping-pong between two queues", rounds, [&] {
+    return inTurns(on_queue, [&] {
+      for (int i = 0; i < turn; ++i) bare.roundTrip();
+    });
+  });
 }
 
 /// A synchronous call on an idle queue, beside a hand-over to a thread that does it and answers.
-void synchronousCallOnAnIdleQueue(benchmark::State& state) {
+Figure synchronousCallOnAnIdleQueue(int rounds) {
   const dispatch_queue_t queue = dispatch_queue_create("bench.sync");
   BarePair bare;
-  int calls = 0;
-  compare(
-      state,
-      [&] {
-        for (int i = 0; i < turn; ++i) dispatch_sync(queue, [&] { ++calls; });
-        benchmark::DoNotOptimize(calls);
-      },
-      [&] {
-        for (int i = 0; i < turn; ++i) bare.roundTrip();
-      });
+  volatile int calls = 0;
+  const auto on_queue = [&] {
+    for (int i = 0; i < turn; ++i) dispatch_sync(queue, [&] { calls = calls + 1; });
+  };
+  return figureOf("synchronous call on an idle queue", rounds, [&] {
+    return inTurns(on_queue, [&] {
+      for (int i = 0; i < turn; ++i) bare.roundTrip();
+    });
+  });
 }
 
-// A number of turns, not a span of time: the two sides of a comparison may differ a hundredfold.
-BENCHMARK(oneHopIntoAQueue)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
-BENCHMARK(roundTripThroughAQueue)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
-BENCHMARK(pingPongBetweenQueues)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
-BENCHMARK(synchronousCallOnAnIdleQueue)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
-
 }  // namespace
-}  // namespace kelvane
+}  // namespace kelvane::bench
+
+int main(int argc, char** argv) {
+  using namespace kelvane::bench;
+  CLI::App app("Measures queues against a bare condition variable.");
+  int rounds = 31;
+  std::string json;
+  app.add_option("--rounds", rounds, "rounds, each of 2,000 movements")->check(CLI::Range(3, 1000));
+  app.add_option("--json", json, "a file for the figures");
+  CLI11_PARSE(app, argc, argv);
+  const Report report{{oneHopIntoAQueue(rounds), roundTripThroughAQueue(rounds),
+                       pingPongBetweenQueues(rounds), synchronousCallOnAnIdleQueue(rounds)}};
+  report.print();
+  report.write(json);
+  return 0;
+}

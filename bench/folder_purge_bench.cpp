@@ -4,6 +4,7 @@
 // outside, the start of the program included. The ways take turns in beginning a round.
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "bench/support/quartiles.h"
+#include "bench/support/report.h"
 #include "kelvane/folder_purge.h"
 
 namespace kelvane::bench {
@@ -33,6 +35,7 @@ struct Settings {
   int rounds = 5;
   int small_files = 200'000;
   int large_files = 200;
+  std::string json;
 };
 
 struct Shape {
@@ -128,7 +131,21 @@ void print(const char* what, const Quartiles& seconds, double beside) {
               seconds.high * 1e3, seconds.median / beside);
 }
 
-void measure(const Shape& shape, const Settings& settings) {
+/// The daemon's library beside what everybody uses; the last two ways are the peers.
+std::vector<Figure> figuresOf(const Shape& shape, const std::vector<Way>& ways, int rounds) {
+  std::vector<Figure> figures;
+  for (const Way* peer : {&ways[ways.size() - 2], &ways.back()}) {
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < peer->seconds.size(); ++i)
+      ratios.push_back(ways[0].seconds[i] / peer->seconds[i]);
+    figures.push_back({fmt::format("folder purge, {} {}", shape.files, shape.name), "ms", rounds,
+                       quartilesOf(ways[0].seconds) * 1e3,
+                       Peer{peer->name, quartilesOf(peer->seconds) * 1e3, quartilesOf(ratios)}});
+  }
+  return figures;
+}
+
+std::vector<Figure> measure(const Shape& shape, const Settings& settings) {
   using client::PurgeOrder;
   std::vector<Way> ways = {
       {"as found", [](const std::string& it) { purge(it, {}); }},
@@ -161,6 +178,7 @@ void measure(const Shape& shape, const Settings& settings) {
     print("processor", quartilesOf(way.processor_seconds), processor_seconds);
     std::printf("\n");
   }
+  return figuresOf(shape, ways, settings.rounds);
 }
 
 }  // namespace
@@ -174,11 +192,16 @@ int main(int argc, char** argv) {
   app.add_option("--rounds", settings.rounds)->check(CLI::PositiveNumber);
   app.add_option("--small-files", settings.small_files)->check(CLI::PositiveNumber);
   app.add_option("--large-files", settings.large_files)->check(CLI::PositiveNumber);
+  app.add_option("--json", settings.json, "a file for the figures");
   CLI11_PARSE(app, argc, argv);
+  Report report;
   try {
-    measure({"small files of 4 KiB, 1,000 in a folder", settings.small_files, 1000, 4096}, settings);
-    measure({"large files of 16 MiB, 50 in a folder", settings.large_files, 50, std::size_t{16} << 20},
-            settings);
+    report.add(
+        measure({"small files of 4 KiB, 1,000 in a folder", settings.small_files, 1000, 4096}, settings));
+    report.add(
+        measure({"large files of 16 MiB, 50 in a folder", settings.large_files, 50, std::size_t{16} << 20},
+                settings));
+    report.write(settings.json);
   } catch (const std::exception& error) {
     fail(error.what());
   }

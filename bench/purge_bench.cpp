@@ -27,10 +27,11 @@ constexpr std::uint64_t share = 1000;  // bytes asked of each service
 /// What is measured in each round: microseconds, or a count, for all services together.
 enum Thing : std::size_t {
   purge,
-  nothing,
+  net,  // purge - nothing
   bare,
   raw,
-  ratio,  // (purge - nothing) / bare
+  ratio,  // of net to bare
+  raw_ratio,
   purge_processor,
   bare_processor,
   processor_ratio,
@@ -76,10 +77,11 @@ std::array<double, things> round(PopulatedDaemon& daemon, const std::vector<int>
   const double plain = microsecondsOf([&] { rawFanout(raw_endpoints); });
   const ProcessWork work = all.work - none.work;
   return {all.time,
-          none.time,
+          all.time - none.time,
           loop.time,
           plain,
           (all.time - none.time) / loop.time,
+          (all.time - none.time) / plain,
           work.processor_microseconds,
           loop.work.processor_microseconds,
           work.processor_microseconds / loop.work.processor_microseconds,
@@ -94,11 +96,28 @@ std::string lineOf(std::size_t services, const std::array<Quartiles, things>& q,
   return fmt::format(
       "{:8}  {:7.1f} {:8.1f} {:8.1f} {:8.1f}   {:5.2f} ({:.2f} .. {:.2f})   {:6.1f} {:6.1f}  {:5.2f}   "
       "{:6.1f} {:6.1f}  {:6.2f} {:6.2f}  {:6.1f}",
-      services, each(q[purge].median), each(q[purge].median - q[nothing].median), each(q[bare].median),
-      each(q[raw].median), q[ratio].median, q[ratio].low, q[ratio].high, each(q[purge_processor].median),
+      services, each(q[purge].median), each(q[net].median), each(q[bare].median), each(q[raw].median),
+      q[ratio].median, q[ratio].low, q[ratio].high, each(q[purge_processor].median),
       each(q[bare_processor].median), q[processor_ratio].median, each(q[services_in_purge].median),
       each(q[services_in_bare].median), each(q[purge_switches].median), each(q[bare_switches].median),
       static_cast<double>(peak_memory) / 1024);
+}
+
+std::vector<Figure> figuresOf(std::size_t services, int rounds, const std::array<Quartiles, things>& q,
+                              std::uint64_t peak_memory) {
+  const auto each = static_cast<double>(services);
+  const auto named = [&](const char* what) { return fmt::format("{}, {} services", what, services); };
+  std::optional<Goal> goal;
+  if (services == 100 || services == 500) goal = ratioAtMost(1.3);
+  const double peak = static_cast<double>(peak_memory) / 1024;
+  return {{named("purge, per service call"), "us", rounds, q[net] / each,
+           Peer{"bare sd-bus open, call, close", q[bare] / each, q[ratio]}, goal,
+           "without what a purge of nothing costs"},
+          {named("purge, processor time per service call"), "us", rounds, q[purge_processor] / each,
+           Peer{"bare sd-bus open, call, close", q[bare_processor] / each, q[processor_ratio]}},
+          {named("purge, per service call, beside raw sockets"), "us", rounds, q[net] / each,
+           Peer{"raw AF_UNIX fan-out", q[raw] / each, q[raw_ratio]}},
+          {named("purge, peak memory"), "MiB", 1, {peak, peak, peak}}};
 }
 
 Row measure(ServiceHost& host, const Setting& setting, std::size_t services) {
@@ -109,21 +128,7 @@ Row measure(ServiceHost& host, const Setting& setting, std::size_t services) {
       setting.rounds, [&] { return round(daemon, raw_endpoints, setting.volume, host.ID()); });
   for (const int endpoint : raw_endpoints) ::close(endpoint);
   const std::uint64_t peak_memory = daemon.process().peakMemory();
-  return {lineOf(services, found, peak_memory),
-          {{"services", static_cast<double>(services)},
-           {"purge_us", found[purge].median},
-           {"nothing_us", found[nothing].median},
-           {"bare_us", found[bare].median},
-           {"raw_us", found[raw].median},
-           {"ratio", found[ratio].median},
-           {"ratio_low", found[ratio].low},
-           {"ratio_high", found[ratio].high},
-           {"purge_processor_us", found[purge_processor].median},
-           {"bare_processor_us", found[bare_processor].median},
-           {"processor_ratio", found[processor_ratio].median},
-           {"purge_switches", found[purge_switches].median},
-           {"bare_switches", found[bare_switches].median},
-           {"peak_memory_kib", static_cast<double>(peak_memory)}}};
+  return {lineOf(services, found, peak_memory), figuresOf(services, setting.rounds, found, peak_memory)};
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <optional>
 #include <random>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "bench/support/bare_fanout.h"
+#include "bench/support/comparison.h"
 #include "bench/support/daemon_client.h"
 #include "bench/support/daemon_process.h"
 #include "bench/support/reaction_cache.h"
@@ -30,7 +32,7 @@ constexpr std::uint64_t ms = 1'000'000;
 constexpr std::uint64_t volume_bytes = 2048 * MiB;
 constexpr std::uint64_t threshold = volume_bytes / 10;
 constexpr std::uint64_t clear_at = threshold + threshold / 4;
-constexpr std::uint64_t purgeable_bytes = 1200 * MiB;
+constexpr std::uint64_t cached_bytes = 1200 * MiB;
 constexpr std::uint64_t asked_bytes = 250 * MiB;
 constexpr std::size_t services = 3;
 constexpr std::uint64_t goes_on = 500 * ms;  // after the first request
@@ -39,6 +41,7 @@ struct Outcome {
   std::optional<double> reaction;  // milliseconds; nothing when a write failed before any request
   bool failed = false;             // a write failed while purgeable bytes remained
   double overshoot = 0;            // MiB purged beyond what makes the volume clear
+  Series fill;                     // MiB free against milliseconds since the crossing
 };
 
 /// A daemon and the services that are checked in with it.
@@ -122,6 +125,26 @@ class PollingLoop {
   std::thread asking_;
 };
 
+/// What was free, and when.
+class Trace {
+ public:
+  void add(std::uint64_t at, std::uint64_t free_bytes) {
+    if (!at_.empty() && at < at_.back() + 2 * ms) return;
+    at_.push_back(at);
+    free_.push_back(static_cast<double>(free_bytes) / MiB);
+  }
+  [[nodiscard]] Series since(std::uint64_t moment) const {
+    Series series{"", {}, free_};
+    for (const std::uint64_t at : at_)
+      series.x.push_back((static_cast<double>(at) - static_cast<double>(moment)) / 1e6);
+    return series;
+  }
+
+ private:
+  std::vector<std::uint64_t> at_;
+  std::vector<double> free_;
+};
+
 Outcome round(ReactionVolume& volume, Driver& driver, std::uint64_t bytes_per_second) {
   settle(volume, driver);
   std::optional<PollingLoop> loop;
@@ -129,6 +152,7 @@ Outcome round(ReactionVolume& volume, Driver& driver, std::uint64_t bytes_per_se
     loop.emplace(driver.poll(), random_number() % driver.poll(), volume, driver.socket());
   Writer writer(volume, bytes_per_second);
   Outcome outcome;
+  Trace trace;
   std::uint64_t crossed_at = 0;
   std::uint64_t written_before = 0;
   while (true) {
@@ -136,17 +160,20 @@ Outcome round(ReactionVolume& volume, Driver& driver, std::uint64_t bytes_per_se
     const std::uint64_t now = nanosecondsNow();
     if (loop) loop->look();
     const std::uint64_t first = driver.firstRequest();
-    if (crossed_at == 0 && (first != 0 || volume.freeSpace() < threshold)) {
+    const std::uint64_t free_space = volume.freeSpace();
+    trace.add(now, free_space);
+    if (crossed_at == 0 && (first != 0 || free_space < threshold)) {
       crossed_at = now;
       written_before = writer.written();
     }
-    if (!written && driver.freed() < purgeable_bytes) {
+    if (!written && driver.freed() < cached_bytes) {
       outcome.failed = true;
       break;
     }
     if (first != 0 && now > first + goes_on) break;
   }
   loop.reset();
+  outcome.fill = trace.since(crossed_at);
   if (const std::uint64_t first = driver.firstRequest()) {
     outcome.reaction = first > crossed_at ? static_cast<double>(first - crossed_at) / 1e6 : 0;
     const std::uint64_t needed = clear_at - threshold + (writer.written() - written_before);
@@ -156,12 +183,57 @@ Outcome round(ReactionVolume& volume, Driver& driver, std::uint64_t bytes_per_se
   return outcome;
 }
 
+struct Kind {
+  std::string writer;
+  const char* driver;
+  std::uint64_t rate;  // bytes per second; 0: as fast as it can
+  std::uint64_t poll;
+  int rounds;
+};
+
+/// The sample below or at which so large a part of them lies.
 double quantile(std::vector<double> samples, double part) {
   std::sort(samples.begin(), samples.end());
-  return samples[static_cast<std::size_t>(part * static_cast<double>(samples.size() - 1) + 0.5)];
+  const double rank = std::ceil(part * static_cast<double>(samples.size()));
+  return samples[static_cast<std::size_t>(std::max(rank, 1.0)) - 1];
 }
 
-void printRow(const std::string& writer, const std::string& driver, const std::vector<Outcome>& outcomes) {
+/// With fewer than a hundred samples the 99th percentile is the worst of them, and is called that.
+Figure worstOf(const Kind& kind, const std::vector<double>& reactions, std::optional<Goal> goal) {
+  const auto count = static_cast<double>(reactions.size());
+  const double value = quantile(reactions, 0.99);
+  const bool enough = count >= 100;
+  const std::string what = enough ? "99th percentile" : fmt::format("worst of {}", reactions.size());
+  const double sureness = 100 * (1 - std::pow(0.99, count));
+  return {fmt::format("crossing to first request, {}, {}", kind.writer, what),
+          "ms",
+          kind.rounds,
+          {value, value, quantile(reactions, 1)},
+          std::nullopt,
+          goal,
+          fmt::format("the worst of {} is above the true 99th percentile with {:.0f} % probability",
+                      reactions.size(), sureness)};
+}
+
+void reportKind(Report& report, const Kind& kind, const std::vector<double>& reactions,
+                const std::vector<Outcome>& outcomes, std::size_t failed) {
+  const std::string name = fmt::format("{}, {}", kind.writer, kind.driver);
+  report.series.push_back(outcomes[0].fill);
+  report.series.back().name = "fill, " + name;
+  const bool watched = kind.poll == 0;
+  const bool has_goal = watched && kind.rate == 500'000'000;
+  if (watched && !reactions.empty()) {
+    report.add(
+        {{fmt::format("crossing to first request, {}", kind.writer), "ms", kind.rounds,
+          quartilesOf(reactions), std::nullopt, has_goal ? std::optional(medianAtMost(10)) : std::nullopt},
+         worstOf(kind, reactions, has_goal ? std::optional(medianAtMost(40)) : std::nullopt)});
+    report.series.push_back(distributionOf("reaction, " + kind.writer, reactions));
+  }
+  const double part = 100 * static_cast<double>(failed) / static_cast<double>(outcomes.size());
+  report.add({{"fills in which a write failed, " + name, "%", kind.rounds, {part, part, part}}});
+}
+
+void summarize(Report& report, const Kind& kind, const std::vector<Outcome>& outcomes) {
   std::vector<double> reactions;
   std::vector<double> overshoots;
   std::size_t failed = 0;
@@ -172,7 +244,7 @@ void printRow(const std::string& writer, const std::string& driver, const std::v
     }
     failed += outcome.failed ? 1 : 0;
   }
-  fmt::print("{:>14}  {:<16}{:>6}{:>9}", writer, driver, outcomes.size(), reactions.size());
+  fmt::print("{:>14}  {:<16}{:>6}{:>9}", kind.writer, kind.driver, outcomes.size(), reactions.size());
   if (reactions.empty()) {
     fmt::print("{:>10}{:>10}{:>10}{:>8}{:>11}\n", "-", "-", "-", failed, "-");
   } else {
@@ -180,6 +252,7 @@ void printRow(const std::string& writer, const std::string& driver, const std::v
                quantile(reactions, 0.99), quantile(reactions, 1), failed, quantile(overshoots, 0.5));
   }
   std::fflush(stdout);
+  reportKind(report, kind, reactions, outcomes, failed);
 }
 
 }  // namespace
@@ -187,36 +260,38 @@ void printRow(const std::string& writer, const std::string& driver, const std::v
 
 int main(int argc, char** argv) {
   using namespace kelvane::bench;
-  int rounds = 50;
-  int polled_rounds = 4;
+  int rounds = 20;
+  int fast_rounds = 100;
+  int polled_rounds = 1;
+  std::string json;
   CLI::App app(
       "Measures how soon a volume that is being filled is given space. Needs to be root, for the volume.");
   app.add_option("--rounds", rounds, "rounds at each rate with the daemon's watcher")
       ->check(CLI::PositiveNumber);
+  app.add_option("--fast-rounds", fast_rounds, "the same at 500 MB/s, where the 99th percentile counts")
+      ->check(CLI::PositiveNumber);
   app.add_option("--polled-rounds", polled_rounds, "rounds with each polling loop")
       ->check(CLI::NonNegativeNumber);
+  app.add_option("--json", json, "a file for the figures");
   CLI11_PARSE(app, argc, argv);
 
-  const std::string self = argv[0];
-  const std::string daemon = self.substr(0, self.rfind('/') + 1) + "kelvaned";
-  ReactionVolume volume(volume_bytes, services, purgeable_bytes);
+  const std::string daemon = daemonBesideThisProgram();  // before the mounts change under this program
+  ReactionVolume volume(volume_bytes, services, cached_bytes);
+  Report report;
   fmt::print("{:>14}  {:<16}{:>6}{:>9}{:>10}{:>10}{:>10}{:>8}{:>11}\n", "writer", "driven by", "rounds",
              "reacted", "median ms", "99th ms", "worst ms", "failed", "over MiB");
   for (const std::uint64_t rate : {50, 200, 500, 0}) {
     const std::string writer = rate != 0 ? fmt::format("{} MB/s", rate) : "unbounded";
-    struct Kind {
-      const char* name;
-      std::uint64_t poll;
-      int rounds;
-    };
-    for (const Kind& kind :
-         {Kind{"the watcher", 0, rounds}, Kind{"a look in 10 s", 10'000 * ms, polled_rounds},
-          Kind{"a look in 60 s", 60'000 * ms, polled_rounds}}) {
+    const std::uint64_t bytes = rate * 1'000'000;
+    for (const Kind& kind : {Kind{writer, "the watcher", bytes, 0, rate == 500 ? fast_rounds : rounds},
+                             Kind{writer, "a look in 10 s", bytes, 10'000 * ms, polled_rounds},
+                             Kind{writer, "a look in 60 s", bytes, 60'000 * ms, polled_rounds}}) {
       if (kind.rounds == 0) continue;
       Driver driver(daemon, volume, kind.poll);
       std::vector<Outcome> outcomes;
-      for (int i = 0; i < kind.rounds; ++i) outcomes.push_back(round(volume, driver, rate * 1'000'000));
-      printRow(writer, kind.name, outcomes);
+      for (int i = 0; i < kind.rounds; ++i) outcomes.push_back(round(volume, driver, kind.rate));
+      summarize(report, kind, outcomes);
     }
   }
+  report.write(json);
 }

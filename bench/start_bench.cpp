@@ -34,7 +34,7 @@ namespace fs = std::filesystem;
 
 const fs::path descriptors = "/System/Library/Kelvane";
 
-enum Thing : std::size_t { empty, full, parsing, ratio, added_ratio, gone, back, things };
+enum Thing : std::size_t { empty, full, added, parsing, ratio, added_ratio, gone, back, things };
 
 void writeDescriptors(std::size_t count) {
   if (!fs::is_directory(descriptors) || !fs::is_empty(descriptors)) {
@@ -138,32 +138,37 @@ std::array<double, things> round(const std::string& program) {
   const double with = startOf(program);
   const double parsed = microsecondsOf(parseBare);
   const EndAndStart ended = endAndStart(program);
-  return {without, with, parsed, with / parsed, (with - without) / parsed, ended.gone, ended.back};
+  return {without,    with,      with - without, parsed, with / parsed, (with - without) / parsed,
+          ended.gone, ended.back};
 }
 
 int run(int argc, char** argv) {
   CLI::App app("Measures the daemon's start and end. Run it in script/lib/private-root.sh.");
   std::size_t count = 1000;
   int rounds = 21;
+  std::string json;
   app.add_option("--descriptors", count, "how many services are declared")->check(CLI::Range(1, 100000));
   app.add_option("--rounds", rounds, "how often each is measured")->check(CLI::PositiveNumber);
+  app.add_option("--json", json, "a file for the figures");
   CLI11_PARSE(app, argc, argv);
   allowManyDescriptors();
   writeDescriptors(count);
   const std::string program = daemonBesideThisProgram();
   const auto found = quartilesOfRounds<things>(rounds, [&] { return round(program); });
-  const auto line = [&](const char* what, Thing thing, double unit) {
-    fmt::print("{:<58}{:>9.2f}  ({:.2f} .. {:.2f})\n", what, found[thing].median / unit,
-               found[thing].low / unit, found[thing].high / unit);
+  constexpr double ms = 1e-3;
+  const auto beside_parsing = [&](Thing which) {
+    return Peer{"reading and parsing them bare", found[parsing] * ms, found[which]};
   };
-  constexpr double milliseconds = 1000;
-  line("start without descriptors, ms", empty, milliseconds);
-  line("start with them, ms", full, milliseconds);
-  line("the same files read and parsed bare, ms", parsing, milliseconds);
-  line("ratio of the start to that", ratio, 1);
-  line("ratio of what they add to the start to that", added_ratio, 1);
-  line("SIGTERM in the middle of a purge to the end, ms", gone, milliseconds);
-  line("start to the first answer after that, ms", back, milliseconds);
+  const Report report{
+      {{fmt::format("start to the launched notification, {} descriptors", count), "ms", rounds,
+        found[full] * ms, beside_parsing(ratio), ratioAtMost(1.5)},
+       {fmt::format("what {} descriptors add to the start", count), "ms", rounds, found[added] * ms,
+        beside_parsing(added_ratio)},
+       {"start to the launched notification, no descriptors", "ms", rounds, found[empty] * ms},
+       {"SIGTERM in the middle of a purge to the end", "ms", rounds, found[gone] * ms},
+       {"start to the first answer after that", "ms", rounds, found[back] * ms}}};
+  report.print();
+  report.write(json);
   return 0;
 }
 

@@ -1,12 +1,13 @@
-// What questions and the state cost, against what the wire alone costs.
+// What questions cost, against what the wire alone costs.
 //
 // For each number of services, in one run and taking turns: a question that asks every service (the record of
 // recent figures is removed before it, outside of what is timed); the same question again, answered from the
-// record; the reading of one state value; a bare bus loop that opens the same connections to the same
-// services, asks the same and closes them; a bare round trip on an open connection; and what marshalling an
-// answer of that size takes. What is short is repeated, and counts with its mean.
+// record; a bare bus loop that opens the same connections to the same services, asks the same and closes
+// them; the same with plain bytes on plain sockets; and a stand-in for the daemon that knows the answer and
+// nothing else. What is short is repeated, and counts with its mean.
 
 #include <fmt/format.h>
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -15,6 +16,7 @@
 #include "bench/support/bare_fanout.h"
 #include "bench/support/comparison.h"
 #include "bench/support/rounds.h"
+#include "bench/support/temporary_folder.h"
 #include "common/keys.h"
 
 namespace kelvane::bench {
@@ -26,63 +28,106 @@ constexpr int repetitions = 10;  // of what is short, in each round
 enum Thing : std::size_t {
   uncached,
   cached,
-  get_state,
   bare,
-  round_trip,
-  marshalling,
+  raw,
+  echo,
   uncached_ratio,
+  raw_ratio,
   cached_ratio,
-  state_ratio,
   things
 };
 
-void expect(std::int64_t total, std::size_t services) {
-  if (total == static_cast<std::int64_t>(services * purgeable_bytes)) return;
-  std::fprintf(stderr, "%zu services could free %lld bytes\n", services, static_cast<long long>(total));
-  std::exit(1);
-}
+/// What is asked, and what it is compared with.
+struct Subject {
+  Subject(ServiceHost& host, const Setting& setting, std::size_t services)
+      : daemon(setting.daemon, host, services), volume(setting.volume) {
+    for (std::size_t i = 0; i < services; ++i) raw_endpoints.push_back(host.addService(Speech::raw));
+  }
+  ~Subject() {
+    for (const int endpoint : raw_endpoints) ::close(endpoint);
+  }
+  Subject(const Subject&) = delete;
+  Subject& operator=(const Subject&) = delete;
 
-std::array<double, things> round(PopulatedDaemon& daemon, const std::string& volume) {
-  DaemonClient& client = daemon.client();
-  const std::vector<int>& endpoints = daemon.endpoints();
-  const std::size_t services = endpoints.size();
-  const auto ask = [&] { expect(client.purgeableSpace(volume), services); };
-  client.removeState(KELVANE_RECENT_SERVICE_STATS);
-  const double asked = microsecondsOf(ask);
-  const double fanned = microsecondsOf([&] { bareBusFanout(endpoints, Request::purgeable, volume, 0); });
-  const double counted = microsecondsOf(ask, repetitions);
-  const double trip = static_cast<double>(bareBusRoundTrip(endpoints[0], volume)) / 1e3;
-  const double read = microsecondsOf([&] { client.state("com.example.bench"); }, repetitions);
-  const double marshalled = static_cast<double>(bareBusMarshalling(services + 2)) / 1e3;
-  return {asked,      counted, read, fanned, trip, marshalled, asked / fanned, (counted - marshalled) / trip,
-          read / trip};
+  void ask(DaemonClient& client, const std::string& about) const {
+    const std::int64_t total = client.purgeableSpace(about);
+    if (total == static_cast<std::int64_t>(services() * purgeable_bytes)) return;
+    std::fprintf(stderr, "%zu services could free %lld bytes\n", services(), static_cast<long long>(total));
+    std::exit(1);
+  }
+  /// The microseconds that a question takes which asks every service.
+  double askEach() {
+    daemon.client().removeState(KELVANE_RECENT_SERVICE_STATS);
+    return microsecondsOf([&] { ask(daemon.client(), volume); });
+  }
+  [[nodiscard]] std::size_t services() const { return raw_endpoints.size(); }
+
+  PopulatedDaemon daemon;
+  const std::string volume;
+  std::vector<int> raw_endpoints;
+};
+
+std::array<double, things> round(Subject& subject, DaemonClient& stand_in) {
+  const double asked = subject.askEach();
+  const double fanned = microsecondsOf(
+      [&] { bareBusFanout(subject.daemon.endpoints(), Request::purgeable, subject.volume, 0); });
+  const double plain = microsecondsOf([&] { rawFanout(subject.raw_endpoints); });
+  const double counted =
+      microsecondsOf([&] { subject.ask(subject.daemon.client(), subject.volume); }, repetitions);
+  const std::string number = std::to_string(subject.services());
+  const double echoed = microsecondsOf([&] { subject.ask(stand_in, number); }, repetitions);
+  return {asked, counted, fanned, plain, echoed, asked / fanned, asked / plain, counted / echoed};
 }
 
 std::string lineOf(std::size_t services, const std::array<Quartiles, things>& q) {
-  return fmt::format(
-      "{:8}  {:9.0f} {:9.0f}  {:5.2f} ({:.2f} .. {:.2f})  {:8.1f} {:8.1f} {:8.1f}  {:5.2f} ({:.2f} .. "
-      "{:.2f})  {:7.1f}  {:5.2f}",
-      services, q[uncached].median, q[bare].median, q[uncached_ratio].median, q[uncached_ratio].low,
-      q[uncached_ratio].high, q[cached].median, q[round_trip].median, q[marshalling].median,
-      q[cached_ratio].median, q[cached_ratio].low, q[cached_ratio].high, q[get_state].median,
-      q[state_ratio].median);
+  const auto text = [](const Quartiles& ratio) {
+    return fmt::format("{:.2f} ({:.2f} .. {:.2f})", ratio.median, ratio.low, ratio.high);
+  };
+  return fmt::format("{:8}  {:9.0f} {:9.0f} {:9.0f}  {:<20} {:8.1f} {:10.1f}  {}", services,
+                     q[uncached].median, q[bare].median, q[raw].median, text(q[uncached_ratio]),
+                     q[cached].median, q[echo].median, text(q[cached_ratio]));
+}
+
+std::vector<Figure> figuresOf(std::size_t services, int rounds, const std::array<Quartiles, things>& q) {
+  const auto each = static_cast<double>(services);
+  const auto named = [&](const char* what) { return fmt::format("{}, {} services", what, services); };
+  std::optional<Goal> uncached_goal;
+  std::optional<Goal> cached_goal;
+  if (services == 100) {
+    uncached_goal = ratioAtMost(2);
+    cached_goal = ratioAtMost(1.5);
+  }
+  return {{named("uncached query, per service"), "us", rounds, q[uncached] / each,
+           Peer{"bare sd-bus fan-out", q[bare] / each, q[uncached_ratio]}, uncached_goal},
+          {named("uncached query, per service, beside raw sockets"), "us", rounds, q[uncached] / each,
+           Peer{"raw AF_UNIX fan-out", q[raw] / each, q[raw_ratio]}},
+          {named("cached query"), "us", rounds, q[cached],
+           Peer{"bare sd-bus round trip, same answer", q[echo], q[cached_ratio]}, cached_goal}};
 }
 
 Row measure(ServiceHost& host, const Setting& setting, std::size_t services) {
-  PopulatedDaemon daemon(setting.daemon, host, services);
-  daemon.client().setState("value", "com.example.bench");
-  const auto found = quartilesOfRounds<things>(setting.rounds, [&] { return round(daemon, setting.volume); });
-  return {lineOf(services, found),
-          {{"services", static_cast<double>(services)},
-           {"uncached_us", found[uncached].median},
-           {"bare_us", found[bare].median},
-           {"uncached_ratio", found[uncached_ratio].median},
-           {"cached_us", found[cached].median},
-           {"round_trip_us", found[round_trip].median},
-           {"marshalling_us", found[marshalling].median},
-           {"cached_ratio", found[cached_ratio].median},
-           {"get_state_us", found[get_state].median},
-           {"state_ratio", found[state_ratio].median}}};
+  Subject subject(host, setting, services);
+  const TemporaryFolder folder;
+  ServiceHost bare_host;
+  bare_host.standInAt(folder.path() + "/socket");
+  DaemonClient stand_in(folder.path() + "/socket");
+  const auto found = quartilesOfRounds<things>(setting.rounds, [&] { return round(subject, stand_in); });
+  return {lineOf(services, found), figuresOf(services, setting.rounds, found)};
+}
+
+/// What a service costs among many, beside what it costs among few.
+std::vector<Figure> growth(ServiceHost& host, const Setting& setting) {
+  constexpr std::size_t few = 100;
+  constexpr std::size_t many = 1000;
+  Subject small(host, setting, few);
+  Subject large(host, setting, many);
+  const auto found = quartilesOfRounds<3>(setting.rounds, [&]() -> std::array<double, 3> {
+    const double at_few = small.askEach() / few;
+    const double at_many = large.askEach() / many;
+    return {at_many, at_few, at_many / at_few};
+  });
+  return {{"uncached query, growth of the cost per service, 1,000 services", "us", setting.rounds, found[0],
+           Peer{"the same among 100", found[1], found[2]}, ratioAtMost(1.3)}};
 }
 
 }  // namespace
@@ -92,12 +137,11 @@ int main(int argc, char** argv) {
   return kelvane::bench::runComparison(
       argc, argv,
       {"state_bench",
-       "Measures questions about purgeable space and the reading of state against a bare bus loop.",
-       "services   uncached  bare bus  ratio                   cached    round  marshal-  "
-       "(cached - marshalling)   state   ratio\n"
-       "              query   fan-out                            query     trip      ling  "
-       "to one round trip         read",
+       "Measures questions about purgeable space against a bare bus loop.",
+       "services   uncached  bare bus       raw  ratio to bare bus      cached  same from a  ratio\n"
+       "              query   fan-out   fan-out                         query   bare echo",
        31,
        {1, 10, 100, 1000},
-       kelvane::bench::measure});
+       kelvane::bench::measure,
+       kelvane::bench::growth});
 }

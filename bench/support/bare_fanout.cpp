@@ -1,5 +1,6 @@
 #include "bench/support/bare_fanout.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
@@ -116,50 +117,19 @@ std::uint64_t bareBusFanout(const std::vector<int>& endpoints, Request request, 
   return nanosecondsNow() - begin;
 }
 
-std::uint64_t bareBusRoundTrip(int endpoint, const std::string& volume) {
-  constexpr int tries = 20;
-  sd_bus* bus = nullptr;
-  start(bus, openThrough(endpoint));
-  std::uint64_t begin = 0;
-  for (int i = -1; i < tries; ++i) {
-    if (i == 0) begin = nanosecondsNow();  // the first one waits for the handshake
-    Call call{bus};
-    ask(call, Request::purgeable, volume, 0);
-    while (!call.answered) {
-      if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, UINT64_MAX);
-    }
-  }
-  const std::uint64_t taken = (nanosecondsNow() - begin) / tries;
-  sd_bus_close_unref(bus);
-  return taken;
+int rawConnection(int endpoint) {
+  const int socket = openThrough(endpoint);
+  ::fcntl(socket, F_SETFL, ::fcntl(socket, F_GETFL) & ~O_NONBLOCK);
+  return socket;
 }
 
-std::uint64_t bareBusMarshalling(std::size_t entries) {
-  std::array<int, 2> pair{};
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) std::abort();
-  sd_bus* bus = nullptr;
-  start(bus, pair[0]);
-  const std::uint64_t begin = nanosecondsNow();
-  sd_bus_message* message = nullptr;
-  if (sd_bus_message_new_method_call(bus, &message, nullptr, "/a", "a.b", "c") < 0) std::abort();
-  sd_bus_message_open_container(message, 'a', "{sv}");
-  for (std::size_t i = 0; i < entries; ++i) {
-    const std::string key = "com.example.bench" + std::to_string(i);
-    sd_bus_message_append(message, "{sv}", key.c_str(), "t", std::uint64_t{1000});
-  }
-  sd_bus_message_close_container(message);
-  if (sd_bus_message_seal(message, 1, 0) < 0 || sd_bus_message_enter_container(message, 'a', "{sv}") < 0)
+void rawRoundTrip(int socket) {
+  const std::array<char, raw_request_bytes> request{};
+  std::array<char, raw_reply_bytes> answer{};
+  if (::send(socket, request.data(), request.size(), MSG_NOSIGNAL) < 0 ||
+      ::recv(socket, answer.data(), answer.size(), MSG_WAITALL) != raw_reply_bytes) {
     std::abort();
-  const char* key = nullptr;
-  std::uint64_t amount = 0;
-  std::size_t read = 0;
-  while (sd_bus_message_read(message, "{sv}", &key, "t", &amount) > 0) ++read;
-  if (read != entries) std::abort();
-  sd_bus_message_unref(message);
-  const std::uint64_t taken = nanosecondsNow() - begin;
-  sd_bus_close_unref(bus);
-  ::close(pair[1]);
-  return taken;
+  }
 }
 
 std::uint64_t rawFanout(const std::vector<int>& endpoints) {

@@ -15,14 +15,12 @@ enum class Request { purge, purgeable };
 std::uint64_t bareBusFanout(const std::vector<int>& endpoints, Request request, const std::string& volume,
                             std::uint64_t amount);
 
-/// Nanoseconds for one call and its answer on a connection that is open, the mean of a few.
-std::uint64_t bareBusRoundTrip(int endpoint, const std::string& volume);
-
-/// Nanoseconds for writing a dictionary of so many numbers into a message and reading it out again.
-std::uint64_t bareBusMarshalling(std::size_t entries);
-
 /// The same with plain bytes of about the same number on plain sockets.
 std::uint64_t rawFanout(const std::vector<int>& endpoints);
+
+/// A plain socket to a raw service, and one ping-pong on it of as many bytes as a call and its answer.
+int rawConnection(int endpoint);
+void rawRoundTrip(int socket);
 
 [[nodiscard]] std::uint64_t nanosecondsNow();
 

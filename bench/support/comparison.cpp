@@ -6,25 +6,9 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 
 namespace kelvane::bench {
 namespace {
-
-void writeJson(const std::string& path, const std::vector<Row>& rows) {
-  std::ofstream out(path);
-  out << "[";
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    out << (i == 0 ? "\n {" : ",\n {");
-    const char* separator = "";
-    for (const auto& [name, figure] : rows[i].figures) {
-      out << separator << '"' << name << "\": " << figure;
-      separator = ", ";
-    }
-    out << "}";
-  }
-  out << "\n]\n";
-}
 
 int run(int argc, char** argv, Comparison& comparison) {
   CLI::App app(comparison.about);
@@ -42,13 +26,19 @@ int run(int argc, char** argv, Comparison& comparison) {
   ServiceHost host;
   std::printf("microseconds, medians of %d rounds; ratios with their quartiles\n\n%s\n", setting.rounds,
               comparison.heading);
-  std::vector<Row> rows;
+  Report report;
   for (const std::size_t services : comparison.services) {
-    rows.push_back(comparison.measure(host, setting, services));
-    std::printf("%s\n", rows.back().text.c_str());
+    const Row row = comparison.measure(host, setting, services);
+    std::printf("%s\n", row.text.c_str());
     std::fflush(stdout);
+    report.add(row.figures);
   }
-  if (!json.empty()) writeJson(json, rows);
+  if (comparison.across != nullptr) {
+    const Report last{comparison.across(host, setting)};
+    last.print();
+    report.add(last.figures);
+  }
+  report.write(json);
   return 0;
 }
 

@@ -2,11 +2,11 @@
 
 #include <cstddef>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "bench/support/daemon_client.h"
 #include "bench/support/daemon_process.h"
+#include "bench/support/report.h"
 #include "bench/support/service_host.h"
 
 namespace kelvane::bench {
@@ -21,7 +21,7 @@ struct Setting {
 /// What was found for one number of services.
 struct Row {
   std::string text;  // a line of the table
-  std::vector<std::pair<const char*, double>> figures;
+  std::vector<Figure> figures;
 };
 
 /// A benchmark that compares the daemon with something, for several numbers of services.
@@ -32,6 +32,8 @@ struct Comparison {
   int rounds;
   std::vector<std::size_t> services;
   Row (*measure)(ServiceHost& host, const Setting& setting, std::size_t services);
+  /// What compares numbers of services with each other; measured at last.
+  std::vector<Figure> (*across)(ServiceHost& host, const Setting& setting) = nullptr;
 };
 
 /// The program's whole run, from its command line to its exit status: a line for each number of services as

@@ -49,10 +49,13 @@ std::int64_t numberIn(sd_bus_message* answer, const char* key) {
 
 }  // namespace
 
-DaemonClient::DaemonClient(const std::string& socket) {
+DaemonClient::DaemonClient(const std::string& socket) : DaemonClient(socket, "") {}
+
+DaemonClient::DaemonClient(const std::string& socket, const std::string& name) : name_(name) {
   must(sd_bus_new(&bus_), "no bus");
   must(sd_bus_set_address(bus_, ("unix:path=" + socket).c_str()), socket.c_str());
   must(sd_bus_negotiate_fds(bus_, 1), "no descriptors");
+  if (!name_.empty()) must(sd_bus_set_bus_client(bus_, 1), "no message bus");
   must(sd_bus_start(bus_), socket.c_str());
 }
 
@@ -60,8 +63,8 @@ DaemonClient::~DaemonClient() { sd_bus_close_unref(bus_); }
 
 sd_bus_message* DaemonClient::message(const char* method) const {
   sd_bus_message* made = nullptr;
-  must(sd_bus_message_new_method_call(bus_, &made, nullptr, "/com/orvel/kelvane",
-                                      "com.orvel.KelvaneClientProtocol", method),
+  must(sd_bus_message_new_method_call(bus_, &made, name_.empty() ? nullptr : name_.c_str(),
+                                      "/com/orvel/kelvane", "com.orvel.KelvaneClientProtocol", method),
        method);
   return made;
 }

@@ -13,6 +13,8 @@ namespace kelvane::bench {
 class DaemonClient {
  public:
   explicit DaemonClient(const std::string& socket);
+  /// Of a stand-in with that name on a message bus.
+  DaemonClient(const std::string& bus_socket, const std::string& name);
   ~DaemonClient();
   DaemonClient(const DaemonClient&) = delete;
   DaemonClient& operator=(const DaemonClient&) = delete;
@@ -33,6 +35,7 @@ class DaemonClient {
   sd_bus_message* call(sd_bus_message* message) const;
 
   sd_bus* bus_ = nullptr;
+  const std::string name_;  // of whom it calls; empty without a message bus
 };
 
 }  // namespace kelvane::bench

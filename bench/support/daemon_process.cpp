@@ -32,9 +32,6 @@ void writeGrant(const std::string& directory) {
 
 DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::string>& environment)
     : program_(program), environment_(environment) {
-  std::string name = std::filesystem::temp_directory_path() / "kelvane-bench-XXXXXX";
-  if (::mkdtemp(name.data()) == nullptr) giveUp("cannot make a temporary directory");
-  directory_ = name;
   for (const char* part : {"/run", "/run/notify", "/state"})
     std::filesystem::create_directories(directory_ + part);
   writeGrant(directory_);
@@ -43,7 +40,6 @@ DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::
 
 DaemonProcess::~DaemonProcess() {
   if (process_ > 0) end();
-  std::filesystem::remove_all(directory_);
 }
 
 void DaemonProcess::end() {
@@ -74,11 +70,11 @@ void DaemonProcess::start() {
   ::close(watch);
 }
 
-std::uint64_t DaemonProcess::peakMemory() const {
+std::uint64_t DaemonProcess::numberInStatus(const char* name) const {
   std::ifstream status("/proc/" + std::to_string(process_) + "/status");
   std::string word;
   while (status >> word) {
-    if (word == "VmHWM:" && status >> word) return std::stoull(word);
+    if (word == name && status >> word) return std::stoull(word);
   }
   return 0;
 }

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "bench/support/temporary_folder.h"
+
 namespace kelvane::bench {
 
 /// A real daemon, in temporary directories of its own.
@@ -25,13 +27,17 @@ class DaemonProcess {
 
   [[nodiscard]] std::string socket() const { return directory_ + "/run/kelvane.sock"; }
   [[nodiscard]] pid_t ID() const { return process_; }
-  /// Its greatest resident size so far, in KiB.
-  [[nodiscard]] std::uint64_t peakMemory() const;
+  /// Its resident size now, in KiB, and the greatest so far.
+  [[nodiscard]] std::uint64_t memory() const { return numberInStatus("VmRSS:"); }
+  [[nodiscard]] std::uint64_t peakMemory() const { return numberInStatus("VmHWM:"); }
 
  private:
+  [[nodiscard]] std::uint64_t numberInStatus(const char* name) const;
+
   const std::string program_;
   const std::vector<std::string> environment_;
-  std::string directory_;
+  const TemporaryFolder folder_;
+  const std::string directory_ = folder_.path();
   pid_t process_ = -1;
 };
 

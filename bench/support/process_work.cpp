@@ -9,15 +9,15 @@
 namespace kelvane::bench {
 namespace {
 
-double contextSwitches(const std::filesystem::path& thread) {
+void addSwitches(const std::filesystem::path& thread, ProcessWork& work) {
   std::ifstream status(thread / "status");
   std::string word;
-  double switches = 0;
   double number = 0;
   while (status >> word) {
-    if (word.ends_with("voluntary_ctxt_switches:") && status >> number) switches += number;
+    if (!word.ends_with("voluntary_ctxt_switches:") || !(status >> number)) continue;
+    work.context_switches += number;
+    if (!word.starts_with("non")) work.voluntary_switches += number;
   }
-  return switches;
 }
 
 }  // namespace
@@ -32,7 +32,7 @@ ProcessWork ProcessWork::of(pid_t process) {
   std::error_code gone;  // a thread may end meanwhile
   for (const auto& thread :
        std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", gone)) {
-    work.context_switches += contextSwitches(thread.path());
+    addSwitches(thread.path(), work);
   }
   return work;
 }

@@ -21,4 +21,10 @@ inline Quartiles quartilesOf(std::vector<double> samples) {
   return {at(0.25), at(0.5), at(0.75)};
 }
 
+/// The same in another unit, or for one of many.
+inline Quartiles operator*(const Quartiles& value, double factor) {
+  return {value.low * factor, value.median * factor, value.high * factor};
+}
+inline Quartiles operator/(const Quartiles& value, double divisor) { return value * (1 / divisor); }
+
 }  // namespace kelvane::bench

@@ -4,6 +4,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -52,6 +53,38 @@ int receiveDescriptor(int socket, char& byte) {
 
 namespace {
 
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) std::abort();
+  path.copy(address.sun_path, path.size());
+  return address;
+}
+
+template <class Connect>
+int socketFor(const std::string& path, Connect connect) {
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = addressOf(path);
+  if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return socket;
+  std::perror(path.c_str());
+  std::exit(1);
+}
+
+}  // namespace
+
+int listeningAt(const std::string& path) {
+  const int socket = socketFor(path, ::bind);
+  if (::listen(socket, SOMAXCONN) != 0) std::abort();
+  return socket;
+}
+
+int connectedTo(const std::string& path) { return socketFor(path, ::connect); }
+
+namespace {
+
+constexpr char listener_kind = 'l';
+constexpr char bus_kind = 'b';
+
 /// The amount that the request's dictionary asks for.
 std::uint64_t amountAsked(sd_bus_message* message) {
   std::int32_t urgency = 0;
@@ -71,7 +104,40 @@ std::uint64_t amountAsked(sd_bus_message* message) {
   return amount;
 }
 
+/// What the daemon says of so many services, the number being the volume's name.
+int answerForServices(sd_bus_message* message) {
+  const char* key = nullptr;
+  const char* volume = "";
+  sd_bus_message_enter_container(message, 'a', "{sv}");
+  sd_bus_message_read(message, "{sv}", &key, "s", &volume);
+  const std::uint64_t services = std::stoull(volume);
+  sd_bus_message* answer = nullptr;
+  sd_bus_message_new_method_return(message, &answer);
+  sd_bus_message_open_container(answer, 'a', "a{sv}");
+  sd_bus_message_open_container(answer, 'a', "{sv}");
+  for (std::uint64_t i = 0; i < services; ++i) {
+    const std::string name = "com.example.bench" + std::to_string(i);
+    sd_bus_message_append(answer, "{sv}", name.c_str(), "t", purgeable_bytes);
+  }
+  sd_bus_message_append(answer, "{sv}", "KELVANE_TOTAL_AVAILABLE", "x", services * purgeable_bytes);
+  sd_bus_message_append(answer, "{sv}", "KELVANE_VOLUME", "s", volume);
+  sd_bus_message_close_container(answer);
+  sd_bus_message_close_container(answer);
+  const int sent = sd_bus_send(nullptr, answer, nullptr);
+  sd_bus_message_unref(answer);
+  return sent;
+}
+
 int serve(sd_bus_message* message, void* /*userdata*/, sd_bus_error* /*error*/) {
+  if (sd_bus_message_is_method_call(message, nullptr, "clientGetState") > 0) {
+    return sd_bus_reply_method_return(message, "av", 1, "s", "value");
+  }
+  if (sd_bus_message_is_method_call(message, nullptr, "clientPurgeableSpace") > 0) {
+    return answerForServices(message);
+  }
+  if (sd_bus_message_is_method_call(message, nullptr, "clientCheckin") > 0) {
+    return sd_bus_reply_method_return(message, "aa{sv}", 0);
+  }
   if (sd_bus_message_is_method_call(message, nullptr, "servicePurge") > 0) {
     const std::uint64_t amount = amountAsked(message);
     return sd_bus_reply_method_return(message, "aa{sv}", 1, 1, "KELVANE_AMOUNT", "t",
@@ -88,7 +154,7 @@ int serve(sd_bus_message* message, void* /*userdata*/, sd_bus_error* /*error*/) 
 
 /// One descriptor that the loop waits for.
 struct Watched {
-  enum class Kind { control, dbus_endpoint, raw_endpoint, dbus, raw } kind;
+  enum class Kind { control, listener, dbus_endpoint, raw_endpoint, dbus, raw } kind;
   int descriptor;
   sd_bus* bus = nullptr;
 };
@@ -118,6 +184,8 @@ class Loop {
     switch (watched->kind) {
       case Watched::Kind::control:
         return takeService(watched->descriptor);
+      case Watched::Kind::listener:
+        return startBus(::accept4(watched->descriptor, nullptr, nullptr, SOCK_CLOEXEC), false);
       case Watched::Kind::dbus_endpoint:
         return takeBus(watched->descriptor);
       case Watched::Kind::raw_endpoint:
@@ -133,22 +201,41 @@ class Loop {
     char speech = 0;
     const int endpoint = receiveDescriptor(control, speech);
     if (endpoint < 0) std::_Exit(0);  // whoever asked for the services is gone
-    watch(new Watched{speech == 'd' ? Watched::Kind::dbus_endpoint : Watched::Kind::raw_endpoint, endpoint});
+    if (speech == bus_kind) {
+      startBus(endpoint, true);
+    } else {
+      watch(new Watched{kindOf(speech), endpoint});
+    }
     const char ready = 1;
     if (::send(control, &ready, 1, MSG_NOSIGNAL) != 1) std::_Exit(0);
+  }
+
+  static Watched::Kind kindOf(char speech) {
+    if (speech == listener_kind) return Watched::Kind::listener;
+    return speech == static_cast<char>(Speech::dbus) ? Watched::Kind::dbus_endpoint
+                                                     : Watched::Kind::raw_endpoint;
   }
 
   void takeBus(int endpoint) {
     char byte = 0;
     const int socket = receiveDescriptor(endpoint, byte);
     if (socket < 0) return forgetEndpoint(endpoint);
+    startBus(socket, false);
+  }
+
+  /// The other end is a peer, or a message bus.
+  void startBus(int socket, bool is_bus) {
     auto* const watched = new Watched{Watched::Kind::dbus, socket};
     sd_bus_new(&watched->bus);
     sd_bus_set_fd(watched->bus, socket, socket);
-    sd_bus_set_server(watched->bus, 1, sd_id128_t{});
+    if (is_bus) {
+      sd_bus_set_bus_client(watched->bus, 1);
+    } else {
+      sd_bus_set_server(watched->bus, 1, sd_id128_t{});
+    }
     sd_bus_negotiate_fds(watched->bus, 1);
     sd_bus_add_filter(watched->bus, nullptr, serve, nullptr);
-    if (sd_bus_start(watched->bus) < 0) {
+    if (sd_bus_start(watched->bus) < 0 || (is_bus && sd_bus_request_name(watched->bus, echo_name, 0) < 0)) {
       sd_bus_unref(watched->bus);
       delete watched;
       return;
@@ -218,12 +305,18 @@ ServiceHost::~ServiceHost() {
 int ServiceHost::addService(Speech speech) {
   std::array<int, 2> pair{};
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0) std::abort();
-  char ready = 0;
-  if (!sendDescriptor(control_, static_cast<char>(speech), pair[1]) || ::recv(control_, &ready, 1, 0) != 1) {
-    std::abort();
-  }
-  ::close(pair[1]);
+  give(static_cast<char>(speech), pair[1]);
   return pair[0];
+}
+
+void ServiceHost::standInAt(const std::string& path) { give(listener_kind, listeningAt(path)); }
+
+void ServiceHost::standInOnBus(const std::string& bus_path) { give(bus_kind, connectedTo(bus_path)); }
+
+void ServiceHost::give(char kind, int descriptor) const {
+  char ready = 0;
+  if (!sendDescriptor(control_, kind, descriptor) || ::recv(control_, &ready, 1, 0) != 1) std::abort();
+  ::close(descriptor);
 }
 
 }  // namespace kelvane::bench

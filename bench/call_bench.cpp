@@ -1,0 +1,207 @@
+// What one small call costs, against the wire and against a message bus.
+//
+// clientGetState, in turns: of the daemon; of a stand-in that answers the same from a single-threaded bus
+// loop and does nothing else; of the same stand-in through a dbus-daemon of this program's own; and as many
+// bytes to and fro on a plain socket. Then the same with eight clients at once, each a process.
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "bench/support/comparison.h"
+#include "bench/support/message_bus.h"
+#include "bench/support/rounds.h"
+#include "bench/support/temporary_folder.h"
+
+namespace kelvane::bench {
+namespace {
+
+constexpr const char* key = "com.example.bench";
+constexpr std::size_t clients = 8;
+constexpr int warm_up = 10;  // calls, before those that count
+
+enum Way : std::size_t { daemon, bare, bus, raw, ways };
+constexpr std::array<const char*, ways> way_names = {"the daemon", "bare sd-bus echo", "through dbus-daemon",
+                                                     "raw AF_UNIX ping-pong"};
+
+/// All that answers.
+struct Servers {
+  Servers() : process(daemonBesideThisProgram()) {
+    DaemonClient(process.socket()).setState("value", key);
+    direct.standInAt(echo_socket);
+    on_bus.standInOnBus(message_bus.socket());
+  }
+
+  ServiceHost direct;  // these fork, and come before anything that has threads
+  ServiceHost on_bus;
+  ServiceHost plain;
+  const TemporaryFolder folder;
+  const std::string echo_socket = folder.path() + "/echo";
+  const MessageBus message_bus;
+  const DaemonProcess process;
+};
+
+using Call = std::function<void()>;
+
+Call callOf(std::shared_ptr<DaemonClient> client) {
+  return [client = std::move(client)] {
+    if (client->state(key) != "value") std::exit(1);
+  };
+}
+
+Call connect(Servers& servers, Way way) {
+  switch (way) {
+    case daemon:
+      return callOf(std::make_shared<DaemonClient>(servers.process.socket()));
+    case bare:
+      return callOf(std::make_shared<DaemonClient>(servers.echo_socket));
+    case bus:
+      return callOf(std::make_shared<DaemonClient>(servers.message_bus.socket(), echo_name));
+    default:
+      return [socket = rawConnection(servers.plain.addService(Speech::raw))] { rawRoundTrip(socket); };
+  }
+}
+
+// --- one client
+
+enum Thing : std::size_t { to_bare = ways, to_bus, to_raw, things };
+
+struct Trips {
+  std::array<Quartiles, things> found;
+  std::array<std::vector<double>, ways> samples;  // microseconds of every call
+};
+
+double meanOf(const Call& call, int calls, std::vector<double>& samples) {
+  for (int i = 0; i < warm_up; ++i) call();
+  double sum = 0;
+  for (int i = 0; i < calls; ++i) {
+    samples.push_back(microsecondsOf(call));
+    sum += samples.back();
+  }
+  return sum / calls;
+}
+
+Trips measureTrips(Servers& servers, int rounds, int calls) {
+  std::array<Call, ways> call;
+  for (std::size_t way = 0; way < ways; ++way) call[way] = connect(servers, static_cast<Way>(way));
+  Trips trips;
+  trips.found = quartilesOfRounds<things>(rounds, [&] {
+    std::array<double, things> took{};
+    for (std::size_t way = 0; way < ways; ++way) took[way] = meanOf(call[way], calls, trips.samples[way]);
+    took[to_bare] = took[daemon] / took[bare];
+    took[to_bus] = took[daemon] / took[bus];
+    took[to_raw] = took[daemon] / took[raw];
+    return took;
+  });
+  return trips;
+}
+
+void reportTrips(Report& report, const Trips& trips, int rounds) {
+  const auto& found = trips.found;
+  const auto beside = [&](const char* name, Way way, Thing ratio, std::optional<Goal> goal) {
+    report.figures.push_back(
+        {name, "us", rounds, found[daemon], Peer{way_names[way], found[way], found[ratio]}, goal});
+  };
+  beside("clientGetState round trip", bare, to_bare, ratioAtMost(1.3));
+  beside("clientGetState round trip, beside a message bus", bus, to_bus, ratioAtMost(0.75));
+  beside("clientGetState round trip, beside a raw socket", raw, to_raw, std::nullopt);
+  for (std::size_t way = 0; way < ways; ++way)
+    report.series.push_back(distributionOf(std::string("round trip, ") + way_names[way], trips.samples[way]));
+}
+
+// --- eight at once
+
+/// Waits for one byte of each client.
+void await(int descriptor) {
+  for (std::size_t i = 0; i < clients; ++i) {
+    char byte = 0;
+    if (::read(descriptor, &byte, 1) != 1) std::abort();
+  }
+}
+
+[[noreturn]] void clientProcess(Servers& servers, Way way, int calls, int says, int hears) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const Call call = connect(servers, way);
+  for (int i = 0; i < warm_up; ++i) call();
+  char byte = 0;
+  if (::write(says, &byte, 1) != 1 || ::read(hears, &byte, 1) != 0) std::_Exit(1);
+  for (int i = 0; i < calls; ++i) call();
+  std::_Exit(::write(says, &byte, 1) == 1 ? 0 : 1);
+}
+
+/// Calls per second of all clients together.
+double callsPerSecond(Servers& servers, Way way, int calls) {
+  std::array<int, 2> said{};
+  std::array<int, 2> gun{};
+  if (::pipe(said.data()) != 0 || ::pipe(gun.data()) != 0) std::abort();
+  std::vector<pid_t> processes;
+  for (std::size_t i = 0; i < clients; ++i) {
+    processes.push_back(::fork());
+    if (processes.back() != 0) continue;
+    ::close(gun[1]);
+    clientProcess(servers, way, calls, said[1], gun[0]);
+  }
+  ::close(said[1]);  // so that the end of a client which failed is seen
+  await(said[0]);
+  const double took = microsecondsOf([&] {
+    ::close(gun[1]);  // they start
+    await(said[0]);
+  });
+  ::close(said[0]);
+  ::close(gun[0]);
+  for (const pid_t process : processes) ::waitpid(process, nullptr, 0);
+  return static_cast<double>(clients) * calls / took * 1e6;
+}
+
+void measureCrowd(Report& report, Servers& servers, int rounds, int calls) {
+  const auto found = quartilesOfRounds<5>(rounds, [&]() -> std::array<double, 5> {
+    const double through = callsPerSecond(servers, bus, calls);
+    const double daemons = callsPerSecond(servers, daemon, calls);
+    const double direct = callsPerSecond(servers, bare, calls);
+    return {daemons, through, direct, daemons / through, daemons / direct};
+  });
+  report.add({{"8 clients at once, calls per second", "1/s", rounds, found[0],
+               Peer{way_names[bus], found[1], found[3]}, ratioAtLeast(1.5)},
+              {"8 clients at once, calls per second, beside a bare echo", "1/s", rounds, found[0],
+               Peer{way_names[bare], found[2], found[4]}}});
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Measures one small call, by one client and by eight at once, against the wire and a bus.");
+  int rounds = 31;
+  int calls = 300;
+  std::string json;
+  app.add_option("--rounds", rounds, "rounds in which all take turns")->check(CLI::Range(3, 1000));
+  app.add_option("--calls", calls, "calls of each client in a round")->check(CLI::Range(1, 100000));
+  app.add_option("--json", json, "a file for the figures");
+  CLI11_PARSE(app, argc, argv);
+  Servers servers;
+  Report report;
+  reportTrips(report, measureTrips(servers, rounds, calls), rounds);
+  measureCrowd(report, servers, rounds, calls);
+  report.print();
+  report.write(json);
+  return 0;
+}
+
+}  // namespace
+}  // namespace kelvane::bench
+
+int main(int argc, char** argv) {
+  try {
+    return kelvane::bench::run(argc, argv);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "call_bench: %s\n", failure.what());
+    return 1;
+  }
+}

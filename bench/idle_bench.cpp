@@ -1,0 +1,128 @@
+// What the daemon uses while nobody wants anything of it: memory by itself, memory with many idle
+// connections, and how often it wakes up.
+//
+// The wake-ups want ten volumes in a folder, which script/lib/private-root.sh mounts:
+//
+//   script/lib/private-root.sh --volume /volumes/0=64M ... -- build/release/bin/idle_bench --volumes /volumes
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/support/comparison.h"
+#include "bench/support/process_work.h"
+#include "bench/support/rounds.h"
+
+namespace kelvane::bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Settings {
+  std::string volumes;
+  int settle = 60;
+  int seconds = 60;
+  int rounds = 5;
+  std::size_t connections = 1000;
+  std::string json;
+};
+
+/// MiB by itself, and with so many connections that have each made one call.
+std::array<double, 2> memoryRound(const Settings& settings) {
+  const DaemonProcess daemon(daemonBesideThisProgram());
+  const auto megabytes = [&] { return static_cast<double>(daemon.memory()) / 1024; };
+  const double alone = megabytes();
+  { DaemonClient(daemon.socket()).setState("value", "com.example.bench"); }
+  std::vector<std::unique_ptr<DaemonClient>> connections;
+  for (std::size_t i = 0; i < settings.connections; ++i) {
+    connections.push_back(std::make_unique<DaemonClient>(daemon.socket()));
+    connections.back()->state("com.example.bench");
+  }
+  return {alone, megabytes()};
+}
+
+void measureMemory(Report& report, const Settings& settings) {
+  const auto found = quartilesOfRounds<2>(settings.rounds, [&] { return memoryRound(settings); });
+  report.add({{"resident memory, idle", "MiB", settings.rounds, found[0], std::nullopt, medianAtMost(8)},
+              {fmt::format("resident memory, {} idle connections", settings.connections), "MiB",
+               settings.rounds, found[1], std::nullopt, medianAtMost(30)}});
+}
+
+dev_t deviceOf(const fs::path& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) throw std::runtime_error("no " + path.string());
+  return status.st_dev;
+}
+
+std::size_t volumesIn(const fs::path& folder) {
+  std::size_t count = 0;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    if (deviceOf(entry.path()) != deviceOf(folder)) ++count;
+  }
+  return count;
+}
+
+/// With its own thresholds, so that it watches.
+void measureWakeUps(Report& report, const Settings& settings) {
+  constexpr std::size_t wanted = 10;
+  if (volumesIn(settings.volumes) != wanted)
+    throw std::runtime_error("there must be ten volumes in " + settings.volumes);
+  const DaemonProcess daemon(daemonBesideThisProgram(), {});
+  std::this_thread::sleep_for(std::chrono::seconds(settings.settle));
+  const ProcessWork before = ProcessWork::of(daemon.ID());
+  std::this_thread::sleep_for(std::chrono::seconds(settings.seconds));
+  const ProcessWork work = ProcessWork::of(daemon.ID()) - before;
+  const double each = work.voluntary_switches / settings.seconds;
+  report.add({{"idle wake-ups per second, ten volumes",
+               "1/s",
+               1,
+               {each, each, each},
+               std::nullopt,
+               medianAtMost(0.2),
+               fmt::format("voluntary context switches of all threads in {} s, {} s after "
+                           "the start",
+                           settings.seconds, settings.settle)}});
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Measures the idle daemon: its memory and its wake-ups.");
+  Settings settings;
+  app.add_option("--volumes", settings.volumes, "a folder of ten volumes; without it no wake-ups are counted")
+      ->check(CLI::ExistingDirectory);
+  app.add_option("--settle", settings.settle, "seconds before wake-ups count")->check(CLI::Range(0, 3600));
+  app.add_option("--seconds", settings.seconds, "for how long wake-ups are counted")
+      ->check(CLI::Range(1, 36000));
+  app.add_option("--rounds", settings.rounds, "daemons whose memory is looked at")
+      ->check(CLI::Range(1, 1000));
+  app.add_option("--connections", settings.connections, "idle connections")->check(CLI::Range(1, 2000));
+  app.add_option("--json", settings.json, "a file for the figures");
+  CLI11_PARSE(app, argc, argv);
+  allowManyDescriptors();
+  Report report;
+  measureMemory(report, settings);
+  if (!settings.volumes.empty()) measureWakeUps(report, settings);
+  report.print();
+  report.write(settings.json);
+  return 0;
+}
+
+}  // namespace
+}  // namespace kelvane::bench
+
+int main(int argc, char** argv) {
+  try {
+    return kelvane::bench::run(argc, argv);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "idle_bench: %s\n", failure.what());
+    return 1;
+  }
+}
