@@ -10,11 +10,13 @@
 
 #include <fmt/format.h>
 #include <plist/plist.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 #include <array>
-#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -22,7 +24,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include "bench/support/comparison.h"
 #include "bench/support/rounds.h"
@@ -87,17 +88,28 @@ double startOf(const std::string& program) {
 /// A client that asks for one purge after the other until the daemon is gone, in a process of its own.
 class Asking {
  public:
-  explicit Asking(const std::string& socket) : process_(::fork()) {
-    if (process_ != 0) return;
-    ::close(STDERR_FILENO);  // it will say that the daemon failed
-    DaemonClient client(socket);
-    while (true) static_cast<void>(client.purge("/", 1 << 20));
+  /// Returns when one purge is over and the next one under way, or nearly.
+  explicit Asking(const std::string& socket) : purged_(::eventfd(0, EFD_CLOEXEC)), process_(::fork()) {
+    if (process_ == 0) ask(socket);
+    eventfd_t once = 0;
+    ::eventfd_read(purged_, &once);
+    ::close(purged_);
   }
   ~Asking() { ::waitpid(process_, nullptr, 0); }
   Asking(const Asking&) = delete;
   Asking& operator=(const Asking&) = delete;
 
  private:
+  [[noreturn]] void ask(const std::string& socket) const {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::close(STDERR_FILENO);  // it will say that the daemon failed
+    DaemonClient client(socket);
+    static_cast<void>(client.purge("/", 1 << 20));
+    ::eventfd_write(purged_, 1);
+    while (true) static_cast<void>(client.purge("/", 1 << 20));
+  }
+
+  const int purged_;
   const pid_t process_;
 };
 
@@ -121,7 +133,6 @@ EndAndStart endAndStart(const std::string& program) {
     client.setState("kept", "com.example.bench");
   }
   const Asking asking(daemon.socket());
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
   EndAndStart took{};
   took.gone = microsecondsOf([&] { daemon.end(); });
   took.back = microsecondsOf([&] {
