@@ -3,8 +3,8 @@
 import math
 from html import escape
 
-WIDTH, HEIGHT = 720, 400
-LEFT, RIGHT, TOP, BOTTOM = 70, 20, 40, 55
+WIDTH, HEIGHT = 720, 430
+LEFT, RIGHT, TOP, BOTTOM = 70, 20, 90, 55  # above the axes are the title and the names of six curves
 COLOURS = ["#2f7ed8", "#d9622b", "#3a9a4a", "#9a5fc0", "#b08a00", "#888888"]
 STYLE = """<style>
   text { font: 12px sans-serif; fill: #333 } .title { font-size: 14px; font-weight: bold }
@@ -36,7 +36,7 @@ class Axis:
     def ticks(self):
         if self.logarithmic:
             decades = range(math.floor(math.log10(self.low)), math.ceil(math.log10(self.high)) + 1)
-            steps = (1,) if len(decades) > 3 else (1, 2, 5)
+            steps = (1,) if self.high / self.low >= 1000 else (1, 2, 5)
             return [s * 10.0**d for d in decades for s in steps if self.low <= s * 10.0**d <= self.high]
         step = 10 ** math.floor(math.log10((self.high - self.low) / 4))
         step *= next(s for s in (1, 2, 5, 10) if (self.high - self.low) / (s * step) <= 6)
@@ -80,7 +80,7 @@ def draw(title, x_label, y_label, series, log_x=False, log_y=False, marks=()):
         colour = COLOURS[number % len(COLOURS)]
         line = "L".join(f"{x_axis.at(x):.1f} {y_axis.at(y):.1f}" for x, y in points)
         parts.append(f'<path stroke="{colour}" d="M{line}"/>')
-        y = TOP + 14 + 17 * number
-        parts += [f'<path stroke="{colour}" d="M{WIDTH - 250} {y - 4}h22"/>', text(WIDTH - 222, y, name, "start")]
+        x, y = LEFT + 320 * (number % 2), 42 + 17 * (number // 2)
+        parts += [f'<path stroke="{colour}" d="M{x} {y - 4}h22"/>', text(x + 28, y, name, "start")]
     return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" role="img">\n'
             f"<title>{escape(title)}</title>\n{STYLE}\n" + "\n".join(parts) + "\n</svg>\n")
