@@ -43,11 +43,7 @@ class Round {
     for (std::size_t i = 0; i < count_; ++i) {
       took[shared] += checkIn(i, [&](auto... what) { client_.checkIn(what...); });
       took[own] += checkIn(count_ + i, [&](auto... what) { connect(daemon_.socket()).checkIn(what...); });
-      took[bare] += checkIn(i, [&](auto... what) {
-        DaemonClient& bare_client = connect(bare_socket_);
-        bare_client.checkIn(what...);
-        bare_client.state("com.example.bench");
-      });
+      took[bare] += microsecondsOf([&] { checkInBare(fmt::format("com.example.bench{}", i)); });
     }
     for (const Thing thing : {shared, own, bare}) took[thing] /= static_cast<double>(count_);
     took[shared_ratio] = took[shared] / took[bare];
@@ -69,6 +65,13 @@ class Round {
     const double took = microsecondsOf([&] { what(ID, endpoint); });
     ::close(endpoint);
     return took;
+  }
+
+  /// With a descriptor that wakes nobody when the stand-in closes it.
+  void checkInBare(const std::string& ID) {
+    DaemonClient& client = connect(bare_socket_);
+    client.checkIn(ID, STDERR_FILENO);
+    client.state("com.example.bench");
   }
 
   ServiceHost& services_;

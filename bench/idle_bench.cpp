@@ -36,10 +36,10 @@ struct Settings {
   std::string json;
 };
 
-/// MiB by itself, and with so many connections that have each made one call.
+/// Megabytes by itself, and with so many connections that have each made one call.
 std::array<double, 2> memoryRound(const Settings& settings) {
   const DaemonProcess daemon(daemonBesideThisProgram());
-  const auto megabytes = [&] { return static_cast<double>(daemon.memory()) / 1024; };
+  const auto megabytes = [&] { return static_cast<double>(daemon.memory()) * 1024 / 1e6; };
   const double alone = megabytes();
   { DaemonClient(daemon.socket()).setState("value", "com.example.bench"); }
   std::vector<std::unique_ptr<DaemonClient>> connections;
@@ -52,8 +52,8 @@ std::array<double, 2> memoryRound(const Settings& settings) {
 
 void measureMemory(Report& report, const Settings& settings) {
   const auto found = quartilesOfRounds<2>(settings.rounds, [&] { return memoryRound(settings); });
-  report.add({{"resident memory, idle", "MiB", settings.rounds, found[0], std::nullopt, medianAtMost(8)},
-              {fmt::format("resident memory, {} idle connections", settings.connections), "MiB",
+  report.add({{"resident memory, idle", "MB", settings.rounds, found[0], std::nullopt, medianAtMost(8)},
+              {fmt::format("resident memory, {} idle connections", settings.connections), "MB",
                settings.rounds, found[1], std::nullopt, medianAtMost(30)}});
 }
 
