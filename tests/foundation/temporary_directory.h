@@ -24,8 +24,10 @@ class TemporaryDirectory {
   ~TemporaryDirectory() {
     // What another thread is just letting go of, a settings file's log for one, may vanish in the middle.
     std::error_code failed;
+    int tries = 0;
     do std::filesystem::remove_all(path_, failed);
-    while (failed == std::errc::no_such_file_or_directory || failed == std::errc::directory_not_empty);
+    while (++tries < 100 &&
+           (failed == std::errc::no_such_file_or_directory || failed == std::errc::directory_not_empty));
   }
 
   [[nodiscard]] const std::string& path() const { return path_; }
