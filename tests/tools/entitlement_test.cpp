@@ -1,6 +1,7 @@
 #include "tools/entitlement.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 #include <filesystem>
 
 #include "support/entitlements.h"
@@ -85,6 +86,16 @@ TEST_F(Holding, IsUnknownWhenTheDaemonMayReadOtherGrants) {
 }
 
 TEST_F(Holding, DoubtsGrantsThatAreNotRoots) {
+  folder.write("strangers/a.plist", "");
+  const std::string strangers = folder / "strangers/a.plist";
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::chown(strangers.c_str(), 65534, 65534), 0);
+  }
+  EXPECT_EQ(tools::doubtAboutGrants({folder / "strangers"}),
+            "only the daemon knows whether it believes " + strangers);
+}
+
+TEST_F(Holding, DoubtsGrantsThatCannotBeRead) {
   EXPECT_EQ(tools::doubtAboutGrants({folder / "none"}), "") << "a missing folder has no grants";
   std::filesystem::create_directories(folder / "others");
   folder.write("others/notes.txt", "");
