@@ -120,11 +120,19 @@ std::string footer() {
   return text;
 }
 
+/// True for an option of the chosen command that takes a value.
+bool takesValue(const CLI::App& app, const std::string& word) {
+  const auto chosen = app.get_subcommands();
+  if (chosen.empty() || !word.starts_with('-')) return false;
+  const CLI::Option* const option = chosen.front()->get_option_no_throw(word);
+  return option != nullptr && option->get_type_size() != 0;
+}
+
 /// An amount or the like that begins with "-" is read as an option, and so is missed.
 std::string reasonOf(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     if (argv[i][0] != '-' || argv[i][1] < '0' || argv[i][1] > '9') continue;
-    if (std::string_view(argv[i - 1]).starts_with("--"))
+    if (takesValue(app, argv[i - 1]))
       return fmt::format("{}: \"{}\" is less than it can be", argv[i - 1], argv[i]);
     return std::get<NoAmount>(parseAmount(argv[i])).reason;
   }
