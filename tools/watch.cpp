@@ -130,7 +130,7 @@ void noteChanges(Look& now, const Look& before) {
 std::string watchScreen(const Look& look, const std::string& hint, const Screen& screen) {
   const std::size_t room = screen.width - columns(look.time);
   std::string text = look.time;
-  if (!hint.empty()) text += coloured(screen, Colour::dim, rightAligned(cut(screen, hint, room), room));
+  if (!hint.empty()) text += coloured(screen, Colour::dim, rightAligned(cut(screen, hint, room - 1), room));
   text += "\n" + daemonScreen(look.status, screen) + "\n";
   text += volumesScreen(look.status.volumes, look.status.thresholds, screen, Changes::shown);
   return look.status.unreachable ? text : text + "\n" + purgesScreen(look.purges, screen);

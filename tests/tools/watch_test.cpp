@@ -10,6 +10,7 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 using tools::Look;
 using tools::Purges;
 using tools::watchScreen;
@@ -77,6 +78,11 @@ TEST(WatchScreen, TakesTwoLinesForEachVolumeAt40Columns) {
             "                   512.0 MiB  +512.0 MiB\n"
             "  com.example.maps\n"
             "                    90.0 MiB            \n");
+}
+
+TEST(WatchScreen, KeepsTheHintAwayFromTheTime) {
+  EXPECT_THAT(watchScreen(later(), "every 0.1 s; q quits", plain(40)),
+              StartsWith("2026-05-04T10:20:31Z every 0.1 s; q qui~\n"));
 }
 
 TEST(WatchScreen, ColoursWhatWasGainedAndLostAndNothingWithoutColours) {
