@@ -175,6 +175,9 @@ const std::vector<ExitCodeText>& exitCodeTexts() {
       {exit_cancelled, "Cancelled by Ctrl-C or SIGTERM, or the terminal was closed"},
       {128 + SIGPIPE,
        "Nobody reads standard output any more (as a shell counts it: the program ends by SIGPIPE)"},
+      {128 + SIGTERM,
+       "Ended by SIGTERM where there was nothing to cancel or restore, such as watch without a "
+       "terminal (as a shell counts it: the program ends by that signal)"},
   };
   return texts;
 }

@@ -155,7 +155,7 @@ Value volumeValue(const VolumeStatus& volume, const SpaceThresholds& thresholds)
 
 }  // namespace
 
-Status gatherStatus(const Options& options, std::chrono::seconds patience) {
+Status gatherStatus(const Options& options, std::chrono::seconds patience, const Status* earlier) {
   Status status;
   status.socket = socketOf(options);
   client::Client daemon({status.socket});
@@ -166,9 +166,13 @@ Status gatherStatus(const Options& options, std::chrono::seconds patience) {
     if (const auto count = client::LaunchSocket(launchSocketOf(options), patience).transactions())
       status.transactions = *count;
   }
-  const auto thresholds = daemonsThresholds(status.socket);
+  const auto thresholds = answer ? daemonsThresholds(status.socket) : std::nullopt;
   status.thresholds_are_the_daemons = thresholds.has_value();
   status.thresholds = thresholds ? *thresholds : thresholdsOf(spaceThresholdsOfEnvironment());
+  if (!answer && earlier != nullptr) {
+    status.thresholds_are_the_daemons = earlier->thresholds_are_the_daemons;
+    status.thresholds = earlier->thresholds;
+  }
   setSpaceThresholds(status.thresholds);
   status.volumes = lookAtVolumes();
   return status;

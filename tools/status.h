@@ -29,8 +29,10 @@ struct Status {
   std::vector<VolumeStatus> volumes;
 };
 
-/// Looks at the daemon and the volumes. A daemon that says nothing is given up after `patience`.
-[[nodiscard]] Status gatherStatus(const Options& options, std::chrono::seconds patience);
+/// Looks at the daemon and the volumes. A daemon that says nothing is given up after `patience`; its
+/// thresholds are then those of an earlier look, where there was one.
+[[nodiscard]] Status gatherStatus(const Options& options, std::chrono::seconds patience,
+                                  const Status* earlier = nullptr);
 [[nodiscard]] std::string statusScreen(const Status& status, const Screen& screen);
 [[nodiscard]] Value statusValue(const Status& status);
 

@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <ctime>
 #include <string_view>
+#include <utility>
 
 #include "platform/foundation/whole_file.h"
 #include "tools/commands.h"
@@ -26,30 +28,63 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Keys are not looked at meanwhile.
-constexpr std::chrono::seconds patience(1);
+// A daemon that is silent is not asked at each look: keys are not looked at while it is waited for.
+constexpr std::chrono::seconds silence(10);
+
+/// How long a look waits for the daemon.
+std::chrono::seconds patienceOf(const Options& options) {
+  return std::chrono::seconds(std::clamp(static_cast<int>(std::ceil(options.interval_seconds)), 1, 5));
+}
+
+/// In the background of its terminal, which is another's to draw on meanwhile.
+bool inBackground() {
+  const pid_t foreground = ::tcgetpgrp(STDOUT_FILENO);
+  return foreground > 0 && foreground != ::getpgrp();
+}
+
+/// Stops the program as Ctrl-Z does. In a process group that nobody could resume the signal does nothing.
+void stopHere() {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTSTP);
+  ::raise(SIGTSTP);
+  ::pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);  // here it stops, once, however often Ctrl-Z was pressed
+  ::pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+}
+
+/// The signals that the view on a terminal takes. SIGTTOU is none of them, but it must not stop the program
+/// while it gives the terminal back.
+FileDescriptor signalsOfAView() {
+  sigset_t output;
+  sigemptyset(&output);
+  sigaddset(&output, SIGTTOU);
+  ::pthread_sigmask(SIG_BLOCK, &output, nullptr);
+  return takenSignals({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH, SIGTSTP, SIGCONT});
+}
 
 /// The terminal as a screen to draw on: keys come at once and are not shown, lines are not broken, and what
 /// was on it before comes back at the end. The cursor is hidden.
 class DrawnOn {
  public:
-  explicit DrawnOn(bool is_one) : is_one_(is_one) { begin(); }
+  DrawnOn() = default;
   ~DrawnOn() { end(); }
   DrawnOn(const DrawnOn&) = delete;
   DrawnOn& operator=(const DrawnOn&) = delete;
 
   void begin() {
-    if (!is_one_) return;
+    if (std::exchange(drawn_, true)) return;
     has_keys_ = ::tcgetattr(STDIN_FILENO, &before_) == 0;
     if (has_keys_) {
       termios changed = before_;
       changed.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+      changed.c_cc[VMIN] = 1;
+      changed.c_cc[VTIME] = 0;
       ::tcsetattr(STDIN_FILENO, TCSANOW, &changed);
     }
     static_cast<void>(write("\033[?1049h\033[?25l\033[?7l"));
   }
   void end() {
-    if (!is_one_) return;
+    if (!std::exchange(drawn_, false)) return;
     static_cast<void>(write("\033[?7h\033[?25h\033[?1049l"));
     if (has_keys_) ::tcsetattr(STDIN_FILENO, TCSANOW, &before_);
   }
@@ -78,7 +113,7 @@ class DrawnOn {
     return true;
   }
 
-  const bool is_one_;
+  bool drawn_ = false;
   bool has_keys_ = false;
   termios before_{};
 };
@@ -89,9 +124,7 @@ class Watch {
       : options_(options),
         screen_(screen),
         live_(screen.live && !options.json),
-        signals_(live_ ? takenSignals({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH, SIGTSTP})
-                       : takenSignals({SIGINT, SIGTERM})),
-        drawn_on_(live_) {}
+        signals_(live_ ? signalsOfAView() : FileDescriptor()) {}
 
   /// Returns the exit code.
   int run() {
@@ -99,6 +132,7 @@ class Watch {
       const auto began = Clock::now();
       look();
       show();
+      if (end_) return *end_;
       if (looks == options_.count) return exit_met;
       waitUntil(began + std::chrono::duration_cast<Clock::duration>(
                             std::chrono::duration<double>(options_.interval_seconds)));
@@ -110,10 +144,24 @@ class Watch {
   void look() {
     Look now;
     now.time = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
-    now.status = gatherStatus(options_, patience);
+    now.status = statusNow();
     if (!now.status.unreachable) now.purges = purgesNow();
     if (last_) noteChanges(now, *last_);
     last_ = std::move(now);
+  }
+
+  Status statusNow() {
+    if (last_ && Clock::now() < silent_until_) {
+      Status status = last_->status;
+      status.volumes = lookAtVolumes();
+      return status;
+    }
+    const auto patience = patienceOf(options_);
+    const auto began = Clock::now();
+    Status status = gatherStatus(options_, patience, last_ ? &last_->status : nullptr);
+    const auto now = Clock::now();
+    if (status.unreachable && now - began >= patience) silent_until_ = now + silence;
+    return status;
   }
 
   /// None, where the daemon has not counted anything yet.
@@ -129,6 +177,9 @@ class Watch {
   void show() {
     if (options_.json) return print(jsonLine(watchValue(*last_)));
     if (!live_) return print(watchScreen(*last_, "", screen_) + "\n");
+    if (inBackground()) suspend();
+    if (end_) return;
+    drawn_on_.begin();
     const std::string hint = fmt::format("every {:g} s; q quits", options_.interval_seconds);
     if (!DrawnOn::draw(firstLines(watchScreen(*last_, hint, screen_), screen_.height))) end_ = exit_cancelled;
   }
@@ -141,24 +192,39 @@ class Watch {
       const int ready =
           ::poll(waiting.data(), waiting.size(), static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
       if (ready == 0) return;
-      if (waiting[0].revents != 0) takeSignal();
-      if (waiting[1].revents != 0) takeKeys();
+      if (waiting[0].revents != 0) {
+        takeSignal(nextSignal(signals_));
+      } else if (waiting[1].revents != 0) {
+        takeKeys();
+      }
     }
   }
 
-  void takeSignal() {
-    const int signal = nextSignal(signals_);
-    if (signal == SIGTSTP) {
-      drawn_on_.end();
-      ::raise(SIGSTOP);
-      drawn_on_.begin();
-    }
-    if (signal == SIGTSTP || signal == SIGWINCH) {
+  void takeSignal(int signal) {
+    if (signal == SIGTSTP) suspend();
+    if (signal == SIGTSTP || signal == SIGWINCH || signal == SIGCONT) {
       screen_ = screenOf(STDOUT_FILENO);
-      show();
+      if (!end_) show();
     } else if (signal != 0) {
       end_ = exit_cancelled;
     }
+  }
+
+  /// Gives the terminal back and stops until it is in the foreground. Whoever ends a program that is stopped
+  /// sends it the signal and resumes it: what came meanwhile counts first.
+  void suspend() {
+    drawn_on_.end();
+    bool resumed = true;
+    do {
+      stopHere();
+      resumed = false;
+      while (const int signal = nextSignal(signals_)) {
+        if (signal == SIGCONT) resumed = true;
+        if (signal == SIGINT || signal == SIGTERM || signal == SIGHUP || signal == SIGQUIT)
+          end_ = exit_cancelled;
+      }
+    } while (!end_ && resumed && inBackground());
+    if (inBackground()) end_ = exit_cancelled;  // and nobody could ever bring it to the foreground
   }
 
   void takeKeys() {
@@ -177,7 +243,8 @@ class Watch {
   const FileDescriptor signals_;
   DrawnOn drawn_on_;
   std::optional<Look> last_;
-  std::optional<ExitCode> end_;  // why to end, once it is so
+  Clock::time_point silent_until_;  // not to be asked before that
+  std::optional<ExitCode> end_;     // why to end, once it is so
 };
 
 }  // namespace

@@ -18,14 +18,15 @@ constexpr std::uint64_t mebibyte = 1 << 20;
 TEST(Kelvanectl, ShowsTheDaemonAsBusyWhileAPurgeIsUnderWay) {
   const Volume volume(32);
   Daemon daemon;
-  EXPECT_THAT(ctl(daemon, {"status"}).output, HasSubstr(", idle\n"));
   const auto silent = startService(daemon, "silent", "com.example.silent", volume.path());
+  EXPECT_TRUE(becomesIdle(daemon));
   const Process purge({built("kelvanectl"), "--daemon", daemon.socket(), "purge", volume.path(), "16M",
                        "--pass-seconds", "300"},
                       environment());
   ASSERT_TRUE(silent->printed("asked 1 "));
   EXPECT_THAT(ctl(daemon, {"status"}).output, HasSubstr(", busy (1 transaction)\n"));
-  EXPECT_THAT(ctl(daemon, {"watch", "--count", "1"}).output, HasSubstr(", busy (1 transaction)\n"));
+  EXPECT_THAT(ctl(daemon, {"watch", "--count", "1", "--interval", "5"}).output,
+              HasSubstr(", busy (1 transaction)\n"));
   EXPECT_THAT(ctl(daemon, {"--json", "status"}).output, HasSubstr("\"busy\": true"));
 }
 
@@ -126,6 +127,19 @@ TEST(Kelvanectl, EndsWithoutAWordWhenNobodyReads) {
     command.insert(command.end(), arguments.begin(), arguments.end());
     EXPECT_EQ(run(command, environment()).output, "status 141\n") << arguments.front();
   }
+}
+
+TEST(Kelvanectl, EndsBySigtermWhileNobodyTakesWhatItPrints) {
+  Daemon daemon;
+  const Folder folder;
+  // Its first line is taken, and then nothing more.
+  const std::string script =
+      "mkfifo pipe; exec 3<>pipe; \"$@\" >&3 & read -r -n 1 <&3; kill $!; wait $!; echo \"status $?\"";
+  const Finished finished =
+      run({"sh", "-c", "cd " + folder.path() + " && exec bash -c '" + script + "' shell \"$@\"", "shell",
+           built("kelvanectl"), "--daemon", daemon.socket(), "watch", "--json", "--interval", "0.1"},
+          environment());
+  EXPECT_THAT(finished.output, testing::EndsWith("status 143\n"));
 }
 
 TEST(Kelvanectl, SaysWhenItsOutputCannotBeWritten) {

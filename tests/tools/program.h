@@ -10,8 +10,10 @@
 #include <termios.h>
 #include <unistd.h>
 #include <array>
+#include <chrono>
 #include <csignal>
-#include <cstdlib>
+#include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,6 +38,15 @@ inline Finished ctl(const Daemon& daemon, std::vector<std::string> arguments) {
   return ctl(std::move(arguments));
 }
 
+/// Waits until nothing is under way in the daemon, which may still be busy with its start or a check-in.
+inline bool becomesIdle(const Daemon& daemon) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (ctl(daemon, {"status"}).output.find(", idle\n") != std::string::npos) return true;
+  }
+  return false;
+}
+
 /// The program on a terminal of its own.
 class OnTerminal {
  public:
@@ -45,21 +56,13 @@ class OnTerminal {
   OnTerminal(const std::string& socket, std::vector<std::string> arguments, unsigned width = 80,
              const char* no_color = "") {
     arguments.insert(arguments.begin(), {built("kelvanectl"), "--daemon", socket});
-    winsize size{24, static_cast<unsigned short>(width), 0, 0};
-    int master = -1;
-    id_ = ::forkpty(&master, nullptr, nullptr, &size);
-    if (id_ == 0) {
-      std::vector<char*> words;
-      for (std::string& argument : arguments) words.push_back(argument.data());
-      words.push_back(nullptr);
-      ::unsetenv("COLUMNS");
-      ::setenv("NO_COLOR", no_color, 1);
-      ::setenv("TERM", "xterm", 1);
-      ::setenv("LC_ALL", "C.UTF-8", 1);
-      ::execv(words[0], words.data());
-      ::_exit(127);
-    }
-    terminal_ = FileDescriptor(master);
+    start(std::move(arguments), width, no_color);
+  }
+  /// Run by a shell with job control, as `"$@"` of that script.
+  OnTerminal(const Daemon& daemon, std::vector<std::string> arguments, const std::string& script) {
+    arguments.insert(arguments.begin(), {"/bin/bash", "-c", "set -m; " + script, "shell", built("kelvanectl"),
+                                         "--daemon", daemon.socket()});
+    start(std::move(arguments), 80, "1");
   }
   ~OnTerminal() {
     if (id_ > 0) ::kill(id_, SIGKILL);
@@ -68,13 +71,17 @@ class OnTerminal {
   OnTerminal(const OnTerminal&) = delete;
   OnTerminal& operator=(const OnTerminal&) = delete;
 
-  /// Reads until it has printed the text; false when it ended, or said nothing for half a minute, before
-  /// that.
-  bool printed(const std::string& text) {
-    while (printed_.find(text) == std::string::npos) {
-      if (!readMore()) return false;
+  /// Reads until what it has printed is as wanted; false when it ended, or a minute was over, before that.
+  bool printed(const std::function<bool(const std::string&)>& is_wanted) {
+    const auto deadline = Clock::now() + patience;
+    while (!is_wanted(printed_)) {
+      if (!readMore(deadline)) return false;
     }
     return true;
+  }
+  /// Reads until it has printed the text.
+  bool printed(const std::string& text) {
+    return printed([&](const std::string& all) { return all.find(text) != std::string::npos; });
   }
   /// Forgets what it has printed, and reads until it has printed the text again.
   bool printedAnew(const std::string& text) {
@@ -99,25 +106,60 @@ class OnTerminal {
   void type(const std::string& keys) const {
     EXPECT_EQ(::write(terminal_.get(), keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   }
-  /// Reads to its end; its exit code.
+  /// Reads to its end, for a minute at most; its exit code.
   int finish() {
-    while (readMore()) {
+    const auto deadline = Clock::now() + patience;
+    while (readMore(deadline)) {
     }
+    if (Clock::now() >= deadline) ::kill(id_, SIGKILL);
     return ended();
   }
   [[nodiscard]] const std::string& all() const { return printed_; }
 
  private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds patience{60};
+
+  void start(std::vector<std::string> arguments, unsigned width, const char* no_color) {
+    std::vector<std::string> variables = variablesWithout({"COLUMNS", "NO_COLOR", "TERM", "LC_ALL"});
+    variables.insert(variables.end(), {std::string("NO_COLOR=") + no_color, "TERM=xterm", "LC_ALL=C.UTF-8"});
+    // All is allocated before the fork: another thread may hold what a child would wait for.
+    const std::vector<char*> words = pointersTo(arguments);
+    const std::vector<char*> environment = pointersTo(variables);
+    const winsize size{200, static_cast<unsigned short>(width), 0, 0};
+    int master = -1;
+    id_ = ::forkpty(&master, nullptr, nullptr, &size);
+    if (id_ == 0) {
+      ::execve(words[0], words.data(), environment.data());
+      ::_exit(127);
+    }
+    terminal_ = FileDescriptor(master);
+  }
+  static std::vector<std::string> variablesWithout(const std::set<std::string>& names) {
+    std::vector<std::string> variables;
+    for (char** variable = ::environ; *variable != nullptr; ++variable) {
+      const std::string text = *variable;
+      if (names.count(text.substr(0, text.find('='))) == 0) variables.push_back(text);
+    }
+    return variables;
+  }
+  static std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+  }
   int ended() {
     if (id_ > 0) ::waitpid(id_, &status_, 0);
     id_ = -1;
     return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
   }
-  bool readMore() {
-    if (!terminal_) return false;
+  bool readMore(Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (!terminal_ || left <= 0) return false;
     pollfd waiting{terminal_.get(), POLLIN, 0};
     std::array<char, 4096> buffer{};
-    if (::poll(&waiting, 1, 30'000) != 1) return false;
+    if (::poll(&waiting, 1, static_cast<int>(left)) != 1) return false;
     const ssize_t length = ::read(terminal_.get(), buffer.data(), buffer.size());
     if (length <= 0) return false;  // EIO when the program has ended
     printed_.append(buffer.data(), static_cast<std::size_t>(length));

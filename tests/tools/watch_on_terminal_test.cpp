@@ -1,11 +1,13 @@
 // The live view and the other screens of the real program on a pseudo-terminal, against a real daemon.
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 
-#include "tests/system/services.h"
-#include "tests/tools/program.h"
 #include "tests/tools/screens.h"
+#include "tests/tools/watching.h"
 
 namespace kelvane::tests {
 namespace {
@@ -15,37 +17,11 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr std::uint64_t mebibyte = 1 << 20;
-const std::string restored = "\033[?7h\033[?25h\033[?1049l";
-
-std::string without(std::string text, const std::string& what) {
-  for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos;) text.erase(at, what.size());
-  return text;
-}
-
-/// The last view that was drawn whole, without what places it.
-std::string lastFrame(const std::string& printed) {
-  const std::size_t end = printed.rfind("\033[J");
-  const std::size_t begin = printed.rfind("\033[H", end);
-  if (end == std::string::npos || begin == std::string::npos) return {};
-  return without(without(printed.substr(begin + 3, end - begin - 3), "\033[K"), "\r");
-}
-
-struct Watching : testing::Test {
-  Watching() : volume(32) {
-    service = startService(daemon, "deletes", "com.example.cache", volume.fill("cache", 8, mebibyte));
-  }
-  const Volume volume;
-  Daemon daemon;
-  std::unique_ptr<Process> service;
-};
-
 TEST_F(Watching, DrawsAViewThatFitsWithAndWithoutColours) {
   for (const unsigned width : {40U, 80U}) {
     for (const char* const no_color : {"", "1"}) {
       OnTerminal watch(daemon, {"watch", "--interval", "0.1"}, width, no_color);
-      ASSERT_TRUE(watch.printed("Purges") && watch.printedAnew("Purges") && watch.printed("\033[J"))
-          << watch.all();
+      ASSERT_TRUE(showed(watch, "idle")) << watch.all();
       const std::string frame = lastFrame(watch.all());
       EXPECT_THAT(withoutColours(frame), AllOf(HasSubstr("every 0.1 s; q qui"), HasSubstr("idle"),
                                                HasSubstr("24.0 MiB"), HasSubstr("Change")));
@@ -88,21 +64,6 @@ TEST_F(Watching, LeavesTheTerminalAsItWas) {
   EXPECT_THAT(cancelled.all(), EndsWith(restored));
 }
 
-TEST_F(Watching, GivesTheTerminalBackWhileItIsStopped) {
-  OnTerminal watch(daemon, {"watch", "--interval", "3600"});
-  ASSERT_TRUE(watch.printed("Purges"));
-  watch.type("\x1a");
-  ASSERT_TRUE(watch.printed(restored));
-  int status = 0;
-  ASSERT_EQ(::waitpid(watch.id(), &status, WUNTRACED), watch.id());
-  EXPECT_TRUE(WIFSTOPPED(status));
-  EXPECT_EQ(watch.mode().c_lflag & ICANON, tcflag_t{ICANON});
-  ::kill(watch.id(), SIGCONT);
-  EXPECT_TRUE(watch.printedAnew("Purges"));
-  watch.type("q");
-  EXPECT_EQ(watch.finish(), 0);
-}
-
 TEST_F(Watching, EndsWhenTheTerminalIsClosed) {
   OnTerminal watch(daemon, {"watch", "--interval", "3600"});
   ASSERT_TRUE(watch.printed("Purges"));
@@ -111,13 +72,14 @@ TEST_F(Watching, EndsWhenTheTerminalIsClosed) {
 
 TEST_F(Watching, IsDrawnAnewWhenTheWindowChangesItsSize) {
   OnTerminal watch(daemon, {"watch", "--interval", "3600"}, 80, "1");
-  ASSERT_TRUE(watch.printed("reachable at "));
-  ASSERT_TRUE(watch.printed("\033[J"));
-  watch.resize(40, 30);
-  EXPECT_TRUE(watch.printedAnew("reachable, idle\r\n") && watch.printed("\033[J")) << watch.all();
+  ASSERT_TRUE(showed(watch, "reachable at "));
+  watch.resize(40, 200);
+  EXPECT_TRUE(showed(watch, "reachable, idle\n")) << watch.all();
   watch.resize(40, 2);
-  EXPECT_TRUE(watch.printedAnew("\033[J"));
-  EXPECT_EQ(std::count(watch.all().begin(), watch.all().end(), '\n'), 1) << "two lines have room";
+  EXPECT_TRUE(watch.printed([](const std::string& all) {
+    const std::string frame = lastFrame(all);
+    return std::count(frame.begin(), frame.end(), '\n') == 1;
+  })) << "two lines have room";
 }
 
 TEST_F(Watching, OutlivesADaemonThatGoesAndComesBack) {
@@ -129,17 +91,40 @@ TEST_F(Watching, OutlivesADaemonThatGoesAndComesBack) {
   EXPECT_TRUE(watch.printedAnew("idle")) << watch.all();
   daemon.process().signal(SIGSTOP);
   EXPECT_TRUE(watch.printedAnew("the daemon does not answer")) << watch.all();
+  daemon.process().signal(SIGCONT);
+  EXPECT_TRUE(watch.printedAnew("idle")) << watch.all();
   watch.type("q");
   EXPECT_EQ(watch.finish(), 0);
-  daemon.process().signal(SIGCONT);
+}
+
+TEST(WatchingASilentDaemon, AsksItOnceWhileTheVolumesAreLookedAtAgainAndAgain) {
+  const Folder folder;
+  sockaddr_un address{AF_UNIX, {}};
+  const std::string socket = folder.path() + "/kelvane.sock";
+  socket.copy(address.sun_path, sizeof address.sun_path - 1);
+  const FileDescriptor silent(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::bind(silent.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(silent.get(), 100), 0);
+  OnTerminal watch(socket, {"watch", "--interval", "0.1"});
+  EXPECT_TRUE(watch.printed([](const std::string& all) { return framesIn(all) == 5; })) << watch.all();
+  watch.type("q");
+  EXPECT_EQ(watch.finish(), 0);
+  std::vector<FileDescriptor> asked;
+  while (FileDescriptor connection{::accept(silent.get(), nullptr, nullptr)})
+    asked.push_back(std::move(connection));
+  EXPECT_EQ(asked.size(), 1U);
 }
 
 TEST_F(Watching, PrintsABlockForEachLookWhereThereIsNoTerminal) {
+  const Finished block = ctl(daemon, {"watch", "--count", "1", "--interval", "5"});
+  EXPECT_EQ(block.status, 0);
+  EXPECT_THAT(block.output, testing::MatchesRegex(
+                                "20[0-9-]*T[0-9:]*Z\nDaemon     reachable at [^\n]*, idle\n\n([^\n]+\n)+\n"
+                                "Purges[^\n]*\n([^\n]+\n)+\n"));
   const Finished blocks = ctl(daemon, {"watch", "--count", "2", "--interval", "0.1"});
   EXPECT_EQ(blocks.status, 0);
-  EXPECT_THAT(blocks.output, testing::MatchesRegex(
-                                 "(20[0-9-]*T[0-9:]*Z\nDaemon     reachable at [^\n]*, idle\n\n([^\n]+\n)+\n"
-                                 "Purges[^\n]*\n([^\n]+\n)+\n){2}"));
+  EXPECT_THAT(blocks.output, testing::MatchesRegex("(20[0-9-]*T[0-9:]*Z\nDaemon     ([^\n]+\n)+"
+                                                   "(\n([^\n]+\n)+)+\n){2}"));
 }
 
 TEST_F(Watching, PrintsAnObjectALineInJson) {
@@ -178,6 +163,8 @@ TEST(DeclaredService, IsShownAsEntitledOrNotByWhoRunsIt) {
   fs::permissions(daemon.runtimeFolder() + "/services", fs::perms(0777));
   const std::string socket = daemon.runtimeFolder() + "/services/com.example.maps";
   const std::string descriptor = std::string(system_descriptors) + "/maps.plist";
+  const std::unique_ptr<const std::string, void (*)(const std::string*)> removed_at_the_end(
+      &descriptor, [](const std::string* path) { fs::remove(*path); });
   writeFile(descriptor, propertyList("<key>KELVANE_ID</key><string>com.example.maps</string>"));
   EXPECT_THAT(ctl(daemon, {"services"}).output, HasSubstr("  entitled or not: unknown; it does not run\n"));
   std::vector<std::string> command = {
@@ -194,7 +181,6 @@ TEST(DeclaredService, IsShownAsEntitledOrNotByWhoRunsIt) {
   ASSERT_TRUE(service.printed("registered")) << service.output();
   EXPECT_THAT(ctl(daemon, {"services"}).output,
               HasSubstr("  reachable\n  not entitled: user 65534 lacks CLIENT_ENTITLEMENT\n"));
-  fs::remove(descriptor);
 }
 
 }  // namespace
