@@ -5,7 +5,9 @@
 //
 // When to look again. A writer is to be noticed soon after it has passed a limit, and an idle volume is to
 // cost next to nothing. The next look comes when a writer twice as fast as any seen lately, and not slower
-// than a fixed rate, would have reached the next limit: half way there, a quarter, an eighth. A volume that
+// than a fixed rate, would have reached the next limit: half way there, a quarter, an eighth. The fixed rate
+// is that at which a program can take space in one go, by reserving it in memory: room that is there at one
+// look may be gone a moment later, and a slow writer take the rest before the next one. A volume that
 // has not changed for a while is left alone for an eighth of that while, so that a small one, of which the
 // fixed rate could fill all at any moment, settles down as well. All of it stays between `soonest` and
 // `latest`, which is less for a volume that is low.
@@ -36,7 +38,7 @@ class VolumeWatch {
   static constexpr std::uint64_t latest_when_low = 1'000'000'000;
   static constexpr std::uint64_t first_wait = 1'000'000'000;
   static constexpr std::uint64_t longest_wait = 300'000'000'000;
-  static constexpr double least_bytes_per_second = 1e9;
+  static constexpr double least_bytes_per_second = 4e9;
   static constexpr double least_files_per_second = 2e5;
   static constexpr int believed_in_a_row = 16;
 

@@ -68,37 +68,39 @@ INSTANTIATE_TEST_SUITE_P(
     VolumeWatch, LookAgain,
     testing::Values(
         Pace{"idle, far away: the latest", above(100 * G), above(100 * G), files, files, 1, 10 * second},
-        Pace{"idle: the room by the fixed rate", above(3 * G), above(3 * G), files, files, 1, 3 * second},
-        Pace{"slow: the fixed rate is the worse", above(4 * G), above(3 * G), files, files, 10 * second,
+        Pace{"idle: the room by the fixed rate", above(12 * G), above(12 * G), files, files, 1, 3 * second},
+        Pace{"slow: the fixed rate is the worse", above(13 * G), above(12 * G), files, files, 10 * second,
              3 * second},
-        Pace{"fast: twice the rate seen", above(4 * G), above(2 * G), files, files, second, 500 * ms},
+        Pace{"fast: twice the rate seen", above(16 * G), above(8 * G), files, files, second, 500 * ms},
         Pace{"at the limit's door: the soonest", above(G), above(1000), files, files, second, 5 * ms},
         Pace{"inodes by their fixed rate", above(100 * G), above(100 * G), 250'000, 250'000, 1, second},
         Pace{"inodes by twice the rate seen", above(100 * G), above(100 * G), 650'000, 250'000, second,
              250 * ms},
-        Pace{"low: the limit is that of very low", GiB + G, GiB + G / 2, files, files, 10 * second, 500 * ms},
-        Pace{"low and far away: the latest of low ones", 2 * GiB - 1, 2 * GiB - 1, files, files, 1, second},
-        Pace{"very low: what is left", G, G / 2, files, files, 10 * second, 500 * ms}));
+        Pace{"low: the limit is that of very low", GiB + G, GiB + G / 2, files, files, 10 * second, 125 * ms},
+        Pace{"low and idle: the latest of low ones", 2 * GiB - 1, 2 * GiB - 1, files, files, 10 * second,
+             second},
+        Pace{"very low: what is left", G, G / 2, files, files, 10 * second, 125 * ms}));
 
 TEST(VolumeWatch, FollowsAFasterWriterAtOnceAndASlowerOneByHalves) {
   Watched volume;
-  volume.look(start, with(above(20 * G)));
-  EXPECT_EQ(volume.looksAgainAfter(start + second, with(above(16 * G))), 2 * second);      // 4 GB/s
-  EXPECT_EQ(volume.looksAgainAfter(start + 2 * second, with(above(16 * G))), 4 * second);  // as if 2 GB/s
-  EXPECT_EQ(volume.looksAgainAfter(start + 3 * second, with(above(16 * G))), 8 * second);  // as if 1 GB/s
+  volume.look(start, with(above(48 * G)));
+  EXPECT_EQ(volume.looksAgainAfter(start + second, with(above(32 * G))), second);          // 16 GB/s
+  EXPECT_EQ(volume.looksAgainAfter(start + 2 * second, with(above(32 * G))), 2 * second);  // as if 8 GB/s
+  EXPECT_EQ(volume.looksAgainAfter(start + 3 * second, with(above(32 * G))), 4 * second);  // as if 4 GB/s
+  EXPECT_EQ(volume.looksAgainAfter(start + 4 * second, with(above(32 * G))), 8 * second);  // the fixed rate
 }
 
 TEST(VolumeWatch, LeavesAVolumeThatDoesNotChangeAloneForAnEighthOfThatTime) {
   Watched volume;
-  const VolumeSpace space = with(above(G / 10));
+  const VolumeSpace space = with(above(4 * G / 10));
   EXPECT_EQ(volume.looksAgainAfter(start, space), 100 * ms);
   EXPECT_EQ(volume.looksAgainAfter(start + second, space), 125 * ms);
   EXPECT_EQ(volume.looksAgainAfter(start + 40 * second, space), 5 * second);
   EXPECT_EQ(volume.looksAgainAfter(start + 1000 * second, space), 10 * second);
-  EXPECT_EQ(volume.looksAgainAfter(start + 1001 * second, with(above(G / 10 - 4096))), 100 * ms - 4096);
+  EXPECT_EQ(volume.looksAgainAfter(start + 1001 * second, with(above(4 * G / 10 - 4096))), 100 * ms - 1024);
 }
 
-TEST(VolumeWatch, AHundredLooksOfAFillingVolumeHalveTheWayToTheLimit) {
+TEST(VolumeWatch, AVolumeThatFillsAtHalfAGigabyteASecondIsLookedAtSixtyTimesOnTheWayToTheLimit) {
   Watched volume;
   std::uint64_t now = start;
   std::uint64_t free = above(10 * G);
@@ -113,7 +115,7 @@ TEST(VolumeWatch, AHundredLooksOfAFillingVolumeHalveTheWayToTheLimit) {
     ASSERT_LT(++looks, 100);
   }
   EXPECT_LE(2 * GiB - free, 5 * bytes_per_ms);  // seen within the soonest look
-  EXPECT_LE(looks, 20);
+  EXPECT_LE(looks, 60);
 }
 
 TEST(VolumeWatch, CallsOnEnteringLowAndAgainOnEnteringVeryLow) {

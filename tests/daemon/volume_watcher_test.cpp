@@ -20,6 +20,7 @@ constexpr std::uint64_t ms = 1'000'000;
 constexpr std::uint64_t second = 1000 * ms;
 constexpr VolumeSpace plenty{1ULL << 40, 1ULL << 41, 0, 0};
 constexpr VolumeSpace low{(1ULL << 31) - 1, 1ULL << 41, 0, 0};
+constexpr std::uint64_t look_again_at_low = 268'435'455;  // a gibibyte less one above very low, at 4 GB/s
 constexpr VolumeSpace very_low{1ULL << 29, 1ULL << 41, 0, 0};
 
 /// Stands for the purge: notes each call, and holds it until the test lets it end.
@@ -85,7 +86,7 @@ TEST_F(Watcher, CallsForAVolumeThatIsLowAtTheStart) {
   start();
   EXPECT_EQ(purge_.awaitCall(1), VQ_LOWDISK);
   purge_.end(0);
-  clock_.awaitWaiterFor(1 * second);
+  clock_.awaitWaiterFor(look_again_at_low);
 }
 
 TEST_F(Watcher, LooksEveryTenSecondsWhileThereIsPlentyAndCallsWhenThatEnds) {
@@ -122,10 +123,9 @@ TEST_F(Watcher, AVolumeThatIsMountedIsLookedAtAtOnceAndOneThatIsUnmountedNoMore)
   EXPECT_EQ(purge_.awaitCall(1), VQ_LOWDISK);
   volumes_.remove("/usb");
   purge_.end(0);
-  clock_.awaitWaiterFor(1 * second);
-  clock_.advance(1 * second);
+  clock_.advanceToWaiterFor(look_again_at_low);
   watcher_->mountsChanged();
-  clock_.awaitWaiterFor(9 * second);
+  clock_.awaitWaiterFor(10 * second - look_again_at_low);
   EXPECT_EQ(purge_.calls(), 1U);
 }
 
@@ -152,7 +152,7 @@ TEST_F(Watcher, GoesOnLookingWhileAPurgeLastsAndMakesOneCallForAllThatRanLowMean
   start();
   ASSERT_EQ(purge_.awaitCall(1), VQ_LOWDISK);
   volumes_.setSpace("/b", very_low);
-  clock_.awaitWaiterFor(1 * second);  // the next look at "/a"
+  clock_.awaitWaiterFor(look_again_at_low);  // the next look at "/a"
   clock_.advance(10 * second);
   clock_.awaitWaiterFor(5 * ms);  // "/b" was seen, and is looked at closely from now on
   EXPECT_EQ(purge_.calls(), 1U);
