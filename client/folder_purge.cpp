@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <condition_variable>
+#include <mutex>
 #include <new>
 #include <tuple>
 #include <utility>
@@ -37,13 +39,14 @@ bool mayGo(const struct stat& status, const FolderPurgeOptions& options) {
   return status.st_mtim.tv_sec <= options.modified_by && (status.st_nlink == 1 || options.linked_files);
 }
 
-/// Deletes, and keeps the account.
+/// Deletes, and keeps the account. Files may be deleted by several threads at once.
 class Purger {
  public:
   Purger(const FolderPurgeOptions& options, const Cancellation& cancellation)
       : options_(options), cancellation_(cancellation) {}
 
   [[nodiscard]] bool done() {
+    const std::lock_guard lock(mutex_);
     if (purge_.freed >= options_.amount) {
       purge_.end = PurgeEnd::amountFreed;
     } else if (cancellation_.isCancelled()) {
@@ -52,6 +55,7 @@ class Purger {
     return purge_.end != PurgeEnd::nothingLeft;
   }
   void note(int error) {
+    const std::lock_guard lock(mutex_);
     if (purge_.failures++ == 0) purge_.error = error;
   }
   void fail(int error) {
@@ -59,13 +63,12 @@ class Purger {
     purge_.end = PurgeEnd::failed;
   }
   void deleteFile(int folder, const char* name, const struct stat& status) {
-    if (status.st_nlink == 1 && bytesOf(status) >= FolderPurge::asked_from) {
-      deleteAsking(folder, name, status);
-    } else if (unlinked(folder, name) && status.st_nlink == 1) {
-      purge_.freed += bytesOf(status);
-    }
+    const std::uint64_t bytes = status.st_nlink == 1 ? bytesOf(status) : 0;
+    if (!begin(bytes)) return;
+    end(bytes, bytes >= FolderPurge::asked_from ? deletedAsking(folder, name, status)
+                                                : deleted(folder, name, bytes));
   }
-  void deleteUnseen(int folder, const char* name) { unlinked(folder, name); }
+  void deleteUnseen(int folder, const char* name) { end(0, deleted(folder, name, 0)); }
   void noteFreed(std::uint64_t before, std::uint64_t after) {
     purge_.freed = after > before ? after - before : 0;
   }
@@ -81,29 +84,58 @@ class Purger {
   [[nodiscard]] const FolderPurge& purge() const { return purge_; }
 
  private:
-  bool unlinked(int folder, const char* name) {
-    if (::unlinkat(folder, name, 0) == 0) {
-      ++purge_.files;
-      return true;
+  struct Deleted {
+    bool is = false;
+    std::uint64_t freed = 0;
+    std::uint64_t held = 0;
+    int error = 0;
+  };
+
+  /// Whether these bytes are wanted. When those that others are about to free may already be enough, that is
+  /// waited for, so that no file goes in vain.
+  bool begin(std::uint64_t bytes) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return under_way_ == 0 || purge_.freed + under_way_ < options_.amount; });
+    if (purge_.freed >= options_.amount) return false;
+    under_way_ += bytes;
+    return true;
+  }
+  void end(std::uint64_t bytes, const Deleted& deleted) {
+    {
+      const std::lock_guard lock(mutex_);
+      under_way_ -= bytes;
+      purge_.files += deleted.is ? 1 : 0;
+      purge_.freed += deleted.freed;
+      purge_.held += deleted.held;
+      if (deleted.error != 0 && purge_.failures++ == 0) purge_.error = deleted.error;
     }
-    if (errno != ENOENT && errno != EISDIR) note(errno);
-    return false;
+    changed_.notify_all();
+  }
+
+  static Deleted deleted(int folder, const char* name, std::uint64_t bytes) {
+    if (::unlinkat(folder, name, 0) == 0) return {true, bytes, 0, 0};
+    return {false, 0, 0, errno == ENOENT || errno == EISDIR ? 0 : errno};
   }
 
   /// A lease for writing is given only to the one who alone has a file open. With its last name gone nobody
   /// else can open it any more, so the answer stays true, and there is no one to break the lease.
-  void deleteAsking(int folder, const char* name, const struct stat& status) {
+  static Deleted deletedAsking(int folder, const char* name, const struct stat& status) {
     const FileDescriptor file(
         ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!unlinked(folder, name)) return;
+    Deleted gone = deleted(folder, name, 0);
+    if (!gone.is) return gone;
     struct stat now = status;
-    if (file && (::fstat(file.get(), &now) != 0 || now.st_nlink != 0)) return;
+    if (file && (::fstat(file.get(), &now) != 0 || now.st_nlink != 0)) return gone;
     const bool held = file && ::fcntl(file.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN;
-    (held ? purge_.held : purge_.freed) += bytesOf(now);
+    (held ? gone.held : gone.freed) = bytesOf(now);
+    return gone;
   }
 
   const FolderPurgeOptions& options_;
   const Cancellation& cancellation_;
+  std::mutex mutex_;  // guards the two below
+  std::condition_variable changed_;
+  std::uint64_t under_way_ = 0;  // bytes of files that are being deleted
   FolderPurge purge_;
 };
 
@@ -134,7 +166,11 @@ class PurgeAsFound final : public FolderWalk::Visitor {
 
 void purgeAsFound(Purger& purger, int root, PurgeAsFound::Files files) {
   PurgeAsFound visitor(purger, files);
-  if (!FolderWalk(visitor, files == PurgeAsFound::Files::seen).run(root)) purger.fail(errno);
+  // Two that delete names of one file at the same time could both take the other's for the last.
+  const bool alone = files == PurgeAsFound::Files::seen && purger.options().linked_files;
+  FolderWalk walk(visitor, alone ? FolderWalk::Threads::one : FolderWalk::Threads::two,
+                  files == PurgeAsFound::Files::seen);
+  if (!walk.run(root)) purger.fail(errno);
 }
 
 void purgeUnseen(Purger& purger, int root) {

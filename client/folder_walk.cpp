@@ -5,15 +5,23 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
+#include <thread>
 #include <utility>
+
+#include "platform/dispatch/thread.h"
 
 namespace kelvane::client {
 namespace {
 
 constexpr std::size_t entries_bytes = std::size_t{256} << 10;
 constexpr std::size_t open_levels = 32;
+constexpr std::size_t files_worth_a_thread = 32;
+constexpr std::size_t files_in_one_go = 8;
 
 bool isDots(const char* name) { return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0; }
 
@@ -29,8 +37,8 @@ FileDescriptor openBelow(int folder, const char* path) {
   return FileDescriptor(static_cast<int>(::syscall(SYS_openat2, folder, path, &how, sizeof how)));
 }
 
-FolderWalk::FolderWalk(Visitor& visitor, bool looks)
-    : visitor_(visitor), looks_(looks), entries_(entries_bytes) {}
+FolderWalk::FolderWalk(Visitor& visitor, Threads threads, bool looks)
+    : visitor_(visitor), threads_(threads), looks_(looks), entries_(entries_bytes) {}
 
 bool FolderWalk::run(int folder) {
   FileDescriptor own = openBelow(folder, ".");
@@ -51,26 +59,63 @@ bool FolderWalk::enter(FileDescriptor folder, std::string name) {
   long length = 1;
   while (length > 0 && !visitor_.done()) {
     length = ::syscall(SYS_getdents64, level.folder.get(), entries_.data(), entries_.size());
-    for (long at = 0; at < length && !visitor_.done();) {
+    files_.clear();
+    for (long at = 0; at < length;) {
       const auto* const entry = reinterpret_cast<const dirent64*>(entries_.data() + at);
-      look(level.folder.get(), entry->d_name, entry->d_type, level.below);
+      const unsigned char type = typeOf(level.folder.get(), entry->d_name, entry->d_type);
+      if (type == DT_REG) files_.push_back(entry->d_name);
+      if (type == DT_DIR && !isDots(entry->d_name)) level.below.emplace_back(entry->d_name);
       at += entry->d_reclen;
     }
+    visitFiles(level.folder.get());
   }
   return length >= 0;
 }
 
-void FolderWalk::look(int folder, const char* name, unsigned char type, std::vector<std::string>& below) {
-  if (type == DT_DIR && !isDots(name)) below.emplace_back(name);
-  if (type != DT_REG && type != DT_UNKNOWN) return;
+/// Some file systems list names only.
+unsigned char FolderWalk::typeOf(int folder, const char* name, unsigned char listed) {
+  if (listed != DT_UNKNOWN) return listed;
   struct stat status {};
-  if (type == DT_REG && !looks_) return visitor_.file(folder, name, status);
+  if (::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) != 0) {
+    if (isFailure(errno)) visitor_.failed(errno);
+    return DT_UNKNOWN;
+  }
+  if (S_ISDIR(status.st_mode)) return DT_DIR;
+  return S_ISREG(status.st_mode) ? DT_REG : DT_UNKNOWN;
+}
+
+void FolderWalk::visitFiles(int folder) {
+  std::atomic<std::size_t> next = 0;
+  const auto visitSome = [&] {
+    while (true) {
+      const std::size_t first = next.fetch_add(files_in_one_go);
+      const std::size_t end = std::min(first + files_in_one_go, files_.size());
+      for (std::size_t i = first; i < end; ++i) {
+        if (visitor_.done()) return;
+        visitFile(folder, files_[i]);
+      }
+      if (end == files_.size()) return;
+    }
+  };
+  std::thread helper;
+  if (threads_ == Threads::two && files_.size() >= files_worth_a_thread) {
+    try {
+      helper = dispatch::startThread(visitSome);
+    } catch (const std::system_error&) {
+      // One does it as well.
+    }
+  }
+  visitSome();
+  if (helper.joinable()) helper.join();
+}
+
+void FolderWalk::visitFile(int folder, const char* name) {
+  struct stat status {};
+  if (!looks_) return visitor_.file(folder, name, status);
   if (::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) != 0) {
     if (isFailure(errno)) visitor_.failed(errno);
   } else if (S_ISREG(status.st_mode)) {
     visitor_.file(folder, name, status);
-  } else if (S_ISDIR(status.st_mode) && !isDots(name)) {
-    below.emplace_back(name);
   }
 }
 

@@ -17,9 +17,16 @@ namespace kelvane::client {
 /// folder that was entered is known by its descriptor, so what it is replaced by is never entered. Far up,
 /// descriptors are closed; the way back is "..", which must then be the folder that it was.
 ///
-/// Used by one thread, once.
+/// Used once.
 class FolderWalk {
  public:
+  /// Who may be shown the files of one folder.
+  enum class Threads {
+    one,
+    /// Where a folder has many, another thread, with the same rights, visits them at the same time: `done`,
+    /// `file` and `failed` are called by both.
+    two,
+  };
   class Visitor {
    public:
     virtual ~Visitor() = default;
@@ -33,8 +40,8 @@ class FolderWalk {
     virtual void failed(int error) = 0;
   };
 
-  /// Unless it `looks`, files get no status where the file system says by itself that they are files.
-  explicit FolderWalk(Visitor& visitor, bool looks = true);
+  /// Unless it `looks`, files get no status.
+  explicit FolderWalk(Visitor& visitor, Threads threads = Threads::one, bool looks = true);
   /// False, with the reason in errno, when there was no reading the folder.
   bool run(int folder);
 
@@ -50,11 +57,15 @@ class FolderWalk {
   void enterNext();
   void leave();
   bool comeBack(const Level& from);
-  void look(int folder, const char* name, unsigned char type, std::vector<std::string>& below);
+  unsigned char typeOf(int folder, const char* name, unsigned char listed);
+  void visitFiles(int folder);
+  void visitFile(int folder, const char* name);
 
   Visitor& visitor_;
+  const Threads threads_;
   const bool looks_;
   std::vector<char> entries_;
+  std::vector<const char*> files_;  // among these entries
   std::vector<Level> levels_;
 };
 

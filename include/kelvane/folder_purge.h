@@ -20,7 +20,9 @@
 // where the file system can tell (one over a network cannot); others count as freed. Asking costs as much as
 // deleting a small file does, which is why the small ones are not asked about.
 //
-// Threads. Any; each call works on its own, and two on the same folder do not count one file twice. Takes up
+// Threads. Any; each call works on its own, and two on the same folder do not count one file twice. A folder
+// of many files is emptied by a second thread as well, which has the caller's rights, takes no signals and
+// has ended on return; not so with oldestFirst, nor with linked_files unless counted by the volume. Takes up
 // to 40 descriptors (100 for oldestFirst), however deep the folders are. Nothing is thrown. Needs Linux 5.6.
 
 #include <cstdint>

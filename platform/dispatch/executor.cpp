@@ -1,7 +1,6 @@
 #include "platform/dispatch/executor.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -10,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -20,6 +18,7 @@
 
 #include "platform/dispatch/clock.h"
 #include "platform/dispatch/fatal.h"
+#include "platform/dispatch/thread.h"
 
 namespace kelvane {
 
@@ -46,21 +45,6 @@ constexpr std::uint64_t wakeup_identity = 0;
 constexpr std::uint64_t timer_identity = 1;
 
 thread_local bool on_pool_thread = false;
-
-void startThread(void (*body)()) {
-  // A signal is for the threads that the program started itself.
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  try {
-    std::thread(body).detach();
-  } catch (...) {
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    throw;
-  }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
 
 /// Whether the kernel has the thread of this process running, or ready to. False when it does not say.
 bool runs(pid_t thread) {
@@ -109,7 +93,7 @@ Executor::Executor()
       !watchDescriptor(epoll_, timer_descriptor_, EPOLLIN, timer_identity) || watchman_timer_ < 0) {
     fatal("cannot create the pool's descriptors", std::strerror(errno));
   }
-  startThread([] { shared().watch(); });
+  startThread([] { shared().watch(); }).detach();
 }
 
 void Executor::submit(std::shared_ptr<Runnable> runnable) {
@@ -140,7 +124,7 @@ void Executor::addThread() {
   ++threads_;
   ++busy_;
   try {
-    startThread([] { shared().work(); });
+    startThread([] { shared().work(); }).detach();
   } catch (const std::system_error&) {
     // The threads there are must do; the watchman tries again.
     --threads_;

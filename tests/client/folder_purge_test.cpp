@@ -153,6 +153,35 @@ TEST_P(AFolder, IsNotCountedAnyFurtherOnceThatIsCancelled) {
   EXPECT_EQ(purgeable(), 0U);
 }
 
+TEST_P(AFolder, OfManyFilesGivesUpNotOneMoreThanTheAmountNeeds) {
+  constexpr std::uint64_t files = 600;
+  std::uint64_t each = 0;
+  for (std::uint64_t file = 0; file < files; ++file) each = add(std::to_string(file));
+  std::uint64_t left = files;
+  for (const std::uint64_t more : {1, 2, 17, 129, 300}) {
+    const FolderPurge purged = purge({.amount = (more - 1) * each + 1});
+    EXPECT_EQ(purged.end, PurgeEnd::amountFreed);
+    EXPECT_EQ(purged.freed, more * each);
+    EXPECT_EQ(purged.files, more);
+    left -= more;
+    EXPECT_EQ(purgeable(), left * each);
+  }
+  EXPECT_EQ(purge().files, left);
+}
+
+TEST_P(AFolder, OfManyFilesCountsEachOnceWhenItsLastNameGoes) {
+  constexpr int files = 300;
+  std::uint64_t bytes = 0;
+  for (int file = 0; file < files; ++file) {
+    const std::string name = std::to_string(file);
+    bytes += add(name);
+    fs::create_hard_link(path(name), path("other" + name));
+  }
+  const FolderPurge purged = purge({.linked_files = true});
+  EXPECT_EQ(purged.files, 2U * files);
+  EXPECT_EQ(purged.freed, bytes);
+}
+
 TEST_P(AFolder, StopsWhenAnotherThreadCancelsMidway) {
   FolderPurge purged;
   // Whoever cancels may come too late, but not every time.
