@@ -148,8 +148,10 @@ Figure oneHopIntoAQueue(int rounds) {
   };
   Figure figure = figureOf("one asynchronous queue hop", rounds, [&] {
     Moved sum{};
-    for (int i = 0; i < turn; ++i) sum.bare += bare.handOver();
-    for (int i = 0; i < turn; ++i) sum.queue += hop();
+    for (int i = 0; i < turn; ++i) {
+      sum.bare += bare.handOver();
+      sum.queue += hop();
+    }
     return Moved{sum.queue / turn, sum.bare / turn};
   });
   figure.goal = ratioAtMost(1.2);

@@ -64,16 +64,18 @@ void PurgeRequest::call() {
   request_ = dispatch_sync(operation_->collection_queue(), [this] { return info_->request(donation_); });
   CallServiceAsync(
       service_,
-      [this](const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) { send(proxy, done); },
+      [this](const std::shared_ptr<KelvaneServiceProtocol>& proxy, Done done) {
+        send(proxy, std::move(done));
+      },
       [self = shared_from_this()] {
         KVLog(5, "%s connection to %@ invalidated", selector, self->service_->ID());
         self->membership_.connectionEnded();
       });
 }
 
-void PurgeRequest::send(const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) {
+void PurgeRequest::send(const std::shared_ptr<KelvaneServiceProtocol>& proxy, Done done) {
   KVLog(5, "%s requesting %lld bytes from %@ at urgency %d", selector, donation_, service_->ID(), urgency_);
-  if (!operation_->updateInFlight(service_->ID(), done)) return;
+  if (!operation_->updateInFlight(service_->ID(), std::move(done))) return;
   start_ = mach_absolute_time();
   membership_.enter();
   proxy->servicePurge(

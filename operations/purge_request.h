@@ -22,7 +22,7 @@ class PurgeRequest : public std::enable_shared_from_this<PurgeRequest> {
  private:
   [[nodiscard]] bool takeShare();
   void call();
-  void send(const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done);
+  void send(const std::shared_ptr<KelvaneServiceProtocol>& proxy, Done done);
   void handleReply(const std::optional<Dictionary>& reply);
   std::uint64_t recordAmount(const std::optional<Dictionary>& reply);
   void passOn(const std::optional<Dictionary>& reply, double elapsed_nanoseconds);

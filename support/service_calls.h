@@ -12,8 +12,7 @@ namespace kelvane {
 /// Ends the connection of one service call. May be called any number of times, on any thread; dropping the
 /// last copy without calling it counts as calling it.
 using Done = std::function<void()>;
-using RequestHandler =
-    std::function<void(const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done)>;
+using RequestHandler = std::function<void(const std::shared_ptr<KelvaneServiceProtocol>& proxy, Done done)>;
 
 /// Opens a connection of its own to the service (through its endpoint, or, for a declared service, through
 /// its socket) and calls `request` once, before returning, on the calling thread, also when the connection

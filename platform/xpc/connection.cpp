@@ -51,7 +51,7 @@ struct Connection::Ending {
 // --- making and ending ---
 
 Connection::Connection(bool accepting)
-    : accepting_(accepting), queue_(dispatch_queue_create("com.orvel.xpc.connection")) {}
+    : accepting_(accepting), queue_(dispatch_queue_create("xpc.connection")) {}
 
 std::shared_ptr<Connection> Connection::initWithListenerEndpoint(const Endpoint& endpoint) {
   std::shared_ptr<Connection> connection(new Connection(false));

@@ -101,7 +101,10 @@ int Connection::step() {
     }
     if (hold && (queuedMessages() == 0 || !isWritable(socket_))) return 0;
   }
-  return process(hold);
+  const int r = process(hold);
+  // The first call is on its way, and its answer, or the end, is told by the socket.
+  const bool waits = writes_first && intake_.handshakeEmptiedSocket() && !hung_up_ && queuedMessages() == 0;
+  return r > 0 && waits ? 0 : r;
 }
 
 int Connection::stepHandshake() {

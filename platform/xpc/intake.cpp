@@ -56,6 +56,7 @@ bool Intake::lookAtHandshake(int socket) {
   handshake_.resize(handshake_taken_ + std::max(handshake_piece, handshake_taken_));
   const std::int64_t length =
       peek(socket, handshake_.data() + handshake_taken_, handshake_.size() - handshake_taken_);
+  handshake_emptied_ = length > 0 && handshake_taken_ + static_cast<std::size_t>(length) < handshake_.size();
   handshake_.resize(handshake_taken_ + (length > 0 ? static_cast<std::size_t>(length) : 0));
   const bool anything = length >= 0 || errno != EAGAIN;
   startCounting(socket);
@@ -63,7 +64,9 @@ bool Intake::lookAtHandshake(int socket) {
 }
 
 void Intake::noteHandshake(std::uint64_t taken) {
-  if (taken > handshake_.size() - handshake_taken_) handshake_seen_ = false;
+  const std::size_t seen = handshake_.size() - handshake_taken_;
+  if (taken > seen) handshake_seen_ = false;
+  if (taken != seen) handshake_emptied_ = false;
   handshake_taken_ = handshake_seen_ ? handshake_taken_ + taken : 0;
 }
 

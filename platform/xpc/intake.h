@@ -29,6 +29,9 @@ class Intake {
   /// then it had better not, because it writes first, and reads what comes upon that.
   bool lookAtHandshake(int socket);
   void noteHandshake(std::uint64_t taken);
+  /// The library took all that the last look at the handshake saw, no more, and that was all there was: what
+  /// comes later, the socket tells.
+  [[nodiscard]] bool handshakeEmptiedSocket() const { return handshake_emptied_; }
   /// How many of the bytes looked at go up to the end of the line `last` of the handshake, when that is among
   /// them; else 0.
   [[nodiscard]] std::size_t bytesThrough(std::string_view last) const;
@@ -69,6 +72,7 @@ class Intake {
   std::string handshake_;            // what the library took, followed by what was looked at
   std::size_t handshake_taken_ = 0;  // the first part's size
   bool handshake_seen_ = true;       // nothing was taken that had not been looked at
+  bool handshake_emptied_ = false;
   std::uint64_t brought_along_ = 0;  // whole messages that came with the handshake, not yet handed out
   bool known_ = false;               // where messages begin
   std::uint64_t claimed_ = 0;

@@ -214,13 +214,9 @@ int readDate(sd_bus_message* message, const char* contents, Value& value) {
   return r;
 }
 
-/// Reads whatever stands next.
-int readOne(sd_bus_message* message, Value& value, int depth) {
-  if (depth > deepest) return -ELOOP;
-  char type = 0;
-  const char* contents = nullptr;
-  int r = sd_bus_message_peek_type(message, &type, &contents);
-  if (r <= 0) return r < 0 ? r : -EBADMSG;
+bool isBasic(char type) { return type != '\0' && std::strchr("ynqiuxtdbsog", type) != nullptr; }
+
+int readBasic(sd_bus_message* message, char type, Value& value) {
   switch (type) {
     case 'y':
       return readNumber<std::uint8_t, std::uint64_t>(message, type, value);
@@ -240,25 +236,35 @@ int readOne(sd_bus_message* message, Value& value, int depth) {
       return readNumber<double>(message, type, value);
     case 'b':
       return readNumber<int, bool>(message, type, value);
-    case 's':
-    case 'o':
-    case 'g': {
+    default: {
       std::string text;
-      r = readText(message, type, text);
+      const int r = readText(message, type, text);
       value = std::move(text);
       return r;
     }
-    case 'v':
-      r = sd_bus_message_enter_container(message, 'v', contents);
-      if (r >= 0) r = readOne(message, value, depth + 1);
-      return r < 0 ? r : sd_bus_message_exit_container(message);
-    case 'a':
-      return readArray(message, contents, value, depth);
-    case 'r':
-      return readDate(message, contents, value);
-    default:
-      return -EBADMSG;  // descriptors have no place in a property list
   }
+}
+
+int readVariant(sd_bus_message* message, const char* contents, Value& value, int depth) {
+  const char type = contents[0];
+  const bool basic = isBasic(type) && contents[1] == '\0' && depth < deepest;
+  int r = sd_bus_message_enter_container(message, 'v', contents);
+  if (r >= 0) r = basic ? readBasic(message, type, value) : readOne(message, value, depth + 1);
+  return r < 0 ? r : sd_bus_message_exit_container(message);
+}
+
+/// Reads whatever stands next.
+int readOne(sd_bus_message* message, Value& value, int depth) {
+  if (depth > deepest) return -ELOOP;
+  char type = 0;
+  const char* contents = nullptr;
+  const int r = sd_bus_message_peek_type(message, &type, &contents);
+  if (r <= 0) return r < 0 ? r : -EBADMSG;
+  if (isBasic(type)) return readBasic(message, type, value);
+  if (type == 'v') return readVariant(message, contents, value, depth);
+  if (type == 'a') return readArray(message, contents, value, depth);
+  if (type == 'r') return readDate(message, contents, value);
+  return -EBADMSG;  // descriptors have no place in a property list
 }
 
 }  // namespace
