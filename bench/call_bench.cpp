@@ -13,13 +13,13 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "bench/support/comparison.h"
 #include "bench/support/message_bus.h"
+#include "bench/support/program.h"
 #include "bench/support/rounds.h"
 #include "bench/support/temporary_folder.h"
 
@@ -176,32 +176,27 @@ void measureCrowd(Report& report, Servers& servers, int rounds, int calls) {
                Peer{way_names[bare], found[2], found[4]}}});
 }
 
-int run(int argc, char** argv) {
-  CLI::App app("Measures one small call, by one client and by eight at once, against the wire and a bus.");
-  int rounds = 31;
-  int calls = 300;
-  std::string json;
-  app.add_option("--rounds", rounds, "rounds in which all take turns")->check(CLI::Range(3, 1000));
-  app.add_option("--calls", calls, "calls of each client in a round")->check(CLI::Range(1, 100000));
-  app.add_option("--json", json, "a file for the figures");
-  CLI11_PARSE(app, argc, argv);
+Report measure(int rounds, int calls) {
   Servers servers;
   Report report;
   reportTrips(report, measureTrips(servers, rounds, calls), rounds);
   measureCrowd(report, servers, rounds, calls);
-  report.print();
-  report.write(json);
-  return 0;
+  return report;
 }
 
 }  // namespace
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
-  try {
-    return kelvane::bench::run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "call_bench: %s\n", failure.what());
-    return 1;
-  }
+  int rounds = 31;
+  int calls = 300;
+  return kelvane::bench::runProgram(
+      argc, argv,
+      {"call_bench",
+       "Measures one small call, by one client and by eight at once, against the wire and a bus.",
+       [&](CLI::App& app) {
+         app.add_option("--rounds", rounds, "rounds in which all take turns")->check(CLI::Range(3, 1000));
+         app.add_option("--calls", calls, "calls of each client in a round")->check(CLI::Range(1, 100000));
+       },
+       [&] { return kelvane::bench::measure(rounds, calls); }});
 }

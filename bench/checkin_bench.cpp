@@ -11,12 +11,12 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
-#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "bench/support/comparison.h"
+#include "bench/support/program.h"
 #include "bench/support/rounds.h"
 #include "bench/support/temporary_folder.h"
 
@@ -82,15 +82,7 @@ class Round {
   Connections open_;
 };
 
-int run(int argc, char** argv) {
-  CLI::App app("Measures the check-in of services against bare connections and calls.");
-  std::size_t count = 1000;
-  int rounds = 9;
-  std::string json;
-  app.add_option("--services", count, "how many check in, in each way")->check(CLI::Range(1, 2000));
-  app.add_option("--rounds", rounds, "rounds, each with a daemon of its own")->check(CLI::Range(3, 1000));
-  app.add_option("--json", json, "a file for the figures");
-  CLI11_PARSE(app, argc, argv);
+Report measure(std::size_t count, int rounds) {
   allowManyDescriptors();
   const TemporaryFolder folder;
   const std::string bare_socket = folder.path() + "/bare";
@@ -108,19 +100,22 @@ int run(int argc, char** argv) {
   };
   beside("over an open connection", shared, shared_ratio);
   beside("over a connection of its own", own, own_ratio);
-  report.print();
-  report.write(json);
-  return 0;
+  return report;
 }
 
 }  // namespace
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
-  try {
-    return kelvane::bench::run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "checkin_bench: %s\n", failure.what());
-    return 1;
-  }
+  std::size_t count = 1000;
+  int rounds = 9;
+  return kelvane::bench::runProgram(
+      argc, argv,
+      {"checkin_bench", "Measures the check-in of services against bare connections and calls.",
+       [&](CLI::App& app) {
+         app.add_option("--services", count, "how many check in, in each way")->check(CLI::Range(1, 2000));
+         app.add_option("--rounds", rounds, "rounds, each with a daemon of its own")
+             ->check(CLI::Range(3, 1000));
+       },
+       [&] { return kelvane::bench::measure(count, rounds); }});
 }

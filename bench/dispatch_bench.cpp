@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "bench/support/report.h"
+#include "bench/support/program.h"
 #include "bench/support/rounds.h"
 #include "platform/dispatch/queue.h"
 
@@ -219,20 +219,21 @@ Figure synchronousCallOnAnIdleQueue(int rounds) {
   });
 }
 
+Report measure(int rounds) {
+  return {{oneHopIntoAQueue(rounds), roundTripThroughAQueue(rounds), pingPongBetweenQueues(rounds),
+           synchronousCallOnAnIdleQueue(rounds)}};
+}
+
 }  // namespace
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
-  using namespace kelvane::bench;
-  CLI::App app("Measures queues against a bare condition variable.");
   int rounds = 31;
-  std::string json;
-  app.add_option("--rounds", rounds, "rounds, each of 2,000 movements")->check(CLI::Range(3, 1000));
-  app.add_option("--json", json, "a file for the figures");
-  CLI11_PARSE(app, argc, argv);
-  const Report report{{oneHopIntoAQueue(rounds), roundTripThroughAQueue(rounds),
-                       pingPongBetweenQueues(rounds), synchronousCallOnAnIdleQueue(rounds)}};
-  report.print();
-  report.write(json);
-  return 0;
+  return kelvane::bench::runProgram(
+      argc, argv,
+      {"dispatch_bench", "Measures queues against a bare condition variable.",
+       [&](CLI::App& app) {
+         app.add_option("--rounds", rounds, "rounds, each of 2,000 movements")->check(CLI::Range(3, 1000));
+       },
+       [&] { return kelvane::bench::measure(rounds); }});
 }

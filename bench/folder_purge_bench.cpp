@@ -13,7 +13,6 @@
 #include <atomic>
 #include <cstdio>
 #include <ctime>
-#include <exception>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -21,8 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "bench/support/program.h"
 #include "bench/support/quartiles.h"
-#include "bench/support/report.h"
 #include "kelvane/folder_purge.h"
 
 namespace kelvane::bench {
@@ -35,7 +34,6 @@ struct Settings {
   int rounds = 5;
   int small_files = 200'000;
   int large_files = 200;
-  std::string json;
 };
 
 struct Shape {
@@ -181,29 +179,30 @@ std::vector<Figure> measure(const Shape& shape, const Settings& settings) {
   return figuresOf(shape, ways, settings.rounds);
 }
 
+Report measureBoth(const Settings& settings) {
+  Report report;
+  report.add(
+      measure({"small files of 4 KiB, 1,000 in a folder", settings.small_files, 1000, 4096}, settings));
+  report.add(measure(
+      {"large files of 16 MiB, 50 in a folder", settings.large_files, 50, std::size_t{16} << 20}, settings));
+  return report;
+}
+
 }  // namespace
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
-  using namespace kelvane::bench;
-  Settings settings;
-  CLI::App app("What emptying a folder costs: medians, and where half of the rounds lie");
-  app.add_option("--at", settings.at, "Where to make the folder")->check(CLI::ExistingDirectory);
-  app.add_option("--rounds", settings.rounds)->check(CLI::PositiveNumber);
-  app.add_option("--small-files", settings.small_files)->check(CLI::PositiveNumber);
-  app.add_option("--large-files", settings.large_files)->check(CLI::PositiveNumber);
-  app.add_option("--json", settings.json, "a file for the figures");
-  CLI11_PARSE(app, argc, argv);
-  Report report;
-  try {
-    report.add(
-        measure({"small files of 4 KiB, 1,000 in a folder", settings.small_files, 1000, 4096}, settings));
-    report.add(
-        measure({"large files of 16 MiB, 50 in a folder", settings.large_files, 50, std::size_t{16} << 20},
-                settings));
-    report.write(settings.json);
-  } catch (const std::exception& error) {
-    fail(error.what());
-  }
-  return 0;
+  kelvane::bench::Settings settings;
+  return kelvane::bench::runProgram(
+      argc, argv,
+      {"folder_purge_bench", "What emptying a folder costs: medians, and where half of the rounds lie",
+       [&](CLI::App& app) {
+         app.add_option("--at", settings.at, "where to make the folder")->check(CLI::ExistingDirectory);
+         app.add_option("--rounds", settings.rounds, "rounds of each way")->check(CLI::PositiveNumber);
+         app.add_option("--small-files", settings.small_files, "how many small ones")
+             ->check(CLI::PositiveNumber);
+         app.add_option("--large-files", settings.large_files, "how many large ones")
+             ->check(CLI::PositiveNumber);
+       },
+       [&] { return kelvane::bench::measureBoth(settings); }, false});
 }

@@ -10,7 +10,6 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -20,6 +19,7 @@
 
 #include "bench/support/comparison.h"
 #include "bench/support/process_work.h"
+#include "bench/support/program.h"
 #include "bench/support/rounds.h"
 
 namespace kelvane::bench {
@@ -33,7 +33,6 @@ struct Settings {
   int seconds = 60;
   int rounds = 5;
   std::size_t connections = 1000;
-  std::string json;
 };
 
 /// Megabytes by itself, and with so many connections that have each made one call.
@@ -93,36 +92,34 @@ void measureWakeUps(Report& report, const Settings& settings) {
                            settings.seconds, settings.settle)}});
 }
 
-int run(int argc, char** argv) {
-  CLI::App app("Measures the idle daemon: its memory and its wake-ups.");
-  Settings settings;
-  app.add_option("--volumes", settings.volumes, "a folder of ten volumes; without it no wake-ups are counted")
-      ->check(CLI::ExistingDirectory);
-  app.add_option("--settle", settings.settle, "seconds before wake-ups count")->check(CLI::Range(0, 3600));
-  app.add_option("--seconds", settings.seconds, "for how long wake-ups are counted")
-      ->check(CLI::Range(1, 36000));
-  app.add_option("--rounds", settings.rounds, "daemons whose memory is looked at")
-      ->check(CLI::Range(1, 1000));
-  app.add_option("--connections", settings.connections, "idle connections")->check(CLI::Range(1, 2000));
-  app.add_option("--json", settings.json, "a file for the figures");
-  CLI11_PARSE(app, argc, argv);
+Report measure(const Settings& settings) {
   allowManyDescriptors();
   Report report;
   measureMemory(report, settings);
   if (!settings.volumes.empty()) measureWakeUps(report, settings);
-  report.print();
-  report.write(settings.json);
-  return 0;
+  return report;
 }
 
 }  // namespace
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
-  try {
-    return kelvane::bench::run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "idle_bench: %s\n", failure.what());
-    return 1;
-  }
+  kelvane::bench::Settings settings;
+  return kelvane::bench::runProgram(
+      argc, argv,
+      {"idle_bench", "Measures the idle daemon: its memory and its wake-ups.",
+       [&](CLI::App& app) {
+         app.add_option("--volumes", settings.volumes,
+                        "a folder of ten volumes; without it no wake-ups are counted")
+             ->check(CLI::ExistingDirectory);
+         app.add_option("--settle", settings.settle, "seconds before wake-ups count")
+             ->check(CLI::Range(0, 3600));
+         app.add_option("--seconds", settings.seconds, "for how long wake-ups are counted")
+             ->check(CLI::Range(1, 36000));
+         app.add_option("--rounds", settings.rounds, "daemons whose memory is looked at")
+             ->check(CLI::Range(1, 1000));
+         app.add_option("--connections", settings.connections, "idle connections")
+             ->check(CLI::Range(1, 2000));
+       },
+       [&] { return kelvane::bench::measure(settings); }});
 }

@@ -21,6 +21,7 @@
 #include "bench/support/comparison.h"
 #include "bench/support/daemon_client.h"
 #include "bench/support/daemon_process.h"
+#include "bench/support/program.h"
 #include "bench/support/reaction_cache.h"
 #include "bench/support/reaction_volume.h"
 
@@ -255,26 +256,13 @@ void summarize(Report& report, const Kind& kind, const std::vector<Outcome>& out
   reportKind(report, kind, reactions, outcomes, failed);
 }
 
-}  // namespace
-}  // namespace kelvane::bench
+struct Rounds {
+  int usual = 20;
+  int fast = 100;  // at 500 MB/s, where the 99th percentile counts
+  int polled = 1;
+};
 
-int main(int argc, char** argv) {
-  using namespace kelvane::bench;
-  int rounds = 20;
-  int fast_rounds = 100;
-  int polled_rounds = 1;
-  std::string json;
-  CLI::App app(
-      "Measures how soon a volume that is being filled is given space. Needs to be root, for the volume.");
-  app.add_option("--rounds", rounds, "rounds at each rate with the daemon's watcher")
-      ->check(CLI::PositiveNumber);
-  app.add_option("--fast-rounds", fast_rounds, "the same at 500 MB/s, where the 99th percentile counts")
-      ->check(CLI::PositiveNumber);
-  app.add_option("--polled-rounds", polled_rounds, "rounds with each polling loop")
-      ->check(CLI::NonNegativeNumber);
-  app.add_option("--json", json, "a file for the figures");
-  CLI11_PARSE(app, argc, argv);
-
+Report measure(const Rounds& rounds) {
   const std::string daemon = daemonBesideThisProgram();  // before the mounts change under this program
   ReactionVolume volume(volume_bytes, services, cached_bytes);
   Report report;
@@ -283,9 +271,9 @@ int main(int argc, char** argv) {
   for (const std::uint64_t rate : {50, 200, 500, 0}) {
     const std::string writer = rate != 0 ? fmt::format("{} MB/s", rate) : "unbounded";
     const std::uint64_t bytes = rate * 1'000'000;
-    for (const Kind& kind : {Kind{writer, "the watcher", bytes, 0, rate == 500 ? fast_rounds : rounds},
-                             Kind{writer, "a look in 10 s", bytes, 10'000 * ms, polled_rounds},
-                             Kind{writer, "a look in 60 s", bytes, 60'000 * ms, polled_rounds}}) {
+    for (const Kind& kind : {Kind{writer, "the watcher", bytes, 0, rate == 500 ? rounds.fast : rounds.usual},
+                             Kind{writer, "a look in 10 s", bytes, 10'000 * ms, rounds.polled},
+                             Kind{writer, "a look in 60 s", bytes, 60'000 * ms, rounds.polled}}) {
       if (kind.rounds == 0) continue;
       Driver driver(daemon, volume, kind.poll);
       std::vector<Outcome> outcomes;
@@ -293,5 +281,26 @@ int main(int argc, char** argv) {
       summarize(report, kind, outcomes);
     }
   }
-  report.write(json);
+  return report;
+}
+
+}  // namespace
+}  // namespace kelvane::bench
+
+int main(int argc, char** argv) {
+  kelvane::bench::Rounds rounds;
+  return kelvane::bench::runProgram(
+      argc, argv,
+      {"reaction_bench",
+       "Measures how soon a volume that is being filled is given space. Needs to be root, for the volume.",
+       [&](CLI::App& app) {
+         app.add_option("--rounds", rounds.usual, "rounds at each rate with the daemon's watcher")
+             ->check(CLI::PositiveNumber);
+         app.add_option("--fast-rounds", rounds.fast,
+                        "the same at 500 MB/s, where the 99th percentile counts")
+             ->check(CLI::PositiveNumber);
+         app.add_option("--polled-rounds", rounds.polled, "rounds with each polling loop")
+             ->check(CLI::NonNegativeNumber);
+       },
+       [&] { return kelvane::bench::measure(rounds); }, false});
 }

@@ -18,7 +18,6 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
-#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -26,6 +25,7 @@
 #include <string>
 
 #include "bench/support/comparison.h"
+#include "bench/support/program.h"
 #include "bench/support/rounds.h"
 
 namespace kelvane::bench {
@@ -153,15 +153,7 @@ std::array<double, things> round(const std::string& program) {
           ended.gone, ended.back};
 }
 
-int run(int argc, char** argv) {
-  CLI::App app("Measures the daemon's start and end. Run it in script/lib/private-root.sh.");
-  std::size_t count = 1000;
-  int rounds = 21;
-  std::string json;
-  app.add_option("--descriptors", count, "how many services are declared")->check(CLI::Range(1, 100000));
-  app.add_option("--rounds", rounds, "how often each is measured")->check(CLI::PositiveNumber);
-  app.add_option("--json", json, "a file for the figures");
-  CLI11_PARSE(app, argc, argv);
+Report measure(std::size_t count, int rounds) {
   allowManyDescriptors();
   writeDescriptors(count);
   const std::string program = daemonBesideThisProgram();
@@ -170,27 +162,28 @@ int run(int argc, char** argv) {
   const auto beside_parsing = [&](Thing which) {
     return Peer{"reading and parsing them bare", found[parsing] * ms, found[which]};
   };
-  const Report report{
-      {{fmt::format("start to the launched notification, {} descriptors", count), "ms", rounds,
-        found[full] * ms, beside_parsing(ratio), ratioAtMost(1.5)},
-       {fmt::format("what {} descriptors add to the start", count), "ms", rounds, found[added] * ms,
-        beside_parsing(added_ratio)},
-       {"start to the launched notification, no descriptors", "ms", rounds, found[empty] * ms},
-       {"SIGTERM in the middle of a purge to the end", "ms", rounds, found[gone] * ms},
-       {"start to the first answer after that", "ms", rounds, found[back] * ms}}};
-  report.print();
-  report.write(json);
-  return 0;
+  return {{{fmt::format("start to the launched notification, {} descriptors", count), "ms", rounds,
+            found[full] * ms, beside_parsing(ratio), ratioAtMost(1.5)},
+           {fmt::format("what {} descriptors add to the start", count), "ms", rounds, found[added] * ms,
+            beside_parsing(added_ratio)},
+           {"start to the launched notification, no descriptors", "ms", rounds, found[empty] * ms},
+           {"SIGTERM in the middle of a purge to the end", "ms", rounds, found[gone] * ms},
+           {"start to the first answer after that", "ms", rounds, found[back] * ms}}};
 }
 
 }  // namespace
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
-  try {
-    return kelvane::bench::run(argc, argv);
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "start_bench: %s\n", failure.what());
-    return 1;
-  }
+  std::size_t count = 1000;
+  int rounds = 21;
+  return kelvane::bench::runProgram(
+      argc, argv,
+      {"start_bench", "Measures the daemon's start and end. Run it in script/lib/private-root.sh.",
+       [&](CLI::App& app) {
+         app.add_option("--descriptors", count, "how many services are declared")
+             ->check(CLI::Range(1, 100000));
+         app.add_option("--rounds", rounds, "how often each is measured")->check(CLI::PositiveNumber);
+       },
+       [&] { return kelvane::bench::measure(count, rounds); }});
 }
