@@ -4,6 +4,7 @@
 // loop and does nothing else; of the same stand-in through a dbus-daemon of this program's own; and as many
 // bytes to and fro on a plain socket. Then the same with eight clients at once, each a process.
 
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -121,11 +122,14 @@ void reportTrips(Report& report, const Trips& trips, int rounds) {
 
 // --- eight at once
 
-/// Waits for one byte of each client.
+/// Waits for one byte of each client. The others may wait for one that failed.
 void await(int descriptor) {
+  constexpr int longest = 60'000;  // milliseconds
+  pollfd said{descriptor, POLLIN, 0};
   for (std::size_t i = 0; i < clients; ++i) {
     char byte = 0;
-    if (::read(descriptor, &byte, 1) != 1) std::abort();
+    if (::poll(&said, 1, longest) != 1 || ::read(descriptor, &byte, 1) != 1)
+      throw std::runtime_error("a client failed");
   }
 }
 
@@ -147,11 +151,12 @@ double callsPerSecond(Servers& servers, Way way, int calls) {
   std::vector<pid_t> processes;
   for (std::size_t i = 0; i < clients; ++i) {
     processes.push_back(::fork());
+    if (processes.back() < 0) throw std::runtime_error("no process for a client");
     if (processes.back() != 0) continue;
     ::close(gun[1]);
     clientProcess(servers, way, calls, said[1], gun[0]);
   }
-  ::close(said[1]);  // so that the end of a client which failed is seen
+  ::close(said[1]);  // so that the end of all is seen
   await(said[0]);
   const double took = microsecondsOf([&] {
     ::close(gun[1]);  // they start

@@ -35,23 +35,24 @@ struct Settings {
   std::size_t connections = 1000;
 };
 
-/// Megabytes by itself, and with so many connections that have each made one call.
+double megabytesOf(const DaemonProcess& daemon) { return static_cast<double>(daemon.memory()) * 1024 / 1e6; }
+
+/// Megabytes right after the start, and with so many connections that have each made one call.
 std::array<double, 2> memoryRound(const Settings& settings) {
   const DaemonProcess daemon(daemonBesideThisProgram());
-  const auto megabytes = [&] { return static_cast<double>(daemon.memory()) * 1024 / 1e6; };
-  const double alone = megabytes();
+  const double alone = megabytesOf(daemon);
   { DaemonClient(daemon.socket()).setState("value", "com.example.bench"); }
   std::vector<std::unique_ptr<DaemonClient>> connections;
   for (std::size_t i = 0; i < settings.connections; ++i) {
     connections.push_back(std::make_unique<DaemonClient>(daemon.socket()));
     connections.back()->state("com.example.bench");
   }
-  return {alone, megabytes()};
+  return {alone, megabytesOf(daemon)};
 }
 
 void measureMemory(Report& report, const Settings& settings) {
   const auto found = quartilesOfRounds<2>(settings.rounds, [&] { return memoryRound(settings); });
-  report.add({{"resident memory, idle", "MB", settings.rounds, found[0], std::nullopt, medianAtMost(8)},
+  report.add({{"resident memory, just started", "MB", settings.rounds, found[0]},
               {fmt::format("resident memory, {} idle connections", settings.connections), "MB",
                settings.rounds, found[1], std::nullopt, medianAtMost(30)}});
 }
@@ -70,18 +71,34 @@ std::size_t volumesIn(const fs::path& folder) {
   return count;
 }
 
+/// What a process has done between two moments with the same threads: the switches of one that came or went
+/// meanwhile could not be told.
+double wakeUpsOf(const DaemonProcess& daemon, int seconds) {
+  const ProcessWork before = ProcessWork::of(daemon.ID());
+  std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  const ProcessWork after = ProcessWork::of(daemon.ID());
+  if (before.threads != after.threads)
+    throw std::runtime_error("a thread came or went while wake-ups were counted");
+  return (after - before).voluntary_switches;
+}
+
 /// With its own thresholds, so that it watches.
-void measureWakeUps(Report& report, const Settings& settings) {
+void measureIdleness(Report& report, const Settings& settings) {
   constexpr std::size_t wanted = 10;
   if (volumesIn(settings.volumes) != wanted)
     throw std::runtime_error("there must be ten volumes in " + settings.volumes);
   const DaemonProcess daemon(daemonBesideThisProgram(), {});
   std::this_thread::sleep_for(std::chrono::seconds(settings.settle));
-  const ProcessWork before = ProcessWork::of(daemon.ID());
-  std::this_thread::sleep_for(std::chrono::seconds(settings.seconds));
-  const ProcessWork work = ProcessWork::of(daemon.ID()) - before;
-  const double each = work.voluntary_switches / settings.seconds;
-  report.add({{"idle wake-ups per second, ten volumes",
+  const double each = wakeUpsOf(daemon, settings.seconds) / settings.seconds;
+  const double memory = megabytesOf(daemon);
+  report.add({{"resident memory, idle, ten volumes",
+               "MB",
+               1,
+               {memory, memory, memory},
+               std::nullopt,
+               medianAtMost(8),
+               fmt::format("{} s after the start", settings.settle + settings.seconds)},
+              {"idle wake-ups per second, ten volumes",
                "1/s",
                1,
                {each, each, each},
@@ -96,7 +113,7 @@ Report measure(const Settings& settings) {
   allowManyDescriptors();
   Report report;
   measureMemory(report, settings);
-  if (!settings.volumes.empty()) measureWakeUps(report, settings);
+  if (!settings.volumes.empty()) measureIdleness(report, settings);
   return report;
 }
 

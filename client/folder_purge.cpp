@@ -96,7 +96,7 @@ class Purger {
   bool begin(std::uint64_t bytes) {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return under_way_ == 0 || purge_.freed + under_way_ < options_.amount; });
-    if (purge_.freed >= options_.amount) return false;
+    if (purge_.freed >= options_.amount || cancellation_.isCancelled()) return false;
     under_way_ += bytes;
     return true;
   }
@@ -133,7 +133,7 @@ class Purger {
 
   const FolderPurgeOptions& options_;
   const Cancellation& cancellation_;
-  std::mutex mutex_;  // guards the two below
+  std::mutex mutex_;  // guards all below while files are visited
   std::condition_variable changed_;
   std::uint64_t under_way_ = 0;  // bytes of files that are being deleted
   FolderPurge purge_;
@@ -167,7 +167,8 @@ class PurgeAsFound final : public FolderWalk::Visitor {
 void purgeAsFound(Purger& purger, int root, PurgeAsFound::Files files) {
   PurgeAsFound visitor(purger, files);
   // Two that delete names of one file at the same time could both take the other's for the last.
-  const bool alone = files == PurgeAsFound::Files::seen && purger.options().linked_files;
+  const bool alone = files == PurgeAsFound::Files::stay ||
+                     (files == PurgeAsFound::Files::seen && purger.options().linked_files);
   FolderWalk walk(visitor, alone ? FolderWalk::Threads::one : FolderWalk::Threads::two,
                   files == PurgeAsFound::Files::seen);
   if (!walk.run(root)) purger.fail(errno);

@@ -62,6 +62,7 @@ bool FolderWalk::enter(FileDescriptor folder, std::string name) {
     files_.clear();
     for (long at = 0; at < length;) {
       const auto* const entry = reinterpret_cast<const dirent64*>(entries_.data() + at);
+      if (entry->d_type == DT_UNKNOWN && visitor_.done()) break;
       const unsigned char type = typeOf(level.folder.get(), entry->d_name, entry->d_type);
       if (type == DT_REG) files_.push_back(entry->d_name);
       if (type == DT_DIR && !isDots(entry->d_name)) level.below.emplace_back(entry->d_name);

@@ -144,7 +144,9 @@ std::uint64_t rawFanout(const std::vector<int>& endpoints) {
   }
   collect(epoll, sockets.size(), [&](std::size_t index) {
     std::array<char, raw_reply_bytes> answer{};
-    if (::recv(sockets[index], answer.data(), answer.size(), MSG_DONTWAIT) <= 0) return false;
+    const ssize_t length = ::recv(sockets[index], answer.data(), answer.size(), MSG_DONTWAIT);
+    if (length == 0) std::abort();  // the service has gone
+    if (length < 0) return false;
     ::close(sockets[index]);
     return true;
   });

@@ -33,6 +33,7 @@ ProcessWork ProcessWork::of(pid_t process) {
   for (const auto& thread :
        std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", gone)) {
     addSwitches(thread.path(), work);
+    work.threads.insert(thread.path().filename());
   }
   return work;
 }

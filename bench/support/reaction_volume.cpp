@@ -18,7 +18,6 @@ namespace kelvane::bench {
 namespace {
 
 constexpr std::uint64_t file_bytes = 1 << 20;
-constexpr std::uint64_t block_bytes = 256 << 10;
 constexpr std::uint64_t second = 1'000'000'000;
 
 void require(bool condition, const char* what) {

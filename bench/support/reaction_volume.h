@@ -31,6 +31,8 @@ class ReactionVolume {
 /// A file that grows at a given rate.
 class Writer {
  public:
+  static constexpr std::uint64_t block_bytes = 256 << 10;
+
   /// `bytes_per_second` 0: as fast as it can.
   Writer(const ReactionVolume& volume, std::uint64_t bytes_per_second);
   ~Writer();

@@ -103,7 +103,8 @@ int Connection::step() {
   }
   const int r = process(hold);
   // The first call is on its way, and its answer, or the end, is told by the socket.
-  const bool waits = writes_first && intake_.handshakeEmptiedSocket() && !hung_up_ && queuedMessages() == 0;
+  const bool waits = writes_first && intake_.atBoundary() && intake_.handshakeEmptiedSocket() && !hung_up_ &&
+                     queuedMessages() == 0;
   return r > 0 && waits ? 0 : r;
 }
 

@@ -100,7 +100,7 @@ TEST(VolumeWatch, LeavesAVolumeThatDoesNotChangeAloneForAnEighthOfThatTime) {
   EXPECT_EQ(volume.looksAgainAfter(start + 1001 * second, with(above(4 * G / 10 - 4096))), 100 * ms - 1024);
 }
 
-TEST(VolumeWatch, AVolumeThatFillsAtHalfAGigabyteASecondIsLookedAtSixtyTimesOnTheWayToTheLimit) {
+TEST(VolumeWatch, AVolumeThatFillsAtHalfAGigabyteASecondIsLookedAtSomeDozenTimesOnTheWayToTheLimit) {
   Watched volume;
   std::uint64_t now = start;
   std::uint64_t free = above(10 * G);

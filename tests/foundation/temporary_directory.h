@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 
 namespace kelvane::test {
 
@@ -24,10 +25,11 @@ class TemporaryDirectory {
   ~TemporaryDirectory() {
     // What another thread is just letting go of, a settings file's log for one, may vanish in the middle.
     std::error_code failed;
-    int tries = 0;
-    do std::filesystem::remove_all(path_, failed);
-    while (++tries < 100 &&
-           (failed == std::errc::no_such_file_or_directory || failed == std::errc::directory_not_empty));
+    for (int tries = 0; tries < 100; ++tries) {
+      std::filesystem::remove_all(path_, failed);
+      if (failed != std::errc::no_such_file_or_directory && failed != std::errc::directory_not_empty) break;
+      std::this_thread::yield();
+    }
   }
 
   [[nodiscard]] const std::string& path() const { return path_; }

@@ -106,7 +106,7 @@ TEST(WatchingASilentDaemon, AsksItOnceWhileTheVolumesAreLookedAtAgainAndAgain) {
   ASSERT_EQ(::bind(silent.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(::listen(silent.get(), 100), 0);
   OnTerminal watch(socket, {"watch", "--interval", "0.1"});
-  EXPECT_TRUE(watch.printed([](const std::string& all) { return framesIn(all) == 5; })) << watch.all();
+  EXPECT_TRUE(watch.printed([](const std::string& all) { return framesIn(all) >= 5; })) << watch.all();
   watch.type("q");
   EXPECT_EQ(watch.finish(), 0);
   std::vector<FileDescriptor> asked;

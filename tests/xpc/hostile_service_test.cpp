@@ -149,6 +149,19 @@ TEST_F(HostileService, AReplyInTheSamePacketAsTheHandshakesEndArrives) {
   EXPECT_EQ(reply_, "first") << (error_ ? error_->description() : "");
 }
 
+TEST_F(HostileService, ACallInTheSamePacketAsTheHandshakesEndIsAnsweredWithoutWaitingForTheReply) {
+  for (int line = 0; line < 4; ++line) service_->readLine();
+  service_->send("DATA\r\nOK 00112233445566778899aabbccddeeff\r\n");
+  service_->send("AGREE_UNIX_FD\r\n" + echoCall(9, 8).bytes());
+  ASSERT_TRUE(service_->receive());  // the connection's own call
+  const auto refusal = service_->receive();
+  ASSERT_TRUE(refusal);
+  EXPECT_EQ(refusal->type, 3);
+  service_->send(replyTo(1, "first").bytes());
+  answered_.wait();
+  EXPECT_EQ(reply_, "first") << (error_ ? error_->description() : "");
+}
+
 TEST_F(HostileService, ACallToAConnectionThatExportsNothingIsAnswered) {
   handshake();
   service_->send(echoCall(9, 8).bytes() + replyTo(1, "first").bytes());
