@@ -9,8 +9,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "platform/dispatch/thread.h"
@@ -98,16 +96,11 @@ void FolderWalk::visitFiles(int folder) {
       if (end == files_.size()) return;
     }
   };
-  std::thread helper;
   if (threads_ == Threads::two && files_.size() >= files_worth_a_thread) {
-    try {
-      helper = dispatch::startThread(visitSome);
-    } catch (const std::system_error&) {
-      // One does it as well.
-    }
+    dispatch::runTwice(visitSome);
+  } else {
+    visitSome();
   }
-  visitSome();
-  if (helper.joinable()) helper.join();
 }
 
 void FolderWalk::visitFile(int folder, const char* name) {

@@ -5,6 +5,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -31,10 +32,11 @@ void writeGrant(const std::string& directory) {
 }  // namespace
 
 DaemonProcess::DaemonProcess(const std::string& program, const std::vector<std::string>& environment)
-    : program_(program), environment_(environment) {
+    : program_(program), environment_(environment), launched_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
   for (const char* part : {"/run", "/run/notify", "/state"})
     std::filesystem::create_directories(directory_ + part);
   writeGrant(directory_);
+  ::inotify_add_watch(launched_.get(), (directory_ + "/run/notify").c_str(), IN_MODIFY);
   start();
 }
 
@@ -51,8 +53,8 @@ void DaemonProcess::end() {
 }
 
 void DaemonProcess::start() {
-  const int watch = ::inotify_init1(IN_CLOEXEC);
-  ::inotify_add_watch(watch, (directory_ + "/run/notify").c_str(), IN_MODIFY);
+  std::array<char, 4096> earlier;
+  while (::read(launched_.get(), earlier.data(), earlier.size()) > 0) continue;
   process_ = ::fork();
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -65,9 +67,8 @@ void DaemonProcess::start() {
     std::_Exit(127);
   }
   // It says so itself when it is open for business.
-  pollfd started{watch, POLLIN, 0};
+  pollfd started{launched_.get(), POLLIN, 0};
   if (::poll(&started, 1, 10'000) != 1) giveUp("the daemon " + program_ + " did not start");
-  ::close(watch);
 }
 
 std::uint64_t DaemonProcess::numberInStatus(const char* name) const {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "bench/support/temporary_folder.h"
+#include "platform/foundation/file_descriptor.h"
 
 namespace kelvane::bench {
 
@@ -38,6 +39,8 @@ class DaemonProcess {
   const std::vector<std::string> environment_;
   const TemporaryFolder folder_;
   const std::string directory_ = folder_.path();
+  // Kept for all starts: to close it takes the kernel up to ten milliseconds, which are not the daemon's.
+  const FileDescriptor launched_;
   pid_t process_ = -1;
 };
 

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <csignal>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -27,6 +28,20 @@ template <typename Body>
   };
   const SignalsBlocked blocked;  // the thread begins with its maker's mask
   return std::thread(std::move(body));
+}
+
+/// Runs `work` here and, when there can be one, on a second thread at the same time; returns when both are
+/// done. The second has the caller's rights. Nothing may be thrown.
+template <typename Work>
+void runTwice(const Work& work) {
+  std::thread second;
+  try {
+    second = startThread([&work] { work(); });
+  } catch (const std::system_error&) {
+    // One does it as well.
+  }
+  work();
+  if (second.joinable()) second.join();
 }
 
 }  // namespace kelvane::dispatch

@@ -2,8 +2,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <algorithm>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "tests/daemon/daemon_fixture.h"
 
@@ -123,6 +125,37 @@ TEST_F(Descriptors, OfTwoWithTheSameIDTheLaterOneReadWinsAndTheIDAppearsOnceInDa
   EXPECT_TRUE(services.at("same")->doNotQuery());
   EXPECT_FALSE(services.at("same")->noQuota());
   EXPECT_EQ(it->daemons(), std::set<std::string>{"same"});
+}
+
+TEST_F(Descriptors, OfManyAllAreTakenInTheOrderOfTheirNamesWhateverIsAmongThem) {
+  constexpr int files = 300;  // read ahead by two threads, some hundred at a time
+  const auto number = [](int file) { return std::to_string(1000 + file); };
+  for (int file = 0; file < files; ++file) {
+    const std::string name = systemFile(number(file) + ".plist");
+    Dictionary list{{KELVANE_ID, "id" + std::to_string(file % 100)}, {KELVANE_DO_NOT_QUERY, true}};
+    if (file >= 200) list.remove(KELVANE_DO_NOT_QUERY);
+    if (file % 10 == 3) list.set("comment", std::string(20'000, 'x'));  // too large to be read ahead
+    if (file % 10 == 7) {
+      directory_.write(name, "no property list");
+    } else {
+      descriptor(name, list);
+    }
+  }
+  const Services services = kelvane()->copyServices();
+  EXPECT_EQ(services.size(), 90u);
+  for (const auto& [identifier, service] : services) EXPECT_FALSE(service->doNotQuery()) << identifier;
+  std::vector<std::string> expected;
+  for (int file = 0; file < files; ++file) {
+    expected.push_back("//" + number(file) + ".plist");
+    if (file % 10 == 7) expected.push_back("propertyListWithData failed");
+  }
+  std::size_t next = 0;
+  for (const auto& line : log_.lines()) {
+    if (next < expected.size() && line.text.find(expected[next]) != std::string::npos) ++next;
+  }
+  EXPECT_EQ(next, expected.size()) << "not seen in its place: "
+                                   << expected[std::min(next, expected.size() - 1)];
+  EXPECT_EQ(log_.count(3, failed), 30u);
 }
 
 TEST_F(Descriptors, OneInTheInternalDirectoryOverridesOneOfTheSameIDInTheSystemDirectory) {
