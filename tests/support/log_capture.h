@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <list>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -12,73 +13,86 @@
 
 namespace kelvane::tests {
 
-/// Is the log for as long as it lives, and puts the handle before it back. Any thread. Work that may still
-/// log must have ended before it is destroyed.
-class LogCapture final : public LogHandle {
+/// Is the log for as long as it lives, and puts the handle before it back. Any thread. Who is just writing a
+/// line when it is destroyed may go on.
+class LogCapture {
  public:
   struct Line {
     int level;
     std::string text;
   };
 
-  explicit LogCapture(int threshold = 5) : threshold_(threshold), before_(getLogHandle()) {
-    setLogHandle(this);
+  explicit LogCapture(int threshold = 5) : kept_(keep(threshold)), before_(getLogHandle()) {
+    setLogHandle(&kept_);
   }
-  ~LogCapture() override {
-    setLogHandle(before_);
-    const std::lock_guard lock(mutex_);  // what wrote the last line has let go of the lines
-  }
+  ~LogCapture() { setLogHandle(before_); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  [[nodiscard]] int threshold() const override { return threshold_; }
-  void write(int level, std::string_view line) override {
-    const std::lock_guard lock(mutex_);
-    lines_.push_back({level, std::string(line)});
-    written_.notify_all();
-  }
-
   [[nodiscard]] std::vector<Line> lines() const {
-    const std::lock_guard lock(mutex_);
-    return lines_;
+    const std::lock_guard lock(kept_.mutex);
+    return kept_.lines;
   }
   /// Whether a line holds that text.
   [[nodiscard]] bool contains(std::string_view text) const { return count(text) > 0; }
   [[nodiscard]] bool contains(int level, std::string_view text) const { return count(level, text) > 0; }
   /// How many lines hold that text.
   [[nodiscard]] std::size_t count(std::string_view text) const {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(kept_.mutex);
     return countIf([&](const Line& line) { return holds(line, text); });
   }
   [[nodiscard]] std::size_t count(int level, std::string_view text) const {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(kept_.mutex);
     return countIf([&](const Line& line) { return line.level == level && holds(line, text); });
   }
   /// Blocks until so many lines hold that text. The test program's time limit is the only one.
   void await(std::string_view text, std::size_t lines = 1) const {
-    std::unique_lock lock(mutex_);
-    written_.wait(lock,
-                  [&] { return countIf([&](const Line& line) { return holds(line, text); }) >= lines; });
+    std::unique_lock lock(kept_.mutex);
+    kept_.written.wait(lock,
+                       [&] { return countIf([&](const Line& line) { return holds(line, text); }) >= lines; });
   }
   void clear() {
-    const std::lock_guard lock(mutex_);
-    lines_.clear();
+    const std::lock_guard lock(kept_.mutex);
+    kept_.lines.clear();
   }
 
  private:
+  /// Outlives the capture: a handle must outlive its use, and a thread that has just asked for it may be
+  /// late.
+  class Kept final : public LogHandle {
+   public:
+    explicit Kept(int threshold) : threshold_(threshold) {}
+    [[nodiscard]] int threshold() const override { return threshold_; }
+    void write(int level, std::string_view line) override {
+      const std::lock_guard lock(mutex);
+      lines.push_back({level, std::string(line)});
+      written.notify_all();
+    }
+
+    mutable std::mutex mutex;  // guards all below
+    mutable std::condition_variable written;
+    std::vector<Line> lines;
+
+   private:
+    const int threshold_;
+  };
+
+  static Kept& keep(int threshold) {
+    static std::mutex mutex;
+    static std::list<Kept>& all = *new std::list<Kept>;  // guarded by mutex; never destroyed
+    const std::lock_guard lock(mutex);
+    return all.emplace_back(threshold);
+  }
   static bool holds(const Line& line, std::string_view text) {
     return line.text.find(text) != std::string::npos;
   }
   template <class Test>
   std::size_t countIf(Test test) const {
-    return static_cast<std::size_t>(std::count_if(lines_.begin(), lines_.end(), test));
+    return static_cast<std::size_t>(std::count_if(kept_.lines.begin(), kept_.lines.end(), test));
   }
 
-  const int threshold_;
+  Kept& kept_;
   LogHandle* const before_;
-  mutable std::mutex mutex_;  // guards all below
-  mutable std::condition_variable written_;
-  std::vector<Line> lines_;
 };
 
 }  // namespace kelvane::tests
