@@ -17,11 +17,12 @@ constexpr std::int64_t second = 1'000'000'000;
 class PurgeTimeout : public tests::PurgeFixture {
  protected:
   /// Runs it while moving the clock by these seconds, one after the other, each only when somebody waits for
-  /// that moment and every service has been asked once more.
+  /// that moment and every service has been asked once more; the first time when `before_time` is in the log.
   Dictionary runPasses(KelvanePurgeOperation& operation, FakeService& silent,
-                       const std::vector<std::int64_t>& seconds) {
+                       const std::vector<std::int64_t>& seconds, const std::string& before_time = "") {
     std::thread runner([&] { run(operation); });
     std::size_t asked = 0;
+    if (!before_time.empty()) log_.await(before_time);
     for (const std::int64_t each : seconds) {
       silent.awaitPurges(++asked);
       tests::awaitTimers(0);
@@ -65,7 +66,7 @@ TEST_F(PurgeTimeout, AServiceThatIsCutOffIsAskedAgainInTheNextPassAndLosesItsCon
   FakeService& full = service("full");
   full.purges(upTo(30));
   const auto it = operation({{KELVANE_AMOUNT, 100}, {KELVANE_URGENCY, 2}});
-  const Dictionary result = runPasses(*it, silent, {2, 4});
+  const Dictionary result = runPasses(*it, silent, {2, 4}, "full service purged: 30");
   EXPECT_EQ(silent.purgesAsked().size(), 2u);
   EXPECT_EQ(silent.purgesAsked()[1].urgency, 2);
   silent.awaitClosed(2);
