@@ -7,6 +7,8 @@
 #include <exception>
 #include <filesystem>
 
+#include "bench/support/placement.h"
+
 namespace kelvane::bench {
 namespace {
 
@@ -14,17 +16,21 @@ int run(int argc, char** argv, Comparison& comparison) {
   CLI::App app(comparison.about);
   Setting setting{daemonBesideThisProgram(), "/", comparison.rounds};
   std::string json;
+  bool unplaced = false;
   app.add_option("--daemon", setting.daemon, "the daemon's program")->check(CLI::ExistingFile);
   app.add_option("--volume", setting.volume, "a local volume; nothing is written to it");
   app.add_option("--rounds", setting.rounds, "rounds for each number of services")
       ->check(CLI::Range(3, 1000));
   app.add_option("--services", comparison.services, "the numbers of services");
+  app.add_flag("--unplaced", unplaced, "leave it to the scheduler who runs on which processor");
   app.add_option("--json", json, "a file for the figures");
   CLI11_PARSE(app, argc, argv);
 
   allowManyDescriptors();
   ServiceHost host;
-  std::printf("microseconds, medians of %d rounds; ratios with their quartiles\n\n%s\n", setting.rounds,
+  const bool apart = !unplaced && placeApart(host.ID());
+  std::printf("microseconds, medians of %d rounds; ratios with their quartiles; %s\n\n%s\n", setting.rounds,
+              apart ? "the services have a processor to themselves" : "the scheduler places the services",
               comparison.heading);
   Report report;
   for (const std::size_t services : comparison.services) {

@@ -44,8 +44,8 @@ class Group {
       if (count_ == 0) fatal("leaving a group more often than it was entered");
       if (--count_ > 0) return;
       ready.swap(notifications_);
-      emptied_.notify_all();
     }
+    emptied_.notify_all();
     for (auto& [queue, item] : ready) dispatch_async(queue, std::move(item));
   }
   long wait(dispatch_time_t deadline) {
@@ -81,8 +81,10 @@ class Semaphore {
     return 0;
   }
   void signal() {
-    const std::scoped_lock lock(mutex_);
-    ++value_;
+    {
+      const std::scoped_lock lock(mutex_);
+      ++value_;
+    }
     raised_.notify_one();
   }
 
@@ -94,9 +96,15 @@ class Semaphore {
 
 }  // namespace dispatch
 
+// Waiters are notified without the lock, or they would wake only to wait for that. So either side may let go
+// of a group or semaphore as soon as the other has done its part, and each keeps it meanwhile.
+
 dispatch_group_t dispatch_group_create() { return std::make_shared<dispatch::Group>(); }
 void dispatch_group_enter(const dispatch_group_t& group) { group->enter(); }
-void dispatch_group_leave(const dispatch_group_t& group) { group->leave(); }
+void dispatch_group_leave(const dispatch_group_t& group) {
+  const dispatch_group_t kept = group;  // NOLINT(performance-unnecessary-copy-initialization)
+  kept->leave();
+}
 
 void dispatch_group_async(const dispatch_group_t& group, const dispatch_queue_t& queue, Block item) {
   group->enter();
@@ -108,7 +116,8 @@ void dispatch_group_async(const dispatch_group_t& group, const dispatch_queue_t&
 }
 
 long dispatch_group_wait(const dispatch_group_t& group, dispatch_time_t deadline) {
-  return group->wait(deadline);
+  const dispatch_group_t kept = group;  // NOLINT(performance-unnecessary-copy-initialization)
+  return kept->wait(deadline);
 }
 
 void dispatch_group_notify(const dispatch_group_t& group, const dispatch_queue_t& queue, Block item) {
@@ -118,8 +127,6 @@ void dispatch_group_notify(const dispatch_group_t& group, const dispatch_queue_t
 dispatch_semaphore_t dispatch_semaphore_create(long value) {
   return value < 0 ? nullptr : std::make_shared<dispatch::Semaphore>(value);
 }
-
-// Either side may let go of the semaphore as soon as the other has done its part, so each keeps it meanwhile.
 
 long dispatch_semaphore_wait(const dispatch_semaphore_t& semaphore, dispatch_time_t deadline) {
   const dispatch_semaphore_t kept = semaphore;  // NOLINT(performance-unnecessary-copy-initialization)

@@ -6,8 +6,6 @@
 namespace kelvane::tests {
 namespace {
 
-using namespace std::string_literals;
-
 /// Valid streams, from the first byte of the handshake on.
 std::vector<std::string> validStreams() {
   RawMessage ping;
@@ -29,7 +27,7 @@ std::vector<std::string> validStreams() {
   const std::string nested = echoCallOf(2, "av", [](RawWriter& out) {
                                out.number(18).signature("s").text("inner").signature("y").raw("\1");
                              }).bytes();
-  const std::string begin = "\0AUTH EXTERNAL 30\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"s;
+  const std::string begin = RawPeer::firstLine() + "NEGOTIATE_UNIX_FD\r\nBEGIN\r\n";
   return {begin + echoCall(1, 40).bytes() + nested + ping.bytes(),
           begin + hello.bytes() + echoCall(2, 300).bytes() + reply.bytes() + echoCall(3, 8).bytes(),
           begin + get.bytes() + nested + echoCall(5, 8).bytes()};

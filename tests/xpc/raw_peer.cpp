@@ -173,14 +173,18 @@ std::size_t RawPeer::sendWhatFits(std::string_view bytes) const {
   return sent < 0 ? 0 : static_cast<std::size_t>(sent);
 }
 
-void RawPeer::handshake(bool begin) {
+std::string RawPeer::firstLine() {
   std::string hexadecimal;
   for (const char digit : std::to_string(::getuid())) {
     hexadecimal += "3";
     hexadecimal += digit;
   }
   using namespace std::string_literals;
-  send("\0AUTH EXTERNAL "s + hexadecimal + "\r\n");
+  return "\0AUTH EXTERNAL "s + hexadecimal + "\r\n";
+}
+
+void RawPeer::handshake(bool begin) {
+  send(firstLine());
   readLine();
   send("NEGOTIATE_UNIX_FD\r\n");
   readLine();

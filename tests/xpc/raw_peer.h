@@ -76,6 +76,8 @@ class RawPeer {
   bool send(std::string_view bytes, const std::vector<int>& descriptors = {}) const;
   /// Writes until the socket takes no more; how many bytes went.
   [[nodiscard]] std::size_t sendWhatFits(std::string_view bytes) const;
+  /// What a handshake begins with, from this process's user.
+  static std::string firstLine();
   /// Authenticates. With `begin` false all but the last line.
   void handshake(bool begin = true);
   std::string readLine();
