@@ -10,6 +10,7 @@
 #
 # Root needs to be allowed to mount; others become root in a user namespace of their own.
 set -euo pipefail
+PATH=$PATH:/usr/sbin:/sbin  # chroot is there, which others than root have no path to
 
 if [ "${1:-}" != --inside ]; then
   as_user=()

@@ -14,7 +14,6 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 using testing::Not;
 
 constexpr std::uint64_t mebibyte = 1 << 20;
@@ -165,20 +164,6 @@ TEST(Kelvanectl, SaysInOneLineThatADaemonIsSilent) {
               HasSubstr("kelvanectl: the daemon does not answer; `journalctl -u kelvane` may say why"));
 }
 
-TEST(Kelvanectl, SaysWhenThereIsNoRight) {
-  const Volume volume(8);
-  Daemon daemon(built("kelvaned"), {});
-  const std::string command = "setpriv --reuid=65534 --regid=65534 --clear-groups " + built("kelvanectl") +
-                              " --daemon " + daemon.socket() + " purgeable " + volume.path();
-  std::filesystem::permissions(std::filesystem::path(daemon.runtimeFolder()).parent_path(),
-                               std::filesystem::perms(0755));
-  const Finished refused = run({"sh", "-c", command}, environment());
-  EXPECT_EQ(refused.status, 3) << refused.output;
-  EXPECT_THAT(refused.output,
-              MatchesRegex("kelvanectl: the daemon does not accept .*; ask as root or as a member "
-                           "of the group kelvane\n"));
-}
-
 TEST(Kelvanectl, KeepsReadsAndRemovesState) {
   Daemon daemon;
   EXPECT_EQ(ctl(daemon, {"state", "get", "colour"}).output, "null\n");
@@ -214,17 +199,6 @@ TEST(Kelvanectl, RunsActivitiesAndPostsEvents) {
   EXPECT_EQ(unknown.output, "kelvanectl: the daemon says: no activity is registered as \"nothing\"\n");
   EXPECT_EQ(ctl(daemon, {"events", "post", "com.orvel.dispatch.vfs", "[1]"}).status, 2);
   EXPECT_EQ(ctl({"--daemon", "/nowhere/kelvane.sock", "activity", "run", "any"}).status, 4);
-}
-
-TEST(Kelvanectl, LetsOnlyRootStartWhatRunsInTheDaemon) {
-  Daemon daemon;
-  std::filesystem::permissions(std::filesystem::path(daemon.runtimeFolder()).parent_path(),
-                               std::filesystem::perms(0755));
-  const Finished refused =
-      run({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", built("kelvanectl"), "--daemon",
-           daemon.socket(), "activity", "run", "com.orvel.Kelvane.daily"},
-          environment());
-  EXPECT_EQ(refused.status, 3) << refused.output;
 }
 
 TEST(Kelvanectl, ChecksFilesAndShowsDeclaredServices) {

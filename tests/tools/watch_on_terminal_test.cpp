@@ -2,8 +2,6 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <filesystem>
-#include <memory>
 #include <sstream>
 
 #include "tests/tools/screens.h"
@@ -153,34 +151,6 @@ TEST_F(Watching, TheOtherScreensFitTheirTerminalToo) {
       }
     }
   }
-}
-
-TEST(DeclaredService, IsShownAsEntitledOrNotByWhoRunsIt) {
-  Daemon daemon;
-  namespace fs = std::filesystem;
-  fs::permissions(fs::path(daemon.runtimeFolder()).parent_path(), fs::perms(0755));
-  fs::create_directories(daemon.runtimeFolder() + "/services");
-  fs::permissions(daemon.runtimeFolder() + "/services", fs::perms(0777));
-  const std::string socket = daemon.runtimeFolder() + "/services/com.example.maps";
-  const std::string descriptor = std::string(system_descriptors) + "/maps.plist";
-  const std::unique_ptr<const std::string, void (*)(const std::string*)> removed_at_the_end(
-      &descriptor, [](const std::string* path) { fs::remove(*path); });
-  writeFile(descriptor, propertyList("<key>KELVANE_ID</key><string>com.example.maps</string>"));
-  EXPECT_THAT(ctl(daemon, {"services"}).output, HasSubstr("  entitled or not: unknown; it does not run\n"));
-  std::vector<std::string> command = {
-      built("service_program"), "deletes", "com.example.maps", "/", "--listen", socket};
-  {
-    Process service(command);
-    ASSERT_TRUE(service.printed("registered")) << service.output();
-    EXPECT_THAT(ctl(daemon, {"services"}).output, HasSubstr("  reachable\n  entitled (user 0)\n"));
-    expectMatchesSchema(ctl(daemon, {"--json", "services"}).output);
-  }
-  fs::remove(socket);
-  command.insert(command.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
-  Process service(command);
-  ASSERT_TRUE(service.printed("registered")) << service.output();
-  EXPECT_THAT(ctl(daemon, {"services"}).output,
-              HasSubstr("  reachable\n  not entitled: user 65534 lacks CLIENT_ENTITLEMENT\n"));
 }
 
 }  // namespace
