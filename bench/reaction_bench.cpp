@@ -188,7 +188,7 @@ Outcome round(ReactionVolume& volume, Driver& driver, std::uint64_t bytes_per_se
   if (first != 0) {
     const std::uint64_t needed = clear_at - threshold + (writer.written() - written_before);
     const std::uint64_t given = driver.freed();
-    outcome.overshoot = given > needed ? static_cast<double>((given - needed) / MiB) : 0;
+    outcome.overshoot = given > needed ? static_cast<double>(given - needed) / static_cast<double>(MiB) : 0;
   }
   return outcome;
 }
@@ -233,11 +233,13 @@ std::string noteOn(const std::vector<Outcome>& outcomes) {
   const auto early = std::count_if(outcomes.begin(), outcomes.end(),
                                    [](const Outcome& outcome) { return outcome.is_early; });
   std::string note;
-  if (least > 0)
+  if (least > 0) {
     note = fmt::format("in {} fills a write failed before any request; they count as so far", least);
-  if (early > 0)
+  }
+  if (early > 0) {
     note +=
         fmt::format("{}{} fills left out: a request came before the crossing", least > 0 ? "; " : "", early);
+  }
   return note;
 }
 
@@ -302,6 +304,7 @@ Report measure(const Rounds& rounds) {
       if (kind.rounds == 0) continue;
       Driver driver(daemon, volume, kind.poll);
       std::vector<Outcome> outcomes;
+      outcomes.reserve(static_cast<std::size_t>(kind.rounds));
       for (int i = 0; i < kind.rounds; ++i) outcomes.push_back(round(volume, driver, kind.rate));
       summarize(report, kind, outcomes);
     }

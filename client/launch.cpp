@@ -20,14 +20,14 @@ constexpr const char* launch_interface = "com.orvel.Launch";
 class LaunchCalls : private xpc::ProxyBase {
  public:
   using ProxyBase::ProxyBase;
-  void RunActivity(std::string name, Reply<> reply);
-  void PostEvent(std::string stream, Dictionary event, Reply<> reply);
+  void RunActivity(const std::string& name, Reply<> reply);
+  void PostEvent(const std::string& stream, const Dictionary& event, Reply<> reply);
 };
 
 class PropertyCalls : private xpc::ProxyBase {
  public:
   using ProxyBase::ProxyBase;
-  void Get(std::string interface, std::string name, Reply<xpc::Anything> reply);
+  void Get(const std::string& interface, const std::string& name, Reply<xpc::Anything> reply);
 };
 
 }  // namespace
@@ -53,13 +53,13 @@ struct xpc::RemoteInterface<client::PropertyCalls> {
 namespace client {
 namespace {
 
-void LaunchCalls::RunActivity(std::string name, Reply<> reply) {
+void LaunchCalls::RunActivity(const std::string& name, Reply<> reply) {
   send<&LaunchCalls::RunActivity>("RunActivity", std::move(reply), name);
 }
-void LaunchCalls::PostEvent(std::string stream, Dictionary event, Reply<> reply) {
+void LaunchCalls::PostEvent(const std::string& stream, const Dictionary& event, Reply<> reply) {
   send<&LaunchCalls::PostEvent>("PostEvent", std::move(reply), stream, event);
 }
-void PropertyCalls::Get(std::string interface, std::string name, Reply<xpc::Anything> reply) {
+void PropertyCalls::Get(const std::string& interface, const std::string& name, Reply<xpc::Anything> reply) {
   send<&PropertyCalls::Get>("Get", std::move(reply), interface, name);
 }
 

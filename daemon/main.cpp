@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
 
   if (!startUp())
     return refuseToStart("cannot serve " + runtimeDirectory() + "/kelvane.sock; is another one running?");
-  const auto watcher = VolumeWatcher::start(postVolumeEvent);
-  const auto watchdog = Watchdog::over(Kelvane::sharedKelvane()->collection_queue());
+  [[maybe_unused]] const auto watcher = VolumeWatcher::start(postVolumeEvent);
+  [[maybe_unused]] const auto watchdog = Watchdog::over(Kelvane::sharedKelvane()->collection_queue());
   dispatch_main();
 }

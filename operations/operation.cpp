@@ -79,8 +79,8 @@ bool KelvaneOperation::refuse(const char* error) {
 
 void KelvaneOperation::filterServices(Services given, bool is_quota_event) {
   const bool is_multi_user = deviceIsMultiUser(init_selector);
-  services_ = given;
-  for (const auto& [identifier, service] : given) {
+  services_ = std::move(given);
+  for (const auto& [identifier, service] : Services(services_)) {
     if (!is_multi_user && service->multiUserOnly()) {
       KVLog(5, "%s removing multiUserOnly service %@", init_selector, service->ID());
       services_.erase(service->ID());

@@ -22,7 +22,7 @@ std::shared_ptr<SpaceProbe::Question> SpaceProbe::questionAbout(const std::strin
   const auto found = outstanding_->questions.find(path);
   if (found != outstanding_->questions.end()) return found->second;
   if (outstanding_->questions.size() >= most_questions) return nullptr;
-  const auto question = std::make_shared<Question>();
+  auto question = std::make_shared<Question>();
   outstanding_->questions.emplace(path, question);
   dispatch_group_async(question->asking, dispatch_get_global_queue(0, 0),
                        [ask = ask_, path, question, outstanding = outstanding_] {

@@ -26,9 +26,10 @@ ProcessWork ProcessWork::of(pid_t process) {
   ProcessWork work;
   clockid_t clock{};
   timespec time{};
-  if (::clock_getcpuclockid(process, &clock) == 0 && ::clock_gettime(clock, &time) == 0)
+  if (::clock_getcpuclockid(process, &clock) == 0 && ::clock_gettime(clock, &time) == 0) {
     work.processor_microseconds =
         static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
+  }
   std::error_code gone;  // a thread may end meanwhile
   for (const auto& thread :
        std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", gone)) {

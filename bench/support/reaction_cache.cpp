@@ -56,7 +56,7 @@ class Cache final : public client::ServiceHandler {
   client::ServiceOptions options;
   options.id = ID;
   options.daemon_socket = daemon_socket;
-  const auto service = client::Service::start(cache, options);
+  [[maybe_unused]] const auto service = client::Service::start(cache, options);
   while (true) ::pause();
 }
 

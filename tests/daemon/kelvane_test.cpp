@@ -8,6 +8,7 @@
 #include "platform/foundation/user_defaults.h"
 #include "tests/daemon/daemon_fixture.h"
 #include "tests/operations/answer.h"
+#include "tests/operations/fake_service.h"
 
 namespace kelvane {
 namespace {
@@ -63,12 +64,20 @@ TEST_F(CentralObject, CopyServicesReturnsASnapshotACheckInAfterTheCopyDoesNotCha
   descriptor(systemFile("a.plist"), Dictionary{{KELVANE_ID, "declared"}});
   const auto it = kelvane();
   const Services before = it->copyServices();
-  dispatch_sync(it->collection_queue(),
-                [&] { it->services()["late"] = std::make_shared<KVService>("late"); });
+  const tests::FakeService late("late");
+  const auto connection = xpc::Connection::initWithSocketPath(directory_ / "kelvane.sock");
+  connection->resume();
+  tests::Answer<std::optional<Dictionary>> checked_in;
+  connection->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>([](const xpc::Error&) {})
+      ->clientCheckin(
+          "late", late.endpoint(), {},
+          [checked_in](const std::optional<Dictionary>& reply) mutable { checked_in.come(reply); });
+  EXPECT_NE(checked_in.await(), std::nullopt);
   EXPECT_EQ(before.size(), 1u);
   const Services after = it->mutableServices();
   EXPECT_EQ(after.size(), 2u);
   EXPECT_EQ(after.at("declared"), before.at("declared"));  // the records are shared
+  connection->invalidate();
 }
 
 TEST_F(CentralObject, WithoutSettingsItGoesOnAndSaysSo) {

@@ -64,14 +64,15 @@ TEST_F(LowDisk, VeryLowIsCountedUnderItsOwnKeyAndComesBeforeQuota) {
 
 TEST_F(LowDisk, AnEventWithoutAKnownBitPurgesALowVolumeAndIsCountedUnderNoKey) {
   volumes_.add("/data", low);
+  std::size_t events = 0;
   for (const Dictionary& event : {Dictionary{{"_Flags", 0}}, Dictionary{{"_Flags", 0x8}}, Dictionary{},
                                   Dictionary{{"_Flags", "0x4"}}}) {
     it_->handleVFSStreamXPCEvent(event);
+    EXPECT_EQ(purged().size(), ++events) << "one request for each event";
   }
-  EXPECT_EQ(purged().size(), 4U);
   EXPECT_EQ(log_.count("caught"), 0U);
   for (const auto& [key, count] : statisticsOf(kelvane_domain).counters)
-    EXPECT_FALSE(key.starts_with("KV_")) << key;
+    EXPECT_TRUE(!key.empty() && !key.starts_with("KV_")) << key;
 }
 
 TEST_F(LowDisk, WithoutALowVolumeNothingIsPurgedAndNothingCounted) {

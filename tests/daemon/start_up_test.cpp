@@ -5,7 +5,9 @@
 #include <csignal>
 #include <vector>
 
+#include "operations/periodic_operation.h"
 #include "operations/timebase.h"
+#include "platform/dispatch/manual_clock.h"
 #include "platform/xpc/transaction.h"
 #include "tests/daemon/daemon_fixture.h"
 #include "tests/operations/answer.h"
@@ -37,6 +39,14 @@ class StartUp : public tests::DaemonFixture {
     shared_.reset();
     while (xpc_transaction_count() != 0) std::this_thread::yield();
     DaemonFixture::TearDown();
+  }
+
+  /// How many were open when the line that begins so was written.
+  [[nodiscard]] std::uint32_t transactionsAt(const std::string& text) const {
+    for (const auto& line : log_.lines()) {
+      if (line.text.starts_with(text)) return line.transactions;
+    }
+    return 0;
   }
 
   StartUpFunctions functions_;
@@ -140,6 +150,55 @@ TEST_F(StartUp, AnActivityCallbackInTheRunStateSweepsEveryLocalVolumeBeforeItRet
   }
   EXPECT_EQ(swept, std::vector<std::string>(2, "performPeriodicsWithInfo: result: {KELVANE_AMOUNT = 0;}"));
   EXPECT_EQ(xpc_transaction_count(), 0u);
+}
+
+TEST_F(StartUp, TheHandlersOfTheActivityAndOfTheEventStreamAreTransactions) {
+  volumes_.add("/data");
+  ASSERT_TRUE(startUp(functions_));
+  handleDailyActivity(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_RUN), shared_);
+  ASSERT_TRUE(xpc_post_event(vfs_event_stream, Dictionary{{"_Flags", 4}}));
+  EXPECT_EQ(transactionsAt("performPeriodicsWithInfo: result"), 1U);
+  EXPECT_EQ(transactionsAt("handleVFSStreamXPCEvent: caught VQ_LOWDISK"), 1U);
+}
+
+TEST_F(StartUp, ASweepDoesNotCallAServiceThatDoesPeriodicWorkAndIsNotInFlightAndLogsTheResultZero) {
+  volumes_.add("/data");
+  const auto it = kelvane();
+  tests::FakeService periodic("periodic");
+  periodic.record()->setDoesPeriodic(true);
+  dispatch_sync(it->collection_queue(), [&] { it->services()["periodic"] = periodic.record(); });
+  it->performPeriodicsWithInfo(Dictionary{{KELVANE_VOLUME, "/data"}});
+  EXPECT_EQ(log_.count("CallService with serviceID"), 0U);
+  EXPECT_EQ(periodic.connectionsOpened(), 0);
+  EXPECT_EQ(log_.count(5, "performPeriodicsWithInfo: result: {KELVANE_AMOUNT = 0;}"), 1U);
+}
+
+TEST_F(StartUp, ThreeVolumesAreThreeOperationsOneAfterAnotherEachWaitingAtMost15Seconds) {
+  ManualClock clock;
+  const std::uint64_t start = clock.now();
+  const std::vector<std::string> all{"/a", "/b", "/c"};
+  for (const std::string& each : all) volumes_.add(each);
+  tests::FakeService silent("silent");
+  const Services services{{"called", silent.record()}};
+  services.at("called")->setDoesPeriodic(true);
+  std::vector<std::uint64_t> ended;
+  std::thread sweeping([&] {
+    sweepVolumes(all, [&](const Dictionary& info) {
+      const auto operation = KelvanePeriodicOperation::initWithInfo(info, services);
+      operation->updateInFlight("called", [] {});  // only who is in flight is called
+      operation->startOperation([&](const Dictionary&) { ended.push_back(clock.now() - start); });
+    });
+  });
+  for (std::size_t volume = 0; volume < all.size(); ++volume) {
+    silent.awaitPeriodics(volume + 1);
+    EXPECT_EQ(silent.periodics().size(), volume + 1);
+    EXPECT_EQ(silent.periodics()[volume].info, (Dictionary{{KELVANE_VOLUME, all[volume]}}));
+    tests::awaitTimers(0);
+    clock.advanceToWaiterFor(15'000'000'000);
+    silent.awaitClosed(static_cast<int>(volume) + 1);
+  }
+  sweeping.join();
+  EXPECT_EQ(ended, (std::vector<std::uint64_t>{15'000'000'000, 30'000'000'000, 45'000'000'000}));
 }
 
 TEST_F(StartUp, EachVolumeOfASweepIsTheOneEntryOfItsInfo) {

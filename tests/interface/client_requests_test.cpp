@@ -97,6 +97,12 @@ TEST_F(PurgeRequests, TwoPurgesSentAtOnceTheSecondStartsOnlyWhenTheFirstHasBeenD
   reply_to_first(Dictionary{{KELVANE_AMOUNT, 50}});
   EXPECT_EQ((*first.await())[KELVANE_AMOUNT], Value(50));
   EXPECT_EQ((*second.await())[KELVANE_AMOUNT], Value(70));
+  std::string order;
+  for (const auto& line : log_.lines()) {
+    if (line.text.starts_with("startOperation: IN QUEUE")) order += "begins ";
+    if (line.text.starts_with("startOperation: result")) order += "ends ";
+  }
+  EXPECT_EQ(order, "begins ends begins ends ");
 }
 
 TEST_F(PurgeRequests, TheCallbackGetsEveryReplyAndTheResult) {
@@ -119,6 +125,24 @@ TEST_F(PurgeRequests, ACallThatNoConnectionBroughtHoldsNoEntitlement) {
 }
 
 // --- cancelling ---
+
+TEST_F(PurgeRequests, APurgeWithoutATokenCannotBeCancelledByAClient) {
+  FakeService& it = registered("cache");
+  tests::Answer<FakeService::ResultReply> asked;
+  it.onPurge([asked](const FakeService::Purge&, const FakeService::ResultReply& reply) mutable {
+    asked.come(reply);
+  });
+  const auto result = caller().purge(asking(50));
+  const auto reply = asked.await();
+  caller().cancel({});
+  caller().cancel(under("token", {}));
+  caller().cancel(under("", {}));
+  EXPECT_EQ(it.cancels(), 0);
+  EXPECT_FALSE(result.hasCome());
+  reply(Dictionary{{KELVANE_AMOUNT, 50}});
+  EXPECT_EQ((*result.await())[KELVANE_AMOUNT], Value(50));
+  EXPECT_FALSE(result.await()->contains(KELVANE_OPERATION_CANCELLED));
+}
 
 TEST_F(PurgeRequests, ACancelWithoutATokenRepliesAndChangesNothing) {
   caller().cancel({});

@@ -52,11 +52,12 @@ TEST_F(Checkin, ByAnUnentitledCallerGetsNoReplyEverAndTheLevelThreeLogLine) {
   const auto reply = process.checkIn("cache", it.endpoint(), {});
   process.cancel({});  // goes through the same connection and the collection queue
   EXPECT_FALSE(reply.hasCome());
+  EXPECT_FALSE(process.error().hasCome());
   EXPECT_EQ(log_.count(3, not_entitled), 1u);
   EXPECT_EQ(record("cache"), nullptr);
   EXPECT_EQ(it.pings(), 0);
   process.invalidate();
-  process.error().await();
+  EXPECT_EQ(process.error().await(), xpc::error_disconnected);
   EXPECT_FALSE(reply.hasCome());
 }
 
@@ -156,6 +157,27 @@ TEST_F(Checkin, AHandlerOfASupersededConnectionFiresAfterTheServiceHasCheckedInA
   EXPECT_EQ(record("cache"), new_record);
 }
 
+TEST_F(Checkin, ALateHandlerOfAConnectionWhoseServiceWasDroppedAndHasCheckedInAnewRemovesNothing) {
+  for (const bool record_is_freed : {false, true}) {
+    const std::string ID = record_is_freed ? "freed" : "kept";
+    FakeService& old = service(ID);
+    caller().checkIn(ID, old.endpoint(), {}).await();
+    auto old_record = record(ID);
+    const auto connection = old_record->xpcConn();
+    old.dropConnections();
+    awaitRemoval(ID);
+    caller().checkIn(ID, service(ID).endpoint(), {}).await();
+    const auto new_record = record(ID);
+    ASSERT_NE(new_record, old_record);
+    if (record_is_freed) old_record.reset();
+    log_.clear();
+    connection->invalidate();  // an interrupted connection has its other handler still
+    log_.await("invalidationHandler ENTRY");
+    dispatch_sync(connection->queue(), [] {});
+    EXPECT_EQ(record(ID), new_record);
+  }
+}
+
 TEST_F(Checkin, AnEndpointThatNobodyServesIsAnsweredAndItsRecordGoesAgain) {
   auto gone = std::make_unique<FakeService>("gone");
   const xpc::Endpoint endpoint = gone->endpoint();
@@ -223,6 +245,7 @@ TEST_F(Notification, WhoseNameNoServiceWantsOpensNoConnection) {
   dispatch_sync(registry_->notify_queue(), [] {});
   EXPECT_EQ(other.connectionsOpened(), 0);
   EXPECT_EQ(none.connectionsOpened(), 0);
+  EXPECT_EQ(log_.count("serviceID: "), 0u);  // written before a connection could be noticed
   EXPECT_TRUE(log_.contains(5, "notifyRecipients:value: name: name, value: 5"));
 }
 

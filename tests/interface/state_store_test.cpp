@@ -101,6 +101,13 @@ TEST_F(StateStore, AStoredObjectThatIsNoDictionaryIsNamedAndLeftAsItIs) {
   EXPECT_EQ(registry_->user_defaults_->objectForKey(KELVANE_USER_DEFAULTS), Value("text"));
 }
 
+TEST_F(StateStore, AWriteOverWhatIsNoDictionaryBeginsTheStateAnew) {
+  registry_->user_defaults_->setObject(Array{1, 2}, KELVANE_USER_DEFAULTS);
+  write("v", "k");
+  EXPECT_EQ(registry_->user_defaults_->objectForKey(KELVANE_USER_DEFAULTS), Value(Dictionary{{"k", "v"}}));
+  EXPECT_EQ(log_.count(3, ""), 0u);
+}
+
 TEST_F(StateStore, AValueThatNestsTooDeepForTheWholeStateToTravelIsNotTakenAndSaidSo) {
   const auto nested = [](int arrays) {
     Value value = "bottom";
@@ -169,6 +176,14 @@ TEST_F(RecordStore, ARecordComesBackAsARecordFromTheBlockingReaderAndAsItsArchiv
 TEST_F(RecordStore, ARecordInTheFileIsRebuiltFromItsArchive) {
   write(archivedData(*recordOf(8)), KELVANE_RECENT_SERVICE_STATS);
   EXPECT_EQ(*recordIn(readObject(KELVANE_RECENT_SERVICE_STATS)), *recordOf(8));
+}
+
+TEST_F(RecordStore, ARecordWrittenAndReadWithTheBlockingFormsIsRebuiltFromItsArchive) {
+  const auto written = recordOf(9);
+  dispatch_sync(registry_->defaults_queue(), [&] { registry_->clientSetStateSync(written, "another"); });
+  const StateObject read_again = readObject("another");
+  EXPECT_NE(recordIn(read_again), written);
+  EXPECT_EQ(*recordIn(read_again), *written);
 }
 
 TEST_F(RecordStore, ARecordIsInTheFileOnceTheStateIsSettledOrAnybodyElseHasUsedIt) {

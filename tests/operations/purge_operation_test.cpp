@@ -30,6 +30,7 @@ TEST_F(PurgeOperation, AmountZeroAsksNobodyAndStillRecordsEveryPass) {
     EXPECT_EQ(passOf(result, urgency)[key],
               Value("amount reported: 0, amountPurged: 0, purge_amount_needed: 0, cancel: FALSE"));
     EXPECT_TRUE(log_.contains(5, "startOperation: " + key + " : amount reported: 0"));
+    EXPECT_EQ(log_.count(5, "startOperation: waiting for " + std::to_string(2 * urgency) + " seconds, "), 1u);
   }
   EXPECT_EQ(counter("KelvanePurgeFailed"), failed_before);
   EXPECT_EQ(distribution("KelvanePurgeDeficit").count, deficit_before.count);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdint>
 #include <list>
 #include <mutex>
 #include <string>
@@ -9,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/xpc/transaction.h"
 #include "support/log.h"
 
 namespace kelvane::tests {
@@ -20,6 +22,7 @@ class LogCapture {
   struct Line {
     int level;
     std::string text;
+    std::uint32_t transactions;  // open when it was written
   };
 
   explicit LogCapture(int threshold = 5) : kept_(keep(threshold)), before_(getLogHandle()) {
@@ -65,7 +68,7 @@ class LogCapture {
     [[nodiscard]] int threshold() const override { return threshold_; }
     void write(int level, std::string_view line) override {
       const std::lock_guard lock(mutex);
-      lines.push_back({level, std::string(line)});
+      lines.push_back({level, std::string(line), xpc_transaction_count()});
       written.notify_all();
     }
 
