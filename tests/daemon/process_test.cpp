@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "support/statistics.h"
 #include "tests/foundation/temporary_directory.h"
 #include "tests/support/scoped_environment.h"
 
@@ -91,6 +92,7 @@ TEST(Process, MayHaveAsManyDescriptorsAsItsHardLimitAllows) {
   low.rlim_cur = 64;
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
   settleProcess();
+  setStatisticsFile("");  // the other tests' statistics are not to be written
   rlimit after{};
   ::getrlimit(RLIMIT_NOFILE, &after);
   EXPECT_EQ(after.rlim_cur, before.rlim_max);
