@@ -91,9 +91,10 @@ class Check {
     const Array* const list = file_.contents[key].array();
     if (list == nullptr) return;
     for (const Value& each : *list) {
-      if (each.isString() && std::find(known.begin(), known.end(), *each.string()) == known.end())
+      if (each.isString() && std::find(known.begin(), known.end(), *each.string()) == known.end()) {
         fault("<string>" + *each.string() + "</string>",
               fmt::format("{} knows no \"{}\"", key, *each.string()));
+      }
     }
   }
 
@@ -117,12 +118,14 @@ void checkDescriptor(Check& check) {
   const Dictionary& contents = check.contents();
   const std::string* const ID = contents[KELVANE_ID].string();
   if (!contents.contains(KELVANE_ID)) check.fault("", "KELVANE_ID is missing, so no service is declared");
-  if (ID != nullptr && declaredServiceSocket(*ID).empty())
+  if (ID != nullptr && declaredServiceSocket(*ID).empty()) {
     check.fault("<key>KELVANE_ID</key>",
                 fmt::format("\"{}\" cannot be the name of the service's socket", *ID));
-  if (contents[KELVANE_DO_NOT_QUERY] == Value(false))
+  }
+  if (contents[KELVANE_DO_NOT_QUERY] == Value(false)) {
     check.fault("<key>KELVANE_DO_NOT_QUERY</key>",
                 "KELVANE_DO_NOT_QUERY counts whatever its value; leave it out");
+  }
 }
 
 void checkGrant(Check& check) {

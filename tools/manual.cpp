@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 #include <cstdio>
+#include <exception>
 #include <string_view>
 
 #include "tools/options.h"
@@ -56,10 +57,11 @@ std::vector<std::string> namesOf(const CLI::App& app) {
 std::string roff(std::string_view text) {
   std::string result;
   for (const char c : text) {
-    if (c == '-' || c == '\\')
+    if (c == '-' || c == '\\') {
       result += c == '-' ? "\\-" : "\\e";
-    else
+    } else {
       result += c;
+    }
   }
   return result.starts_with('.') || result.starts_with('\'') ? "\\&" + result : result;
 }
@@ -88,34 +90,31 @@ std::string synopsisOf(const std::string& name, const CLI::App& app) {
 
 /// What a command's description has no room for; empty for most.
 std::string_view detailsOf(std::string_view command) {
-  if (command == "services")
+  if (command == "services") {
     return "A descriptor in /OrvelInternal/Library/Kelvane overrides one with the same ID in "
-           "/System/Library/Kelvane. A service is reachable when somebody listens on its socket.\n.PP\n"
+           "/System/Library/Kelvane. A service is reachable when somebody listens on its "
+           "socket.\n.PP\n"
            "The daemon calls a declared service through its socket, and needs no grant for that. "
            "\\(lqEntitled\\(rq says whether the service may also connect to the daemon and check in by "
-           "itself: "
-           "it judges the processes that this user can see: "
-           "yes, when the grant files give CLIENT_ENTITLEMENT and SERVICE_ENTITLEMENT to each process that "
-           "holds its listening socket now, as its effective user, its groups and its label are; no, when "
-           "they "
-           "give them to none of these. The service manager, process 1, does not count. It is unknown when "
-           "the "
-           "service does not run, so that nobody else holds the socket; when this user may not see who does; "
-           "when those who do differ; and when a grant file cannot be read, or is not root\\(aqs, since the "
-           "daemon believes files of its own user. The daemon reads the grant files at its start, and this "
-           "command reads them as they are now.\n";
-  if (command == "watch")
-    return "On a terminal the view is drawn anew after each interval and when the window changes its size. "
-           "q, "
-           "Ctrl\\-C and closing the terminal end it. Elsewhere each look is printed as a block, with "
-           "\\-\\-json as one object on a line. Changes are those since the look before. A daemon that is "
-           "not "
-           "there is shown as such and looked for again; one that does not answer within the interval, or at "
-           "least 1 and at most 5 seconds, is asked again after 10. Neither changes the exit status. What "
-           "purges freed is what services claimed, as the daemon writes it to "
-           "metrics.prom "
-           "within a second after a purge; until a daemon that was started anew has counted something, the "
-           "figures are those of the one before.\n";
+           "itself: it judges the processes that this user can see: yes, when the grant files give "
+           "CLIENT_ENTITLEMENT and SERVICE_ENTITLEMENT to each process that holds its listening socket "
+           "now, as its effective user, its groups and its label are; no, when they give them to none "
+           "of these. The service manager, process 1, does not count. It is unknown when the service "
+           "does not run, so that nobody else holds the socket; when this user may not see who does; "
+           "when those who do differ; and when a grant file cannot be read, or is not root\\(aqs, since "
+           "the daemon believes files of its own user. The daemon reads the grant files at its start, "
+           "and this command reads them as they are now.\n";
+  }
+  if (command == "watch") {
+    return "On a terminal the view is drawn anew after each interval and when the window changes its "
+           "size. q, Ctrl\\-C and closing the terminal end it. Elsewhere each look is printed as a "
+           "block, with \\-\\-json as one object on a line. Changes are those since the look before. A "
+           "daemon that is not there is shown as such and looked for again; one that does not answer "
+           "within the interval, or at least 1 and at most 5 seconds, is asked again after 10. Neither "
+           "changes the exit status. What purges freed is what services claimed, as the daemon writes "
+           "it to metrics.prom within a second after a purge; until a daemon that was started anew has "
+           "counted something, the figures are those of the one before.\n";
+  }
   return {};
 }
 
@@ -222,16 +221,21 @@ std::string fish(const CLI::App& app, const Commands& commands) {
 
 int main(int argc, char** argv) {
   using namespace kelvane::tools;
-  Options options;
-  CLI::App app("", "kelvanectl");
-  describe(app, options);
-  Commands commands;
-  collect(app, "", commands);
-  const std::string_view what = argc == 2 ? argv[1] : "";
-  std::string text;
-  if (what == "man") text = manual(app, commands);
-  if (what == "bash") text = bash(app, commands);
-  if (what == "zsh") text = zsh(app, commands);
-  if (what == "fish") text = fish(app, commands);
-  return !text.empty() && std::fputs(text.c_str(), stdout) >= 0 ? 0 : 2;
+  try {
+    Options options;
+    CLI::App app("", "kelvanectl");
+    describe(app, options);
+    Commands commands;
+    collect(app, "", commands);
+    const std::string_view what = argc == 2 ? argv[1] : "";
+    std::string text;
+    if (what == "man") text = manual(app, commands);
+    if (what == "bash") text = bash(app, commands);
+    if (what == "zsh") text = zsh(app, commands);
+    if (what == "fish") text = fish(app, commands);
+    return !text.empty() && std::fputs(text.c_str(), stdout) >= 0 ? 0 : 2;
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "kelvanectl_manual: %s\n", failure.what());
+    return 1;
+  }
 }

@@ -53,9 +53,10 @@ std::string passScreen(const PurgePass& pass, std::uint64_t missing, std::uint64
     row(service, inUnits(bytes),
         screen.width < narrow ? "" : "  " + drawn(screen, bar, screen.width - name_width - amount_width - 6));
   }
-  for (const auto& service : pass.unanswered)
+  for (const auto& service : pass.unanswered) {
     row(service, "no answer",
         screen.width < narrow ? "" : fmt::format("  in {} s", pass.timeout_seconds.value_or(0)));
+  }
   return text;
 }
 
@@ -90,9 +91,10 @@ std::string verdict(const Purged& purged, const Screen& screen) {
   const std::uint64_t freed = purged.report.freed;
   if (freed >= purged.asked) return coloured(screen, Colour::green, "All that was asked for was freed.");
   const std::string missing = inUnits(purged.asked - freed);
-  if (purged.cancelled)
+  if (purged.cancelled) {
     return coloured(screen, Colour::yellow,
                     fmt::format("Cancelled; {} were freed until then.", inUnits(freed)));
+  }
   return coloured(screen, Colour::yellow, fmt::format("{} less than asked were freed.", missing));
 }
 

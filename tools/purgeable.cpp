@@ -146,6 +146,7 @@ int purgeableCommand(const Options& options, const Screen& screen) {
   std::vector<std::string> paths = getLocalVolumes();
   if (!options.volume.empty()) paths = {volumeOf(options.volume)};
   std::vector<Purgeable> volumes;
+  volumes.reserve(paths.size());
   for (const std::string& path : paths) volumes.push_back(gather(daemon, socket, path, options.urgency));
   print(options.json ? jsonText(purgeableValue(volumes)) : purgeableScreen(volumes, screen));
   return exit_met;

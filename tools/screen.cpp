@@ -87,7 +87,9 @@ constexpr Cells ascii_cells{"#", ".", "|"};
 
 Screen screenOf(int descriptor) {
   Screen screen;
-  screen.live = ::isatty(descriptor) == 1 && isSet("TERM") && std::strcmp(std::getenv("TERM"), "dumb") != 0;
+  const char* const terminal = std::getenv("TERM");
+  screen.live = ::isatty(descriptor) == 1 && terminal != nullptr && *terminal != '\0' &&
+                std::strcmp(terminal, "dumb") != 0;
   screen.colour = screen.live && !isSet("NO_COLOR");
   screen.unicode = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
   screen.width = std::clamp(widthOf(descriptor, screen.width), narrowest, widest);

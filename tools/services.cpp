@@ -75,7 +75,7 @@ std::vector<Declared> declaredServices(const std::vector<std::string>& folders, 
   for (const std::string& folder : folders) {
     enumerateDirectory(folder, [&](const std::string& entry) {
       Declared service;
-      service.file = checkFile(folder + "/" + entry);
+      service.file = checkFile(fmt::format("{}/{}", folder, entry));
       if (const std::string* const ID = service.file.contents[KELVANE_ID].string()) service.ID = *ID;
       const auto socket = listening.find(sockets + "/" + service.ID);
       service.listening = socket != listening.end();

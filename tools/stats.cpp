@@ -70,9 +70,10 @@ Stats readStats(const std::string& metrics) {
 std::string statsScreen(const Stats& stats, const Screen& screen) {
   const std::size_t room = screen.width - figure_width - 1;
   std::string text = coloured(screen, Colour::bold, "Counters") + "\n";
-  for (const auto& [key, count] : stats.counters)
+  for (const auto& [key, count] : stats.counters) {
     text += fitted(screen, printable(screen, key), room) + " " +
             rightAligned(fmt::format("{:.0f}", count), figure_width) + "\n";
+  }
   text += "\n" + coloured(screen, Colour::bold, "Distributions: least, mean, most") + "\n";
   for (const auto& [key, it] : stats.distributions) {
     const double mean = it.count > 0 ? it.sum / it.count : 0;

@@ -129,9 +129,9 @@ std::string narrowLines(const VolumeStatus& volume, const SpaceThresholds& thres
   const Colour colour = volume.space ? colourOf(volume.level) : Colour::red;
   const bool shows_change = changes == Changes::shown && volume.space;
   const std::size_t taken = columns(state) + 1 + (shows_change ? change_width + 1 : 0);
-  const std::string head = fitted(screen, printable(screen, volume.path), screen.width - taken) + " " +
-                           (shows_change ? changeText(volume.change, screen) + " " : "") +
-                           coloured(screen, colour, state);
+  std::string head = fitted(screen, printable(screen, volume.path), screen.width - taken) + " " +
+                     (shows_change ? changeText(volume.change, screen) + " " : "") +
+                     coloured(screen, colour, state);
   if (!volume.space) return head;
   const std::string figures =
       fmt::format("{} of {}", inUnits(volume.space->bytes_free), inUnits(volume.space->bytes_total));

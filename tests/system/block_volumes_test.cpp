@@ -28,7 +28,7 @@ void succeed(const std::vector<std::string>& command) {
 
 /// A file that takes next to no space until something is written to it.
 std::string imageFile(const Folder& folder, off_t bytes) {
-  const std::string path = folder.path() + "/image";
+  std::string path = folder.path() + "/image";
   const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   EXPECT_EQ(::ftruncate(file.get(), bytes), 0);
   return path;
@@ -56,7 +56,7 @@ class BlockVolume {
   }
   /// Files of a mebibyte in a folder of that name.
   [[nodiscard]] std::string fill(const std::string& name, std::uint64_t count) const {
-    const std::string folder = path() + "/" + name;
+    std::string folder = path() + "/" + name;
     fs::create_directory(folder);
     for (std::uint64_t i = 0; i < count; ++i) take(folder + "/" + std::to_string(i), mebibyte);
     return folder;

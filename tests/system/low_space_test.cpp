@@ -167,6 +167,7 @@ TEST_F(LowSpace, OneOfTwoThousandVolumesIsSeen) {
   const Folder folder;
   const MountedAt all(folder.path() + "/all", "size=16m");
   std::vector<std::unique_ptr<MountedAt>> volumes;
+  volumes.reserve(2000);
   for (int i = 0; i < 2000; ++i) {
     volumes.push_back(std::make_unique<MountedAt>(all.path() + "/" + std::to_string(i), "size=4m"));
   }

@@ -145,6 +145,7 @@ class OnTerminal {
   }
   static std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;
@@ -175,13 +176,14 @@ class OnTerminal {
 inline void expectMatchesSchema(const std::string& json) {
   const Folder folder;
   writeFile(folder.path() + "/output.json", json);
-  const Finished checked = run({"python3", "-c",
-                                "import json, sys, jsonschema\n"
-                                "schema, output = (json.load(open(name)) for name in sys.argv[1:])\n"
-                                "jsonschema.Draft202012Validator.check_schema(schema)\n"
-                                "jsonschema.validate(output, schema)",
-                                std::string(KELVANE_SOURCE_FOLDER) + "/docs/kelvanectl.schema.json",
-                                folder.path() + "/output.json"});
+  const char* const check =
+      "import json, sys, jsonschema\n"
+      "schema, output = (json.load(open(name)) for name in sys.argv[1:])\n"
+      "jsonschema.Draft202012Validator.check_schema(schema)\n"
+      "jsonschema.validate(output, schema)";
+  const Finished checked =
+      run({"python3", "-c", check, std::string(KELVANE_SOURCE_FOLDER) + "/docs/kelvanectl.schema.json",
+           folder.path() + "/output.json"});
   EXPECT_EQ(checked.status, 0) << checked.output << json;
 }
 

@@ -48,6 +48,7 @@ TEST_P(ListenerResources, AThousandConnectionsLeaveNoDescriptorNoSourceAndNoTime
   const DispatchStatistics before = dispatch_statistics();
   for (int round = 0; round < 100; ++round) {
     std::vector<RawPeer> peers;
+    peers.reserve(10);
     for (int i = 0; i < 10; ++i) peers.push_back(server.rawPeer());
     for (std::size_t i = 0; i < peers.size(); ++i) {
       if (i % 3 == 0) peers[i].handshake();

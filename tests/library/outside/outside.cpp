@@ -48,7 +48,7 @@ void requests(const std::string& nowhere) {
   }
   expect(thrown, "a value that is not there is refused");
   std::promise<Failure> told;
-  daemon.getState("key", [&](Result<Value> value) { told.set_value(value.error().kind); });
+  daemon.getState("key", [&](const Result<Value>& value) { told.set_value(value.error().kind); });
   expect(told.get_future().get() == Failure::noDaemon, "a completion is told the same");
   expect(LaunchSocket(nowhere).transactions().error().kind == Failure::noDaemon,
          "nor is the launch socket there");
