@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "bench/support/placement.h"
 #include "bench/support/program.h"
 #include "bench/support/rounds.h"
 #include "platform/dispatch/queue.h"
@@ -80,6 +81,7 @@ class BarePair {
 
  private:
   void answer() {
+    place(0, Side::far);
     for (std::uint64_t i = 1;; ++i) {
       there_.await(i);
       if (leaving_) return;
@@ -114,6 +116,7 @@ class BareHandOver {
 
  private:
   void receive() {
+    place(0, Side::far);
     for (std::uint64_t i = 1;; ++i) {
       handed_.await(i);
       if (leaving_) return;
@@ -219,7 +222,17 @@ Figure synchronousCallOnAnIdleQueue(int rounds) {
   });
 }
 
+/// The pool's threads run where the bare partners do, and this thread on another processor.
+void placeThePool() {
+  place(0, Side::far);
+  Baton started;
+  dispatch_async(dispatch_get_global_queue(0, 0), [&] { started.pass(); });
+  started.await(1);
+  place(0, Side::near);
+}
+
 Report measure(int rounds) {
+  placeThePool();
   return {{oneHopIntoAQueue(rounds), roundTripThroughAQueue(rounds), pingPongBetweenQueues(rounds),
            synchronousCallOnAnIdleQueue(rounds)}};
 }

@@ -28,7 +28,7 @@ int run(int argc, char** argv, Comparison& comparison) {
 
   allowManyDescriptors();
   ServiceHost host;
-  const bool apart = !unplaced && placeApart(host.ID());
+  const bool apart = !unplaced && place(host.ID(), Side::far) && place(0, Side::near);
   std::printf("microseconds, medians of %d rounds; ratios with their quartiles; %s\n\n%s\n", setting.rounds,
               apart ? "the services have a processor to themselves" : "the scheduler places the services",
               comparison.heading);

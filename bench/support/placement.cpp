@@ -3,18 +3,30 @@
 #include <sched.h>
 
 namespace kelvane::bench {
+namespace {
 
-bool placeApart(pid_t services) {
-  cpu_set_t others;
-  if (::sched_getaffinity(0, sizeof others, &others) != 0 || CPU_COUNT(&others) < 2) return false;
+cpu_set_t processors() {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  ::sched_getaffinity(0, sizeof allowed, &allowed);
+  return allowed;
+}
+
+}  // namespace
+
+bool place(pid_t thread, Side side) {
+  static const cpu_set_t allowed = processors();  // before anything was placed
+  if (CPU_COUNT(&allowed) < 2) return false;
+  cpu_set_t chosen = allowed;
   int last = CPU_SETSIZE - 1;
-  while (!CPU_ISSET(last, &others)) --last;
-  CPU_CLR(last, &others);
-  cpu_set_t for_services;
-  CPU_ZERO(&for_services);
-  CPU_SET(last, &for_services);
-  return ::sched_setaffinity(services, sizeof for_services, &for_services) == 0 &&
-         ::sched_setaffinity(0, sizeof others, &others) == 0;
+  while (!CPU_ISSET(last, &allowed)) --last;
+  if (side == Side::far) {
+    CPU_ZERO(&chosen);
+    CPU_SET(last, &chosen);
+  } else {
+    CPU_CLR(last, &chosen);
+  }
+  return ::sched_setaffinity(thread, sizeof chosen, &chosen) == 0;
 }
 
 }  // namespace kelvane::bench
