@@ -6,7 +6,6 @@
 #include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -18,7 +17,6 @@ namespace kelvane::xpc {
 namespace {
 
 constexpr int send_buffer_bytes = 128 << 10;
-constexpr int librarys_buffer_bytes = 8 << 20;
 
 FileDescriptor connectTo(const std::string& path) {
   sockaddr_un address{};
@@ -30,19 +28,6 @@ FileDescriptor connectTo(const std::string& path) {
   if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     socket.reset();
   return socket;
-}
-
-/// The library enlarges both buffers, which takes it four system calls for each, and one when they are as
-/// large already. Setting them takes one more where that is allowed.
-void enlargeBuffers(int socket) {
-  static std::atomic<bool> is_allowed{true};
-  if (!is_allowed.load(std::memory_order_relaxed)) return;
-  for (const int buffer : {SO_RCVBUFFORCE, SO_SNDBUFFORCE}) {
-    if (::setsockopt(socket, SOL_SOCKET, buffer, &librarys_buffer_bytes, sizeof librarys_buffer_bytes) == 0)
-      continue;
-    is_allowed.store(false, std::memory_order_relaxed);
-    return;
-  }
 }
 
 bool takesDescriptors(const InterfaceDescription* interface) {
@@ -148,7 +133,6 @@ int Connection::startBus() {
   r = sd_bus_set_fd(bus_, reading, unopened_.get());
   if (r < 0) return r;
   socket_ = unopened_.release();  // the bus closes both
-  enlargeBuffers(socket_);
   input_ = input.release();
   // The library loses the descriptors of a message that it drops. So who never needs any gets none.
   sd_bus_negotiate_fds(bus_, !accepting_ || takesDescriptors(exported_interface_) ? 1 : 0);

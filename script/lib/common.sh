@@ -44,5 +44,5 @@ can_mount() {
 # True where image files can be mounted as block devices, and a program can serve a file system.
 can_loop() { [ "$(id -u)" = 0 ] && losetup --find >/dev/null 2>&1 && [ -c /dev/fuse ]; }
 
-# True where a program can be run as another user.
-can_be_others() { setpriv --reuid=65534 --regid=65534 --clear-groups true 2>/dev/null; }
+# True where a program can be run as another user, and such a user gets at the project's files.
+can_be_others() { setpriv --reuid=65534 --regid=65534 --clear-groups test -x "$root" 2>/dev/null; }

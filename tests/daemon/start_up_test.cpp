@@ -26,12 +26,17 @@ class StartUp : public tests::DaemonFixture {
       return 0U;
     };
   }
-  void TearDown() override {
-    // The handlers that start-up left behind hold the central object.
+  /// Until the check-in that start-up queued, which is a transaction, has been handled.
+  static void awaitCheckIn() {
     tests::Answer<bool> checked_in;
     xpc_activity_register(daily_activity, XPC_ACTIVITY_CHECK_IN,
                           [checked_in](const xpc_activity_t&) mutable { checked_in.come(true); });
     checked_in.await();
+    while (xpc_transaction_count() != 0) std::this_thread::yield();
+  }
+  void TearDown() override {
+    // The handlers that start-up left behind hold the central object.
+    awaitCheckIn();
     xpc_activity_register(daily_activity, XPC_ACTIVITY_CHECK_IN, [](const xpc_activity_t&) {});
     xpc_set_event_stream_handler(vfs_event_stream, dispatch_get_global_queue(0, 0), [](const Dictionary&) {});
     std::signal(SIGTERM, SIG_DFL);
@@ -155,6 +160,7 @@ TEST_F(StartUp, AnActivityCallbackInTheRunStateSweepsEveryLocalVolumeBeforeItRet
 TEST_F(StartUp, TheHandlersOfTheActivityAndOfTheEventStreamAreTransactions) {
   volumes_.add("/data");
   ASSERT_TRUE(startUp(functions_));
+  awaitCheckIn();
   handleDailyActivity(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_RUN), shared_);
   ASSERT_TRUE(xpc_post_event(vfs_event_stream, Dictionary{{"_Flags", 4}}));
   EXPECT_EQ(transactionsAt("performPeriodicsWithInfo: result"), 1U);

@@ -168,8 +168,11 @@ TEST_F(Checkin, ALateHandlerOfAConnectionWhoseServiceWasDroppedAndHasCheckedInAn
     awaitRemoval(ID);
     caller().checkIn(ID, service(ID).endpoint(), {}).await();
     const auto new_record = record(ID);
+    ASSERT_NE(new_record, nullptr);
     ASSERT_NE(new_record, old_record);
+    const std::weak_ptr<KVService> seen = old_record;
     if (record_is_freed) old_record.reset();
+    ASSERT_EQ(seen.expired(), record_is_freed);
     log_.clear();
     connection->invalidate();  // an interrupted connection has its other handler still
     log_.await("invalidationHandler ENTRY");
