@@ -37,7 +37,7 @@ struct Date {
   [[nodiscard]] double secondsSince(Date earlier) const {
     return (static_cast<double>(microseconds) - static_cast<double>(earlier.microseconds)) / 1e6;
   }
-  friend auto operator<=>(const Date&, const Date&) = default;  // NOLINT(modernize-use-nullptr): it is none
+  friend auto operator<=>(const Date&, const Date&) = default;  // NOLINT(modernize-use-nullptr): no pointer
 };
 
 /// Bytes, shared between copies and never changed.

@@ -171,8 +171,9 @@ TEST_F(StartUp, ASweepDoesNotCallAServiceThatDoesPeriodicWorkAndIsNotInFlightAnd
   volumes_.add("/data");
   const auto it = kelvane();
   tests::FakeService periodic("periodic");
-  periodic.record()->setDoesPeriodic(true);
-  dispatch_sync(it->collection_queue(), [&] { it->services()["periodic"] = periodic.record(); });
+  const auto record = periodic.record();
+  record->setDoesPeriodic(true);
+  dispatch_sync(it->collection_queue(), [&] { it->services()["periodic"] = record; });
   it->performPeriodicsWithInfo(Dictionary{{KELVANE_VOLUME, "/data"}});
   EXPECT_EQ(log_.count("CallService with serviceID"), 0U);
   EXPECT_EQ(periodic.connectionsOpened(), 0);
