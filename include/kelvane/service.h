@@ -67,7 +67,7 @@ struct Request {
   /// The moment to answer at the latest, with what was done until then: what comes after the daemon has gone
   /// on counts as nothing. A purge gets 70 % of its pass, counted from the pass's first request to this
   /// service, so a service that is asked again within a pass has what is left of it. A question gets 8
-  /// seconds. Periodic maintenance has no limit.
+  /// seconds, periodic maintenance 10.
   std::chrono::steady_clock::time_point answer_by = std::chrono::steady_clock::time_point::max();
 };
 
