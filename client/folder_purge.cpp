@@ -356,4 +356,10 @@ std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options,
   }
 }
 
+std::uint64_t purgeableBytes(const std::string& path, const FolderPurgeOptions& options,
+                             const Cancellation& cancellation) noexcept {
+  const FileDescriptor folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return folder ? purgeableBytes(folder.get(), options, cancellation) : 0;
+}
+
 }  // namespace kelvane::client

@@ -31,7 +31,8 @@ class APass : public testing::Test {
 };
 
 TEST_F(APass, LastsTwoSecondsForEachUrgencyOfWhichSeventyPercentAreTheServices) {
-  for (int urgency = 1; urgency <= 4; ++urgency) EXPECT_EQ(left(urgency, info()), milliseconds(1400) * urgency);
+  for (int urgency = 1; urgency <= 4; ++urgency)
+    EXPECT_EQ(left(urgency, info()), milliseconds(1400) * urgency);
 }
 
 TEST_F(APass, LastsAsLongAsTheRequestSaysUpToThreeHundredSeconds) {

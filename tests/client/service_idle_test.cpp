@@ -24,7 +24,8 @@ using client::ServiceOptions;
 /// A purge lasts until it is told to go on.
 class Busy final : public client::ServiceHandler {
  public:
-  std::optional<Purgeable> purgeable(const Request& /*request*/, const Cancellation& /*cancellation*/) override {
+  std::optional<Purgeable> purgeable(const Request& /*request*/,
+                                     const Cancellation& /*cancellation*/) override {
     return Purgeable{7};
   }
   std::uint64_t purge(const Request& request, const Cancellation& /*cancellation*/) override {

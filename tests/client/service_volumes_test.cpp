@@ -225,8 +225,8 @@ TEST_F(AServiceOnVolumes, DoesNotStartWithADirectoryThatIsNotThere) {
 }
 
 TEST_F(AServiceOnVolumes, DoesNotStartWithADirectoryInsideAnother) {
-  EXPECT_EQ(whyNot(options({a_ + "/cache", a_})),
-            "service directory \"" + a_ + "/cache\": it is inside \"" + a_ + "\", so its data would count twice");
+  EXPECT_EQ(whyNot(options({a_ + "/cache", a_})), "service directory \"" + a_ + "/cache\": it is inside \"" +
+                                                      a_ + "\", so its data would count twice");
   fs::create_directory(a_ + "/cache2");
   start({a_ + "/cache", a_ + "/cache2", a_ + "/cache/"});
   EXPECT_EQ(ask("purgeable", a_), "7");
@@ -250,11 +250,13 @@ TEST_F(AServiceOnVolumes, IsToldUntilWhenToAnswer) {
   EXPECT_EQ(ask("purgeable", a_), "7");
   EXPECT_LE(handler_.left, seconds(8));
   EXPECT_GT(handler_.left, seconds(0));
-  EXPECT_EQ(daemon_.ask(std::string("purge ") + ID + " 4 50 KELVANE_PURGE_TIMEOUT=300 KELVANE_VOLUME=" + a_), "50");
+  EXPECT_EQ(daemon_.ask(std::string("purge ") + ID + " 4 50 KELVANE_PURGE_TIMEOUT=300 KELVANE_VOLUME=" + a_),
+            "50");
   EXPECT_LE(handler_.left, seconds(210));
   EXPECT_GT(handler_.left, seconds(100));
   const auto first = handler_.left;
-  EXPECT_EQ(daemon_.ask(std::string("purge ") + ID + " 4 50 KELVANE_PURGE_TIMEOUT=300 KELVANE_VOLUME=" + a_), "50");
+  EXPECT_EQ(daemon_.ask(std::string("purge ") + ID + " 4 50 KELVANE_PURGE_TIMEOUT=300 KELVANE_VOLUME=" + a_),
+            "50");
   EXPECT_LT(handler_.left, first) << "it gave all, so it is asked again in the same pass";
 }
 
