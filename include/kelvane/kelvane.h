@@ -41,6 +41,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+// NOLINTBEGIN(modernize-use-using): this is C
 
 /// The version of the library, such as "0.1.0".
 KELVANE_EXPORT const char* kelvane_version(void);
@@ -365,6 +366,7 @@ KELVANE_EXPORT const char* kelvane_value_text(const kelvane_value* value);
 /// For people.
 KELVANE_EXPORT const char* kelvane_value_description(const kelvane_value* value);
 
+// NOLINTEND(modernize-use-using)
 #ifdef __cplusplus
 }
 #endif

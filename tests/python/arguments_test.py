@@ -1,6 +1,7 @@
 """An invalid argument is refused with what is wrong, with which value, and what would be right."""
 
 import datetime
+import tempfile
 import unittest
 
 import kelvane
@@ -53,6 +54,19 @@ class Arguments(unittest.TestCase):
         self.assert_says(kelvane.BadRequest, "invalid directory \"tmp\": expected an absolute path",
                          lambda: service(directories=["tmp"]).start())
         self.assertRaisesRegex(kelvane.BadRequest, "/not/there", service(directories=["/not/there"]).start)
+
+    def test_sockets(self):
+        with tempfile.TemporaryDirectory() as directory:
+            self.assertRaisesRegex(kelvane.BadRequest, "no listening socket was handed over as \"no-such-socket\"",
+                                   service(directories=[directory], passed_socket="no-such-socket").start)
+        self.assert_says(TypeError, "invalid daemon_socket 5: expected a path", lambda: service(daemon_socket=5))
+
+    def test_services_for_all_volumes(self):
+        self.assert_says(kelvane.BadRequest, "invalid directories []: expected at least one",
+                         lambda: kelvane.Service(id="com.example.python"))
+        self.assertRaises(TypeError, service, all_volumes=True)
+        self.assertRaises(kelvane.BadRequest, kelvane.Service(
+            id="com.example.python", directories=["/tmp"], all_volumes=True).start)
 
     def test_rules(self):
         self.assert_says(TypeError, "invalid include '*.jpg': expected a list", lambda: service(include="*.jpg"))

@@ -1,12 +1,15 @@
 """Services whose purge is Python code: what it is asked, what it may answer, and what it raises."""
 
+import os
+import pathlib
 import signal
+import tempfile
 import threading
 import time
 import unittest
 
 import kelvane
-from support import MEBIBYTE, PATIENCE, VOLUMES, Case, Registered, fill
+from support import MEBIBYTE, PATIENCE, VOLUMES, Case, Program, Registered, fill
 
 
 class Scripted(Registered, kelvane.Service):
@@ -30,6 +33,39 @@ class Scripted(Registered, kelvane.Service):
 def raises_after_freeing(request):
     request.freed += 5 * MEBIBYTE
     raise OSError("the disk is on fire")
+
+
+class ThePagesSample(Case):
+    """docs/writing-a-service.md shows a service whose purge is written by hand."""
+
+    CACHE = """
+import os
+class Entry:
+    def __init__(self, path): self.path = path
+    def delete(self):
+        bytes_ = os.stat(self.path).st_size
+        os.unlink(self.path)
+        return bytes_
+def oldest_first(directories, urgency):
+    return [Entry(os.path.join(each, name)) for each in directories for name in sorted(os.listdir(each))]
+def size(directory, urgency):
+    return sum(os.stat(each.path).st_size for each in oldest_first([directory], urgency))
+"""
+
+    def test_counts_and_purges(self):
+        page = (pathlib.Path(__file__).resolve().parents[2] / "docs/writing-a-service.md").read_text()
+        sample, = (each.split("```")[0] for each in page.split("```python\n") if "import my_cache" in each)
+        directory = fill(VOLUMES[0] / "cache")
+        with tempfile.TemporaryDirectory() as module:
+            pathlib.Path(module, "my_cache.py").write_text(self.CACHE)
+            program = Program(self, "-c", "import logging; logging.basicConfig(level='INFO')\n" +
+                              sample.replace("/var/cache/thumbs", directory),
+                              environment={"PYTHONPATH": module + ":" + os.environ["PYTHONPATH"],
+                                           "RUNTIME_DIRECTORY": os.path.dirname(self.daemon.socket)})
+            self.assertTrue(program.hears("registered"), program.heard)
+        self.assertEqual(self.client.purgeable(VOLUMES[0], 3).total, 8 * MEBIBYTE)
+        self.assertEqual(self.freed(VOLUMES[0], 3 * MEBIBYTE), 3 * MEBIBYTE)
+        self.assertEqual(sorted(os.listdir(directory)), ["3", "4", "5", "6", "7"])
 
 
 class HandWrittenService(Case):

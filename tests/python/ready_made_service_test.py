@@ -15,6 +15,9 @@ TALKATIVE = "import logging, runpy, sys; logging.basicConfig(level='INFO'); sys.
 DAY = 86_400
 
 
+PAGE = EXAMPLE.parents[1] / "docs/writing-a-service.md"
+
+
 class CacheService(Registered, kelvane.DirectoryService):
     pass
 
@@ -31,6 +34,21 @@ class TheExample(Case):
     def test_is_ten_lines(self):
         lines = [line for line in EXAMPLE.read_text().splitlines() if line and not line.startswith(("#", '"""'))]
         self.assertLessEqual(len(lines), 10)
+
+    def test_is_what_the_page_shows(self):
+        code = EXAMPLE.read_text().split('"""')[2].strip()
+        self.assertIn(f"```python\n{code}\n```", PAGE.read_text())
+
+    def test_says_why_it_is_not_registered(self):
+        program = Program(self, str(EXAMPLE), fill(VOLUMES[0] / "cache"),
+                          environment={"RUNTIME_DIRECTORY": "/not/there"})
+        self.assertTrue(program.hears("com.example.thumbs: waiting: nobody listens on /not/there/kelvane.sock"),
+                        program.heard)
+
+    def test_says_why_it_cannot_start(self):
+        program = Program(self, str(EXAMPLE), "/not/there")
+        self.assertEqual(program.status(), 1)
+        self.assertIn("/not/there", program.heard[-1])
 
     def test_gives_back_what_is_old_enough_at_each_urgency(self):
         directory = fill(VOLUMES[0] / "cache")
