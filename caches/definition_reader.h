@@ -35,5 +35,8 @@ struct DefinitionResult {
 /// Reads the file at `path`, which must be a regular file of root's or of this process's user that nobody
 /// else can write; links are not followed. At most largest_definition bytes are read.
 [[nodiscard]] DefinitionResult readDefinition(const std::string& path);
+/// The same of the file `name` in an open directory; `path` is what it is called in problems.
+[[nodiscard]] DefinitionResult readDefinitionAt(int directory, const std::string& name,
+                                                const std::string& path);
 
 }  // namespace kelvane::caches

@@ -6,13 +6,12 @@
 
 #include "caches/path_names.h"
 #include "caches/places.h"
+#include "caches/quotation.h"
 
 namespace kelvane::caches {
 namespace {
 
 using Reason = std::optional<std::string>;
-
-std::string quoted(const std::string& text) { return "\"" + text + "\""; }
 
 bool isPlainName(const std::string& name) { return !name.empty() && name != "." && name != ".."; }
 
@@ -58,7 +57,7 @@ class Judge {
   [[nodiscard]] Reason forbiddenName(const Names& names) const {
     for (const std::string& name : names) {
       if (isForbiddenName(name, definition_.owner)) {
-        return quoted(name) + " holds data that is not a cache, and no holder can name it";
+        return inQuotes(name) + " holds data that is not a cache, and no holder can name it";
       }
     }
     return std::nullopt;
@@ -67,7 +66,7 @@ class Judge {
   [[nodiscard]] Reason kept(const Names& names) const {
     for (const Names& kept : keptPaths(definition_.owner)) {
       if (!beginsWith(names, kept)) continue;
-      return quoted(pathOf(kept.begin(), kept.end())) + " is not a cache that can be made again";
+      return inQuotes(pathOf(kept.begin(), kept.end())) + " is not a cache that can be made again";
     }
     return std::nullopt;
   }
@@ -141,7 +140,9 @@ class Judge {
     }
     const auto& include = definition_.rules.include;
     if (place.rule == Place::Rule::whole || place.rule == Place::Rule::inside) return std::nullopt;
-    if (include.empty()) return "holds more than a cache: name what may go by include patterns";
+    if (include.empty() || std::any_of(include.begin(), include.end(), isAllWildcards)) {
+      return "holds more than a cache: name what may go by include patterns";
+    }
     if (place.rule == Place::Rule::rotated_logs &&
         !std::all_of(include.begin(), include.end(), isCompressed)) {
       return "holds logs that are being written: include patterns must end in .gz, .xz, .zst or .bz2";
@@ -212,7 +213,7 @@ std::optional<std::string> refusal(const std::string& path, const Definition& de
     return definition.owner == Owner::system ? "is not an absolute path" : "is not below the user's home";
   for (const std::string& directory : personal) {
     if (isAtOrBelow(path, directory) || isAtOrBelow(directory, path)) {
-      return quoted(directory) + " holds the user's documents";
+      return inQuotes(directory) + " holds the user's documents";
     }
   }
   return Judge(*names, definition).refusal();
