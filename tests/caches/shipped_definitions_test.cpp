@@ -83,6 +83,22 @@ INSTANTIATE_TEST_SUITE_P(Definitions, Shipped, testing::ValuesIn(shippedFiles())
   return name;
 });
 
+TEST(Manual, DescribesEveryKeyOfAHolder) {
+  const auto problems = parseDefinition("[holder]\nunknown = 1\n[urgency]\n1 = \"1d\"\n", "x").problems;
+  const auto unknown = std::find_if(problems.begin(), problems.end(), [](const Problem& problem) {
+    return problem.reason.find("expected one of ") != std::string::npos;
+  });
+  ASSERT_NE(unknown, problems.end());
+  const std::string manual = contentOf(CACHES_MANUAL);
+  std::istringstream keys(unknown->reason.substr(unknown->reason.find("one of ") + 7));
+  std::size_t count = 0;
+  for (std::string key; keys >> key; ++count) {
+    if (key.back() == ',') key.pop_back();
+    EXPECT_THAT(manual, testing::ContainsRegex("\n\\.TP\n\\.BR? " + key + "( |\n)"));
+  }
+  EXPECT_EQ(count, 16U);
+}
+
 TEST(ShippedDefinitions, AreThoseThatThePageNames) {
   std::set<std::string> described;
   std::istringstream page(contentOf(CACHES_PAGE));
