@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "client/folder_walk.h"
+#include "client/moment.h"
 
 namespace kelvane::client {
 namespace {
@@ -35,6 +36,10 @@ std::uint64_t freeBytes(int folder) {
   return ::fstatvfs(folder, &status) == 0 ? status.f_bfree * status.f_frsize : 0;
 }
 
+bool isTooLate(const FolderPurgeOptions& options) {
+  return options.deadline != FolderPurgeOptions().deadline && present() >= options.deadline;
+}
+
 bool mayGo(const struct stat& status, const FolderPurgeOptions& options) {
   return status.st_mtim.tv_sec <= options.modified_by && (status.st_nlink == 1 || options.linked_files);
 }
@@ -51,6 +56,8 @@ class Purger {
       purge_.end = PurgeEnd::amountFreed;
     } else if (cancellation_.isCancelled()) {
       purge_.end = PurgeEnd::cancelled;
+    } else if (isTooLate(options_)) {
+      purge_.end = PurgeEnd::tooLate;
     }
     return purge_.end != PurgeEnd::nothingLeft;
   }
@@ -293,7 +300,7 @@ class Sum final : public FolderWalk::Visitor {
  public:
   Sum(const FolderPurgeOptions& options, const Cancellation& cancellation)
       : options_(options), cancellation_(cancellation) {}
-  [[nodiscard]] bool done() override { return cancellation_.isCancelled(); }
+  [[nodiscard]] bool done() override { return cancellation_.isCancelled() || isTooLate(options_); }
   void file(int /*folder*/, const char* /*name*/, const struct stat& status) override {
     if (status.st_nlink == 1 && mayGo(status, options_)) bytes += bytesOf(status);
   }

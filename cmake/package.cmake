@@ -9,7 +9,7 @@ set(CPACK_STRIP_FILES ON)
 # A package for each component that is named here.
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
-set(CPACK_COMPONENTS_ALL kelvane libkelvane0 libkelvane-dev)
+set(CPACK_COMPONENTS_ALL kelvane libkelvane1 libkelvane-dev)
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
@@ -31,13 +31,13 @@ set(CPACK_DEBIAN_KELVANE_PACKAGE_CONTROL_EXTRA
   ${debian}/conffiles ${debian}/postinst ${debian}/prerm ${debian}/postrm)
 
 # The version of the interface is in the library's name; what else a program needs is in shlibs.
-set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_NAME libkelvane0)
-set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_LIBKELVANE0_DESCRIPTION "storage-reclamation daemon: shared library
+set(CPACK_DEBIAN_LIBKELVANE1_PACKAGE_NAME libkelvane1)
+set(CPACK_DEBIAN_LIBKELVANE1_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBKELVANE1_DESCRIPTION "storage-reclamation daemon: shared library
 With it a program asks the kelvane daemon for space on a volume, or gives
 space back when the daemon asks for it.")
-set(CPACK_DEBIAN_LIBKELVANE0_PACKAGE_CONTROL_EXTRA
-  ${PROJECT_BINARY_DIR}/packaging/libkelvane0/shlibs ${debian}/libkelvane0/triggers)
+set(CPACK_DEBIAN_LIBKELVANE1_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_BINARY_DIR}/packaging/libkelvane1/shlibs ${debian}/libkelvane1/triggers)
 
 set(CPACK_DEBIAN_LIBKELVANE-DEV_PACKAGE_NAME libkelvane-dev)
 set(CPACK_DEBIAN_LIBKELVANE-DEV_PACKAGE_SECTION libdevel)
@@ -45,6 +45,6 @@ set(CPACK_DEBIAN_LIBKELVANE-DEV_DESCRIPTION "storage-reclamation daemon: develop
 The headers of libkelvane, and what pkg-config and CMake need to build
 programs with it.")
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
-set(CPACK_COMPONENT_LIBKELVANE-DEV_DEPENDS libkelvane0)
+set(CPACK_COMPONENT_LIBKELVANE-DEV_DEPENDS libkelvane1)
 
 include(CPack)

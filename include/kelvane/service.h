@@ -8,7 +8,16 @@
 //     std::uint64_t purge(const Request& request, const Cancellation& cancellation) override { ... }
 //   };
 //   Thumbnails thumbnails;
-//   auto service = kelvane::client::Service::start(thumbnails, {.id = "com.example.thumbnails"});
+//   ServiceOptions options;
+//   options.id = "com.example.thumbnails";
+//   options.directories = {"/var/cache/thumbnails"};
+//   auto service = kelvane::client::Service::start(thumbnails, options);
+//
+// Whoever has nothing but directories of files needs no handler: kelvane/directory_service.h.
+//
+// Volumes. A request is about one volume, and data on other volumes must be neither counted nor purged. So a
+// service says where its data is, and the library finds out, at each request, which of these directories are
+// on the volume at that moment. When none is, the handler is not called, and 0 is answered.
 //
 // There are two kinds. A service that checks in finds the daemon at its socket, tells it an ID, and is called
 // back through a socket pair. When the daemon goes, or drops it, it checks in again by itself: at once, then
@@ -29,6 +38,7 @@
 // Values. See kelvane/client.h. Amounts are bytes.
 
 #include <sys/types.h>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -46,9 +56,19 @@ namespace kelvane::client {
 /// What the daemon asks for.
 struct Request {
   int urgency = 3;           // 1, only what nobody will miss, to 4, all that can be made again
-  std::string volume;        // where it is mounted; data on other volumes is not to be counted or purged
+  std::string volume;        // where it is mounted; data on other volumes must not be counted or purged
   std::uint64_t amount = 0;  // purge: the share asked of this service
   Dictionary info;           // the whole of it
+
+  /// Those of ServiceOptions::directories that were on `volume` just now, as absolute paths without links.
+  /// Never empty, unless the service is one for all volumes. A name may be given to something else between
+  /// this and its use: isOnVolume (kelvane/volume.h) asks about a directory that is open.
+  std::vector<std::string> directories;
+  /// The moment to answer at the latest, with what was done until then: what comes after the daemon has gone
+  /// on counts as nothing. A purge gets 70 % of its pass, counted from the pass's first request to this
+  /// service, so a service that is asked again within a pass has what is left of it. A question gets 8
+  /// seconds, periodic maintenance 10.
+  std::chrono::steady_clock::time_point answer_by = std::chrono::steady_clock::time_point::max();
 };
 
 /// What a service could free on the volume at the urgency asked.
@@ -87,6 +107,14 @@ class KELVANE_EXPORT ServiceHandler {
 struct ServiceOptions {
   std::string id;  // required; unique among the services of the device
 
+  /// Required: the directories that hold the service's data. Each must exist when the service starts. Links in
+  /// these paths are followed then, and only then: a directory that has gone later, or has a link in its
+  /// place, is on no volume.
+  std::vector<std::string> directories;
+  /// Instead of `directories`: the handler is asked about every volume, and finds out by itself what it has
+  /// there (kelvane/volume.h).
+  bool all_volumes = false;
+
   // What it does. A declared service says so in its descriptor file instead.
   bool purges = true;
   bool periodic = false;
@@ -106,12 +134,31 @@ struct ServiceOptions {
 class KELVANE_EXPORT Service {
  public:
   /// Starts serving; does not wait for the daemon. Fails with Failure::badRequest on options that cannot be
-  /// used, with the reason: no ID, a socket that cannot be made or was not handed over.
+  /// used, with the reason: no ID, neither directories nor `all_volumes`, a directory that cannot be found, a
+  /// socket that cannot be made or was not handed over.
   static Result<std::unique_ptr<Service>> start(ServiceHandler& handler, const ServiceOptions& options);
   /// See Lifetimes above. Not to be called by the handler.
   ~Service();
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
+
+  // Ending when idle, for a declared service that is started again by its next call. Any thread.
+  //
+  //   idle = every service's idleSince() is at least a minute ago
+  //   if idle and pauseIfIdle() of every service: exit; else resume() them all
+  //
+  // Nothing is lost so: what connects while a service is paused waits in its socket, for `resume`, or for the
+  // program that the service manager starts next.
+
+  /// Since when no connection to the service is open and no call of the handler runs or waits; nothing while
+  /// one does. A service that has not been called yet is idle since its start. One that checks in is never
+  /// idle while it is registered: the daemon keeps a connection open.
+  [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> idleSince() const;
+  /// Accepts no more connections, provided that the service is idle and no connection waits to be accepted:
+  /// true when that is so, also when it was paused before. Always false for a service that checks in.
+  [[nodiscard]] bool pauseIfIdle();
+  /// Accepts connections again, those that came meanwhile first. Does nothing unless paused.
+  void resume();
 
  private:
   struct Parts;

@@ -24,4 +24,9 @@ namespace kelvane::client {
 /// anything between this and the use of the descriptor.
 [[nodiscard]] KELVANE_EXPORT Result<std::string> volumeOf(int descriptor);
 
+/// Whether what is open is on the volume that a request names, as `volumeOf` finds out. True also where this
+/// process sees the volume otherwise than the daemon does: a sandbox may make it read-only, and show a part
+/// of it at another mount point. False for whatever cannot be asked.
+[[nodiscard]] KELVANE_EXPORT bool isOnVolume(int descriptor, const std::string& volume);
+
 }  // namespace kelvane::client
