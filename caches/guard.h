@@ -1,7 +1,7 @@
 #pragma once
 
-// Watches, while a worker is busy with a root, for what must stop it: nobody waits for the report any more, or
-// the program whose cache it is has been started.
+// Watches, while a worker is busy with a root, for what must stop it: nobody waits for the report any more,
+// or the program whose cache it is has been started.
 
 #include <atomic>
 #include <condition_variable>
@@ -23,8 +23,8 @@ class Guard {
   Guard(const Guard&) = delete;
   Guard& operator=(const Guard&) = delete;
 
-  /// What may stop the work on a root with these signs, which must outlive the next call. Null: the work on it
-  /// is over.
+  /// What may stop the work on a root with these signs, which must outlive the next call. Null: the work on
+  /// it is over.
   client::Cancellation watch(const Signs* signs);
   /// Nobody waits any more.
   [[nodiscard]] bool isCancelled() const { return cancelled_; }
@@ -35,10 +35,10 @@ class Guard {
   const int socket_;
   std::atomic<bool> cancelled_ = false;
   std::mutex mutex_;
-  const Signs* signs_ = nullptr;              // guarded by mutex_
-  std::shared_ptr<std::atomic<bool>> flag_;   // guarded by mutex_; what it points to is atomic
-  int wake_ = -1;                             // constant after construction
-  std::thread thread_;                        // constant after construction
+  const Signs* signs_ = nullptr;             // guarded by mutex_
+  std::shared_ptr<std::atomic<bool>> flag_;  // guarded by mutex_; what it points to is atomic
+  int wake_ = -1;                            // constant after construction
+  std::thread thread_;                       // constant after construction
 };
 
 }  // namespace kelvane::caches

@@ -37,7 +37,8 @@ bool areNone(const Capabilities& capabilities) {
 
 /// The kernel has dropped them already when the IDs changed from root's to another user's.
 std::string dropCapabilities() {
-  if (::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) != 0) return failed("clear ambient capabilities");
+  if (::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) != 0)
+    return failed("clear ambient capabilities");
   Capabilities capabilities{};
   if (!read(capabilities)) return failed("capget");
   if (!areNone(capabilities)) {
@@ -57,7 +58,8 @@ std::string refuseNewPrivileges() {
 bool hasOnlyIdsOf(const User& user) {
   std::array<uid_t, 3> users{};
   std::array<gid_t, 3> groups{};
-  return ::getresuid(&users[0], &users[1], &users[2]) == 0 && ::getresgid(&groups[0], &groups[1], &groups[2]) == 0 &&
+  return ::getresuid(&users[0], &users[1], &users[2]) == 0 &&
+         ::getresgid(&groups[0], &groups[1], &groups[2]) == 0 &&
          std::all_of(users.begin(), users.end(), [&](uid_t id) { return id == user.id; }) &&
          std::all_of(groups.begin(), groups.end(), [&](gid_t id) { return id == user.group; });
 }

@@ -38,10 +38,14 @@ std::string substituted(std::string text, const std::string& wildcard) {
 
 std::optional<client::CacheLock::Kind> lockKind(InUse::Kind kind) {
   switch (kind) {
-    case InUse::Kind::flock: return client::CacheLock::Kind::flock;
-    case InUse::Kind::record: return client::CacheLock::Kind::record;
-    case InUse::Kind::exists: return client::CacheLock::Kind::exists;
-    default: return std::nullopt;
+    case InUse::Kind::flock:
+      return client::CacheLock::Kind::flock;
+    case InUse::Kind::record:
+      return client::CacheLock::Kind::record;
+    case InUse::Kind::exists:
+      return client::CacheLock::Kind::exists;
+    default:
+      return std::nullopt;
   }
 }
 
@@ -79,7 +83,8 @@ std::string runningAmong(const std::vector<std::string>& names) {
   while (const dirent* const entry = processes ? ::readdir(processes.get()) : nullptr) {
     if (entry->d_name[0] < '1' || entry->d_name[0] > '9') continue;
     if (++seen > most_processes) return "too many processes to tell whether one uses it";
-    if (runs(::dirfd(processes.get()), entry->d_name, names, name)) return fmt::format("\"{}\" is running", name);
+    if (runs(::dirfd(processes.get()), entry->d_name, names, name))
+      return fmt::format("\"{}\" is running", name);
   }
   return seen > 0 ? "" : "/proc cannot be read, so nobody can tell which programs run";
 }
@@ -146,7 +151,8 @@ std::string Signs::holderOf(const std::string& link) const {
   const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   how.flags |= O_DIRECTORY;
   how.resolve |= RESOLVE_NO_SYMLINKS;
-  const FileDescriptor directory(static_cast<int>(::syscall(SYS_openat2, from, parent.c_str(), &how, sizeof how)));
+  const FileDescriptor directory(
+      static_cast<int>(::syscall(SYS_openat2, from, parent.c_str(), &how, sizeof how)));
   if (!directory) {
     return errno == ENOENT || errno == ENOTDIR ? "" : fmt::format("{}: {}", link, std::strerror(errno));
   }

@@ -93,7 +93,10 @@ bool JobRun::start(std::size_t number) {
     return true;
   }
   ReportReader::Item item;
-  if (item_) item = [this, number](const RootKey& root, const client::CacheItem& one) { return item_(number, root, one); };
+  if (item_)
+    item = [this, number](const RootKey& root, const client::CacheItem& one) {
+      return item_(number, root, one);
+    };
   running_.push_back(std::make_unique<Running>(
       Running{number, std::move(*worker), ReportReader(job, most_bytes_, std::move(item))}));
   return true;
@@ -112,7 +115,8 @@ void JobRun::waitForSome() {
 
 /// One message, so that nobody who writes without end keeps the others waiting.
 void JobRun::receive(Running& running) {
-  const ssize_t length = ::recv(running.worker.socket.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT | MSG_TRUNC);
+  const ssize_t length =
+      ::recv(running.worker.socket.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT | MSG_TRUNC);
   if (length < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (length <= 0) return finish(running);
   const bool fits = static_cast<std::size_t>(length) <= buffer_.size();

@@ -42,6 +42,7 @@ enum class Links { refused, ofRoot };
 /// Opens the directory at an absolute path, name by name.
 [[nodiscard]] OpenedDirectory openDirectory(const Mounts& mounts, const std::string& path, Links links);
 /// Opens the directory `name` in `parent`, which openDirectory opened. Follows no link.
-[[nodiscard]] OpenedDirectory openIn(const Mounts& mounts, const OpenedDirectory& parent, const std::string& name);
+[[nodiscard]] OpenedDirectory openIn(const Mounts& mounts, const OpenedDirectory& parent,
+                                     const std::string& name);
 
 }  // namespace kelvane::caches

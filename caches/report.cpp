@@ -75,7 +75,8 @@ struct EndMessage {
   std::array<char, ReportLimits::longest_reason> reason;
 };
 
-static_assert(std::is_trivially_copyable_v<RootMessage> && sizeof(RootMessage) < ReportLimits::longest_message);
+static_assert(std::is_trivially_copyable_v<RootMessage> &&
+              sizeof(RootMessage) < ReportLimits::longest_message);
 static_assert(sizeof(ItemsHead) + sizeof(ItemHead) + Job::longest_path < ReportLimits::longest_message);
 
 template <std::size_t size>
@@ -87,7 +88,8 @@ std::uint32_t put(std::array<char, size>& place, const std::string& text) {
 
 template <std::size_t size>
 bool get(const std::array<char, size>& place, std::uint32_t length, std::string& text) {
-  if (length > size || std::find(place.begin(), place.begin() + length, '\0') != place.begin() + length) return false;
+  if (length > size || std::find(place.begin(), place.begin() + length, '\0') != place.begin() + length)
+    return false;
   text.assign(place.data(), length);
   return true;
 }
@@ -95,8 +97,9 @@ bool get(const std::array<char, size>& place, std::uint32_t length, std::string&
 template <class To, class From, std::size_t size>
 std::array<To, size> converted(const std::array<From, size>& figures) {
   std::array<To, size> result{};
-  std::transform(figures.begin(), figures.end(), result.begin(),
-                 [](const From& figure) { return To{figure.bytes, figure.items}; });
+  std::transform(figures.begin(), figures.end(), result.begin(), [](const From& figure) {
+    return To{figure.bytes, figure.items};
+  });
   return result;
 }
 
@@ -139,7 +142,8 @@ client::CacheSurvey believed(const WireSurvey& wire, const Job& job, std::uint64
   client::CacheSurvey survey;
   survey.taken_at = job.now;
   survey.at_urgency = believed<client::CacheFigure>(wire.at_urgency, most);
-  std::transform(wire.newest_at_urgency.begin(), wire.newest_at_urgency.end(), survey.newest_at_urgency.begin(),
+  std::transform(wire.newest_at_urgency.begin(), wire.newest_at_urgency.end(),
+                 survey.newest_at_urgency.begin(),
                  [&](std::int64_t newest) { return std::min(newest, job.now); });
   survey.ages.buckets = believed<client::AgeHistogram::Bucket>(wire.ages, most);
   survey.stays = believed<client::CacheFigure>(wire.stays, most);
@@ -224,9 +228,12 @@ bool ReportReader::take(const char* message, std::size_t size) {
   if (ended_ || size < sizeof type) return false;
   std::memcpy(&type, message, sizeof type);
   switch (type) {
-    case Type::root: return takeRoot(message, size);
-    case Type::items: return takeItems(message, size);
-    case Type::end: return takeEnd(message, size);
+    case Type::root:
+      return takeRoot(message, size);
+    case Type::items:
+      return takeItems(message, size);
+    case Type::end:
+      return takeEnd(message, size);
   }
   return false;
 }

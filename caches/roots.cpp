@@ -60,9 +60,10 @@ Written split(const std::string& written) {
     return {false, {}, fmt::format("\"{}\" is neither absolute nor below the home directory", written)};
   }
   result.names = namesOf(result.in_home ? path->substr(2) : *path);
-  const bool leads_astray = std::any_of(result.names.begin(), result.names.end(), [](const std::string& name) {
-    return name == "." || name == ".." || name.find('$') != std::string::npos;
-  });
+  const bool leads_astray =
+      std::any_of(result.names.begin(), result.names.end(), [](const std::string& name) {
+        return name == "." || name == ".." || name.find('$') != std::string::npos;
+      });
   if (result.names.empty() || result.names.size() > most_root_names || leads_astray) {
     result.reason = fmt::format("\"{}\" cannot be a root", written);
   }
@@ -75,7 +76,8 @@ class Expansion {
   Expansion(const Base& base, const Written& written) : base_(base), written_(written) {}
 
   std::vector<Root> run() {
-    OpenedDirectory start = written_.in_home ? again(base_.home) : openDirectory(base_.mounts, "/", Links::refused);
+    OpenedDirectory start =
+        written_.in_home ? again(base_.home) : openDirectory(base_.mounts, "/", Links::refused);
     if (!start.directory) {
       fail(start);
     } else {
@@ -102,26 +104,28 @@ class Expansion {
     how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV | RESOLVE_NO_MAGICLINKS;
     OpenedDirectory result;
-    result.directory = FileDescriptor(static_cast<int>(
-        ::syscall(SYS_openat2, parent.directory.get(), name.c_str(), &how, sizeof how)));
+    result.directory = FileDescriptor(
+        static_cast<int>(::syscall(SYS_openat2, parent.directory.get(), name.c_str(), &how, sizeof how)));
     if (!result.directory) explain(result, parent, name, errno);
     return named(std::move(result), parent, name);
   }
 
   /// O_NOFOLLOW and O_DIRECTORY say of a link that it is not a directory.
-  static void explain(OpenedDirectory& result, const OpenedDirectory& parent, const std::string& name, int error) {
+  static void explain(OpenedDirectory& result, const OpenedDirectory& parent, const std::string& name,
+                      int error) {
     struct stat status {};
-    const bool is_link =
-        (error == ENOTDIR || error == ELOOP) &&
-        ::fstatat(parent.directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0 &&
-        S_ISLNK(status.st_mode);
+    const bool is_link = (error == ENOTDIR || error == ELOOP) &&
+                         ::fstatat(parent.directory.get(), name.c_str(), &status,
+                                   AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0 &&
+                         S_ISLNK(status.st_mode);
     result.error = is_link ? ELOOP : error;
-    result.reason = is_link         ? "it is, or leads through, a symbolic link"
+    result.reason = is_link          ? "it is, or leads through, a symbolic link"
                     : error == EXDEV ? "it is on another mount than the home directory"
                                      : std::strerror(error);
   }
 
-  static OpenedDirectory named(OpenedDirectory child, const OpenedDirectory& parent, const std::string& name) {
+  static OpenedDirectory named(OpenedDirectory child, const OpenedDirectory& parent,
+                               const std::string& name) {
     child.path = parent.path == "/" ? "/" + name : parent.path + "/" + name;
     return child;
   }

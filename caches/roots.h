@@ -12,9 +12,9 @@
 
 namespace kelvane::caches {
 
-inline constexpr std::size_t most_matches = 256;            // of one root as written
-inline constexpr std::size_t most_names_read = 65'536;      // of one directory, for a wildcard
-inline constexpr std::size_t most_root_names = 64;          // names in one root
+inline constexpr std::size_t most_matches = 256;        // of one root as written
+inline constexpr std::size_t most_names_read = 65'536;  // of one directory, for a wildcard
+inline constexpr std::size_t most_root_names = 64;      // names in one root
 
 /// Where roots of a holder begin.
 struct Base {

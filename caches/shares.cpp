@@ -7,12 +7,14 @@ namespace kelvane::caches {
 namespace {
 
 std::uint64_t added(std::uint64_t a, std::uint64_t b) {
-  return a > std::numeric_limits<std::uint64_t>::max() - b ? std::numeric_limits<std::uint64_t>::max() : a + b;
+  return a > std::numeric_limits<std::uint64_t>::max() - b ? std::numeric_limits<std::uint64_t>::max()
+                                                           : a + b;
 }
 
 std::uint64_t part(std::uint64_t whole, std::uint64_t of, std::uint64_t all) {
   if (all == 0 || of >= all) return whole;
-  const long double exact = static_cast<long double>(whole) * static_cast<long double>(of) / static_cast<long double>(all);
+  const long double exact =
+      static_cast<long double>(whole) * static_cast<long double>(of) / static_cast<long double>(all);
   return std::min(whole, static_cast<std::uint64_t>(exact));
 }
 
@@ -43,6 +45,8 @@ Shares shareOut(const std::vector<const client::CacheSurvey*>& surveys, int urge
     rest -= extra;
     last_whole -= last[i];
   }
+  // There is not as much as that: figures may have grown since, and what is left of the amount may be used.
+  for (std::uint64_t& one : shares.amounts) one = added(one, rest / surveys.size());
   return shares;
 }
 

@@ -134,7 +134,8 @@ class SpawnerProcess {
     const pid_t process = ::fork();
     if (process == 0) runWorker(definitions_, settings_, job, std::move(socket), own);
     if (process < 0) {
-      return ReportWriter(socket.get()).end(false, std::string("cannot start a worker: ") + std::strerror(errno));
+      return ReportWriter(socket.get())
+          .end(false, std::string("cannot start a worker: ") + std::strerror(errno));
     }
     FileDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
     if (!handle) {  // it cannot be watched; it is a child that was not waited for, so the ID is its own

@@ -35,8 +35,8 @@ User userOf(const passwd& entry) { return {entry.pw_uid, entry.pw_gid, entry.pw_
 std::vector<User> usersIn(const std::string& passwd_file) {
   std::vector<User> users;
   eachEntry(passwd_file, [&](const passwd& entry) {
-    const bool known = std::any_of(users.begin(), users.end(),
-                                   [&](const User& user) { return user.id == entry.pw_uid; });
+    const bool known =
+        std::any_of(users.begin(), users.end(), [&](const User& user) { return user.id == entry.pw_uid; });
     if (!known && entry.pw_uid >= first_person && entry.pw_uid <= last_person) users.push_back(userOf(entry));
     return users.size() < most_users;
   });
@@ -56,7 +56,8 @@ User userIn(const std::string& passwd_file, uid_t id, gid_t group) {
 
 std::string faultOfHome(const std::string& home) {
   if (home.empty()) return "the user has no home directory";
-  if (home == "/" || home == "/nonexistent" || home == "/dev/null") return home + " is not a user's own home directory";
+  if (home == "/" || home == "/nonexistent" || home == "/dev/null")
+    return home + " is not a user's own home directory";
   if (!home.starts_with('/')) return "the home directory is not an absolute path";
   if (home.size() >= Job::longest_path) return "the path of the home directory is too long";
   if ((home + "/").find("/../") != std::string::npos || (home + "/").find("/./") != std::string::npos) {

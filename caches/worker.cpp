@@ -128,7 +128,8 @@ class Work {
     if (report.reason.empty()) report.reason = place(root, report);
     if (!job_.volume.empty() && report.volume != job_.volume && report.reason.empty()) return true;
     if (report.reason.empty()) doIt(definition, base, root, share, report);
-    const bool is_complete = job_.kind == Job::Kind::survey ? report.survey.complete : isComplete(report.purge);
+    const bool is_complete =
+        job_.kind == Job::Kind::survey ? report.survey.complete : isComplete(report.purge);
     report_.root(report, root.key);
     return is_complete || !report.reason.empty();
   }
@@ -140,7 +141,8 @@ class Work {
   }
 
   static bool isComplete(const client::CachePurge& purge) {
-    return purge.end == client::CachePurge::End::amountFreed || purge.end == client::CachePurge::End::nothingLeft;
+    return purge.end == client::CachePurge::End::amountFreed ||
+           purge.end == client::CachePurge::End::nothingLeft;
   }
 
   [[nodiscard]] std::string whyNot(const Definition& definition, const Base& base, const Root& root,

@@ -21,6 +21,7 @@ struct WorkerSettings {
 };
 
 /// As Workers::start.
-[[nodiscard]] std::unique_ptr<Workers> startWorkers(std::vector<Definition> definitions, WorkerSettings settings);
+[[nodiscard]] std::unique_ptr<Workers> startWorkers(std::vector<Definition> definitions,
+                                                    WorkerSettings settings);
 
 }  // namespace kelvane::caches
