@@ -95,7 +95,9 @@ UserWorkers::Found UserWorkers::look(const std::string& holder, const std::strin
   if (definition == definitions_.end()) {
     found.report.reason = fmt::format("unknown holder \"{}\"", holder);
   } else if (!definition->enabled) {
-    found.report.reason = "disabled";
+    found.report.reason = definition->cache_class == CacheClass::personal
+                              ? "disabled: it holds personal data and must be enabled first"
+                              : "disabled";
   }
   if (!found.report.reason.empty()) return found;
 

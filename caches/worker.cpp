@@ -27,6 +27,8 @@ namespace kelvane::caches {
 namespace {
 
 constexpr int report_descriptor = 3;
+/// Whatever a definition says, nothing younger goes.
+constexpr client::CacheRules::Seconds least_age = std::chrono::hours(1);
 
 /// Keeps the socket and nothing else. Afterwards the socket is report_descriptor.
 bool keepOnly(int socket) {
@@ -165,6 +167,7 @@ class Work {
     report.reason = signs.now();
     if (!report.reason.empty()) return;
     client::CacheRules rules = definition.rules;
+    rules.youngest = std::max(rules.youngest, least_age);
     rules.locks = signs.locks();
     for (std::string& pattern : protectedBelow(root.path, definition, base.home.path)) {
       rules.exclude.push_back(std::move(pattern));
