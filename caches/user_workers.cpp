@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 #include <algorithm>
-#include <ctime>
 #include <limits>
 #include <map>
 #include <set>
@@ -12,6 +11,7 @@
 #include "caches/mounts.h"
 #include "caches/shares.h"
 #include "caches/users.h"
+#include "client/cache_clock.h"
 #include "support/local_volumes.h"
 #include "support/mount_table.h"
 
@@ -105,7 +105,7 @@ UserWorkers::Found UserWorkers::look(const std::string& holder, const std::strin
   Job job;
   job.definition = found.definition;
   job.volume = volume;
-  job.now = std::time(nullptr);
+  job.now = client::cacheTime();
   const Stage stage = stageUntil(limits.deadline, percent);
   const std::vector<User> users = usersConcerned(found, job, limits, percent);
   std::vector<Job> jobs(users.size(), job);

@@ -10,6 +10,8 @@
 #include <sstream>
 #include <utility>
 
+#include "client/cache_clock.h"
+
 namespace kelvane::caches::tests {
 namespace {
 
@@ -64,7 +66,7 @@ client::CacheLimits limits(std::chrono::milliseconds time) {
 
 void makeFile(const std::string& path, std::size_t bytes, std::time_t age) {
   std::ofstream(path) << std::string(bytes, 'x');
-  const std::time_t then = std::time(nullptr) - age;
+  const std::time_t then = client::cacheTime() - age;
   const timespec times[] = {{then, 0}, {then, 0}};
   ::utimensat(AT_FDCWD, path.c_str(), times, 0);
 }
