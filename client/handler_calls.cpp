@@ -60,12 +60,11 @@ class HandlerCalls::Door final : public KelvaneServiceProtocol {
 
   void servicePeriodic(std::int32_t urgency, Dictionary info,
                        Reply<std::optional<Dictionary>> reply) override {
-    calls_->submit(calls_->work_queue_,
-                   [calls = calls_, urgency, by = periodicAnswerBy(), info = std::move(info),
-                    reply = std::move(reply)](auto& handler) {
-                     const auto request = calls->requestFor(urgency, info, by);
-                     reply(amount(request ? handler.periodic(*request) : 0));
-                   });
+    calls_->submit(calls_->work_queue_, [calls = calls_, urgency, by = periodicAnswerBy(),
+                                         info = std::move(info), reply = std::move(reply)](auto& handler) {
+      const auto request = calls->requestFor(urgency, info, by);
+      reply(amount(request ? handler.periodic(*request) : 0));
+    });
   }
 
   /// The daemon may hang up right after this, so the answer waits for nothing.
@@ -99,10 +98,9 @@ class HandlerCalls::Door final : public KelvaneServiceProtocol {
 
 template <class F>
 void HandlerCalls::submit(const dispatch_queue_t& queue, F call) {
-  dispatch_async(queue,
-                 [self = shared_from_this(), running = activity_->begin(), call = std::move(call)] {
-                   if (!self->ended_) call(self->handler_);
-                 });
+  dispatch_async(queue, [self = shared_from_this(), running = activity_->begin(), call = std::move(call)] {
+    if (!self->ended_) call(self->handler_);
+  });
 }
 
 std::optional<Request> HandlerCalls::requestFor(std::int32_t urgency, const Dictionary& info,

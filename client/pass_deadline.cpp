@@ -29,15 +29,11 @@ Moment questionAnswerBy() { return present() + question_time; }
 Moment periodicAnswerBy() { return present() + periodic_time; }
 
 Moment PassDeadline::answerBy(int urgency, const Dictionary& info) {
-  Pass pass{urgency,
-            info[KELVANE_FREESPACE_BEGIN],
-            info[KELVANE_TOKEN],
-            present(),
-            lengthOfPass(urgency, info),
-            false};
+  Pass pass{urgency,   info[KELVANE_FREESPACE_BEGIN], info[KELVANE_TOKEN],
+            present(), lengthOfPass(urgency, info),   false};
   const std::lock_guard lock(mutex_);
-  const bool again = last_ && last_->asks_again && isSamePurge(*last_, pass) &&
-                     pass.begin < last_->begin + last_->length;
+  const bool again =
+      last_ && last_->asks_again && isSamePurge(*last_, pass) && pass.begin < last_->begin + last_->length;
   if (!again) last_ = std::move(pass);
   last_->asks_again = false;
   return last_->begin + last_->length * percent_of_pass / 100;

@@ -45,9 +45,10 @@ std::optional<Identity> directoryIdentity(const FileDescriptor& directory) {
 Result<ServiceDirectories> ServiceDirectories::of(const ServiceOptions& options) {
   const bool none = options.directories.empty();
   if (none && !options.all_volumes) {
-    return Error{Failure::badRequest,
-                 "a service needs the directories of its data, or all_volumes when it finds out by itself what "
-                 "it has on a volume"};
+    return Error{
+        Failure::badRequest,
+        "a service needs the directories of its data, or all_volumes when it finds out by itself what "
+        "it has on a volume"};
   }
   if (!none && options.all_volumes)
     return Error{Failure::badRequest, "a service has either directories or all_volumes, not both"};

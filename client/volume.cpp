@@ -16,8 +16,9 @@ std::string quoted(const std::string& path) { return '"' + path + '"'; }
 
 Error notServed(const std::string& what, const MountEntry* holder) {
   if (holder == nullptr) return cannot(what + " is on no mount of this process");
-  return cannot(what + " is on " + holder->target + " (" + holder->type +
-                "), which is not a volume that the daemon serves: it is read-only, virtual or over a network");
+  return cannot(
+      what + " is on " + holder->target + " (" + holder->type +
+      "), which is not a volume that the daemon serves: it is read-only, virtual or over a network");
 }
 
 Result<std::string> volumeOf(const VolumeView& view, int descriptor, const std::string& what) {

@@ -10,9 +10,10 @@ namespace kelvane::tools {
 std::string volumeOf(const std::string& path) {
   const client::Result<std::string> volume = client::volumeOf(path);
   if (volume) return *volume;
-  throw Problem(exit_usage,
-                fmt::format("{}; expected a volume or a path inside one: `kelvanectl status` lists the volumes",
-                            volume.error().reason));
+  throw Problem(
+      exit_usage,
+      fmt::format("{}; expected a volume or a path inside one: `kelvanectl status` lists the volumes",
+                  volume.error().reason));
 }
 
 }  // namespace kelvane::tools

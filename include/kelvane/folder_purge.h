@@ -70,7 +70,7 @@ enum class PurgeEnd {
   nothingLeft,  // that may go and can be deleted
   cancelled,
   tooLate,  // the deadline came first
-  failed,  // the folder cannot be opened or read, or memory ran out
+  failed,   // the folder cannot be opened or read, or memory ran out
 };
 
 struct FolderPurge {
@@ -97,6 +97,9 @@ struct FolderPurge {
 /// several names count nothing. 0 when the folder cannot be read; when cancelled, or once the deadline has
 /// come, what was counted until then.
 [[nodiscard]] KELVANE_EXPORT std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options,
+                                                          const Cancellation& cancellation) noexcept;
+[[nodiscard]] KELVANE_EXPORT std::uint64_t purgeableBytes(const std::string& path,
+                                                          const FolderPurgeOptions& options,
                                                           const Cancellation& cancellation) noexcept;
 
 }  // namespace kelvane::client

@@ -107,8 +107,8 @@ class KELVANE_EXPORT ServiceHandler {
 struct ServiceOptions {
   std::string id;  // required; unique among the services of the device
 
-  /// Required: the directories that hold the service's data. Each must exist when the service starts. Links in
-  /// these paths are followed then, and only then: a directory that has gone later, or has a link in its
+  /// Required: the directories that hold the service's data. Each must exist when the service starts. Links
+  /// in these paths are followed then, and only then: a directory that has gone later, or has a link in its
   /// place, is on no volume.
   std::vector<std::string> directories;
   /// Instead of `directories`: the handler is asked about every volume, and finds out by itself what it has

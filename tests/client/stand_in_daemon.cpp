@@ -6,9 +6,9 @@
 // Writes "ready", "checked-in ID" and the answers to its commands, a line each. Commands, a line each:
 //   ping ID | purge ID URGENCY AMOUNT | hang-up-purge ID | cancel ID | purgeable ID URGENCY | notify ID NAME
 //   periodic ID
-//   VERB ID URGENCY AMOUNT KEY=VALUE...   with these entries in the request; the volume is "/volume" unless said
-//   drop ID                  forgets the service
-//   serve PATH               the next commands with the ID "-" go to the declared service that listens there
+//   VERB ID URGENCY AMOUNT KEY=VALUE...   with these entries in the request; the volume is "/volume" unless
+//   said drop ID                  forgets the service serve PATH               the next commands with the ID
+//   "-" go to the declared service that listens there
 // Check-ins with an ID that begins with "declared" are answered with nothing, "unentitled" not at all.
 
 #include <atomic>
