@@ -79,7 +79,11 @@ Objection objectionToPattern(const std::string& pattern) {
   if (Objection objection = objectionToText(pattern)) return objection;
   if (pattern.front() == '/' || pattern.front() == '~')
     return "is absolute: expected a path relative to the root";
-  if (Objection objection = objectionToNames(namesOf(pattern))) return objection;
+  const Names names = namesOf(pattern);
+  if (Objection objection = objectionToNames(names)) return objection;
+  constexpr std::size_t most_names = 63;  // so many the walk follows
+  if (names.size() > most_names) return "has more than 63 names";
+  if (pattern.back() == '\\') return "ends in \"\\\", which quotes nothing";
   if (!setsAreClosed(pattern)) return "holds \"[\" without \"]\" in the same name";
   return std::nullopt;
 }

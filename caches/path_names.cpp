@@ -33,11 +33,14 @@ bool beginsWith(const Names& names, const Names& patterns) {
 }
 
 bool isAllWildcards(std::string_view pattern) {
-  bool in_set = false;
-  for (const char c : pattern) {
-    if (c == '[') in_set = true;
-    if (c == ']') in_set = false;
-    if (!in_set && c != '*' && c != '?' && c != '/' && c != ']') return false;
+  // A set says something, unless it says what it is not.
+  for (std::size_t at = 0; at < pattern.size(); ++at) {
+    if (pattern[at] == '[' && pattern.substr(at + 1, 1) == "!") {
+      at = pattern.find(']', std::min(at + 3, pattern.size()));
+      if (at == std::string_view::npos) return true;
+    } else if (pattern[at] != '*' && pattern[at] != '?' && pattern[at] != '/') {
+      return false;
+    }
   }
   return true;
 }

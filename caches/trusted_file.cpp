@@ -40,7 +40,9 @@ TrustedFile readTrustedFile(int directory, const char* name, std::size_t cap) {
     if (n <= 0) break;
     size += static_cast<std::size_t>(n);
   }
-  if (size > cap) result.problem = "it is larger than " + std::to_string(cap / 1024) + " KiB";
+  if (size > cap)
+    result.problem =
+        cap == 0 ? "it is not empty" : "it is larger than " + std::to_string(cap / 1024) + " KiB";
   result.text.resize(result.problem.empty() ? size : 0);
   return result;
 }
