@@ -153,19 +153,23 @@ class Expansion {
     root.path = child.path;
     root.wildcard = wildcard.value_or("");
     struct stat status {};
-    root.directory =
-        FileDescriptor(::openat(child.directory.get(), ".", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (::fstat(child.directory.get(), &status) == 0) {
       root.key = {status.st_dev, status.st_ino};
       root.owner = status.st_uid;
     }
-    if (!root.directory) root.reason = fmt::format("it cannot be read: {}", std::strerror(errno));
+    if (base_.reading) openForReading(child, root);
     const std::uint64_t mount = Mounts::idOf(child.directory.get());
     if (mount == 0 || mount != Mounts::idOf(parent.directory.get())) {
       root.directory.reset();
       root.reason = "it is a mount point";
     }
     found_.push_back(std::move(root));
+  }
+
+  static void openForReading(const OpenedDirectory& child, Root& root) {
+    root.directory =
+        FileDescriptor(::openat(child.directory.get(), ".", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!root.directory) root.reason = fmt::format("it cannot be read: {}", std::strerror(errno));
   }
 
   using Match = std::pair<std::string, std::string>;  // the name, and what the wildcard stands for

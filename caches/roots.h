@@ -21,6 +21,8 @@ struct Base {
   const Mounts& mounts;
   /// The user's home. Without a descriptor: none, roots are absolute.
   OpenedDirectory home;
+  /// Whether roots are opened for reading. Otherwise only whose they are is found out.
+  bool reading = true;
 };
 
 struct Root {

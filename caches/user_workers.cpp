@@ -248,11 +248,7 @@ void UserWorkers::carryOut(Found& found, const Request& request, const client::C
 }
 
 JobRun UserWorkers::newRun(Stage stage, const client::CacheLimits& limits, JobRun::Item item) {
-  return {*spawner_,
-          slots_,
-          stage,
-          limits.cancellation,
-          sizesOf(readMountTable(settings_.mount_table).value_or(std::vector<MountEntry>())),
+  return {*spawner_,      slots_, stage, limits.cancellation, sizesOf(VolumeSource::current().mounts()),
           std::move(item)};
 }
 

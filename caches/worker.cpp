@@ -53,7 +53,7 @@ class Work {
         guard_(report_descriptor) {}
 
   void run() {
-    Base base{mounts_, {}};
+    Base base{mounts_, {}, job_.kind != Job::Kind::owners};
     Narrowed narrowed{definition_, {}};
     if (definition_.owner == Owner::user) {
       if (std::string reason = openHome(base); !reason.empty()) return report_.end(true, reason);

@@ -3,6 +3,7 @@
 // A file system whose program never answers: whoever asks it for anything waits until the program is gone.
 
 #include <fcntl.h>
+#include <linux/fuse.h>
 #include <poll.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -31,18 +32,38 @@ class HangingMount {
   HangingMount(const HangingMount&) = delete;
   HangingMount& operator=(const HangingMount&) = delete;
 
-  /// Requests that nobody has answered, apart from the first, with which the kernel greets the program. Takes
-  /// them, so that who asked cannot be killed any more.
-  [[nodiscard]] int requests() const {
-    int count = -1;
-    char buffer[1 << 17];
-    while (::read(program_, buffer, sizeof buffer) > 0) ++count;
-    return count;
+  /// How many requests came until now. Takes them, and answers only the one with which the kernel greets the
+  /// program: whoever waits for another cannot even be killed any more.
+  [[nodiscard]] int requests() {
+    alignas(fuse_in_header) char buffer[1 << 17];
+    ssize_t length = 0;
+    while ((length = ::read(program_, buffer, sizeof buffer)) > 0) {
+      const auto* const head = reinterpret_cast<const fuse_in_header*>(buffer);
+      if (head->opcode == FUSE_INIT) {
+        greet(head->unique);
+      } else {
+        ++requests_;
+      }
+    }
+    return requests_;
   }
 
  private:
+  void greet(std::uint64_t request) const {
+    struct {
+      fuse_out_header head{};
+      fuse_init_out body{};
+    } answer;
+    answer.head = {sizeof answer, 0, request};
+    answer.body.major = FUSE_KERNEL_VERSION;
+    answer.body.minor = FUSE_KERNEL_MINOR_VERSION;
+    answer.body.max_write = 4096;
+    [[maybe_unused]] const ssize_t written = ::write(program_, &answer, sizeof answer);
+  }
+
   const std::string path_;
   const int program_;
+  int requests_ = 0;
 };
 
 }  // namespace kelvane::caches::tests

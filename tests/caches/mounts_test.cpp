@@ -38,7 +38,7 @@ TEST(Directory, IsOpenedAcrossLocalMounts) {
 TEST(Directory, BehindAFileSystemThatHangsIsNotTouched) {
   const TemporaryDirectory directory;
   fs::create_directories(directory / "remote");
-  const HangingMount hanging(directory / "remote");
+  HangingMount hanging(directory / "remote");
   EXPECT_THAT(openDirectory(present(), directory / "remote", Links::refused).reason,
               HasSubstr("may not answer"));
   EXPECT_THAT(openDirectory(present(), directory / "remote/home/alice", Links::refused).reason,
@@ -50,7 +50,7 @@ TEST(Directory, OnWhichSomethingWasMountedSinceTheTableWasReadIsNotTouched) {
   const TemporaryDirectory directory;
   fs::create_directories(directory / "home");
   const Mounts before = present();
-  const HangingMount hanging(directory / "home");
+  HangingMount hanging(directory / "home");
   EXPECT_THAT(openDirectory(before, directory / "home", Links::refused).reason,
               HasSubstr("mounted a moment ago"));
   EXPECT_EQ(hanging.requests(), 0);

@@ -103,7 +103,7 @@ TEST_F(Roots, AreNotBehindAMountInTheHome) {
   fs::create_directories(home_ / ".cache/pip");
   fs::create_directories(home_ / "bound");
   const PrivateMount bound(nullptr, "/etc", home_ / ".cache/pip", MS_BIND);
-  const HangingMount hanging(home_ / "bound");
+  HangingMount hanging(home_ / "bound");
   EXPECT_THAT(reason("~/.cache/pip"), HasSubstr("another mount"));
   EXPECT_THAT(reason("~/bound"), HasSubstr("another mount"));
   EXPECT_THAT(reason("~/bound/deeper"), HasSubstr("another mount"));

@@ -152,7 +152,13 @@ TEST_F(WorkerFaults, ThatCannotBeKilledKeepTheirUserOutUntilTheyAreGone) {
   EXPECT_THAT(reasonOf(bob, report), HasSubstr("has not ended"));
   EXPECT_EQ(report.atUrgency(2).bytes, block);
   hanging.reset();
-  EXPECT_EQ(surveyFor(std::chrono::seconds(20)).atUrgency(2).bytes, 2 * block);
+  // The kernel takes a moment to end a process.
+  const auto given_up = steady_clock::now() + std::chrono::seconds(10);
+  std::uint64_t bytes = 0;
+  while (bytes != 2 * block && steady_clock::now() < given_up) {
+    bytes = surveyFor(std::chrono::seconds(20)).atUrgency(2).bytes;
+  }
+  EXPECT_EQ(bytes, 2 * block);
 }
 
 TEST_F(WorkerFaults, AreNoReasonToWaitOnceTheWorkIsCancelled) {

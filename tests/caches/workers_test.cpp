@@ -238,7 +238,7 @@ TEST_F(WorkersTest, SkipsAHomeThatItsUserCannotRead) {
 
 TEST_F(WorkersTest, NeverTouchesAHomeThatHangs) {
   fill(alice);
-  const HangingMount hanging(home(bob), bob);
+  HangingMount hanging(home(bob), bob);
   start({pip()});
   const HolderReport report = survey();
   EXPECT_TRUE(report.complete);
