@@ -30,6 +30,8 @@ class HandlerCalls final : public std::enable_shared_from_this<HandlerCalls> {
   /// Serves a connection that a listener accepted, and resumes it.
   void serve(const std::shared_ptr<xpc::Connection>& connection);
   void report(ServiceState state, const std::string& reason);
+  /// Those that run or wait.
+  void cancelPurges();
   /// Since when no connection is open and no call runs or waits.
   [[nodiscard]] std::optional<Moment> idleSince() const { return activity_->idleSince(); }
   /// Cancels, waits for the calls that run, and lets none begin any more. Fatal in a call of the handler.
@@ -47,7 +49,6 @@ class HandlerCalls final : public std::enable_shared_from_this<HandlerCalls> {
                                                   Moment answer_by) const;
   Flag beginPurge();
   void endPurge(const Flag& flag);
-  void cancelPurges();
 
   // Constant.
   ServiceHandler& handler_;  // used on the three queues only

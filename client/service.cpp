@@ -116,4 +116,6 @@ void Service::resume() {
   if (parts_->listener != nullptr) parts_->listener->goOn();
 }
 
+void Service::cancelPurges() { parts_->calls->cancelPurges(); }
+
 }  // namespace kelvane::client

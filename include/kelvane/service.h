@@ -160,6 +160,10 @@ class KELVANE_EXPORT Service {
   /// Accepts connections again, those that came meanwhile first. Does nothing unless paused.
   void resume();
 
+  /// Cancels the purges that run, as the daemon does: they answer with what they freed until then. For a
+  /// program that is about to end; purges that come later run. Any thread.
+  void cancelPurges();
+
  private:
   struct Parts;
   explicit Service(std::unique_ptr<Parts> parts);
