@@ -14,7 +14,7 @@
 namespace kelvane::caches {
 
 inline constexpr std::size_t largest_definition = std::size_t{64} << 10;  // bytes of a file
-inline constexpr std::size_t most_problems = 20;                         // of a file; the rest is not told
+inline constexpr std::size_t most_problems = 20;                          // of a file; the rest is not told
 
 /// What is wrong with a file, and where.
 struct Problem {
@@ -32,8 +32,11 @@ struct DefinitionResult {
 /// `file` is named in problems and in the definition, and is not opened.
 [[nodiscard]] DefinitionResult parseDefinition(std::string_view text, const std::string& file);
 
-/// Reads the file at `path`, which must be a regular file of root's or of this process's user that nobody else
-/// can write; links are not followed. At most largest_definition bytes are read.
+/// Reads the file at `path`, which must be a regular file of root's or of this process's user that nobody
+/// else can write; links are not followed. At most largest_definition bytes are read.
 [[nodiscard]] DefinitionResult readDefinition(const std::string& path);
+/// The same of the file `name` in an open directory; `path` is what it is called in problems.
+[[nodiscard]] DefinitionResult readDefinitionAt(int directory, const std::string& name,
+                                                const std::string& path);
 
 }  // namespace kelvane::caches

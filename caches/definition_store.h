@@ -3,13 +3,14 @@
 // All definitions of a machine: those that are shipped, as the administrator's replace, mask and enable them.
 //
 //   /usr/lib/kelvane/caches.d/NAME.toml   shipped
-//   /etc/kelvane/caches.d/NAME.toml       replaces the shipped one of this name, or adds one of the machine's own;
+//   /etc/kelvane/caches.d/NAME.toml       replaces the shipped one of this name, or adds one of the machine's
+//   own;
 //                                         a link to /dev/null masks it
 //   /etc/kelvane/caches.d/NAME.enabled    an empty file: a holder of the class "personal" is switched on
 //
-// A file that is wrong costs its own holder only, and is told in `problems`. One that was to replace a shipped
-// definition and is wrong leaves that holder out: what the administrator did not want does not come back
-// because of a typing error.
+// A file that is wrong costs its own holder only, and is told in `problems`. One that was to replace a
+// shipped definition and is wrong leaves that holder out: what the administrator did not want does not come
+// back because of a typing error.
 //
 // Threads. Any. Nothing is thrown.
 

@@ -5,8 +5,8 @@
 //
 // Two lists decide, and both must agree. The allow-list names the places that hold caches: /var/cache/NAME,
 // ~/.cache/NAME, the directories of known tools, and within ~/.config and ~/.local/share only directories
-// that bear a known cache's name. The forbidden list names what holds data of people wherever it is: documents,
-// profiles, keys, mail, repositories, volumes of containers.
+// that bear a known cache's name. The forbidden list names what holds data of people wherever it is:
+// documents, profiles, keys, mail, repositories, volumes of containers.
 //
 // Both are asked twice: of a root as it is written, when a definition is read, and of a root as it was
 // resolved, by the worker that is about to open it.
@@ -22,15 +22,16 @@
 namespace kelvane::caches {
 
 /// Why this definition must not delete anything below `path`; nothing when it may. `path` is a resolved root:
-/// absolute, without links, "." and "..". `home` is the resolved home directory of the user who is worked for;
-/// system holders need none. `personal` are the directories that the user's desktop keeps documents in, as
-/// personalDirectories finds them.
+/// absolute, without links, "." and "..". `home` is the resolved home directory of the user who is worked
+/// for; system holders need none. `personal` are the directories that the user's desktop keeps documents in,
+/// as personalDirectories finds them.
 [[nodiscard]] std::optional<std::string> refusal(const std::string& path, const Definition& definition,
                                                  const std::string& home,
                                                  const std::vector<std::string>& personal = {});
 
 /// The same for a root as a definition writes it, with "~", variables and wildcards.
-[[nodiscard]] std::optional<std::string> refusalAsWritten(const std::string& root, const Definition& definition);
+[[nodiscard]] std::optional<std::string> refusalAsWritten(const std::string& root,
+                                                          const Definition& definition);
 
 /// What must stay although it is below an allowed root: patterns to be added to the exclude patterns of the
 /// rules for this root. Paths as for refusal.

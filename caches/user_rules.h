@@ -25,8 +25,9 @@ struct Narrowed {
   std::string reason;     // why nothing of this user's goes; empty: see the definition
 };
 
-/// Reads the file as the effective user, through a descriptor of the home directory. It must be a regular file
-/// of that user's of at most 64 KiB; no link is followed, nothing is waited for. No file: nothing is narrowed.
+/// Reads the file as the effective user, through a descriptor of the home directory. It must be a regular
+/// file of that user's of at most 64 KiB; no link is followed, nothing is waited for. No file: nothing is
+/// narrowed.
 [[nodiscard]] Narrowed narrow(const Definition& definition, int home_directory);
 
 }  // namespace kelvane::caches

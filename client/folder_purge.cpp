@@ -1,6 +1,7 @@
 #include "kelvane/folder_purge.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <algorithm>
@@ -13,16 +14,16 @@
 #include <utility>
 #include <vector>
 
+#include "client/file_deletion.h"
 #include "client/folder_walk.h"
+#include "client/moment.h"
 
 namespace kelvane::client {
 namespace {
 
 constexpr std::uint64_t block = 512;
 
-std::uint64_t bytesOf(const struct stat& status) {
-  return static_cast<std::uint64_t>(status.st_blocks) * block;
-}
+std::uint64_t bytesOf(const struct statx& status) { return status.stx_blocks * block; }
 
 bool allGoUnseen(const FolderPurgeOptions& options) {
   return options.counted_by_volume && options.linked_files && options.order == PurgeOrder::asFound &&
@@ -35,8 +36,12 @@ std::uint64_t freeBytes(int folder) {
   return ::fstatvfs(folder, &status) == 0 ? status.f_bfree * status.f_frsize : 0;
 }
 
-bool mayGo(const struct stat& status, const FolderPurgeOptions& options) {
-  return status.st_mtim.tv_sec <= options.modified_by && (status.st_nlink == 1 || options.linked_files);
+bool isTooLate(const FolderPurgeOptions& options) {
+  return options.deadline != FolderPurgeOptions().deadline && present() >= options.deadline;
+}
+
+bool mayGo(const struct statx& status, const FolderPurgeOptions& options) {
+  return status.stx_mtime.tv_sec <= options.modified_by && (status.stx_nlink == 1 || options.linked_files);
 }
 
 /// Deletes, and keeps the account. Files may be deleted by several threads at once.
@@ -51,6 +56,8 @@ class Purger {
       purge_.end = PurgeEnd::amountFreed;
     } else if (cancellation_.isCancelled()) {
       purge_.end = PurgeEnd::cancelled;
+    } else if (isTooLate(options_)) {
+      purge_.end = PurgeEnd::tooLate;
     }
     return purge_.end != PurgeEnd::nothingLeft;
   }
@@ -62,13 +69,13 @@ class Purger {
     note(error);
     purge_.end = PurgeEnd::failed;
   }
-  void deleteFile(int folder, const char* name, const struct stat& status) {
-    const std::uint64_t bytes = status.st_nlink == 1 ? bytesOf(status) : 0;
+  void deleteSeen(int folder, const char* name, const struct statx& status) {
+    const std::uint64_t bytes = status.stx_nlink == 1 ? bytesOf(status) : 0;
     if (!begin(bytes)) return;
-    end(bytes, bytes >= FolderPurge::asked_from ? deletedAsking(folder, name, status)
-                                                : deleted(folder, name, bytes));
+    end(bytes, bytes >= FolderPurge::asked_from ? deleteFileAsking(folder, name, bytes)
+                                                : deleteFile(folder, name, bytes));
   }
-  void deleteUnseen(int folder, const char* name) { end(0, deleted(folder, name, 0)); }
+  void deleteUnseen(int folder, const char* name) { end(0, deleteFile(folder, name, 0)); }
   void noteFreed(std::uint64_t before, std::uint64_t after) {
     purge_.freed = after > before ? after - before : 0;
   }
@@ -84,13 +91,6 @@ class Purger {
   [[nodiscard]] const FolderPurge& purge() const { return purge_; }
 
  private:
-  struct Deleted {
-    bool is = false;
-    std::uint64_t freed = 0;
-    std::uint64_t held = 0;
-    int error = 0;
-  };
-
   /// Whether these bytes are wanted. When those that others are about to free may already be enough, that is
   /// waited for, so that no file goes in vain.
   bool begin(std::uint64_t bytes) {
@@ -100,7 +100,7 @@ class Purger {
     under_way_ += bytes;
     return true;
   }
-  void end(std::uint64_t bytes, const Deleted& deleted) {
+  void end(std::uint64_t bytes, const FileDeletion& deleted) {
     {
       const std::lock_guard lock(mutex_);
       under_way_ -= bytes;
@@ -110,25 +110,6 @@ class Purger {
       if (deleted.error != 0 && purge_.failures++ == 0) purge_.error = deleted.error;
     }
     changed_.notify_all();
-  }
-
-  static Deleted deleted(int folder, const char* name, std::uint64_t bytes) {
-    if (::unlinkat(folder, name, 0) == 0) return {true, bytes, 0, 0};
-    return {false, 0, 0, errno == ENOENT || errno == EISDIR ? 0 : errno};
-  }
-
-  /// A lease for writing is given only to the one who alone has a file open. With its last name gone nobody
-  /// else can open it any more, so the answer stays true, and there is no one to break the lease.
-  static Deleted deletedAsking(int folder, const char* name, const struct stat& status) {
-    const FileDescriptor file(
-        ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    Deleted gone = deleted(folder, name, 0);
-    if (!gone.is) return gone;
-    struct stat now = status;
-    if (file && (::fstat(file.get(), &now) != 0 || now.st_nlink != 0)) return gone;
-    const bool held = file && ::fcntl(file.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN;
-    (held ? gone.held : gone.freed) = bytesOf(now);
-    return gone;
   }
 
   const FolderPurgeOptions& options_;
@@ -144,14 +125,16 @@ class PurgeAsFound final : public FolderWalk::Visitor {
   enum class Files { seen, unseen, stay };
   PurgeAsFound(Purger& purger, Files files) : purger_(purger), files_(files) {}
   [[nodiscard]] bool done() override { return purger_.done(); }
-  void file(int folder, const char* name, const struct stat& status) override {
+  void file(int folder, const char* name, const struct statx& status) override {
     if (files_ == Files::unseen) {
       purger_.deleteUnseen(folder, name);
     } else if (files_ == Files::seen && mayGo(status, purger_.options())) {
-      purger_.deleteFile(folder, name, status);
+      purger_.deleteSeen(folder, name, status);
     }
   }
-  void entered(const std::string& /*name*/) override {}
+  [[nodiscard]] bool entered(int /*parent*/, int /*folder*/, const std::string& /*name*/) override {
+    return true;
+  }
   void left(int parent, const std::string& name) override {
     if (parent >= 0) purger_.deleteFolder(parent, name);
   }
@@ -186,8 +169,8 @@ struct Folder {
 };
 
 struct File {
-  timespec modified;
-  ino_t number;
+  statx_timestamp modified;
+  std::uint64_t number;
   std::size_t folder;
   std::string name;
 };
@@ -197,12 +180,13 @@ class FilesByAge final : public FolderWalk::Visitor {
  public:
   explicit FilesByAge(Purger& purger) : purger_(purger) {}
   [[nodiscard]] bool done() override { return purger_.done(); }
-  void file(int /*folder*/, const char* name, const struct stat& status) override {
-    if (mayGo(status, purger_.options())) files.push_back({status.st_mtim, status.st_ino, current_, name});
+  void file(int /*folder*/, const char* name, const struct statx& status) override {
+    if (mayGo(status, purger_.options())) files.push_back({status.stx_mtime, status.stx_ino, current_, name});
   }
-  void entered(const std::string& name) override {
+  [[nodiscard]] bool entered(int /*parent*/, int /*folder*/, const std::string& name) override {
     folders.push_back({current_, name});
     current_ = folders.size() - 1;
+    return true;
   }
   void left(int /*parent*/, const std::string& /*name*/) override { current_ = folders[current_].parent; }
   void failed(int error) override { purger_.note(error); }
@@ -262,12 +246,14 @@ class SeenFolders {
 };
 
 void deleteAsSeen(Purger& purger, int folder, const File& file) {
-  struct stat now {};
-  if (folder < 0 || ::fstatat(folder, file.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return;
-  const bool same = S_ISREG(now.st_mode) && now.st_ino == file.number &&
-                    now.st_mtim.tv_sec == file.modified.tv_sec &&
-                    now.st_mtim.tv_nsec == file.modified.tv_nsec;
-  if (same && mayGo(now, purger.options())) purger.deleteFile(folder, file.name.c_str(), now);
+  struct statx now {};
+  if (folder < 0 || ::statx(folder, file.name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &now) != 0) {
+    return;
+  }
+  const bool same = S_ISREG(now.stx_mode) && now.stx_ino == file.number &&
+                    now.stx_mtime.tv_sec == file.modified.tv_sec &&
+                    now.stx_mtime.tv_nsec == file.modified.tv_nsec;
+  if (same && mayGo(now, purger.options())) purger.deleteSeen(folder, file.name.c_str(), now);
 }
 
 /// What it keeps open is closed on return: a folder that is deleted and still open makes deleting those above
@@ -293,11 +279,13 @@ class Sum final : public FolderWalk::Visitor {
  public:
   Sum(const FolderPurgeOptions& options, const Cancellation& cancellation)
       : options_(options), cancellation_(cancellation) {}
-  [[nodiscard]] bool done() override { return cancellation_.isCancelled(); }
-  void file(int /*folder*/, const char* /*name*/, const struct stat& status) override {
-    if (status.st_nlink == 1 && mayGo(status, options_)) bytes += bytesOf(status);
+  [[nodiscard]] bool done() override { return cancellation_.isCancelled() || isTooLate(options_); }
+  void file(int /*folder*/, const char* /*name*/, const struct statx& status) override {
+    if (status.stx_nlink == 1 && mayGo(status, options_)) bytes += bytesOf(status);
   }
-  void entered(const std::string& /*name*/) override {}
+  [[nodiscard]] bool entered(int /*parent*/, int /*folder*/, const std::string& /*name*/) override {
+    return true;
+  }
   void left(int /*parent*/, const std::string& /*name*/) override {}
   void failed(int /*error*/) override {}
 
@@ -347,6 +335,12 @@ std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options,
   } catch (const std::bad_alloc&) {
     return 0;
   }
+}
+
+std::uint64_t purgeableBytes(const std::string& path, const FolderPurgeOptions& options,
+                             const Cancellation& cancellation) noexcept {
+  const FileDescriptor folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return folder ? purgeableBytes(folder.get(), options, cancellation) : 0;
 }
 
 }  // namespace kelvane::client

@@ -9,15 +9,6 @@
 namespace kelvane::client {
 namespace {
 
-Request requestOf(std::int32_t urgency, Dictionary info) {
-  Request request;
-  request.urgency = urgency;
-  if (const std::string* const volume = info[KELVANE_VOLUME].string()) request.volume = *volume;
-  request.amount = info[KELVANE_AMOUNT].unsignedLongLongValue();
-  request.info = std::move(info);
-  return request;
-}
-
 std::optional<Dictionary> answerOf(const std::optional<Purgeable>& purgeable) {
   if (!purgeable) return std::nullopt;
   Dictionary answer{{KELVANE_AMOUNT, purgeable->bytes}};
@@ -33,7 +24,8 @@ Dictionary amount(std::uint64_t bytes) { return Dictionary{{KELVANE_AMOUNT, byte
 /// connection has ended: nobody then waits for the purges asked for over it, nor for an answer.
 class HandlerCalls::Door final : public KelvaneServiceProtocol {
  public:
-  explicit Door(std::shared_ptr<HandlerCalls> calls) : calls_(std::move(calls)) {}
+  explicit Door(std::shared_ptr<HandlerCalls> calls)
+      : calls_(std::move(calls)), open_(calls_->activity_->begin()) {}
   ~Door() override {
     gone_->store(true);
     for (const auto& flag : asked_) flag->store(true);
@@ -44,8 +36,10 @@ class HandlerCalls::Door final : public KelvaneServiceProtocol {
   void servicePurgeable(std::int32_t urgency, Dictionary info,
                         Reply<std::optional<Dictionary>> reply) override {
     calls_->submit(calls_->question_queue_,
-                   [gone = gone_, urgency, info = std::move(info), reply = std::move(reply)](auto& handler) {
-                     reply(answerOf(handler.purgeable(requestOf(urgency, info), Cancellation(gone))));
+                   [calls = calls_, gone = gone_, urgency, by = questionAnswerBy(), info = std::move(info),
+                    reply = std::move(reply)](auto& handler) {
+                     const auto request = calls->requestFor(urgency, info, by);
+                     reply(answerOf(request ? handler.purgeable(*request, Cancellation(gone)) : Purgeable()));
                    });
   }
 
@@ -53,20 +47,24 @@ class HandlerCalls::Door final : public KelvaneServiceProtocol {
     const Flag flag = calls_->beginPurge();
     std::erase_if(asked_, [](const Flag& other) { return other.use_count() == 1; });
     asked_.push_back(flag);
-    calls_->submit(calls_->work_queue_, [calls = calls_, flag, urgency, info = std::move(info),
+    const Moment by = calls_->pass_.answerBy(urgency, info);
+    calls_->submit(calls_->work_queue_, [calls = calls_, flag, urgency, by, info = std::move(info),
                                          reply = std::move(reply)](auto& handler) {
-      const bool wanted = !flag->load();
-      reply(amount(wanted ? handler.purge(requestOf(urgency, info), Cancellation(flag)) : 0));
+      const auto request = flag->load() ? std::nullopt : calls->requestFor(urgency, info, by);
+      const std::uint64_t gave = request ? handler.purge(*request, Cancellation(flag)) : 0;
+      calls->pass_.answered(info[KELVANE_AMOUNT].unsignedLongLongValue(), gave);
+      reply(amount(gave));
       calls->endPurge(flag);
     });
   }
 
   void servicePeriodic(std::int32_t urgency, Dictionary info,
                        Reply<std::optional<Dictionary>> reply) override {
-    calls_->submit(calls_->work_queue_,
-                   [urgency, info = std::move(info), reply = std::move(reply)](auto& handler) {
-                     reply(amount(handler.periodic(requestOf(urgency, info))));
-                   });
+    calls_->submit(calls_->work_queue_, [calls = calls_, urgency, by = periodicAnswerBy(),
+                                         info = std::move(info), reply = std::move(reply)](auto& handler) {
+      const auto request = calls->requestFor(urgency, info, by);
+      reply(amount(request ? handler.periodic(*request) : 0));
+    });
   }
 
   /// The daemon may hang up right after this, so the answer waits for nothing.
@@ -93,15 +91,30 @@ class HandlerCalls::Door final : public KelvaneServiceProtocol {
 
  private:
   const std::shared_ptr<HandlerCalls> calls_;
+  const std::shared_ptr<void> open_;
   const Flag gone_ = std::make_shared<std::atomic<bool>>(false);
   std::vector<Flag> asked_;  // on the connection's queue only; a flag that is only here has been answered
 };
 
 template <class F>
 void HandlerCalls::submit(const dispatch_queue_t& queue, F call) {
-  dispatch_async(queue, [self = shared_from_this(), call = std::move(call)] {
+  dispatch_async(queue, [self = shared_from_this(), running = activity_->begin(), call = std::move(call)] {
     if (!self->ended_) call(self->handler_);
   });
+}
+
+std::optional<Request> HandlerCalls::requestFor(std::int32_t urgency, const Dictionary& info,
+                                                Moment answer_by) const {
+  Request request;
+  request.urgency = urgency;
+  if (const std::string* const volume = info[KELVANE_VOLUME].string()) request.volume = *volume;
+  request.amount = info[KELVANE_AMOUNT].unsignedLongLongValue();
+  request.info = info;
+  request.answer_by = answer_by;
+  if (directories_.areAllVolumes()) return request;
+  request.directories = pathsOf(directories_.openOn(request.volume));
+  if (request.directories.empty()) return std::nullopt;
+  return request;
 }
 
 void HandlerCalls::serve(const std::shared_ptr<xpc::Connection>& connection) {

@@ -60,7 +60,8 @@ void serve(xpc::Listener& listener, const std::shared_ptr<HandlerCalls>& calls,
 
 /// One of `listener` (declared) and `registration` (checked in) is there. Constant after construction.
 struct Service::Parts {
-  explicit Parts(ServiceHandler& handler) : calls(std::make_shared<HandlerCalls>(handler)) {}
+  Parts(ServiceHandler& handler, ServiceDirectories directories)
+      : calls(std::make_shared<HandlerCalls>(handler, std::move(directories))) {}
   ~Parts() {
     if (registration) registration->end();
     if (listener) listener->invalidate();
@@ -78,7 +79,9 @@ Result<std::unique_ptr<Service>> Service::start(ServiceHandler& handler, const S
   if (options.id.empty()) return Error{Failure::badRequest, "a service needs an ID"};
   if (!options.socket_path.empty() && !options.passed_socket.empty())
     return Error{Failure::badRequest, "a service serves one socket, not two"};
-  auto parts = std::make_unique<Parts>(handler);
+  Result<ServiceDirectories> directories = ServiceDirectories::of(options);
+  if (!directories) return directories.error();
+  auto parts = std::make_unique<Parts>(handler, *std::move(directories));
   if (options.socket_path.empty() && options.passed_socket.empty()) {
     parts->registration = std::make_shared<Registration>(parts->calls, options);
     parts->registration->start();
@@ -96,5 +99,23 @@ ServiceHandler::~ServiceHandler() = default;
 
 Service::Service(std::unique_ptr<Parts> parts) : parts_(std::move(parts)) {}
 Service::~Service() = default;
+
+std::optional<std::chrono::steady_clock::time_point> Service::idleSince() const {
+  return parts_->calls->idleSince();
+}
+
+/// No connection comes to be once the listener is paused, so the second look is the one that counts.
+bool Service::pauseIfIdle() {
+  if (parts_->listener == nullptr || !idleSince() || !parts_->listener->pauseIfNobodyWaits()) return false;
+  if (idleSince()) return true;
+  parts_->listener->goOn();
+  return false;
+}
+
+void Service::resume() {
+  if (parts_->listener != nullptr) parts_->listener->goOn();
+}
+
+void Service::cancelPurges() { parts_->calls->cancelPurges(); }
 
 }  // namespace kelvane::client

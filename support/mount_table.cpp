@@ -31,6 +31,7 @@ MountEntry entry(libmnt_fs* mount) {
   result.type = text(mnt_fs_get_fstype(mount));
   const dev_t device = mnt_fs_get_devno(mount);
   result.device = fmt::format("{}:{}", major(device), minor(device));
+  result.id = static_cast<std::uint64_t>(mnt_fs_get_id(mount));
   // The mount and the file system below it each have a say.
   result.writable =
       !saysReadOnly(mnt_fs_get_vfs_options(mount)) && !saysReadOnly(mnt_fs_get_fs_options(mount));

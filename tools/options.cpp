@@ -114,6 +114,14 @@ void describeLaunch(CLI::App& app, Options& options) {
   post->add_option("event", options.value, "The event, as a JSON object; default: {}")->type_name("JSON");
 }
 
+void describeCachesCommands(CLI::App& app, Options& options) {
+  CLI::App* const caches = app.add_subcommand(
+      "caches", "Show the caches that the package kelvane-caches gives back, and what of them would go");
+  caches->require_subcommand(0, 1)->fallthrough();
+  caches->callback([&options] { options.command = cachesCommand; });  // alone: list
+  describeCaches(*caches, options.caches);
+}
+
 std::string footer() {
   std::string text = "Exit codes:";
   for (const ExitCodeText& code : exitCodeTexts()) text += fmt::format("\n  {:>3}  {}", code.code, code.text);
@@ -207,6 +215,7 @@ void describe(CLI::App& app, Options& options) {
   describeState(app, options);
   addCommand(app, options, "stats", "Show what the daemon has counted since its start", statsCommand);
   describeLaunch(app, options);
+  describeCachesCommands(app, options);
   app.footer(footer());
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/caches_options.h"
 #include "tools/screen.h"
 
 namespace kelvane::tools {
@@ -25,6 +26,7 @@ struct Options {
   std::string key;
   std::string value;
   std::string name;
+  CachesRequest caches;
 
   /// What was chosen; prints, and returns the exit code.
   std::function<int(const Options&, const Screen&)> command;

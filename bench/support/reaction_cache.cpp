@@ -55,6 +55,7 @@ class Cache final : public client::ServiceHandler {
   Cache cache(folder, report, registered);
   client::ServiceOptions options;
   options.id = ID;
+  options.directories = {folder};
   options.daemon_socket = daemon_socket;
   [[maybe_unused]] const auto service = client::Service::start(cache, options);
   while (true) ::pause();

@@ -25,6 +25,7 @@
 // has ended on return; not so with oldestFirst, nor with linked_files unless counted by the volume. Takes up
 // to 40 descriptors (100 for oldestFirst), however deep the folders are. Nothing is thrown. Needs Linux 5.6.
 
+#include <chrono>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -60,13 +61,16 @@ struct FolderPurgeOptions {
   bool counted_by_volume = false;
   /// Whether folders in the folder go that it finds, or leaves, empty. The folder itself always stays.
   bool empty_folders = false;
+  /// When to come back with what was done until then, such as Request::answer_by. Looked at before each file.
+  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 
 enum class PurgeEnd {
   amountFreed,
   nothingLeft,  // that may go and can be deleted
   cancelled,
-  failed,  // the folder cannot be opened or read, or memory ran out
+  tooLate,  // the deadline came first
+  failed,   // the folder cannot be opened or read, or memory ran out
 };
 
 struct FolderPurge {
@@ -90,9 +94,12 @@ struct FolderPurge {
                                                      const Cancellation& cancellation) noexcept;
 
 /// The bytes of files that purging with these options could free, their amount and order aside. Files with
-/// several names count nothing. 0 when the folder cannot be read; when cancelled, what was counted until
-/// then.
+/// several names count nothing. 0 when the folder cannot be read; when cancelled, or once the deadline has
+/// come, what was counted until then.
 [[nodiscard]] KELVANE_EXPORT std::uint64_t purgeableBytes(int folder, const FolderPurgeOptions& options,
+                                                          const Cancellation& cancellation) noexcept;
+[[nodiscard]] KELVANE_EXPORT std::uint64_t purgeableBytes(const std::string& path,
+                                                          const FolderPurgeOptions& options,
                                                           const Cancellation& cancellation) noexcept;
 
 }  // namespace kelvane::client

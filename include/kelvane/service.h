@@ -67,7 +67,7 @@ struct Request {
   /// The moment to answer at the latest, with what was done until then: what comes after the daemon has gone
   /// on counts as nothing. A purge gets 70 % of its pass, counted from the pass's first request to this
   /// service, so a service that is asked again within a pass has what is left of it. A question gets 8
-  /// seconds. Periodic maintenance has no limit.
+  /// seconds, periodic maintenance 10.
   std::chrono::steady_clock::time_point answer_by = std::chrono::steady_clock::time_point::max();
 };
 
@@ -107,8 +107,8 @@ class KELVANE_EXPORT ServiceHandler {
 struct ServiceOptions {
   std::string id;  // required; unique among the services of the device
 
-  /// Required: the directories that hold the service's data. Each must exist when the service starts. Links in
-  /// these paths are followed then, and only then: a directory that has gone later, or has a link in its
+  /// Required: the directories that hold the service's data. Each must exist when the service starts. Links
+  /// in these paths are followed then, and only then: a directory that has gone later, or has a link in its
   /// place, is on no volume.
   std::vector<std::string> directories;
   /// Instead of `directories`: the handler is asked about every volume, and finds out by itself what it has
@@ -159,6 +159,10 @@ class KELVANE_EXPORT Service {
   [[nodiscard]] bool pauseIfIdle();
   /// Accepts connections again, those that came meanwhile first. Does nothing unless paused.
   void resume();
+
+  /// Cancels the purges that run, as the daemon does: they answer with what they freed until then. For a
+  /// program that is about to end; purges that come later run. Any thread.
+  void cancelPurges();
 
  private:
   struct Parts;

@@ -20,7 +20,13 @@
 namespace kelvane {
 namespace {
 
-/// The names of the descriptors that were handed over, the first of them being SD_LISTEN_FDS_START.
+bool isSocket(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+}  // namespace
+
 std::vector<std::string> passedSocketNames() {
   char** names = nullptr;
   const int count = sd_listen_fds_with_names(0, &names);
@@ -32,13 +38,6 @@ std::vector<std::string> passedSocketNames() {
   std::free(names);
   return result;
 }
-
-bool isSocket(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
-}
-
-}  // namespace
 
 bool notifyReady() { return sd_notify(0, "READY=1") > 0; }
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/foundation/file_descriptor.h"
 
@@ -21,6 +22,9 @@ bool notifyReady();
 /// That sign. False when nobody asked for it.
 bool notifyAlive();
 
+/// The names of the descriptors that socket activation handed over, in their order; those that were taken as
+/// well.
+[[nodiscard]] std::vector<std::string> passedSocketNames();
 /// The descriptor that socket activation handed over under that name; empty when there is none. Each is given
 /// away once, the first of several of one name first, and closes on execution.
 [[nodiscard]] FileDescriptor takePassedSocket(const std::string& name);

@@ -177,7 +177,7 @@ bool Listener::acceptOne() {
   FileDescriptor accepted;
   {
     const std::scoped_lock lock(mutex_);
-    if (!socket_) return false;
+    if (!socket_ || paused_) return false;
     accepted = FileDescriptor(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!accepted && outOfDescriptors(errno)) {
       // Whoever waits to be accepted keeps the socket readable; look again when some may have been freed.
@@ -188,9 +188,27 @@ bool Listener::acceptOne() {
       return false;
     }
     if (!accepted) return errno == ECONNABORTED || errno == EINTR;
+    ++admitting_;
   }
   admit(std::move(accepted));
+  const std::scoped_lock lock(mutex_);
+  --admitting_;
   return true;
+}
+
+bool Listener::pauseIfNobodyWaits() {
+  const std::scoped_lock lock(mutex_);
+  if (paused_) return true;
+  pollfd waiting{socket_.get(), POLLIN, 0};
+  if (admitting_ > 0 || ::poll(&waiting, 1, 0) != 0) return false;
+  paused_ = true;
+  return true;
+}
+
+void Listener::goOn() {
+  const std::scoped_lock lock(mutex_);
+  // Readiness is reported on change, and what came meanwhile was passed over.
+  if (std::exchange(paused_, false)) source_.again();
 }
 
 bool Listener::receiveOne() {

@@ -48,6 +48,10 @@ class Listener final : public std::enable_shared_from_this<Listener> {
 
   /// Anonymous listeners only. The listener keeps no copy: it ends when the last one given away is dropped.
   [[nodiscard]] Endpoint takeEndpoint();
+  /// Accepts no more until `goOn`, provided that nobody waits to be accepted and that each connection
+  /// accepted so far has been given to the handler. Returns whether that is so. Not for anonymous listeners.
+  [[nodiscard]] bool pauseIfNobodyWaits();
+  void goOn();
   /// Accepts no more.
   void invalidate();
 
@@ -74,6 +78,8 @@ class Listener final : public std::enable_shared_from_this<Listener> {
   EventSource source_;
   Timer retry_;
   Block endpoint_closed_;
+  bool paused_ = false;
+  unsigned admitting_ = 0;  // connections on their way from `accept` to the handler
 };
 
 }  // namespace kelvane::xpc

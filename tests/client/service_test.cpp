@@ -89,6 +89,7 @@ class AService : public testing::Test {
   ServiceOptions options(const std::string& id = "com.example.one") const {
     ServiceOptions options;
     options.id = id;
+    options.all_volumes = true;
     options.daemon_socket = socket_;
     return options;
   }

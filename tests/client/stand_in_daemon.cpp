@@ -6,8 +6,9 @@
 // Writes "ready", "checked-in ID" and the answers to its commands, a line each. Commands, a line each:
 //   ping ID | purge ID URGENCY AMOUNT | hang-up-purge ID | cancel ID | purgeable ID URGENCY | notify ID NAME
 //   periodic ID
-//   drop ID                  forgets the service
-//   serve PATH               the next commands with the ID "-" go to the declared service that listens there
+//   VERB ID URGENCY AMOUNT KEY=VALUE...   with these entries in the request; the volume is "/volume" unless
+//   said drop ID                  forgets the service serve PATH               the next commands with the ID
+//   "-" go to the declared service that listens there
 // Check-ins with an ID that begins with "declared" are answered with nothing, "unentitled" not at all.
 
 #include <atomic>
@@ -130,7 +131,9 @@ class StandIn final : public KelvaneClientProtocol, public std::enable_shared_fr
     } else {
       words >> urgency >> amount;
     }
-    return ask(verb, id, name, urgency, amount);
+    Dictionary info{{KELVANE_VOLUME, "/volume"}, {KELVANE_AMOUNT, amount}};
+    for (std::string entry; words >> entry;) setEntry(info, entry);
+    return ask(verb, id, name, urgency, info);
   }
 
  private:
@@ -181,9 +184,16 @@ class StandIn final : public KelvaneClientProtocol, public std::enable_shared_fr
                      : xpc::Connection::initWithListenerEndpoint(services_[id].endpoint);
   }
 
+  /// "KEY=VALUE"; a value of digits is a number.
+  static void setEntry(Dictionary& info, const std::string& entry) {
+    const std::size_t sign = entry.find('=');
+    const std::string value = entry.substr(sign + 1);
+    const bool number = value.find_first_not_of("0123456789") == std::string::npos;
+    info.set(entry.substr(0, sign), number ? Value(std::stoull(value)) : Value(value));
+  }
+
   std::string ask(const std::string& verb, const std::string& id, const std::string& name, int urgency,
-                  std::uint64_t amount) {
-    const Dictionary info{{KELVANE_VOLUME, "/volume"}, {KELVANE_AMOUNT, amount}};
+                  const Dictionary& info) {
     return callService(connect(id), [&](KelvaneServiceProtocol& service, const auto& finish) {
       const auto answered = [finish](const std::optional<Dictionary>& answer) { finish(amountIn(answer)); };
       const auto done = [finish] { finish("ok"); };

@@ -21,10 +21,9 @@ class ExampleService : public testing::TestWithParam<const char*> {
     if (GetParam() == std::string("python")) {
       command = {"/usr/bin/python3", KELVANE_SOURCE_FOLDER "/examples/python_service.py"};
     }
-    for (const std::string& argument : {std::string("--id"), std::string(ID), std::string("--folder"),
-                                        folder_, std::string("--daemon"), daemon_.socket()}) {
-      command.push_back(argument);
-    }
+    const std::vector<std::string> arguments = {
+        "--id", ID, "--folder", folder_, "--daemon", daemon_.socket(), "--lifetime", "0", "--youngest", "0"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
     auto service = std::make_unique<Process>(command);
     EXPECT_TRUE(service->printed("registered")) << service->output();
     return service;

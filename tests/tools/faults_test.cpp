@@ -83,7 +83,7 @@ TEST(Kelvanectl, SaysInOneLineWhatIsWrongAndWhatToDo) {
       {"purge /", 2, "amount is required"},
       {"purge", 2, "volume is required"},
       {"purge /nowhere 5M", 2, "\"/nowhere\": No such file or directory; name a volume"},
-      {"purge /proc/self 5M", 2, "is no volume that the daemon serves"},
+      {"purge /proc/self 5M", 2, "is not a volume that the daemon serves"},
       {"frobnicate", 2, "there is no command \"frobnicate\""},
       {"status --frobnicate", 2, "--frobnicate"},
       {"", 2, "subcommand is required"},

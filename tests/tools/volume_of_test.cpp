@@ -71,14 +71,14 @@ TEST_F(VolumeOf, IsNoneForAPathOnSomethingElse) {
   std::filesystem::create_directories(home + "/share");
   const Mounts mounts(
       {{"/dev/a", "/", "/", "ext4", "8:1", true}, {"server:/", "/", home + "/share", "nfs", "0:50", true}});
-  EXPECT_THAT(problemWith(home + "/share"), testing::HasSubstr("is no volume that the daemon serves"));
+  EXPECT_THAT(problemWith(home + "/share"), testing::HasSubstr("is not a volume that the daemon serves"));
 }
 
 TEST_F(VolumeOf, IsTheLastOfSeveralMountsAtOnePath) {
   std::filesystem::create_directories(home + "/share");
   const Mounts mounts({{"/dev/b", "/", home + "/share", "ext4", "8:2", true},
                        {"server:/", "/", home + "/share", "nfs", "0:50", true}});
-  EXPECT_THAT(problemWith(home + "/share"), testing::HasSubstr("is no volume that the daemon serves"));
+  EXPECT_THAT(problemWith(home + "/share"), testing::HasSubstr("is not a volume that the daemon serves"));
 }
 
 TEST_F(VolumeOf, IsNoneForAPathThatIsNotThere) {

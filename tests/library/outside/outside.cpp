@@ -69,6 +69,8 @@ void service(const std::string& nowhere) {
   ServiceOptions options;
   expect(!Service::start(handler, options), "a service without an ID does not start");
   options.id = "com.example.outside";
+  expect(!Service::start(handler, options), "nor does one that does not say where its data is");
+  options.all_volumes = true;
   options.daemon_socket = nowhere;
   const auto started = Service::start(handler, options);
   handler.waits.get_future().get();

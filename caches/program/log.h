@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+
+#include "caches/program/purge_entry.h"
+
+namespace kelvane::caches {
+
+/// One line for whoever reads the service's log. Any thread.
+void logLine(const std::string& text);
+
+/// Into the journal when standard error goes there, else as a line on standard error. Any thread.
+void logEntry(const PurgeEntry& entry);
+
+}  // namespace kelvane::caches

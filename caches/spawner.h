@@ -1,0 +1,45 @@
+#pragma once
+
+// The process that forks workers. It has one thread and root's rights, and does nothing but fork and kill its
+// own children, so what is forked from it has no locks that other threads held.
+
+#include <sys/types.h>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "caches/job.h"
+#include "caches/worker_settings.h"
+#include "platform/foundation/file_descriptor.h"
+
+namespace kelvane::caches {
+
+/// The main process's hold on it. Destroying it ends the spawner and its workers. Any thread.
+class Spawner {
+ public:
+  /// Forks: only while the process has one thread. Null, with errno, when that fails.
+  static std::unique_ptr<Spawner> start(std::vector<Definition> definitions, WorkerSettings settings);
+  ~Spawner();
+  Spawner(const Spawner&) = delete;
+  Spawner& operator=(const Spawner&) = delete;
+
+  struct Worker {
+    std::uint64_t number = 0;
+    FileDescriptor socket;  // its report; at its end when the worker has ended
+  };
+  /// Nothing, with errno, when the spawner cannot be told.
+  [[nodiscard]] std::optional<Worker> startWorker(const Job& job);
+  void kill(std::uint64_t worker);
+
+ private:
+  Spawner(FileDescriptor control, pid_t process) : control_(std::move(control)), process_(process) {}
+
+  FileDescriptor control_;  // constant; each message is sent at once
+  const pid_t process_;
+  std::mutex mutex_;
+  std::uint64_t last_ = 0;  // guarded by mutex_
+};
+
+}  // namespace kelvane::caches

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "client/cache_removal.h"
+#include "client/hard_links.h"
+
+namespace kelvane::client {
+
+struct LinkedRemovalParts {
+  const CacheSetup& setup;
+  const CacheLocks& locks;
+  OpenFiles* open;
+  const RemovalTerms& terms;
+  const CacheItemSink* sink;
+  CacheProgress& progress;
+};
+
+/// Deletes files with several names of which all were seen to go: one file after the other, each with all its
+/// names, so that no name goes without freeing its file. The names are found in further walks, as many at a
+/// time as memory allows.
+void removeLinked(const LinkedRemovalParts& parts, HardLinks& links);
+
+}  // namespace kelvane::client

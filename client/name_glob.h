@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string_view>
+
+namespace kelvane::client {
+
+/// Whether a name matches: "*", "?", "[...]" and "\" as in glob(7), byte by byte; a leading dot is like any
+/// other byte. Takes time in proportion to the product of both lengths at most.
+[[nodiscard]] bool nameMatches(std::string_view glob, std::string_view name);
+
+/// What is wrong with it; empty: nothing.
+[[nodiscard]] std::string_view problemInGlob(std::string_view glob);
+
+}  // namespace kelvane::client

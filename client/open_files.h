@@ -1,0 +1,40 @@
+#pragma once
+
+#include <sys/types.h>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace kelvane::client {
+
+/// The files that processes have open or mapped, as far as this process may see it: those of its own user,
+/// or, for root, all.
+class OpenFiles {
+ public:
+  static constexpr std::size_t most_files = 65'536;  // with more, every file counts as open
+
+  void refresh();
+  /// Unless that was done a moment ago.
+  void refreshWhenOld();
+  [[nodiscard]] bool have(dev_t device, ino_t number) const;
+
+ private:
+  struct File {
+    std::uint64_t device = 0;  // 0: any. What a mapping tells of it may be another than what stat tells.
+    std::uint64_t number = 0;
+    auto operator<=>(const File&) const = default;
+  };
+
+  void addProcess(int process);
+  void addDescriptors(int process);
+  void addMappings(int process);
+  void add(File file);
+  void dropRepeated();
+
+  std::vector<File> files_;  // sorted, once complete
+  bool too_many_ = false;
+  std::chrono::steady_clock::time_point refreshed_at_{};
+};
+
+}  // namespace kelvane::client
