@@ -1,4 +1,4 @@
-# Sourced by script/test-package: a Debian in a folder, what is in it, and what has changed since.
+# Sourced by script/test-package and script/test-caches: a Debian in a folder, what is in it, and what has changed since.
 
 suite=bookworm
 trial=
@@ -14,10 +14,11 @@ go_inside_as_daemon() {
 inside() { (go_inside "$@"); }
 as_daemon() { (go_inside_as_daemon "$@"); }
 
-# make_root PACKAGE: a Debian with all that PACKAGE depends on, unpacked from the archive that is made the first time.
+# make_root PACKAGE...: a Debian with all that the packages depend on and with an init, unpacked from the archive that is
+# made the first time.
 make_root() {
   local needed archive
-  needed=$(dpkg --field "$1" Depends | sed 's/([^)]*)//g; s/|[^,]*//g; s/ //g')
+  needed=$(needed_by "$@")
   archive=$root/build/debian-$suite-$(printf %s "$needed" | md5sum | cut -c 1-8).tar
   [ -f "$archive" ] || make_archive "$archive" "$needed"
   trial=$(mktemp -d "$root/build/trial-XXXXXX")
@@ -29,6 +30,16 @@ make_root() {
   # As in an image that is being made: nothing may be started.
   printf '#!/bin/sh\nexit 101\n' >"$trial/usr/sbin/policy-rc.d"
   chmod 755 "$trial/usr/sbin/policy-rc.d"
+}
+
+# needed_by PACKAGE...: what the files depend on but for one another, separated by commas.
+needed_by() {
+  local one names=()
+  for one in "$@"; do names+=(-e "$(dpkg --field "$one" Package)"); done
+  {
+    echo systemd-sysv
+    for one in "$@"; do dpkg --field "$one" Depends | sed 's/([^)]*)//g; s/|[^,]*//g; s/ //g' | tr , '\n'; done
+  } | sort -u | grep -vxF "${names[@]}" | paste -s -d ,
 }
 
 make_archive() {
@@ -44,13 +55,15 @@ make_archive() {
 
 remove_root() {
   umount "$trial/proc"
-  rm -rf "$trial" "$lists"
+  rm -rf --one-file-system "$trial" "$lists"
 }
 
+# install_package PACKAGE...: several at once, as they need one another.
 install_package() {
-  cp "$1" "$trial/package.deb"
-  inside dpkg --install /package.deb
-  rm "$trial/package.deb"
+  mkdir "$trial/packages"
+  cp "$@" "$trial/packages"
+  inside dpkg --install --recursive /packages
+  rm -r "$trial/packages"
   [ -z "$(inside dpkg --audit)" ] || die "dpkg is not content"
 }
 
