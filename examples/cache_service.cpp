@@ -21,8 +21,8 @@ using client::ServiceState;
 
 struct Settings {
   std::string directory;
-  std::int64_t lifetime = 30 * 86'400;  // seconds
-  std::int64_t youngest = 3'600;        // seconds
+  std::int64_t lifetime = 2'592'000;  // seconds: 30 days
+  std::int64_t youngest = 3'600;      // seconds
   bool verbose = false;
   client::ServiceOptions service;
 };

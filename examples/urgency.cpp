@@ -4,9 +4,8 @@ namespace kelvane::examples {
 
 client::CacheRules rulesFor(std::chrono::seconds lifetime, std::chrono::seconds youngest) {
   client::CacheRules rules;
-  for (int urgency = 1; urgency <= client::most_urgent; ++urgency)
-    rules.ages[static_cast<std::size_t>(urgency) - 1] =
-        lifetime / client::most_urgent * (client::most_urgent - urgency);
+  int quarters = client::most_urgent;
+  for (auto& age : rules.ages) age = lifetime / client::most_urgent * --quarters;
   rules.youngest = youngest;
   return rules;
 }

@@ -80,6 +80,7 @@ class AServiceOnVolumes : public testing::Test {
     options.directories = std::move(directories);
     return options;
   }
+  static void makeFile(const std::string& path) { const FileDescriptor file(::creat(path.c_str(), 0600)); }
   /// Checked in.
   void start(std::vector<std::string> directories) {
     auto started = Service::start(handler_, options(std::move(directories)));
@@ -203,7 +204,7 @@ TEST_F(AServiceOnVolumes, GoesWithWhatIsMountedOverItsDirectory) {
 TEST_F(AServiceOnVolumes, HasNothingWhereAFileTookThePlaceOfItsDirectory) {
   start({a_ + "/cache"});
   fs::remove(a_ + "/cache");
-  FileDescriptor(::creat((a_ + "/cache").c_str(), 0600));
+  makeFile(a_ + "/cache");
   EXPECT_EQ(ask("purge", a_), "0");
 }
 
@@ -219,7 +220,7 @@ TEST_F(AServiceOnVolumes, MustSayWhereItsDataIs) {
 TEST_F(AServiceOnVolumes, DoesNotStartWithADirectoryThatIsNotThere) {
   EXPECT_EQ(whyNot(options({a_ + "/cache", a_ + "/nothing"})),
             "service directory \"" + a_ + "/nothing\": No such file or directory");
-  FileDescriptor(::creat((a_ + "/file").c_str(), 0600));
+  makeFile(a_ + "/file");
   EXPECT_EQ(whyNot(options({a_ + "/file"})), "service directory \"" + a_ + "/file\": Not a directory");
   EXPECT_EQ(whyNot(options({""})), "service directory \"\": No such file or directory");
 }

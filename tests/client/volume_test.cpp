@@ -83,7 +83,7 @@ TEST_F(AVolume, IsNamedByOneOfTheMountsOfItsDevice) {
 TEST_F(AVolume, HoldsASingleFileThatIsMountedElsewhere) {
   const PrivateMount tmpfs = PrivateMount::tmpfs(a_, "1m");
   for (const std::string& file : {a_ + "/file", directory_ / "file"})
-    FileDescriptor(::creat(file.c_str(), 0600));
+    const FileDescriptor made(::creat(file.c_str(), 0600));
   const PrivateMount bound("none", a_ + "/file", directory_ / "file", MS_BIND);
   EXPECT_EQ(of(directory_ / "file"), a_);
 }

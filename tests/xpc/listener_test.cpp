@@ -10,6 +10,7 @@
 #include "platform/dispatch/executor.h"
 #include "platform/dispatch/manual_clock.h"
 #include "platform/xpc/launch.h"
+#include "tests/foundation/temporary_directory.h"
 #include "tests/xpc/descriptors.h"
 #include "tests/xpc/echo_server.h"
 #include "tests/xpc/run_program.h"
@@ -62,6 +63,21 @@ TEST_P(ListenerResources, AThousandConnectionsLeaveNoDescriptorNoSourceAndNoTime
   EXPECT_EQ(dispatch_statistics().event_sources, before.event_sources);
   EXPECT_EQ(dispatch_statistics().timers, before.timers);
   server.expectOthersAreServed();
+}
+
+/// A listener that has not been resumed accepts nobody, so whoever connects is sure to wait.
+TEST(Listener, IsNotPausedWhileSomebodyWaitsToBeAccepted) {
+  const test::TemporaryDirectory directory;
+  std::string reason;
+  const auto listener = xpc::Listener::initWithSocketPath(directory / "socket", 0600, reason);
+  ASSERT_NE(listener, nullptr) << reason;
+  FileDescriptor waiting(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, (directory / "socket").c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(::connect(waiting.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_FALSE(listener->pauseIfNobodyWaits());
+  EXPECT_FALSE(listener->pauseIfNobodyWaits());
 }
 
 TEST(Listener, PausesWithoutDescriptorsAndGoesOnWhenThereAreSome) {
