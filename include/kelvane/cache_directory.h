@@ -3,21 +3,35 @@
 // A cache directory that is counted and purged by rules.
 //
 //   auto cache = CacheDirectory::open(path, rules);
-//   const CacheSurvey survey = cache->survey(limits);                 // one walk: all four urgencies
-//   const AgeCut cut = survey.cut(request.urgency, request.amount);   // how old the youngest is that has to
-//   go const CachePurge purge = cache->purge(request.urgency, cut, request.amount, limits);
+//   if (!cache) return ...;  // cache.error().reason
+//   const CacheSurvey survey = (*cache)->survey(limits);  // one walk: the figures of all four urgencies
+//   const AgeCut cut = survey.cut(request.urgency, request.amount);  // how old the newest is that has to go
+//   const CachePurge purge = (*cache)->purge(request.urgency, cut, request.amount, limits);
 //
 // Both walks, and `list`, are the same code: what `list` names is what `purge` deletes. The oldest go first,
 // as exactly as an age histogram tells (buckets of 4 %): a purge deletes what is older than the cut, in the
-// order in which the file system lists it. Memory is bounded whatever the directory holds.
+// order in which the file system lists it.
+//
+// Memory is bounded whatever the directory holds, to some 12 MB. Bounds: directories more than 4,096 levels
+// down are not entered; of files with several names the first 131,072 are known, and none with more than
+// 1,024 names, in CacheUnit::file: the others stay.
 //
 // Safety. As of purgeFolder (kelvane/folder_purge.h), whose walk this is: whoever can write in the directory
 // need not be trusted; no link is followed and no mount is entered. Every rule is checked again at the moment
 // of deletion. Only regular files of the caller's effective user, or of the directory's owner, go;
-// directories only with their unit, or when `empty_directories`.
+// directories and symbolic links only with their unit. A directory that holds .kelvane-keep, of whatever
+// kind, stays with all below; a unit stays whole wherever in it that is.
+//
+// Locks. A survey and a purge hold the locks of the rules for as long as they last. A lock file among the
+// files stays.
+//
+// Units. A directory that an interrupted purge has left (".kelvane-purge-", 16 hexadecimal digits and ".tmp",
+// where units are) counts as a unit that goes before all others, at every urgency that has an age.
 //
 // Bytes are those that the volume gives back. A file with several names counts once all of its names go.
-// Where files can share blocks (btrfs, xfs), what was freed is measured.
+// Where files can share blocks (btrfs, xfs), a survey counts what only the file itself has, and a purge that
+// deleted shared blocks measures what was freed: it writes the volume's pending changes for that, unless it
+// is late.
 //
 // Threads. One call at a time on one object; different objects are independent. Nothing is thrown.
 
@@ -58,7 +72,7 @@ struct AgeHistogram {
 
 struct CacheFigure {
   std::uint64_t bytes = 0;
-  std::uint64_t items = 0;  // files, or units
+  std::uint64_t items = 0;  // files, each name for itself, or units
 };
 
 /// What a walk found. Trivially copyable. Surveys of several directories with the same rules and the same

@@ -4,8 +4,8 @@
 // it out.
 //
 // Ages. The age of a file is the time since the newest of its three times: modification, status change,
-// access. The age of a unit that is a directory is that of the newest regular file in it. Nothing younger
-// than `youngest` goes at any urgency.
+// access. The age of a unit that is a directory is that of the newest regular file in it; without any, of the
+// directory. Nothing younger than `youngest`, and nothing from the future, goes at any urgency.
 
 #include <array>
 #include <chrono>
@@ -23,8 +23,10 @@ inline constexpr int most_urgent = 4;
 inline constexpr std::size_t urgency_count = 4;
 
 /// A lock that says that a program is using the cache. It is looked for where `path` says: relative to the
-/// cache directory, or, for a unit's lock, to the unit; an absolute path stands for itself. A lock file that
-/// is not there is not held. No lock file is ever created or deleted, and no link is followed.
+/// cache directory, or, for a unit's lock that does not name its unit, to the unit; an absolute path stands
+/// for itself. A lock file that is not there is not held; one that cannot be tested, a link or a pipe for
+/// example, is. No lock file is ever created, none is deleted but with the unit that it is in, and no link is
+/// followed, except on the way of an absolute path.
 struct CacheLock {
   enum class Kind {
     flock,   // flock(2), exclusive; held for as long as the work lasts
@@ -55,8 +57,8 @@ struct CacheRules {
 
   CacheUnit unit = CacheUnit::file;
   /// Patterns for paths relative to the directory. "*" and "?" match within a name, "**" any number of names,
-  /// "[...]" as in glob(7); a leading dot needs no dot in the pattern. Empty: every file (units of files
-  /// only).
+  /// "[...]" as in glob(7); a leading dot needs no dot in the pattern. Bytes, not characters. Empty: every
+  /// file (units of files only). At most 256 patterns, of at most 63 names and 4,096 bytes.
   std::vector<std::string> include;
   /// Wins over `include`. A directory that matches is not entered; a unit that holds a match is left whole.
   std::vector<std::string> exclude;
@@ -66,8 +68,8 @@ struct CacheRules {
   /// While one of these is held by somebody else, nothing goes.
   std::vector<CacheLock> locks;
   /// While one of these is held, its unit stays. In a path, "{name}" stands for the unit's path, and "{stem}"
-  /// and
-  /// "{version}" for the parts of it before and after its last "@".
+  /// and "{version}" for the parts of it before and after its last "@"; a path with one of these is relative
+  /// to the cache directory.
   std::vector<CacheLock> unit_locks;
   /// Leave a file or unit of which a process that this one may inspect (its own user's) has a file open.
   bool open_files_stay = false;

@@ -4,12 +4,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/xattr.h>
 #include <unistd.h>
-#include <thread>
 
+#include "client/hard_links.h"
 #include "platform/foundation/file_descriptor.h"
 #include "tests/client/cache_tree.h"
+#include "tests/support/ordinary_rights.h"
 #include "tests/support/private_mounts.h"
 
 namespace kelvane::tests {
@@ -48,6 +48,7 @@ class ACache : public testing::Test {
 
   const CacheTree cache_;
   const CacheRules rules_ = rulesOfDays({-1, 30, 7, 0});
+  int named_ = 0;
 };
 
 TEST_F(ACache, IsCountedForAllUrgenciesByOneWalk) {
@@ -302,6 +303,71 @@ TEST_F(ACache, DeletesNothingOnceItIsTooLateOrCancelled) {
   EXPECT_EQ(cache_.purge(rules_).end, CachePurge::End::cancelled);
   EXPECT_FALSE(cache_.survey(rules_).complete);
   EXPECT_TRUE(cache_.exists("old"));
+}
+
+TEST_F(ACache, EndsWithWhatWentWhenItIsCancelledInTheMiddle) {
+  for (int file = 0; file < 10; ++file) cache_.add(std::to_string(file));
+  const auto listed =
+      cache_.open(rules_)->list(4, all_ages, everything, cache_.limits(), [&](const auto& item) {
+        *cache_.cancelled = item.bytes > 0 && ++named_ == 3;
+        return true;
+      });
+  EXPECT_EQ(listed.end, CachePurge::End::cancelled);
+  EXPECT_EQ(listed.items, 3U);
+  *cache_.cancelled = false;
+  EXPECT_EQ(cache_.open(rules_)
+                ->list(4, all_ages, everything, cache_.limits(), [](const auto&) { return false; })
+                .items,
+            1U)
+      << "until the one that it names to says so";
+}
+
+TEST_F(ACache, CountsWhatIsHeldOpenApartFromWhatIsFree) {
+  const std::uint64_t bytes = cache_.add("held", 100 * day, 100'000);
+  const std::uint64_t free = cache_.add("free", 100 * day, 100'000);
+  const FileDescriptor holding(::open(cache_.path("held").c_str(), O_RDONLY | O_CLOEXEC));
+  const CachePurge purged = cache_.purge(rules_);
+  EXPECT_EQ(purged.held, bytes);
+  EXPECT_EQ(purged.freed, free);
+}
+
+TEST_F(ACache, NamesNothingThatItMayNotDelete) {
+  cache_.add("free");
+  cache_.add("read-only/a");
+  cache_.add("closed/b");
+  fs::permissions(cache_.path("read-only"), fs::perms(0500));
+  fs::permissions(cache_.path("closed"), fs::perms(0000));
+  {
+    const OrdinaryRights rights;
+    const CacheSurvey survey = cache_.survey(rules_);
+    EXPECT_EQ(survey.at_urgency[3].items, 1U);
+    EXPECT_EQ(stays(survey, CacheStay::unreadable).items, 2U);
+    EXPECT_FALSE(survey.complete);
+    EXPECT_EQ(survey.error, EACCES);
+    EXPECT_THAT(cache_.list(rules_), ElementsAre("free"));
+    EXPECT_EQ(cache_.purge(rules_).files, 1U);
+  }
+  for (const char* name : {"read-only", "closed"}) fs::permissions(cache_.path(name), fs::perms(0700));
+}
+
+TEST_F(ACache, KeepsMoreOfTheNewestThanCanBeCountedExactlyByTheirAges) {
+  for (int file = 1; file <= 20; ++file) cache_.add(std::to_string(file), (10 + file) * day);
+  CacheRules rules = rules_;
+  rules.keep_newest = 5000;
+  EXPECT_EQ(stays(cache_.survey(rules), CacheStay::floor).items, 20U);
+  EXPECT_EQ(purgeAsListed(rules).files, 0U);
+}
+
+TEST(AMillionLinkedFiles, AreKnownUpToABound) {
+  client::HardLinks links;
+  for (std::uint64_t number = 1; number <= client::HardLinks::most_files; ++number)
+    ASSERT_NE(links.find(1, number, 2), nullptr);
+  EXPECT_EQ(links.find(1, client::HardLinks::most_files + 1, 2), nullptr);
+  client::LinkedFile* const known = links.find(1, 77, 2);
+  ASSERT_NE(known, nullptr);
+  EXPECT_EQ(known->number, 77U);
+  EXPECT_EQ(links.known(2, 77), nullptr);
+  EXPECT_EQ(client::HardLinks().find(1, 1, client::HardLinks::most_names + 1), nullptr);
 }
 
 TEST_F(ACache, OnAReadOnlyVolumeFailsAndKeepsAll) {

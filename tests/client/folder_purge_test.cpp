@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -19,6 +18,7 @@
 
 #include "platform/foundation/file_descriptor.h"
 #include "tests/foundation/temporary_directory.h"
+#include "tests/support/ordinary_rights.h"
 #include "tests/support/private_mounts.h"
 
 namespace kelvane::tests {
@@ -36,24 +36,6 @@ const bool private_mounts = enterPrivateMounts();
 
 constexpr std::size_t small = 8 << 10;
 constexpr std::size_t large = 1 << 20;
-
-/// Takes the right to pass over modes from this thread, also from root.
-class OrdinaryRights {
- public:
-  OrdinaryRights() {
-    ::syscall(SYS_capget, &header_, before_.data());
-    auto fewer = before_;
-    fewer[0].effective &= ~(1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH);
-    EXPECT_EQ(::syscall(SYS_capset, &header_, fewer.data()), 0);
-  }
-  ~OrdinaryRights() { ::syscall(SYS_capset, &header_, before_.data()); }
-  OrdinaryRights(const OrdinaryRights&) = delete;
-  OrdinaryRights& operator=(const OrdinaryRights&) = delete;
-
- private:
-  __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
-  std::array<__user_cap_data_struct, 2> before_{};
-};
 
 class Folder {
  protected:
@@ -300,6 +282,22 @@ TEST_P(AFolder, MayBeTenThousandFoldersDeep) {
   EXPECT_EQ(purged.files, 10U);
   EXPECT_EQ(purged.folders, static_cast<std::uint64_t>(depth));
   EXPECT_EQ(purged.error, 0) << std::strerror(purged.error);
+  EXPECT_TRUE(fs::is_empty(folder()));
+}
+
+TEST_P(AFolder, MayHaveMoreFoldersThanNamesAreKept) {
+  ASSERT_TRUE(private_mounts) << "this machine allows no mount namespace of one's own";
+  const PrivateMount volume = PrivateMount::tmpfs(folder(), "64m");
+  constexpr int folders = 10'000;  // of names that take twice as much as is kept
+  for (int number = 0; number < folders; ++number) {
+    const std::string name = path(std::to_string(number) + std::string(200, 'n'));
+    ASSERT_EQ(::mkdir(name.c_str(), 0700), 0);
+    if (number % 10 == 0)
+      const FileDescriptor file(::open((name + "/file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  }
+  const FolderPurge purged = purge({.empty_folders = true});
+  EXPECT_EQ(purged.files, folders / 10U);
+  EXPECT_EQ(purged.folders, static_cast<std::uint64_t>(folders));
   EXPECT_TRUE(fs::is_empty(folder()));
 }
 
