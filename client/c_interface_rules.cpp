@@ -20,7 +20,7 @@ std::chrono::seconds secondsOf(std::uint64_t seconds, const char* name) {
   return std::chrono::seconds(seconds);
 }
 
-CacheLock lockOf(kelvane_lock kind, const char* path) {
+CacheLock lockOf(int kind, const char* path) {
   std::string at = bytesOf(path, "path");
   switch (kind) {
     case KELVANE_LOCK_FLOCK:
@@ -33,7 +33,7 @@ CacheLock lockOf(kelvane_lock kind, const char* path) {
   refuse("invalid kind of lock " + std::to_string(kind) + ": expected a kelvane_lock");
 }
 
-CacheUnit unitOf(kelvane_unit unit) {
+CacheUnit unitOf(int unit) {
   switch (unit) {
     case KELVANE_UNIT_FILE:
       return CacheUnit::file;
@@ -96,7 +96,7 @@ kelvane_failure kelvane_rules_add_exclude(kelvane_rules* rules, const char* patt
   return guarded(error, [&] { rulesOf(rules).exclude.push_back(bytesOf(pattern, "pattern")); });
 }
 
-kelvane_failure kelvane_rules_set_unit(kelvane_rules* rules, kelvane_unit unit, kelvane_error* error) {
+kelvane_failure kelvane_rules_set_unit(kelvane_rules* rules, int unit, kelvane_error* error) {
   return guarded(error, [&] { rulesOf(rules).unit = unitOf(unit); });
 }
 
@@ -109,12 +109,12 @@ kelvane_failure kelvane_rules_add_marker(kelvane_rules* rules, const char* name,
   });
 }
 
-kelvane_failure kelvane_rules_add_lock(kelvane_rules* rules, kelvane_lock kind, const char* path,
+kelvane_failure kelvane_rules_add_lock(kelvane_rules* rules, int kind, const char* path,
                                        kelvane_error* error) {
   return guarded(error, [&] { rulesOf(rules).locks.push_back(lockOf(kind, path)); });
 }
 
-kelvane_failure kelvane_rules_add_unit_lock(kelvane_rules* rules, kelvane_lock kind, const char* path,
+kelvane_failure kelvane_rules_add_unit_lock(kelvane_rules* rules, int kind, const char* path,
                                             kelvane_error* error) {
   return guarded(error, [&] { rulesOf(rules).unit_locks.push_back(lockOf(kind, path)); });
 }

@@ -110,18 +110,19 @@ KELVANE_EXPORT kelvane_failure kelvane_rules_add_include(kelvane_rules* rules, c
 /// Wins over include patterns. A directory that matches is not entered.
 KELVANE_EXPORT kelvane_failure kelvane_rules_add_exclude(kelvane_rules* rules, const char* pattern,
                                                          kelvane_error* error);
-KELVANE_EXPORT kelvane_failure kelvane_rules_set_unit(kelvane_rules* rules, kelvane_unit unit,
-                                                      kelvane_error* error);
+/// `unit` is a kelvane_unit.
+KELVANE_EXPORT kelvane_failure kelvane_rules_set_unit(kelvane_rules* rules, int unit, kelvane_error* error);
 /// The name of a file directly in a unit that is deleted before anything else of the unit.
 KELVANE_EXPORT kelvane_failure kelvane_rules_add_marker(kelvane_rules* rules, const char* name,
                                                         kelvane_error* error);
-/// While another process holds this lock, nothing goes. The path is relative to the directory or absolute.
-KELVANE_EXPORT kelvane_failure kelvane_rules_add_lock(kelvane_rules* rules, kelvane_lock kind,
-                                                      const char* path, kelvane_error* error);
+/// `kind` is a kelvane_lock. While another process holds this lock, nothing goes. The path is relative to the
+/// directory or absolute.
+KELVANE_EXPORT kelvane_failure kelvane_rules_add_lock(kelvane_rules* rules, int kind, const char* path,
+                                                      kelvane_error* error);
 /// While another process holds this lock, its unit stays. kelvane/cache_rules.h says what stands for the
 /// unit's name in the path.
-KELVANE_EXPORT kelvane_failure kelvane_rules_add_unit_lock(kelvane_rules* rules, kelvane_lock kind,
-                                                           const char* path, kelvane_error* error);
+KELVANE_EXPORT kelvane_failure kelvane_rules_add_unit_lock(kelvane_rules* rules, int kind, const char* path,
+                                                           kelvane_error* error);
 /// Files that a process of the same user has open stay, and so do their units.
 KELVANE_EXPORT kelvane_failure kelvane_rules_set_open_files_stay(kelvane_rules* rules, bool stay,
                                                                  kelvane_error* error);

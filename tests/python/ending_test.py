@@ -116,6 +116,26 @@ class Run(Case):
         self.assertEqual(program.status(), 0, program.heard)
         self.assertEqual(program.heard, ["True\n"])
 
+    def test_a_program_that_ends_during_a_purge_waits_for_the_handler(self):
+        program = self.program("""
+            purging = threading.Event()
+            class Slow(Service):
+                def purge(self, request):
+                    purging.set()
+                    while not request.cancelled:
+                        time.sleep(0.001)
+                    print("cancelled", flush=True)
+                    return 0
+
+            it = service(Slow)
+            it.start()
+            purging.wait()
+            """)
+        self.assertTrue(program.hears("REGISTERED"))
+        self.client.purge(VOLUMES[0], MEBIBYTE, 1, pass_seconds=300)
+        self.assertEqual(program.status(), 0, program.heard)
+        self.assertEqual(program.heard[-1], "cancelled\n")
+
     def test_a_forked_child_leaves_the_service_to_its_parent(self):
         program = self.program("""
             it = service()

@@ -15,6 +15,7 @@ import kelvane
 VOLUMES = [pathlib.Path(name) for name in os.environ["KELVANE_TEST_VOLUMES"].split(":")]
 DAEMON = os.environ["KELVANE_TEST_DAEMON"]
 PATIENCE = 30
+WITH_THE_TEST = "setpriv", "--pdeathsig", "KILL"  # also where the test itself is killed
 MEBIBYTE = 1 << 20
 
 GRANTS = f"""<?xml version="1.0" encoding="UTF-8"?>
@@ -47,7 +48,7 @@ class Daemon:
             listener.bind(ready)
             listener.settimeout(PATIENCE)
             with open(self._at / "log", "ab") as log:
-                self._process = subprocess.Popen([DAEMON], stderr=log, env={
+                self._process = subprocess.Popen([*WITH_THE_TEST, DAEMON], stdout=log, stderr=log, env={
                     **os.environ, "RUNTIME_DIRECTORY": str(self._at / "run"),
                     "STATE_DIRECTORY": str(self._at / "state"), "CONFIGURATION_DIRECTORY": str(self._at / "etc"),
                     "NOTIFY_SOCKET": ready, "KELVANE_LOW_SPACE": "0%"})
@@ -68,7 +69,7 @@ class Program:
     """A Python program beside the test; ended with the test. What it writes is heard line by line."""
 
     def __init__(self, test: unittest.TestCase, *arguments: str, environment: dict[str, str] | None = None) -> None:
-        self._process = subprocess.Popen([sys.executable, "-u", *arguments], stdout=subprocess.PIPE,
+        self._process = subprocess.Popen([*WITH_THE_TEST, sys.executable, "-u", *arguments], stdout=subprocess.PIPE,
                                          stderr=subprocess.STDOUT, text=True, env={**os.environ, **(environment or {})})
         self.heard: list[str] = []
         self._timer = threading.Timer(PATIENCE, self._process.kill)  # ends every wait below

@@ -50,9 +50,9 @@ static void refuses_invalid_rules(kelvane_error* error) {
   expect_refused(kelvane_rules_add_exclude(rules, "", error), error, "pattern is empty");
   expect_refused(kelvane_rules_add_marker(rules, "a/b", error), error,
                  "invalid marker \"a/b\": expected a name without \"/\"");
-  expect_refused(kelvane_rules_add_lock(rules, (kelvane_lock)7, "lock", error), error,
+  expect_refused(kelvane_rules_add_lock(rules, 7, "lock", error), error,
                  "invalid kind of lock 7: expected a kelvane_lock");
-  expect_refused(kelvane_rules_set_unit(rules, (kelvane_unit)2, error), error,
+  expect_refused(kelvane_rules_set_unit(rules, 2, error), error,
                  "invalid unit 2: expected a kelvane_unit");
   kelvane_directory_count count = KELVANE_DIRECTORY_COUNT_INIT;
   expect_refused(kelvane_count_directory(NULL, rules, NULL, &count, error), error, "path is NULL");
