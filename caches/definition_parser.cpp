@@ -3,53 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <functional>
-#include <set>
 
 #include "caches/checks.h"
 #include "caches/quantities.h"
 #include "caches/safety.h"
+#include "caches/words.h"
 
 namespace kelvane::caches {
 namespace {
-
-using client::CacheLock;
-
-template <class Enumeration>
-struct Word {
-  const char* text;
-  Enumeration value;
-};
-
-constexpr std::array<Word<Kind>, 2> kinds{{{"files", Kind::files}, {"units", Kind::units}}};
-constexpr std::array<Word<Owner>, 2> owners{{{"system", Owner::system}, {"user", Owner::user}}};
-constexpr std::array<Word<CacheClass>, 3> classes{{{"regenerable", CacheClass::regenerable},
-                                                   {"expirable", CacheClass::expirable},
-                                                   {"personal", CacheClass::personal}}};
-constexpr std::array<Word<InUse::Kind>, 5> signs{{{"flock", InUse::Kind::flock},
-                                                  {"record", InUse::Kind::record},
-                                                  {"exists", InUse::Kind::exists},
-                                                  {"pid_link", InUse::Kind::pid_link},
-                                                  {"process", InUse::Kind::process}}};
-constexpr std::array<Word<CacheLock::Kind>, 3> locks{{{"flock", CacheLock::Kind::flock},
-                                                      {"record", CacheLock::Kind::record},
-                                                      {"exists", CacheLock::Kind::exists}}};
-
-template <class Enumeration, std::size_t count>
-const Word<Enumeration>* wordFor(const std::array<Word<Enumeration>, count>& words, const std::string& text) {
-  for (const auto& word : words) {
-    if (text == word.text) return &word;
-  }
-  return nullptr;
-}
-
-template <class Enumeration, std::size_t count>
-std::string listOf(const std::array<Word<Enumeration>, count>& words) {
-  std::string list;
-  for (std::size_t i = 0; i < count; ++i) {
-    list += (i == 0 ? "" : i + 1 == count ? " or " : ", ") + std::string(words[i].text);
-  }
-  return list;
-}
 
 class DefinitionParser {
  public:

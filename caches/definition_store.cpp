@@ -85,7 +85,9 @@ class Merger {
     const Listing shipped = list(directories.shipped);
     const Listing own = list(directories.own);
     // What the administrator masked is not known when a directory cannot be read, so nothing is used then.
-    if (refuse(directories.shipped, shipped) | refuse(directories.own, own)) return std::move(store_);
+    const bool shipped_is_refused = refuse(directories.shipped, shipped);
+    const bool own_is_refused = refuse(directories.own, own);
+    if (shipped_is_refused || own_is_refused) return std::move(store_);
     for (const std::string& file : shipped.files) addShipped(directories.shipped, shipped, file);
     for (const std::string& file : own.files) addOwn(directories.own, own, file);
     for (const std::string& file : own.files) enable(directories.own, own, file);

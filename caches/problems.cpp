@@ -39,9 +39,10 @@ std::optional<std::uint64_t> Problems::size(const TomlEntry& entry) {
   const std::optional<std::string> text = string(entry);
   if (!text) return std::nullopt;
   const std::optional<std::uint64_t> bytes = parseSize(*text);
-  if (!bytes)
+  if (!bytes) {
     add(entry.value.line,
         "invalid " + entry.key + " " + inQuotes(*text) + ": expected a size such as 64M or 4096");
+  }
   return bytes;
 }
 

@@ -183,6 +183,7 @@ TEST(Safety, NoRootAndNoPatternCanNameWhatIsKept) {
                            ".cache/pypoetry/virtualenvs", ".cache/JetBrains/Idea2024.1/LocalHistory",
                            ".cache/evolution", ".cache/keyring-ABC", ".var/app/x/cache/rclone"}) {
     EXPECT_NE(of(path, userDefinition()), "") << path;
+    EXPECT_NE(of(path, userDefinition({})), "") << path << " as a whole";
   }
   EXPECT_NE(of(".cache", userDefinition({"rclone/**"})), "");
   EXPECT_NE(of(".cache", userDefinition({"pypoetry/virtualenvs/**"})), "");
