@@ -104,9 +104,9 @@ std::optional<std::chrono::steady_clock::time_point> Service::idleSince() const 
   return parts_->calls->idleSince();
 }
 
-/// No connection comes to be once the listener is paused, so the second look is the one that counts.
+/// Once the listener is paused no connection comes to be, so what is idle then stays so.
 bool Service::pauseIfIdle() {
-  if (parts_->listener == nullptr || !idleSince() || !parts_->listener->pauseIfNobodyWaits()) return false;
+  if (parts_->listener == nullptr || !parts_->listener->pauseIfNobodyWaits()) return false;
   if (idleSince()) return true;
   parts_->listener->goOn();
   return false;

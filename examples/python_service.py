@@ -1,14 +1,16 @@
 #!/usr/bin/python3
-"""A whole service in one file: a folder whose oldest files are deleted when the daemon asks for space.
+"""A whole service in one file: a directory whose oldest files are deleted when the daemon asks for space.
 
-Needs nothing of ours, only Debian's python3-gi. The steps:
+Needs nothing of ours, only Debian's python3-gi. A request about a volume that the directory is not on is answered with
+0, and so is one that fails. The steps:
 
   1. Make a SOCK_SEQPACKET socket pair, and pass one end to the daemon with clientCheckin.
   2. Each message that comes down the other end brings a descriptor. Serve D-Bus on it, as its server:
      the object /com/orvel/kelvane/service with the interface com.orvel.KelvaneServiceProtocol.
   3. When that end reads end-of-file the daemon has gone, or has dropped the service: check in again.
 
-Prints "registered ID" when the daemon knows the service. Ends on SIGTERM or SIGINT.
+Prints "registered ID" when the daemon knows the service, "waiting: WHY" while it cannot be reached. Ends on SIGTERM or
+SIGINT. Exit codes: 0 ended by a signal, 2 wrong usage, or a directory that cannot be used.
 """
 
 import argparse
@@ -19,6 +21,7 @@ import stat
 import struct
 import sys
 import threading
+import time
 
 import gi
 
@@ -67,36 +70,72 @@ NOTHING = GLib.Variant("(aa{sv})", ([],))
 
 
 class Cache:
-    """The files directly in one folder. Links are neither followed nor deleted."""
+    """The files directly in one directory. Links are neither followed nor deleted, and no link takes its place."""
 
-    def __init__(self, folder):
-        self.folder = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
+    def __init__(self, directory, lifetime, youngest):
+        self.path = os.path.realpath(directory)
+        self.lifetime = lifetime
+        self.youngest = youngest
         self.cancelled = threading.Event()
+        os.close(self.open())  # raises OSError where it cannot be used
 
-    def files(self):
-        """Their names and the bytes that deleting them gives back, oldest first."""
+    def open(self):
+        """Anew for each request: kept open, it would keep its volume from being unmounted."""
+        descriptor = os.open(self.path, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW | os.O_CLOEXEC)
+        os.stat(".", dir_fd=descriptor)  # may be listed, but not entered
+        return descriptor
+
+    def age_at(self, urgency):
+        """How old a file must be to go, in seconds: the more urgent, the younger."""
+        return max(self.youngest, self.lifetime * (4 - min(max(urgency, 1), 4)) / 4)
+
+    def files(self, directory, urgency):
+        """The names of those that may go, and the bytes that deleting them gives back, oldest first."""
+        newest = time.time() - self.age_at(urgency)
         found = []
-        for name in os.listdir(self.folder):
+        for name in os.listdir(directory):
             try:
-                status = os.stat(name, dir_fd=self.folder, follow_symlinks=False)
-            except FileNotFoundError:
+                status = os.stat(name, dir_fd=directory, follow_symlinks=False)
+            except OSError:
                 continue
+            touched = max(status.st_mtime, status.st_ctime, status.st_atime)
             # A file with a second name gives nothing back.
-            if stat.S_ISREG(status.st_mode) and status.st_nlink == 1:
-                found.append((status.st_mtime, name, status.st_blocks * 512))
+            if stat.S_ISREG(status.st_mode) and status.st_nlink == 1 and touched <= newest:
+                found.append((touched, name, status.st_blocks * 512))
         return [(name, size) for _, name, size in sorted(found)]
 
-    def purgeable(self):
-        return sum(size for _, size in self.files())
+    def on(self, volume, work):
+        """What `work` makes of the open directory, 0 where that is not on the volume or something fails."""
+        try:
+            directory = self.open()
+            try:
+                # Deletes nothing too much: a part of the volume that has a number of its own, such as a btrfs
+                # subvolume, counts as somewhere else.
+                if os.stat(volume).st_dev != os.fstat(directory).st_dev:
+                    return 0
+                return work(directory)
+            finally:
+                os.close(directory)
+        except OSError as error:
+            print(f"{self.path}: {error.strerror}", file=sys.stderr, flush=True)
+            return 0
 
-    def purge(self, wanted):
-        """Deletes the oldest until `wanted` bytes have gone, and returns how many really went."""
+    def purgeable(self, urgency, info):
+        return self.on(info["KELVANE_VOLUME"],
+                       lambda directory: sum(size for _, size in self.files(directory, urgency)))
+
+    def purge(self, urgency, info):
+        """Deletes the oldest until the bytes asked for have gone, and returns how many really went."""
+        return self.on(info["KELVANE_VOLUME"],
+                       lambda directory: self.delete(directory, urgency, info["KELVANE_AMOUNT"]))
+
+    def delete(self, directory, urgency, wanted):
         gone = 0
-        for name, size in self.files():
+        for name, size in self.files(directory, urgency):
             if gone >= wanted or self.cancelled.is_set():
                 break
             try:
-                os.unlink(name, dir_fd=self.folder)
+                os.unlink(name, dir_fd=directory)
             except OSError:
                 continue
             gone += size
@@ -104,12 +143,12 @@ class Cache:
 
 
 class Service:
-    """Runs on the main loop's thread, but for the deleting itself."""
+    """Runs on the main loop's thread, but for the counting and deleting itself."""
 
     def __init__(self, arguments):
         self.id = arguments.id
         self.daemon_socket = arguments.daemon
-        self.cache = Cache(arguments.folder)
+        self.cache = Cache(arguments.folder, arguments.lifetime, arguments.youngest)
         self.working = threading.Lock()  # one purge at a time
         self.connections = set()  # those served
         self.waiting_for = None
@@ -130,7 +169,7 @@ class Service:
             self.daemon = Gio.DBusConnection.new_sync(
                 stream, None, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT, None, None)
         except GLib.Error as error:
-            self.try_later(attempt, error.message)
+            self.try_later(attempt, f"no daemon at {self.daemon_socket}: {error.message}")
             return GLib.SOURCE_REMOVE
         self.daemon.connect("closed", lambda *_: self.try_later(attempt, "the daemon has gone"))
         self.endpoint, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
@@ -212,12 +251,10 @@ class Service:
 
     def called(self, _connection, _sender, _path, _interface, method, parameters, invocation):
         if method == "servicePurge":
-            _urgency, info = parameters.unpack()
-            # Pings are answered meanwhile.
             self.cache.cancelled.clear()
-            threading.Thread(target=self.purge, args=(info.get("KELVANE_AMOUNT", 0), invocation), daemon=True).start()
+            self.answer_later(self.purge, parameters, invocation)
         elif method == "servicePurgeable":
-            invocation.return_value(amount(self.cache.purgeable()))
+            self.answer_later(self.cache.purgeable, parameters, invocation)
         elif method == "servicePeriodic":
             invocation.return_value(amount(0))
         elif method == "serviceCallback":
@@ -227,25 +264,48 @@ class Service:
                 self.cache.cancelled.set()
             invocation.return_value(None)  # servicePing and serviceNotify: done is all there is to say
 
-    def purge(self, wanted, invocation):
+    def purge(self, urgency, info):
         with self.working:
-            gone = self.cache.purge(wanted)
-        GLib.idle_add(invocation.return_value, amount(gone))
+            return self.cache.purge(urgency, info)
+
+    def answer_later(self, work, parameters, invocation):
+        """Pings are answered meanwhile."""
+        threading.Thread(target=self.answer, args=(work, parameters.unpack(), invocation), daemon=True).start()
+
+    @staticmethod
+    def answer(work, arguments, invocation):
+        answer = 0
+        try:
+            answer = work(*arguments)
+        except Exception as error:  # whatever it is, the daemon waits for an answer
+            print(f"failed: {error!r}", file=sys.stderr, flush=True)
+        GLib.idle_add(invocation.return_value, amount(answer))
 
 
 def main():
     runtime = os.environ.get("RUNTIME_DIRECTORY", "/run/kelvane").split(":")[0]
-    parser = argparse.ArgumentParser(description="Offers a folder of files for purging, oldest first.")
+    parser = argparse.ArgumentParser(description="Offers a directory of files for purging, oldest first.")
     parser.add_argument("--id", default="com.example.python", help="the service's ID (%(default)s)")
-    parser.add_argument("--folder", required=True, help="the folder whose files may go")
+    parser.add_argument("--folder", required=True, help="the directory whose files may go")
+    parser.add_argument("--lifetime", type=float, default=30 * 86400, metavar="SECONDS",
+                        help="urgency 1, 2, 3 give up files older than 3/4, 1/2, 1/4 of it, urgency 4 all "
+                             "(%(default)s)")
+    parser.add_argument("--youngest", type=float, default=3600, metavar="SECONDS",
+                        help="no file younger than this goes at any urgency (%(default)s)")
     parser.add_argument("--daemon", default=runtime + "/kelvane.sock", help="the daemon's socket (%(default)s)")
-    service = Service(parser.parse_args())
+    arguments = parser.parse_args()
+    try:
+        service = Service(arguments)
+    except OSError as error:
+        print(f'cannot serve "{arguments.folder}": {error.strerror}', file=sys.stderr)
+        return 2
     loop = GLib.MainLoop()
     for number in (signal.SIGTERM, signal.SIGINT):
         GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, number, loop.quit)
     service.check_in()
     loop.run()
+    return 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

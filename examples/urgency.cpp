@@ -1,19 +1,14 @@
 #include "examples/urgency.h"
 
-#include <algorithm>
-#include <limits>
-
 namespace kelvane::examples {
-namespace {
 
-constexpr int most_urgent = 4;
-
-}  // namespace
-
-Seconds givenUpAt(int urgency, Seconds now, Seconds lifetime) {
-  if (urgency >= most_urgent) return std::numeric_limits<Seconds>::max();
-  const Seconds quarters = most_urgent - std::max(urgency, 1);
-  return now - lifetime / most_urgent * quarters;
+client::CacheRules rulesFor(std::chrono::seconds lifetime, std::chrono::seconds youngest) {
+  client::CacheRules rules;
+  for (int urgency = 1; urgency <= client::most_urgent; ++urgency)
+    rules.ages[static_cast<std::size_t>(urgency) - 1] =
+        lifetime / client::most_urgent * (client::most_urgent - urgency);
+  rules.youngest = youngest;
+  return rules;
 }
 
 }  // namespace kelvane::examples

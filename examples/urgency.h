@@ -1,14 +1,11 @@
 #pragma once
 
-#include <cstdint>
+#include "kelvane/cache_rules.h"
 
 namespace kelvane::examples {
 
-/// Seconds since 1970.
-using Seconds = std::int64_t;
-
-/// Up to when a file must have been changed last to be given up at `urgency`: at 1 it is older than three
-/// quarters of `lifetime` (seconds), at 2 than a half, at 3 than a quarter; at 4 every file goes.
-[[nodiscard]] Seconds givenUpAt(int urgency, Seconds now, Seconds lifetime);
+/// What is given up at which urgency: at 1 what is older than three quarters of `lifetime`, at 2 than a half,
+/// at 3 than a quarter, at 4 everything that is not younger than `youngest`.
+[[nodiscard]] client::CacheRules rulesFor(std::chrono::seconds lifetime, std::chrono::seconds youngest);
 
 }  // namespace kelvane::examples

@@ -1,26 +1,24 @@
 #include "examples/urgency.h"
 
 #include <gtest/gtest.h>
-#include <limits>
 
 namespace kelvane::tests {
 namespace {
 
-using examples::givenUpAt;
+using examples::rulesFor;
+using std::chrono::seconds;
 
-constexpr examples::Seconds everything = std::numeric_limits<examples::Seconds>::max();
-
-TEST(Urgency, GivesUpYoungerFilesTheHigherItIs) {
-  EXPECT_EQ(givenUpAt(1, 1000, 400), 700);
-  EXPECT_EQ(givenUpAt(2, 1000, 400), 800);
-  EXPECT_EQ(givenUpAt(3, 1000, 400), 900);
-  EXPECT_EQ(givenUpAt(4, 1000, 400), everything);
+TEST(UrgencyOfACache, GivesUpYoungerFilesTheMoreUrgentItIs) {
+  const client::CacheRules rules = rulesFor(seconds(400), seconds(5));
+  EXPECT_EQ(rules.ages[0], seconds(300));
+  EXPECT_EQ(rules.ages[1], seconds(200));
+  EXPECT_EQ(rules.ages[2], seconds(100));
+  EXPECT_EQ(rules.ages[3], seconds(0));
+  EXPECT_EQ(rules.youngest, seconds(5));
 }
 
-TEST(Urgency, BeyondItsBoundsIsTakenAsTheNearest) {
-  EXPECT_EQ(givenUpAt(0, 1000, 400), givenUpAt(1, 1000, 400));
-  EXPECT_EQ(givenUpAt(-7, 1000, 400), givenUpAt(1, 1000, 400));
-  EXPECT_EQ(givenUpAt(5, 1000, 400), everything);
+TEST(UrgencyOfACache, GivesUpEverythingAtAnyOneWithoutALifetime) {
+  for (const auto& age : rulesFor(seconds(0), seconds(0)).ages) EXPECT_EQ(age, seconds(0));
 }
 
 }  // namespace

@@ -2,8 +2,10 @@
 // comes back, each is in the registry again without help.
 
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 
 #include "common/keys.h"
 #include "tests/system/daemon.h"
@@ -16,19 +18,25 @@ constexpr const char* ID = "com.example.cache";
 
 class ExampleService : public testing::TestWithParam<const char*> {
  protected:
-  [[nodiscard]] std::unique_ptr<Process> start() const {
+  /// Any file may go, unless other `ages` are said.
+  [[nodiscard]] std::vector<std::string> command(const std::string& directory,
+                                                 const std::vector<std::string>& ages = {
+                                                     "--lifetime", "0", "--youngest", "0"}) const {
     std::vector<std::string> command = {built("cache_service")};
-    if (GetParam() == std::string("python")) {
+    if (GetParam() == std::string("python"))
       command = {"/usr/bin/python3", KELVANE_SOURCE_FOLDER "/examples/python_service.py"};
-    }
-    for (const std::string& argument : {std::string("--id"), std::string(ID), std::string("--folder"),
-                                        folder_, std::string("--daemon"), daemon_.socket()}) {
-      command.push_back(argument);
-    }
+    const std::vector<std::string> arguments = {"--id",    ID,         "--folder",
+                                                directory, "--daemon", daemon_.socket()};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    command.insert(command.end(), ages.begin(), ages.end());
+    return command;
+  }
+  [[nodiscard]] static std::unique_ptr<Process> start(const std::vector<std::string>& command) {
     auto service = std::make_unique<Process>(command);
     EXPECT_TRUE(service->printed("registered")) << service->output();
     return service;
   }
+  [[nodiscard]] std::unique_ptr<Process> start() const { return start(command(folder_)); }
   [[nodiscard]] std::uint64_t purged(std::uint64_t bytes, int urgency = 4) const {
     const auto result = Client(daemon_).purge(
         {{KELVANE_VOLUME, volume_.path()}, {KELVANE_AMOUNT, bytes}, {KELVANE_URGENCY, urgency}});
@@ -76,6 +84,41 @@ TEST_P(ExampleService, ThatIsStoppedForAWhileAnswersWhenItGoesOn) {
   const auto result = client.finishPurge();
   ASSERT_TRUE(result);
   EXPECT_EQ((*result)[KELVANE_AMOUNT].unsignedLongLongValue(), mebibyte);
+}
+
+TEST_P(ExampleService, GivesNothingYoungerThanAnHourUnlessItIsTold) {
+  {
+    const auto service = start(command(folder_, {}));
+    EXPECT_EQ(purged(mebibyte), 0U);
+  }
+  ASSERT_TRUE(daemon_.process().printed("interruptionHandler ENTRY"));
+  const auto service = start(command(folder_, {"--youngest", "0"}));
+  EXPECT_EQ(purged(mebibyte, 3), 0U) << "at urgency 3 a file must be a week old";
+  EXPECT_EQ(purged(mebibyte, 4), mebibyte);
+}
+
+TEST_P(ExampleService, AnswersZeroWhileItsDirectoryIsAwayAndGivesAgainWhenItIsBack) {
+  const auto service = start();
+  const std::string away = volume_.path() + "/away";
+  std::filesystem::rename(folder_, away);
+  EXPECT_EQ(purged(mebibyte), 0U);
+  std::filesystem::create_directory_symlink(away, folder_);
+  EXPECT_EQ(purged(mebibyte), 0U) << "through a link";
+  std::filesystem::remove(folder_);
+  std::filesystem::rename(away, folder_);
+  EXPECT_EQ(purged(mebibyte), mebibyte);
+}
+
+TEST_P(ExampleService, SaysWhyItCannotServe) {
+  const Finished nowhere = run(command("/nothing"));
+  EXPECT_NE(nowhere.status, 0);
+  EXPECT_NE(nowhere.output.find("/nothing"), std::string::npos) << nowhere.output;
+  std::vector<std::string> without_daemon = command(folder_);
+  std::replace(without_daemon.begin(), without_daemon.end(), daemon_.socket(),
+               volume_.path() + "/nobody.sock");
+  Process waiting(without_daemon);
+  EXPECT_TRUE(waiting.printed("waiting: no")) << waiting.output();
+  EXPECT_TRUE(waiting.printed(volume_.path() + "/nobody.sock")) << waiting.output();
 }
 
 std::string languageOf(const testing::TestParamInfo<const char*>& info) { return info.param; }

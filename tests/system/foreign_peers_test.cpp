@@ -60,7 +60,8 @@ TEST(ForeignPeers, APythonServiceChecksInIsPingedPurgedAndDroppedWhenItDies) {
   const Volume volume(16);
   Daemon daemon;
   Process service({python(), source("examples/python_service.py"), "--id", "com.example.python", "--folder",
-                   volume.fill("python", 8, mebibyte), "--daemon", daemon.socket()});
+                   volume.fill("python", 8, mebibyte), "--lifetime", "0", "--youngest", "0", "--daemon",
+                   daemon.socket()});
   ASSERT_TRUE(service.printed("registered")) << service.output();
   EXPECT_TRUE(daemon.logged("ping got pong"));
 

@@ -27,7 +27,8 @@ def declare():
 </plist>
 """, encoding="utf-8")
     SERVICE_UNIT.write_text(f"""[Service]
-ExecStart={PAYLOAD}/cache_service --passed kelvane-service --id {DECLARED} --folder {EXT4.path}/declared --verbose
+ExecStart={PAYLOAD}/cache_service --passed kelvane-service --id {DECLARED} --folder {EXT4.path}/declared \\
+  --lifetime 0 --youngest 0 --verbose
 User={SERVICE_USER}
 """, encoding="utf-8")
     run("systemctl", "daemon-reload")
@@ -44,11 +45,12 @@ def withdraw():
 
 
 @contextlib.contextmanager
-def checked_in(name, folder, volume):
+def checked_in(name, folder):
     """A service that checks in, as a user who holds what the group kelvane is granted."""
     journal = Journal()
     run("systemd-run", f"--unit={name}", f"--property=User={SERVICE_USER}", "--property=SupplementaryGroups=kelvane",
-        PAYLOAD + "/cache_service", "--id", f"com.example.{name}", "--folder", folder, "--volume", volume, "--verbose")
+        PAYLOAD + "/cache_service", "--id", f"com.example.{name}", "--folder", folder, "--lifetime", "0", "--youngest", "0",
+        "--verbose")
     try:
         journal.wait_for(f"registered com.example.{name}", f"_SYSTEMD_UNIT={name}.service")
         yield
@@ -95,7 +97,8 @@ class Mute(python_service.Service):
         print("called", flush=True)
     def try_later(self, *_):
         os._exit(0)
-service = Mute(argparse.Namespace(id="com.example.mute", daemon="/run/kelvane/kelvane.sock", folder="/tmp"))
+service = Mute(argparse.Namespace(id="com.example.mute", daemon="/run/kelvane/kelvane.sock", folder="/tmp",
+                                  lifetime=0, youngest=0))
 service.check_in()
 python_service.GLib.MainLoop().run()
 """
@@ -123,7 +126,7 @@ def watchdog(report):
     fill_cache(EXT4.path + "/loyal", 0, 1, SERVICE_USER)
     drop_in("kelvane.service", "watchdog", "[Service]\nWatchdogSec=20\n")
     run("systemctl", "restart", "kelvane.service")
-    with checked_in("loyal", EXT4.path + "/loyal", EXT4.path):
+    with checked_in("loyal", EXT4.path + "/loyal"):
         held_up(report)
     drop_in("kelvane.service", "watchdog", "")
     run("systemctl", "restart", "kelvane.service")

@@ -25,7 +25,7 @@ def caches(size, *volumes):
             volume.mount_anew()
             stack.callback(volume.unmount)
             fill_cache(volume.path + "/cache", size, 20, SERVICE_USER)
-            stack.enter_context(checked_in(volume.type, volume.path + "/cache", volume.path))
+            stack.enter_context(checked_in(volume.type, volume.path + "/cache"))
         yield
 
 
