@@ -143,15 +143,19 @@ class DefinitionParser {
   }
 
   using Check = std::function<Objection(const std::string&)>;
-  void readList(const TomlEntry& entry, const char* what, const Check& objection_to,
-                std::vector<std::string>& into) {
-    for (const TomlValue& value : problems_.strings(entry)) {
+  /// Returns the values that are taken, for their lines.
+  TomlValue::Array readList(const TomlEntry& entry, const char* what, const Check& objection_to,
+                            std::vector<std::string>& into) {
+    TomlValue::Array taken;
+    for (TomlValue& value : problems_.strings(entry)) {
       if (Objection objection = objection_to(*value.string())) {
         object(value, what, *value.string(), *objection);
       } else {
         into.push_back(*value.string());
+        taken.push_back(std::move(value));
       }
     }
+    return taken;
   }
 
   void readName(const TomlEntry& entry) { readText(entry, objectionToName, definition_.name); }
@@ -168,13 +172,14 @@ class DefinitionParser {
     if (text && text != "network") object(entry.value, "needs", *text, "expected network");
   }
   void readRoots(const TomlEntry& entry) {
-    roots_ = problems_.strings(entry);
-    readList(entry, "root", objectionToRoot, definition_.roots);
+    for (TomlValue& value : readList(entry, "root", objectionToRoot, definition_.roots))
+      roots_.push_back(std::move(value));
     if (entry.value.array() != nullptr && entry.value.array()->empty()) {
       problems_.add(entry.value.line, "roots is empty: expected at least one directory");
     }
   }
   void readInclude(const TomlEntry& entry) {
+    has_include_ = true;
     readList(
         entry, "include pattern",
         [this](const std::string& text) { return objectionToInclude(text, definition_.kind); },
@@ -279,14 +284,12 @@ class DefinitionParser {
   }
 
   void checkWhole() {
-    const auto& rules = definition_.rules;
-    if (definition_.kind == Kind::units && rules.include.empty() && holder_ != nullptr) {
+    if (definition_.kind == Kind::units && !has_include_) {
       problems_.add(holder_line_, "no include pattern names the units: kind units needs at least one");
     }
     if (definition_.cache_class == CacheClass::expirable) checkExpirable();
     definition_.enabled = definition_.cache_class != CacheClass::personal;
     for (const TomlValue& root : roots_) {
-      if (objectionToRoot(*root.string())) continue;
       if (const auto reason = refusalAsWritten(*root.string(), definition_)) {
         object(root, "root", *root.string(), *reason);
       }
@@ -310,10 +313,11 @@ class DefinitionParser {
   Definition definition_;
   const TomlValue::Table* holder_ = nullptr;
   const TomlValue::Table* urgency_ = nullptr;
+  bool has_include_ = false;
   std::size_t holder_line_ = 0;
   std::size_t urgency_line_ = 0;
   std::array<std::size_t, client::urgency_count> lines_{};  // of the ages; 0: there is none
-  std::vector<TomlValue> roots_;
+  TomlValue::Array roots_;                                  // those that are written well
 };
 
 const std::vector<DefinitionParser::Key>& DefinitionParser::keys() {

@@ -38,12 +38,12 @@ std::string lowerCase(std::string text) {
 
 // What xdg-user-dirs calls the directories of people, in English and in some other languages; those of all
 // others are found in ~/.config/user-dirs.dirs (personalDirectories).
-constexpr std::array<std::string_view, 30> personal_names{
-    "desktop",    "documents",    "download",  "downloads", "music",     "pictures",
-    "public",     "templates",    "videos",    "bilder",    "dokumente", "schreibtisch",
-    "musik",      "vorlagen",     "bureau",    "images",    "musique",   "documentos",
-    "escritorio", "descargas",    "documenti", "immagini",  "scrivania", "scaricati",
-    "documenten", "afbeeldingen", "dokumenty", "obrazy",    "pulpit",    "pobrane"};
+constexpr std::array<std::string_view, 29> personal_names{
+    "desktop",      "documents", "downloads", "music",     "pictures",     "public",
+    "templates",    "videos",    "bilder",    "dokumente", "schreibtisch", "musik",
+    "vorlagen",     "bureau",    "images",    "musique",   "documentos",   "escritorio",
+    "descargas",    "documenti", "immagini",  "scrivania", "scaricati",    "documenten",
+    "afbeeldingen", "dokumenty", "obrazy",    "pulpit",    "pobrane"};
 
 constexpr auto forbidden_names = std::to_array<std::string_view>({
     // keys and secrets

@@ -249,8 +249,8 @@ TEST(DefinitionReader, RefusesUrgenciesThatAreNoneAndTablesThatAreEmptyOrMissing
   EXPECT_THAT(problemsOf(DefinitionText().also("[other]")),
               ElementsAre(HasSubstr("unknown key \"other\": expected")));
   EXPECT_THAT(problemsOf("holder = 1\nurgency = []\n"),
-              ElementsAre(HasSubstr("holder is an integer"), "npm.toml: missing table [holder]",
-                          "npm.toml: missing table [urgency]", HasSubstr("urgency is an array")));
+              ElementsAre("npm.toml: missing table [holder]", "npm.toml: missing table [urgency]",
+                          HasSubstr("holder is an integer"), HasSubstr("urgency is an array")));
 }
 
 TEST(DefinitionReader, RefusesAHigherUrgencyThatAllowsLess) {
@@ -371,13 +371,6 @@ TEST_F(DefinitionFile, ThatOthersCanWriteIsRefused) {
     write("npm.toml", DefinitionText().text(), mode);
     EXPECT_THAT(problemOf("npm.toml"), HasSubstr("others can write it"));
   }
-}
-
-TEST_F(DefinitionFile, OfSomebodyElseIsRefused) {
-  if (::geteuid() != 0) GTEST_SKIP() << "needs root to give a file away";
-  write("npm.toml", DefinitionText().text());
-  ASSERT_EQ(::chown((directory_ / "npm.toml").c_str(), 12345, 12345), 0);
-  EXPECT_THAT(problemOf("npm.toml"), HasSubstr("owned by another user"));
 }
 
 TEST_F(DefinitionFile, IsNeverALinkAFifoOrADirectory) {

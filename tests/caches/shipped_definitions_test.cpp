@@ -13,8 +13,6 @@
 #include "caches/definition_reader.h"
 #include "caches/quantities.h"
 #include "caches/safety.h"
-#include "kelvane/cache_directory.h"
-#include "tests/foundation/temporary_directory.h"
 
 namespace kelvane::caches {
 namespace {
@@ -66,15 +64,11 @@ TEST_P(Shipped, IsDescribedInItsOwnSection) {
   EXPECT_THAT(page, testing::HasSubstr("\n### " + definition().name + "\n"));
 }
 
-TEST_P(Shipped, HasTheAgesThatItsSectionSays) {
-  const std::string page = contentOf(CACHES_PAGE);
-  const std::size_t section = page.find("\n### " + definition().name + "\n");
-  ASSERT_NE(section, std::string::npos);
-  std::string ages;
-  for (const auto& age : definition().rules.ages) ages += " | " + (age ? ageText(*age) : std::string("–"));
-  EXPECT_THAT(page.substr(section, page.find("\n### ", section + 1) - section),
-              testing::HasSubstr(ages + " |"))
-      << ages;
+TEST_P(Shipped, HasTheAgesThatTheTableSays) {
+  std::string row = "| [" + definition().name + "](#" + definition().name + ") |";
+  for (const auto& age : definition().rules.ages)
+    row += " " + (age ? ageText(*age) : std::string("–")) + " |";
+  EXPECT_THAT(contentOf(CACHES_PAGE), testing::HasSubstr("\n" + row));
 }
 
 TEST_P(Shipped, AsksNothingOfAMachineThatNeedsNoSpace) {
@@ -83,11 +77,27 @@ TEST_P(Shipped, AsksNothingOfAMachineThatNeedsNoSpace) {
   EXPECT_TRUE(!age || *age >= std::chrono::hours(24 * 90));
 }
 
-INSTANTIATE_TEST_SUITE_P(Definitions, Shipped, testing::ValuesIn(shippedFiles()), [](const auto& info) {
-  std::string name = info.param.stem();
+INSTANTIATE_TEST_SUITE_P(Definitions, Shipped, testing::ValuesIn(shippedFiles()), [](const auto& parameter) {
+  std::string name = parameter.param.stem();
   std::replace(name.begin(), name.end(), '-', '_');
   return name;
 });
+
+TEST(Manual, DescribesEveryKeyOfAHolder) {
+  const auto problems = parseDefinition("[holder]\nunknown = 1\n[urgency]\n1 = \"1d\"\n", "x").problems;
+  const auto unknown = std::find_if(problems.begin(), problems.end(), [](const Problem& problem) {
+    return problem.reason.find("expected one of ") != std::string::npos;
+  });
+  ASSERT_NE(unknown, problems.end());
+  const std::string manual = contentOf(CACHES_MANUAL);
+  std::istringstream keys(unknown->reason.substr(unknown->reason.find("one of ") + 7));
+  std::size_t count = 0;
+  for (std::string key; keys >> key; ++count) {
+    if (key.back() == ',') key.pop_back();
+    EXPECT_THAT(manual, testing::ContainsRegex("\n\\.TP\n\\.BR? " + key + "( |\n)"));
+  }
+  EXPECT_EQ(count, 16U);
+}
 
 TEST(ShippedDefinitions, AreThoseThatThePageNames) {
   std::set<std::string> described;
