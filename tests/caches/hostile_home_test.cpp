@@ -52,6 +52,7 @@ class Attacker {
 
  private:
   using Steps = std::atomic<std::uint64_t>;
+  static constexpr useconds_t as_long_as_a_purge = 10'000;
 
   [[noreturn]] void attack(uid_t user) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -75,11 +76,12 @@ class Attacker {
   }
 
   /// Of a name in the cache and one in ~/links.
-  void exchange(const fs::path& name, const fs::path& link) const {
+  void exchange(const fs::path& name, const fs::path& link) {
     const FileDescriptor parent = directory(name.parent_path());
     const FileDescriptor links = directory(link.parent_path());
     ::syscall(SYS_renameat2, parent.get(), name.filename().c_str(), links.get(), link.filename().c_str(),
               RENAME_EXCHANGE);
+    if (choices_.oneIn(16)) ::usleep(as_long_as_a_purge);
   }
 
   void step() {
@@ -117,7 +119,7 @@ class Attacker {
     }
     ::unlinkat(directory(".cache/pip").get(), "lock", 0);
     ::unlink(at(".config/kelvane/caches.toml").c_str());
-    if (choices_.oneIn(4)) ::usleep(10'000);
+    if (choices_.oneIn(4)) ::usleep(as_long_as_a_purge);
   }
 
   void replaceLock() {
@@ -194,10 +196,11 @@ class HostileHome : public Machine {
     for (const char* const directory : {".cache/pip/http", ".config/kelvane", "links"}) {
       fs::create_directories(home(alice) + "/" + directory);
     }
-    link("links/pip", home(alice) + "/Documents/pip");
-    link("links/http", home(alice) + "/Documents/pip/http");
-    link("links/cache", home(alice) + "/Documents");
-    link("links/elsewhere", volume() + "/etc/pip");
+    // As they are right where they are exchanged to.
+    link("links/pip", "../Documents/pip");
+    link("links/http", "../../Documents/pip/http");
+    link("links/cache", "Documents");
+    link("links/elsewhere", "../../../etc/pip");
     giveTo(alice, home(alice));
     giveTo(bob, home(bob));
     giveTo(alice, volume() + "/etc/pip");
@@ -233,7 +236,7 @@ class HostileHome : public Machine {
   static Definition attacked() {
     Definition definition = pip();
     definition.roots = {"${XDG_CACHE_HOME}/pip", "~/.cache/*/http"};
-    definition.in_use = {{InUse::Kind::record, "lock"}, {InUse::Kind::pid_link, "~/.cache/pip/running"}};
+    definition.in_use = {{InUse::Kind::record, "lock"}, {InUse::Kind::pid_link, "running"}};
     definition.rules.ages.fill(std::chrono::seconds(hour));
     return definition;
   }
