@@ -194,8 +194,32 @@ void UserWorkers::add(Found& found, std::vector<Answer> answers, const std::vect
   }
 }
 
-void UserWorkers::carryOut(Found& found, const Request& request, const client::CacheLimits& limits,
-                           const Item& item) {
+/// What is to go where: a job for each user, and for each job the places of its roots in the report.
+struct UserWorkers::Plan {
+  std::vector<Job> jobs;
+  std::vector<std::map<RootKey, std::size_t>> roots;
+  std::map<uid_t, std::size_t> job_of;
+
+  void add(const Found& found, const Request& request, client::AgeCut cut, std::size_t root,
+           std::uint64_t amount) {
+    const auto [place, is_new] = job_of.try_emplace(found.users[root].id, jobs.size());
+    if (is_new) {
+      Job& job = jobs.emplace_back();
+      job.kind = request.kind;
+      job.definition = found.definition;
+      job.user = found.users[root];
+      job.volume = request.volume;
+      job.urgency = request.urgency;
+      job.newest = cut.newest;
+      job.now = found.report.roots[root].survey.taken_at;
+      roots.emplace_back();
+    }
+    jobs[place->second].shares.push_back({found.keys[root], amount});
+    roots[place->second].emplace(found.keys[root], root);
+  }
+};
+
+UserWorkers::Plan UserWorkers::planOf(const Found& found, const Request& request) {
   std::vector<std::size_t> usable;
   std::vector<const client::CacheSurvey*> surveys;
   for (std::size_t i = 0; i < found.report.roots.size(); ++i) {
@@ -204,50 +228,41 @@ void UserWorkers::carryOut(Found& found, const Request& request, const client::C
     surveys.push_back(&found.report.roots[i].survey);
   }
   const Shares shares = shareOut(surveys, request.urgency, request.amount);
-
-  std::vector<Job> jobs;
-  std::map<uid_t, std::size_t> job_of;
-  std::vector<std::map<RootKey, std::size_t>> roots_of;  // as jobs
+  Plan plan;
   for (std::size_t i = 0; i < usable.size(); ++i) {
-    const std::size_t root = usable[i];
-    if (shares.amounts[i] == 0) continue;
-    const auto [job, is_new] = job_of.try_emplace(found.users[root].id, jobs.size());
-    if (is_new) {
-      Job& made = jobs.emplace_back();
-      made.kind = request.kind;
-      made.definition = found.definition;
-      made.user = found.users[root];
-      made.volume = request.volume;
-      made.urgency = request.urgency;
-      made.newest = shares.cut.newest;
-      made.now = found.report.roots[root].survey.taken_at;
-      roots_of.emplace_back();
-    }
-    jobs[job->second].shares.push_back({found.keys[root], shares.amounts[i]});
-    roots_of[job->second].emplace(found.keys[root], root);
+    if (shares.amounts[i] > 0) plan.add(found, request, shares.cut, usable[i], shares.amounts[i]);
   }
+  return plan;
+}
 
+void UserWorkers::carryOut(Found& found, const Request& request, const client::CacheLimits& limits,
+                           const Item& item) {
+  Plan plan = planOf(found, request);
   JobRun::Item pass_on;
   if (request.kind == Job::Kind::list) {
     pass_on = [&](std::size_t job, const RootKey& key, const client::CacheItem& one) {
-      const auto root = roots_of[job].find(key);
-      return root == roots_of[job].end() || !item || item(found.report.roots[root->second], one);
+      const auto root = plan.roots[job].find(key);
+      return root == plan.roots[job].end() || !item || item(found.report.roots[root->second], one);
     };
   }
   const std::vector<Answer> answers =
-      newRun(stageUntil(limits.deadline, 100), limits, pass_on).run(std::move(jobs));
+      newRun(stageUntil(limits.deadline, 100), limits, std::move(pass_on)).run(std::move(plan.jobs));
   for (std::size_t i = 0; i < answers.size(); ++i) {
     found.report.complete = found.report.complete && answers[i].complete;
-    for (const ReportedRoot& done : answers[i].roots) {
-      const auto root = roots_of[i].find(done.key);
-      if (root == roots_of[i].end()) continue;
-      found.report.roots[root->second].purge = done.report.purge;
-      found.report.roots[root->second].reason = done.report.reason;
-      roots_of[i].erase(root);
-    }
-    for (const auto& [key, unreported] : roots_of[i])
-      found.report.roots[unreported].reason = answers[i].reason;
+    settle(found, answers[i], plan.roots[i]);
   }
+}
+
+/// Roots of which nothing was reported get the reason.
+void UserWorkers::settle(Found& found, const Answer& answer, std::map<RootKey, std::size_t> roots) {
+  for (const ReportedRoot& done : answer.roots) {
+    const auto root = roots.find(done.key);
+    if (root == roots.end()) continue;
+    found.report.roots[root->second].purge = done.report.purge;
+    found.report.roots[root->second].reason = done.report.reason;
+    roots.erase(root);
+  }
+  for (const auto& [key, unreported] : roots) found.report.roots[unreported].reason = answer.reason;
 }
 
 JobRun UserWorkers::newRun(Stage stage, const client::CacheLimits& limits, JobRun::Item item) {

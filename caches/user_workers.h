@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,6 +32,7 @@ class UserWorkers final : public Workers {
     std::uint32_t definition = 0;
   };
   struct Request;
+  struct Plan;
 
   [[nodiscard]] Found look(const std::string& holder, const std::string& volume,
                            const client::CacheLimits& limits, int percent);
@@ -40,6 +42,8 @@ class UserWorkers final : public Workers {
   [[nodiscard]] std::vector<User> owners(Found& found, const Job& pattern, const client::CacheLimits& limits,
                                          int percent);
   void add(Found& found, std::vector<Answer> answers, const std::vector<User>& users) const;
+  [[nodiscard]] static Plan planOf(const Found& found, const Request& request);
+  static void settle(Found& found, const Answer& answer, std::map<RootKey, std::size_t> roots);
   void carryOut(Found& found, const Request& request, const client::CacheLimits& limits, const Item& item);
   [[nodiscard]] JobRun newRun(Stage stage, const client::CacheLimits& limits, JobRun::Item item = {});
 

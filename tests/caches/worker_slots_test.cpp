@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <array>
+#include <memory>
+#include <vector>
 
 namespace kelvane::caches::tests {
 namespace {
@@ -35,6 +37,16 @@ TEST(WorkerSlots, AreSharedEquallyAmongCalls) {
   WorkerSlots::Call second(slots);
   EXPECT_EQ(takeAll(first, 100, 100), WorkerSlots::most / 2);
   EXPECT_EQ(takeAll(second, 300, 100), WorkerSlots::most / 2);
+}
+
+TEST(WorkerSlots, AreBoundedWhenThereAreMoreCallsThanThat) {
+  WorkerSlots slots;
+  std::vector<std::unique_ptr<WorkerSlots::Call>> calls;
+  for (std::size_t i = 0; i < WorkerSlots::most + 5; ++i)
+    calls.push_back(std::make_unique<WorkerSlots::Call>(slots));
+  std::size_t taken = 0;
+  for (uid_t i = 0; i < calls.size(); ++i) taken += takeAll(*calls[i], 100 + 10 * i, 3);
+  EXPECT_EQ(taken, WorkerSlots::most);
 }
 
 TEST(WorkerSlots, AreDeniedToAUserWhoseWorkerDoesNotEnd) {

@@ -7,8 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <filesystem>
-#include <numeric>
-#include <set>
+#include <vector>
 
 #include "tests/caches/hanging_mount.h"
 #include "tests/caches/machine.h"
@@ -18,7 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using kelvane::tests::PrivateMount;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -216,14 +214,47 @@ TEST_F(WorkersTest, SkipsHomesThatAreNotUsersOwnWithTheReason) {
   addUser(61'013, volume() + "/passwd");
   addUser(61'014, "relative");
   fill(alice);
+  ::chmod(home(alice).c_str(), 0755);
   start({pip()});
   const HolderReport report = survey();
   EXPECT_THAT(reasonOf(61'010, report), HasSubstr("not a user's own"));
   EXPECT_THAT(reasonOf(61'011, report), HasSubstr("No such file"));
-  EXPECT_NE(reasonOf(61'012, report), "");
+  EXPECT_EQ(reasonOf(61'012, report), home(alice) + " belongs to user 61001");
   EXPECT_THAT(reasonOf(61'013, report), HasSubstr("not a directory"));
   EXPECT_THAT(reasonOf(61'014, report), HasSubstr("absolute"));
   EXPECT_EQ(report.atUrgency(2).bytes, block);
+}
+
+TEST_F(WorkersTest, LeavesACacheWhoseProgramRuns) {
+  fill(alice);
+  fill(bob);
+  addText(alice, ".config/tool/running", "");
+  Definition busy = pip();
+  busy.in_use = {{InUse::Kind::exists, "~/.config/tool/running"}};
+  start({busy});
+  const HolderReport report = workers_->purge("pip", {}, 4, UINT64_MAX, limits());
+  EXPECT_EQ(reasonOf(alice, report), "~/.config/tool/running exists");
+  EXPECT_TRUE(has(alice, ".cache/pip/old"));
+  EXPECT_FALSE(has(bob, ".cache/pip/old"));
+}
+
+TEST_F(WorkersTest, LeavesRootsThatAreLinksOrAnothersDirectory) {
+  fill(bob);
+  fs::create_directories(home(alice) + "/.cache");
+  fs::create_directory_symlink(home(bob) + "/.cache/pip", home(alice) + "/.cache/pip");
+  fs::create_directories(home(alice) + "/.npm/_cacache");
+  makeFile(home(alice) + "/.npm/_cacache/old", block, 50 * day);
+  Definition two = pip();
+  two.roots = {"~/.cache/pip", "~/.npm/_cacache"};
+  giveTo(alice, home(alice));
+  ::chown((home(alice) + "/.npm/_cacache").c_str(), bob, bob);
+  ::chmod((home(alice) + "/.npm/_cacache").c_str(), 0777);
+  start({two});
+  const HolderReport report = workers_->purge("pip", {}, 4, UINT64_MAX, limits());
+  std::vector<std::string> reasons;
+  for (const RootReport& root : of(alice, report)) reasons.push_back(root.reason);
+  EXPECT_THAT(reasons, ElementsAre("it is, or leads through, a symbolic link", "it belongs to user 61002"));
+  EXPECT_TRUE(has(alice, ".npm/_cacache/old"));
 }
 
 TEST_F(WorkersTest, SkipsAHomeThatItsUserCannotRead) {
