@@ -2,6 +2,7 @@
 
 #include <sys/inotify.h>
 #include <unistd.h>
+#include <algorithm>
 #include <array>
 
 namespace kelvane::caches {

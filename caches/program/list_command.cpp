@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <map>
 #include <set>
 
 #include "caches/program/commands.h"
@@ -46,9 +47,10 @@ std::string volumesOf(const HolderReport& report) {
   return fmt::format("{}", fmt::join(volumes, ", "));
 }
 
-std::size_t nameWidth(const std::vector<Listed>& all) {
+std::size_t nameWidth(const std::vector<Listed>& all, const std::vector<std::string>& masked) {
   std::size_t widest = 5;
   for (const Listed& listed : all) widest = std::max(widest, listed.definition->name.size());
+  for (const std::string& name : masked) widest = std::max(widest, name.size());
   return std::min(widest, longest_name);
 }
 
@@ -93,12 +95,47 @@ std::string heading(const tools::Screen& screen, std::size_t name_width) {
   return tools::fitted(screen, "Cache", name_width) + amounts + "  Volume\n";
 }
 
+/// "REASON: name, name, ...", in as many lines as that takes.
+std::string paragraph(const tools::Screen& screen, const std::string& reason,
+                      const std::vector<std::string>& names) {
+  std::string text = tools::printable(screen, reason) + ":";
+  std::size_t column = tools::columns(text);
+  for (const std::string& name : names) {
+    const std::string word = name + (&name == &names.back() ? "" : ",");
+    const bool fits = column + 1 + word.size() <= screen.width;
+    text += (fits ? " " : "\n  ") + word;
+    column = (fits ? column + 1 : 2) + word.size();
+  }
+  return text + "\n";
+}
+
+/// What gives something comes first. A reason that many share is written once.
+std::string rows(const tools::Screen& screen, const std::vector<Listed>& all, std::size_t name_width) {
+  constexpr std::size_t many = 4;
+  std::string giving;
+  std::string others;
+  std::string shared;
+  std::map<std::string, std::vector<std::string>> by_reason;
+  for (const Listed& listed : all) by_reason[listed.reason].push_back(listed.definition->name);
+  for (const Listed& listed : all) {
+    if (listed.reason.empty()) {
+      giving += row(screen, listed, name_width);
+    } else if (by_reason[listed.reason].size() < many) {
+      others += row(screen, listed, name_width);
+    }
+  }
+  for (const auto& [reason, names] : by_reason) {
+    if (!reason.empty() && names.size() >= many) shared += paragraph(screen, reason, names);
+  }
+  return giving + others + shared;
+}
+
 std::string listScreen(const std::vector<Listed>& all, const std::vector<std::string>& masked,
                        const tools::Screen& screen) {
   if (all.empty() && masked.empty()) return "No cache is defined.\n";
-  const std::size_t name_width = nameWidth(all);
-  std::string text = tools::coloured(screen, tools::Colour::bold, heading(screen, name_width));
-  for (const Listed& listed : all) text += row(screen, listed, name_width);
+  const std::size_t name_width = nameWidth(all, masked);
+  std::string text = tools::coloured(screen, tools::Colour::bold, heading(screen, name_width)) +
+                     rows(screen, all, name_width);
   for (const std::string& name : masked)
     text += reasonRow(screen, name, fmt::format("masked: kelvanectl caches enable {}", name), name_width);
   const bool complete =

@@ -29,8 +29,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds default_patience(60);
-constexpr milliseconds longest_look(1000);      // while somebody is connected
-constexpr milliseconds look_before_ending(20);  // when the end waits for that only
+constexpr milliseconds longest_look(1000);  // while somebody is connected
+constexpr milliseconds shortest_look(20);
 constexpr std::chrono::seconds purges_may_end(10);
 
 /// How long to stay without calls; nothing when the variable cannot be read.
@@ -75,12 +75,11 @@ class Life {
     const auto since = services_.idleSince();
     return since && Clock::now() - *since >= patience();
   }
-  /// At least long enough that a call which waits to be accepted is.
+  /// Never so short that nothing else gets to run.
   [[nodiscard]] milliseconds untilNextLook() const {
     const auto since = services_.idleSince();
-    if (!since)
-      return changes_.happened() ? look_before_ending : std::min(longest_look, inMilliseconds(patience_));
-    return std::max(look_before_ending, inMilliseconds(*since + patience() - Clock::now()));
+    if (!since) return std::clamp(inMilliseconds(patience()), shortest_look, longest_look);
+    return std::max(shortest_look, inMilliseconds(*since + patience() - Clock::now()));
   }
   static milliseconds inMilliseconds(Clock::duration time) { return std::chrono::ceil<milliseconds>(time); }
 

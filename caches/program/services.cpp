@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <algorithm>
+#include <iterator>
 #include <thread>
 
 #include "caches/program/log.h"
@@ -59,9 +60,15 @@ bool Services::pauseIfIdle() {
 }
 
 void Services::finish(Moment deadline) {
-  for (const Served& served : served_) served.service->cancelPurges();
-  // The daemon hangs up when it has its answer.
-  while (!idleSince() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(look);
+  const auto ended = [](const Served& served) {
+    served.service->cancelPurges();
+    return served.service->pauseIfIdle();
+  };
+  // The daemon hangs up when it has its answer. Each that is idle accepts no more, and the others go on.
+  while (std::count_if(served_.begin(), served_.end(), ended) != std::ssize(served_) &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(look);
+  }
 }
 
 }  // namespace kelvane::caches

@@ -136,19 +136,20 @@ std::vector<std::string> managerCommand(const Daemon& daemon, const std::vector<
 }
 
 std::vector<std::string> managerEnvironment(const CachesMachine& machine, const Daemon& daemon,
-                                            const std::string& idle) {
+                                            const std::vector<std::string>& more) {
   std::vector<std::string> environment = machine.environment();
-  environment.insert(environment.end(),
-                     {"KELVANE_CACHES_IDLE=" + idle, "RUNTIME_DIRECTORY=" + daemon.runtimeFolder(),
-                      std::string("SERVICE_PRELOAD=") + OLD_FILES_LIBRARY});
+  environment.insert(environment.end(), more.begin(), more.end());
+  environment.insert(environment.end(), {"RUNTIME_DIRECTORY=" + daemon.runtimeFolder(),
+                                         std::string("SERVICE_PRELOAD=") + OLD_FILES_LIBRARY});
   return environment;
 }
 
 }  // namespace
 
 CachesService::CachesService(const CachesMachine& machine, const Daemon& daemon,
-                             const std::vector<std::string>& names, const std::string& idle)
-    : process_(managerCommand(daemon, names), managerEnvironment(machine, daemon, idle)) {
+                             const std::vector<std::string>& names,
+                             const std::vector<std::string>& environment)
+    : process_(managerCommand(daemon, names), managerEnvironment(machine, daemon, environment)) {
   EXPECT_TRUE(process_.printed("listening")) << process_.output();
 }
 

@@ -61,8 +61,9 @@ class CachesMachine {
 /// The sockets of caches for a daemon, and the service behind them.
 class CachesService {
  public:
+  /// `environment` adds to that of the machine.
   CachesService(const CachesMachine& machine, const Daemon& daemon, const std::vector<std::string>& names,
-                const std::string& idle = "60");
+                const std::vector<std::string>& environment = {});
 
   /// Of the service that was started last.
   [[nodiscard]] pid_t id();

@@ -1,6 +1,7 @@
 // What kelvane-caches shows people, and what `kelvanectl caches` makes of it.
 
 #include <gmock/gmock.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <algorithm>
 #include <filesystem>
@@ -46,12 +47,23 @@ TEST(CachesList, ShowsWhatCouldGoAtEachUrgencyAndWhyNothingCan) {
   expectMatchesSchema(machine.caches({"list", "--json"}).output);
   EXPECT_EQ(machine.ctlCaches({"list"}).output, list.output);
   EXPECT_EQ(machine.ctlCaches({}).output, list.output) << "alone it lists";
+  EXPECT_THAT(machine.cachesAsAlice({"list"}).output, HasSubstr("6.0 MiB")) << "a user sees the own caches";
   EXPECT_EQ(machine.ctlCaches({"--json"}).output, machine.caches({"--json", "list"}).output);
+}
+
+TEST(CachesList, SaysAReasonThatManyShareOnce) {
+  const CachesMachine machine(64);
+  for (const char* const name : {"a", "b", "c", "d", "photos"}) machine.define(name, ages);
+  machine.fill("photos", 4, mebibyte, 40 * day);
+  const Finished list = machine.caches({"list"});
+  EXPECT_THAT(list.output, HasSubstr("there is no such directory: a, b, c, d\n"));
+  EXPECT_LT(list.output.find("photos"), list.output.find("no such directory"));
 }
 
 TEST(CachesList, FitsNarrowScreens) {
   const CachesMachine machine(64);
   machine.define("photos", ages);
+  for (int i = 0; i < 12; ++i) machine.define("cache-" + std::to_string(i), ages);
   machine.fill("photos", 4, mebibyte, 40 * day, "old");
   for (const char* const width : {"40", "60", "80", "120"}) {
     const Finished list =
@@ -135,15 +147,58 @@ TEST(CachesCheck, NamesTheLineAndTheReason) {
   expectMatchesSchema(machine.caches({"check", "--json", good, bad}).output);
 }
 
-TEST(CachesSwitch, RootMasksACacheForAllAndUnmasksIt) {
+/// Definitions of packages, in a /usr/lib of this machine only.
+class ShippedDefinitions {
+ public:
+  ShippedDefinitions() {
+    EXPECT_EQ(::mount("kelvane-test-upper", upper_.path().c_str(), "tmpfs", 0, nullptr), 0);
+    fs::create_directories(upper_.path() + "/changes");
+    fs::create_directories(upper_.path() + "/work");
+    const std::string options =
+        "lowerdir=/usr/lib,upperdir=" + upper_.path() + "/changes,workdir=" + upper_.path() + "/work";
+    EXPECT_EQ(::mount("kelvane-test-lib", "/usr/lib", "overlay", 0, options.c_str()), 0);
+    fs::create_directories(directory);
+  }
+  ~ShippedDefinitions() {
+    ::umount2("/usr/lib", MNT_DETACH);
+    ::umount2(upper_.path().c_str(), MNT_DETACH);
+  }
+  ShippedDefinitions(const ShippedDefinitions&) = delete;
+  ShippedDefinitions& operator=(const ShippedDefinitions&) = delete;
+
+  static constexpr const char* directory = "/usr/lib/kelvane/caches.d";
+
+ private:
+  const Folder upper_;
+};
+
+TEST(CachesSwitch, RootMasksACacheThatIsShippedAndUnmasksIt) {
+  const ShippedDefinitions shipped;
+  const CachesMachine machine(64);
+  writeFile(std::string(ShippedDefinitions::directory) + "/photos.toml", definitionText("photos", ages));
+  machine.fill("photos", 4, mebibyte, 40 * day);
+  const std::string mask = machine.definitions() + "/photos.toml";
+  EXPECT_THAT(machine.caches({"list"}).output, HasSubstr("4.0 MiB"));
+  const Finished disabled = machine.ctlCaches({"disable", "photos"});
+  EXPECT_EQ(disabled.output, "photos is disabled now: " + mask + " is a link to /dev/null.\n");
+  EXPECT_EQ(fs::read_symlink(mask), "/dev/null");
+  EXPECT_EQ(machine.caches({"disable", "photos"}).output, "photos is disabled already.\n");
+  EXPECT_THAT(machine.caches({"list"}).output,
+              HasSubstr("photos  masked: kelvanectl caches enable photos\n"));
+  EXPECT_EQ(machine.caches({"explain", "photos"}).status, 2);
+  EXPECT_EQ(machine.ctlCaches({"enable", "photos"}).status, 0);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(mask)));
+  EXPECT_THAT(machine.caches({"list"}).output, HasSubstr("4.0 MiB"));
+}
+
+TEST(CachesSwitch, RootsOwnDefinitionIsNeverReplacedByAMask) {
   const CachesMachine machine(64);
   machine.define("photos", ages);
-  // As shipped: no file of the administrator's has this name.
   const std::string own = machine.definitions() + "/photos.toml";
   const Finished refused = machine.caches({"disable", "photos"});
   EXPECT_EQ(refused.status, 6);
   EXPECT_THAT(refused.output, HasSubstr(own + " is a file of your own"));
-  EXPECT_EQ(contentsOf(own), definitionText("photos", ages)) << "it is left as it was";
+  EXPECT_EQ(contentsOf(own), definitionText("photos", ages));
 }
 
 TEST(CachesSwitch, EnablingAMaskedCacheRemovesTheLinkOnly) {

@@ -91,7 +91,7 @@ TEST(CacheService, EndsWhenNobodyCallsAndIsStartedByTheNextCall) {
   machine.fill("photos", 8, mebibyte, 40 * day);
   const Declared declared({"photos"});
   Daemon daemon;
-  CachesService service(machine, daemon, {"photos"}, "1");
+  CachesService service(machine, daemon, {"photos"}, {"KELVANE_CACHES_IDLE=1"});
   Client client(daemon);
   EXPECT_EQ(freedIn(client.purge(purgeOf(machine, 2 * mebibyte, 2))), 2 * mebibyte);
   ASSERT_TRUE(service.ended(0)) << service.process().output();
@@ -105,7 +105,7 @@ TEST(CacheService, LosesNoCallThatComesWhileItEnds) {
   machine.fill("photos", 40, 64 << 10, 40 * day);
   const Declared declared({"photos"});
   Daemon daemon;
-  CachesService service(machine, daemon, {"photos"}, "0");
+  CachesService service(machine, daemon, {"photos"}, {"KELVANE_CACHES_IDLE=0"});
   Client client(daemon);
   for (int i = 0; i < 40; ++i)
     EXPECT_EQ(freedIn(client.purge(purgeOf(machine, 64 << 10, 2))), 64U << 10)
@@ -240,7 +240,7 @@ TEST(CacheService, LeavesAnEntryInTheJournalForEachRootOfAPurge) {
   machine.fill("photos", 4, mebibyte, 40 * day);
   const Declared declared({"photos"});
   Daemon daemon;
-  CachesService service(machine, daemon, {"photos"});
+  CachesService service(machine, daemon, {"photos"}, {"SERVICE_JOURNAL=yes"});
   Client client(daemon);
   EXPECT_EQ(freedIn(client.purge(purgeOf(machine, 2 * mebibyte, 2))), 2 * mebibyte);
   const std::string entry = journal.received();

@@ -2,7 +2,8 @@
 //
 // Opens a socket DIRECTORY/com.orvel.kelvane.caches.NAME for each name. When somebody connects to one, it
 // starts the program with all of them; when that has ended, it waits for the next who connects. Prints
-// "started PID" and "ended STATUS".
+// "started PID" and "ended STATUS". SERVICE_PRELOAD is preloaded into the program; with SERVICE_JOURNAL, its
+// standard error counts as the journal's.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -38,18 +39,22 @@ int listenAt(const std::string& path) {
 
 void setNumber(const char* name, unsigned long number) { ::setenv(name, std::to_string(number).c_str(), 1); }
 
+void nameJournal() {
+  struct stat log {};
+  ::fstat(STDERR_FILENO, &log);
+  ::setenv("JOURNAL_STREAM", (std::to_string(log.st_dev) + ":" + std::to_string(log.st_ino)).c_str(), 1);
+}
+
 [[noreturn]] void become(const char* program, const std::vector<pollfd>& sockets, const std::string& names) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   // First out of the way of the numbers that they are to have.
   std::vector<int> copies;
   for (const pollfd& socket : sockets) copies.push_back(::fcntl(socket.fd, F_DUPFD_CLOEXEC, 100));
   for (std::size_t i = 0; i < copies.size(); ++i) ::dup2(copies[i], first_descriptor + static_cast<int>(i));
-  struct stat log {};
-  ::fstat(STDERR_FILENO, &log);
   setNumber("LISTEN_PID", static_cast<unsigned long>(::getpid()));
   setNumber("LISTEN_FDS", sockets.size());
   ::setenv("LISTEN_FDNAMES", names.c_str(), 1);
-  ::setenv("JOURNAL_STREAM", (std::to_string(log.st_dev) + ":" + std::to_string(log.st_ino)).c_str(), 1);
+  if (std::getenv("SERVICE_JOURNAL") != nullptr) nameJournal();
   if (const char* const preloaded = std::getenv("SERVICE_PRELOAD")) ::setenv("LD_PRELOAD", preloaded, 1);
   ::execl(program, program, nullptr);
   std::perror(program);
