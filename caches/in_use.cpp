@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/openat2.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -101,6 +102,8 @@ std::optional<pid_t> processOf(std::string_view digits) {
   return process;
 }
 
+bool isAbsent(int error) { return error == ENOENT || error == ENOTDIR; }
+
 bool lives(pid_t process) { return ::kill(process, 0) == 0 || errno != ESRCH; }
 
 }  // namespace
@@ -124,6 +127,7 @@ Signs::Signs(const std::vector<InUse>& in_use, const std::string& home, int home
     if (sign.kind == InUse::Kind::process) {
       processes_.push_back(what.substr(0, longest_process_name));
     } else if (const auto kind = lockKind(sign.kind)) {
+      if (sign.kind == InUse::Kind::exists) files_.push_back(what);
       if (what.starts_with("~/")) what = home_ + what.substr(1);
       locks_.push_back({*kind, std::move(what)});
     } else {
@@ -133,34 +137,46 @@ Signs::Signs(const std::vector<InUse>& in_use, const std::string& home, int home
 }
 
 std::string Signs::now() const {
+  for (const std::string& file : files_) {
+    if (std::string fault = present(file); !fault.empty()) return fault;
+  }
   for (const std::string& link : links_) {
     if (std::string holder = holderOf(link); !holder.empty()) return holder;
   }
   return runningAmong(processes_);
 }
 
-/// Only the last name may be a link, and it is not followed.
-std::string Signs::holderOf(const std::string& link) const {
-  const bool in_home = link.starts_with("~/");
-  const std::string path = in_home ? link.substr(2) : link;
+/// The directory of a sign, or nothing with the reason in errno: through no link, and below the home or the
+/// root into no mount.
+FileDescriptor Signs::parentOf(const std::string& path, std::string& name) const {
+  const bool in_home = path.starts_with("~/");
+  const std::string below = in_home ? path.substr(2) : path;
+  const std::size_t slash = below.rfind('/');
+  const std::string parent = slash == std::string::npos ? "." : below.substr(0, slash + 1);
+  name = slash == std::string::npos ? below : below.substr(slash + 1);
   open_how how{};
-  how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
-  how.resolve = RESOLVE_NO_MAGICLINKS | (link.starts_with('/') ? 0 : RESOLVE_BENEATH | RESOLVE_NO_XDEV);
+  how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  how.resolve = RESOLVE_NO_SYMLINKS | (path.starts_with('/') ? 0 : RESOLVE_BENEATH | RESOLVE_NO_XDEV);
   const int from = in_home ? home_directory_ : root_;
-  const std::size_t slash = path.rfind('/');
-  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  how.flags |= O_DIRECTORY;
-  how.resolve |= RESOLVE_NO_SYMLINKS;
-  const FileDescriptor directory(
-      static_cast<int>(::syscall(SYS_openat2, from, parent.c_str(), &how, sizeof how)));
-  if (!directory) {
-    return errno == ENOENT || errno == ENOTDIR ? "" : fmt::format("{}: {}", link, std::strerror(errno));
-  }
+  return FileDescriptor(static_cast<int>(::syscall(SYS_openat2, from, parent.c_str(), &how, sizeof how)));
+}
+
+std::string Signs::present(const std::string& path) const {
+  std::string name;
+  struct stat status {};
+  const FileDescriptor parent = parentOf(path, name);
+  const bool found =
+      parent && ::fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0;
+  if (found) return fmt::format("{} exists", path);
+  return isAbsent(errno) ? "" : fmt::format("{}: {}", path, std::strerror(errno));
+}
+
+std::string Signs::holderOf(const std::string& link) const {
+  std::string name;
   std::array<char, PATH_MAX> target{};
-  const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-  const ssize_t length = ::readlinkat(directory.get(), name.c_str(), target.data(), target.size());
-  if (length < 0 && errno == ENOENT) return {};
-  if (length < 0) return fmt::format("{}: {}", link, std::strerror(errno));
+  const FileDescriptor parent = parentOf(link, name);
+  const ssize_t length = parent ? ::readlinkat(parent.get(), name.c_str(), target.data(), target.size()) : -1;
+  if (length < 0) return isAbsent(errno) ? "" : fmt::format("{}: {}", link, std::strerror(errno));
   const std::string held_by(target.data(), static_cast<std::size_t>(length));
   return isHeld(held_by, ownHost()) ? fmt::format("{} says that \"{}\" uses it", link, held_by) : "";
 }

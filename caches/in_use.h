@@ -24,12 +24,15 @@ class Signs {
 
  private:
   [[nodiscard]] std::string holderOf(const std::string& link) const;
+  [[nodiscard]] std::string present(const std::string& path) const;
+  [[nodiscard]] FileDescriptor parentOf(const std::string& path, std::string& name) const;
 
   // All constant.
   const std::string home_;
   const int home_directory_;
   const int root_;
   std::vector<client::CacheLock> locks_;
+  std::vector<std::string> files_;
   std::vector<std::string> links_;
   std::vector<std::string> processes_;
 };

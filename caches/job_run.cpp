@@ -19,6 +19,7 @@ constexpr int tick = 20;  // milliseconds
 constexpr std::chrono::hours longest_stage(1);
 constexpr std::chrono::seconds grace(1);  // for workers to wind up once cancelled
 constexpr int work_percent = 90;
+constexpr const char* nobody_wants_more = "nobody wants more of it";
 
 }  // namespace
 
@@ -57,6 +58,10 @@ std::vector<Answer> JobRun::run(std::vector<Job> jobs) {
     }
     startSome();
     waitForSome();
+    if (sated_) {
+      giveUp(nobody_wants_more);
+      break;
+    }
   }
   return std::move(answers_);
 }
@@ -95,7 +100,8 @@ bool JobRun::start(std::size_t number) {
   ReportReader::Item item;
   if (item_)
     item = [this, number](const RootKey& root, const client::CacheItem& one) {
-      return item_(number, root, one);
+      sated_ = sated_ || !item_(number, root, one);
+      return !sated_;
     };
   running_.push_back(std::make_unique<Running>(
       Running{number, std::move(*worker), ReportReader(job, most_bytes_, std::move(item))}));
@@ -121,7 +127,7 @@ void JobRun::receive(Running& running) {
   if (length <= 0) return finish(running);
   const bool fits = static_cast<std::size_t>(length) <= buffer_.size();
   if (fits && running.reader.take(buffer_.data(), static_cast<std::size_t>(length))) return;
-  abandon(running, "its report is malformed, or nobody wants more of it");
+  abandon(running, sated_ ? nobody_wants_more : "its report is malformed");
 }
 
 /// The worker has closed its end.
@@ -149,7 +155,7 @@ void JobRun::abandon(Running& running, const char* reason) {
 
 void JobRun::giveUp(const char* reason) {
   for (const auto& running : running_) {
-    if (!cancelled_) slots_.setLate(jobs_[running->job].user.id, true);
+    if (!cancelled_ && !sated_) slots_.setLate(jobs_[running->job].user.id, true);
     abandon(*running, reason);
   }
   running_.clear();

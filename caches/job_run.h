@@ -24,7 +24,7 @@ struct Stage {
 /// Used once, on one thread.
 class JobRun {
  public:
-  /// Items of lists: false: no more of any.
+  /// Items of lists. False: nobody wants more of any, and the run is over.
   using Item = std::function<bool(std::size_t job, const RootKey& root, const client::CacheItem& item)>;
 
   JobRun(Spawner& spawner, WorkerSlots& slots, Stage stage, client::Cancellation cancellation,
@@ -57,6 +57,7 @@ class JobRun {
   const ReportReader::MostBytes most_bytes_;
   const Item item_;
   bool cancelled_ = false;
+  bool sated_ = false;
   std::vector<Job> jobs_;
   std::vector<Answer> answers_;
   std::vector<std::size_t> waiting_;  // the next one last

@@ -18,14 +18,35 @@ std::uint64_t part(std::uint64_t whole, std::uint64_t of, std::uint64_t all) {
   return std::min(whole, static_cast<std::uint64_t>(exact));
 }
 
+/// All of them, without what the rules of its own directory keep at this urgency.
+client::CacheSurvey sumAt(const std::vector<const client::CacheSurvey*>& surveys, int urgency) {
+  client::CacheSurvey total;
+  for (const client::CacheSurvey* const survey : surveys) {
+    client::CacheSurvey one = *survey;
+    std::uint64_t left = one.at_urgency[static_cast<std::size_t>(urgency) - 1].bytes;
+    for (std::size_t i = one.ages.buckets.size(); i-- > 0;) {
+      std::uint64_t& bytes = one.ages.buckets[i].bytes;
+      bytes = std::min(bytes, left);
+      left -= bytes;
+    }
+    if (survey == surveys.front()) {
+      total = one;
+    } else {
+      total += one;
+    }
+  }
+  return total;
+}
+
 }  // namespace
 
 Shares shareOut(const std::vector<const client::CacheSurvey*>& surveys, int urgency, std::uint64_t amount) {
   Shares shares;
-  if (surveys.empty()) return shares;
-  client::CacheSurvey total = *surveys.front();
-  for (std::size_t i = 1; i < surveys.size(); ++i) total += *surveys[i];
-  shares.cut = total.cut(urgency, amount);
+  if (surveys.empty() || urgency < 1 || urgency > client::most_urgent) {
+    shares.amounts.resize(surveys.size());
+    return shares;
+  }
+  shares.cut = sumAt(surveys, urgency).cut(urgency, amount);
 
   std::vector<std::uint64_t> last;  // of the bucket that the cut is the end of
   std::uint64_t whole = 0;

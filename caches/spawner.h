@@ -19,7 +19,8 @@ namespace kelvane::caches {
 /// The main process's hold on it. Destroying it ends the spawner and its workers. Any thread.
 class Spawner {
  public:
-  /// Forks: only while the process has one thread. Null, with errno, when that fails.
+  /// Forks: only while the process has one thread, which must live as long as the process. Null, with errno,
+  /// when that fails.
   static std::unique_ptr<Spawner> start(std::vector<Definition> definitions, WorkerSettings settings);
   ~Spawner();
   Spawner(const Spawner&) = delete;

@@ -231,7 +231,7 @@ void UserWorkers::carryOut(Found& found, const Request& request, const client::C
   if (request.kind == Job::Kind::list) {
     pass_on = [&](std::size_t job, const RootKey& key, const client::CacheItem& one) {
       const auto root = roots_of[job].find(key);
-      return root != roots_of[job].end() && (!item || item(found.report.roots[root->second], one));
+      return root == roots_of[job].end() || !item || item(found.report.roots[root->second], one);
     };
   }
   const std::vector<Answer> answers =
@@ -243,7 +243,10 @@ void UserWorkers::carryOut(Found& found, const Request& request, const client::C
       if (root == roots_of[i].end()) continue;
       found.report.roots[root->second].purge = done.report.purge;
       found.report.roots[root->second].reason = done.report.reason;
+      roots_of[i].erase(root);
     }
+    for (const auto& [key, unreported] : roots_of[i])
+      found.report.roots[unreported].reason = answers[i].reason;
   }
 }
 

@@ -1,0 +1,15 @@
+#pragma once
+
+// What systemd does to the service before it starts: few capabilities, no new privileges, and system calls
+// that fail with EPERM.
+
+#include <string>
+
+namespace kelvane::caches::tests {
+
+enum class Capset { allowed, refused };
+
+/// Of the calling process, for good. Returns what failed.
+[[nodiscard]] std::string enterSandbox(Capset capset);
+
+}  // namespace kelvane::caches::tests
