@@ -61,7 +61,6 @@ class Machine:
             except subprocess.TimeoutExpired:
                 os.killpg(process.pid, signal.SIGKILL)
                 process.wait()
-            await_true("its processes end", lambda: not session(process.pid), 20)
 
     def _start(self, command, user, cwd, env, output):
         who = pwd.getpwnam(user)
@@ -69,6 +68,11 @@ class Machine:
         options = {} if user == "root" else {"user": who.pw_uid, "group": who.pw_gid, "extra_groups": []}
         return subprocess.Popen(command, cwd=cwd or who.pw_dir, env=environment, stdin=subprocess.DEVNULL, stdout=output,
                                 stderr=subprocess.STDOUT, text=True, errors="replace", start_new_session=True, **options)
+
+    def await_rest(self):
+        """Until nothing of the user's runs any more."""
+        user = pwd.getpwnam(USER).pw_uid
+        await_true(f"{USER}'s processes end", lambda: not processes_of(user), 30)
 
     # --- files ---
 
@@ -128,15 +132,15 @@ def serving(directory, port=0):
         server.server_close()
 
 
-def session(leader):
-    """The processes of a session. This is the first process of its namespace: orphans that ended are reaped by it."""
+def processes_of(user):
+    """Those that run. This is the first process of its namespace: orphans that ended are reaped here."""
     found = []
     for name in filter(str.isdigit, os.listdir("/proc")):
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-            with open(f"/proc/{name}/stat", encoding="utf-8", errors="replace") as file:
-                state, parent, _, its_session = file.read().rpartition(")")[2].split()[:4]
-            if int(its_session) != leader:
+            if os.stat(f"/proc/{name}").st_uid != user:
                 continue
+            with open(f"/proc/{name}/stat", encoding="utf-8", errors="replace") as file:
+                state, parent = file.read().rpartition(")")[2].split()[:2]
             if state == "Z" and int(parent) == os.getpid():
                 os.waitpid(int(name), os.WNOHANG)
             else:

@@ -73,6 +73,7 @@ class Scenario:
                           f"claimed {answer['claimed_bytes']}")
 
     def _purge(self, urgency):
+        self.machine.await_rest()
         with Kelvane(self.holders, self.days) as kelvane:
             estimate, named = kelvane.explain(self.volume, urgency)
             before, free_before = files.snapshot(self.volume), files.free_bytes(self.volume)

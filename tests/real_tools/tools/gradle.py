@@ -55,5 +55,5 @@ class Gradle(Scenario):
     def works(self):
         self.expect(self.again()[1], "the library is still kept")
         output, fetched = self.again()
-        self.expect("FROM-CACHE" in output, "the build cache is not filled again")
+        self.expect("FROM-CACHE" in output, f"the build cache is not filled again: {output[-2500:]}")
         self.expect(not fetched, "the library is not kept again")
