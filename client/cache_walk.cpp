@@ -49,6 +49,7 @@ CachePlace placeOf(int directory, bool look_for_tag) {
   place.pinned = isPinned(directory);
   place.writable = known && (status.stx_attributes & cannot_change) == 0 && mayWrite(directory);
   place.owner = status.stx_uid;
+  place.bytes = bytesOf(status);
   place.own = known && (status.stx_attributes & cannot_change) == 0 && status.stx_uid == ::geteuid();
   place.sticky = (status.stx_mode & S_ISVTX) != 0 && ::geteuid() != 0 && status.stx_uid != ::geteuid();
   place.tagged = look_for_tag && isTagged(directory);

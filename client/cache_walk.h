@@ -19,6 +19,7 @@ struct CachePlace {
   bool tagged = false;    // it, or one above it, has a valid CACHEDIR.TAG
   bool own = false;       // its mode can be changed
   uid_t owner = 0;
+  std::uint64_t bytes = 0;  // of the directory itself
 };
 [[nodiscard]] CachePlace placeOf(int directory, bool look_for_tag);
 

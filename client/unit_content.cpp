@@ -54,7 +54,8 @@ class ContentWalk final : public FolderWalk::Visitor {
     struct stat status {};
     if (setup_.exclude.match(exclude_.here(), name)) return keep(CacheStay::excluded);
     if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    if (!S_ISLNK(status.st_mode) || !setup_.trusts(status.st_uid)) keep(CacheStay::foreign);
+    if (!S_ISLNK(status.st_mode) || !setup_.trusts(status.st_uid)) return keep(CacheStay::foreign);
+    addBytes(bytesOfEntry(status));
   }
   [[nodiscard]] bool wants(const std::string& name) override {
     if (setup_.exclude.match(exclude_.here(), name.c_str())) keep(CacheStay::excluded);
@@ -87,7 +88,12 @@ class ContentWalk final : public FolderWalk::Visitor {
     const CachePlace place = placeOf(directory, false);
     if (place.pinned) return keep(CacheStay::pinned);
     if (!setup_.trusts(place.owner)) return keep(CacheStay::foreign);
-    if (!place.writable && !place.own) keep(CacheStay::unreadable);
+    if (!place.writable && !place.own) return keep(CacheStay::unreadable);
+    addBytes(place.bytes);
+  }
+  void addBytes(std::uint64_t bytes) {
+    const std::lock_guard lock(mutex_);
+    content_.bytes += bytes;
   }
   void keep(CacheStay reason) {
     const std::lock_guard lock(mutex_);
@@ -114,6 +120,14 @@ class ContentWalk final : public FolderWalk::Visitor {
 };
 
 }  // namespace
+
+std::uint64_t bytesOfEntry(const struct stat& status) {
+  constexpr std::uint64_t block = 512;
+  // A symbolic link may have further names, which keep its bytes; a directory's are its "." and "..".
+  return S_ISDIR(status.st_mode) || status.st_nlink == 1
+             ? static_cast<std::uint64_t>(status.st_blocks) * block
+             : 0;
+}
 
 UnitContent UnitCheck::look(const CacheUnitFound& unit) const {
   if (open != nullptr) open->refreshWhenOld();

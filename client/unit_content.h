@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -19,7 +20,7 @@ struct UnitContent {
   bool complete = true;
   bool files = false;  // it has some; else its age is that of the directory
   CacheAge newest{no_time, 0, 0};
-  std::uint64_t bytes = 0;          // of files with one name
+  std::uint64_t bytes = 0;          // of files with one name, directories and symbolic links
   std::vector<LinkedFile*> linked;  // of the others, those that were counted here
 };
 
@@ -32,6 +33,10 @@ struct UnitCheck {
   HardLinks* links;         // null when names need not be counted
   [[nodiscard]] UnitContent look(const CacheUnitFound& unit) const;
 };
+
+/// What deleting a directory or a symbolic link gives back. As those have it when they are full: some file
+/// systems shrink a directory while it is emptied.
+[[nodiscard]] std::uint64_t bytesOfEntry(const struct stat& status);
 
 /// Its age, told apart from others of the same moment.
 [[nodiscard]] CacheAge ageOfUnit(const CacheUnitFound& unit, const UnitContent& content);

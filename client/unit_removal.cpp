@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "kelvane/folder_purge.h"
 
@@ -41,6 +42,15 @@ std::string newLeftoverName() {
   return std::string(leftover_begin) + digits.data() + std::string(leftover_end);
 }
 
+/// A directory or a symbolic link.
+void deleteEntry(UnitDeletions& deletions, int directory, const char* name, int flags, std::uint64_t bytes) {
+  if (::unlinkat(directory, name, flags) == 0) {
+    deletions.deleted({false, bytes, 0, 0, 0});
+  } else if (errno != ENOENT) {
+    deletions.failed(errno);
+  }
+}
+
 /// Deletes what is in a directory that nobody looks for any more.
 class Emptying final : public FolderWalk::Visitor {
  public:
@@ -62,21 +72,25 @@ class Emptying final : public FolderWalk::Visitor {
   void other(int directory, const char* name) override {
     struct stat status {};
     if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(status.st_mode)) return;
-    if (::unlinkat(directory, name, 0) != 0 && errno != ENOENT) deletions_.failed(errno);
+    deleteEntry(deletions_, directory, name, 0, bytesOfEntry(status));
   }
   [[nodiscard]] bool entered(int /*parent*/, int directory, const std::string& /*name*/) override {
+    struct stat status {};
+    bytes_.push_back(::fstat(directory, &status) == 0 ? bytesOfEntry(status) : 0);
     makeWritable(directory);
     return true;
   }
   void left(int parent, const std::string& name) override {
-    if (parent >= 0 && !done() && ::unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
-      deletions_.failed(errno);
+    const std::uint64_t bytes = bytes_.empty() ? 0 : bytes_.back();
+    if (!bytes_.empty()) bytes_.pop_back();
+    if (parent >= 0 && !done()) deleteEntry(deletions_, parent, name.c_str(), AT_REMOVEDIR, bytes);
   }
   void failed(int error) override { deletions_.failed(error); }
 
  private:
   const CacheSetup& setup_;
   UnitDeletions& deletions_;
+  std::vector<std::uint64_t> bytes_;  // of the directories that the walk is in
   std::mutex linked_;
 };
 
@@ -97,10 +111,8 @@ class Removal {
     makeWritable(unit_.directory);
     Emptying emptying(check_.setup, deletions_);
     if (!FolderWalk(emptying, FolderWalk::Threads::two).run(unit_.directory)) deletions_.failed(errno);
-    if (!deletions_.stopped() && isSame(unit_.parent, name_.c_str(), self_) &&
-        ::unlinkat(unit_.parent, name_.c_str(), AT_REMOVEDIR) != 0) {
-      deletions_.failed(errno);
-    }
+    if (!deletions_.stopped() && isSame(unit_.parent, name_.c_str(), self_))
+      deleteEntry(deletions_, unit_.parent, name_.c_str(), AT_REMOVEDIR, bytesOfEntry(self_));
     return std::nullopt;
   }
 

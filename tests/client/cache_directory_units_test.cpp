@@ -35,12 +35,12 @@ class ACacheOfUnits : public testing::Test {
     rules_.include = {"src/*/*"};
   }
 
-  /// Three files and a link; returns the bytes.
+  /// Three files and a link in three directories; returns the bytes.
   std::uint64_t addUnit(const std::string& name, std::int64_t age = 300 * day) const {
     const std::uint64_t bytes = cache_.add(name + "/a", age) + cache_.add(name + "/sub/b", age, 80'000) +
                                 cache_.add(name + "/sub/deeper/.c", age + day);
     fs::create_symlink("../a", cache_.path(name + "/sub/link"));
-    return bytes;
+    return bytes + bytesOfDirectories(cache_.path(name));
   }
   /// Names of all units and leftovers.
   [[nodiscard]] std::vector<std::string> units() const {
@@ -255,6 +255,7 @@ TEST_F(ACacheOfUnits, IsLeftWithAWholeUnitOrNoneWhenItIsCancelledInTheMiddle) {
   for (int attempt = 0; attempt < 20 && !interrupted; ++attempt) {
     *cache_.cancelled = false;
     for (int file = 0; file < files; ++file) bytes += cache_.add("src/i/unit/" + std::to_string(file));
+    bytes += bytesOfDirectories(cache_.path("src/i/unit"));
     const FileDescriptor watch(::inotify_init1(IN_CLOEXEC));
     ::inotify_add_watch(watch.get(), cache_.path("src/i/unit").c_str(), IN_DELETE);
     std::thread cancelling([&] {

@@ -37,6 +37,19 @@ inline client::CacheRules rulesOfDays(std::array<int, 4> days) {
   return rules;
 }
 
+/// Of a directory and those below it, without their files.
+inline std::uint64_t bytesOfDirectories(const std::string& top) {
+  const auto own = [](const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+    return static_cast<std::uint64_t>(status.st_blocks) * 512;
+  };
+  std::uint64_t bytes = own(top);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(top))
+    if (!entry.is_symlink() && entry.is_directory()) bytes += own(entry.path());
+  return bytes;
+}
+
 class CacheTree {
  public:
   explicit CacheTree(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
