@@ -98,11 +98,12 @@ bool JobRun::start(std::size_t number) {
     return true;
   }
   ReportReader::Item item;
-  if (item_)
+  if (item_) {
     item = [this, number](const RootKey& root, const client::CacheItem& one) {
       sated_ = sated_ || !item_(number, root, one);
       return !sated_;
     };
+  }
   running_.push_back(std::make_unique<Running>(
       Running{number, std::move(*worker), ReportReader(job, most_bytes_, std::move(item))}));
   return true;

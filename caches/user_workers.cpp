@@ -170,6 +170,7 @@ std::vector<User> UserWorkers::owners(Found& found, const Job& pattern, const cl
   std::erase_if(answer.roots, [](const ReportedRoot& root) { return root.report.reason.empty(); });
   add(found, std::move(answers), {job.user});
   std::vector<User> users;
+  users.reserve(owners.size());
   for (auto& [id, owner] : owners) users.push_back(std::move(owner));
   return users;
 }
