@@ -37,6 +37,7 @@ int cachesCommand(const Options& options, const Screen& /*screen*/) {
   words.insert(words.begin(), "kelvane-caches");
   if (options.json) words.insert(words.begin() + 1, "--json");
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
   ::execv(program.c_str(), arguments.data());
