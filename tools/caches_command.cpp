@@ -37,12 +37,14 @@ int cachesCommand(const Options& options, const Screen& /*screen*/) {
   words.insert(words.begin(), "kelvane-caches");
   if (options.json) words.insert(words.begin() + 1, "--json");
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
   ::execv(program.c_str(), arguments.data());
-  if (errno == ENOENT)
+  if (errno == ENOENT) {
     throw Problem(exit_failed,
                   fmt::format("{} is not installed: `apt install kelvane-caches` brings it", program));
+  }
   throw Problem(exit_failed, fmt::format("cannot run {}: {}", program, std::strerror(errno)));
 }
 

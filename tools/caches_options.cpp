@@ -50,10 +50,11 @@ void describeCaches(CLI::App& app, CachesRequest& request) {
   CLI::App* const check = add(CachesCommand::check, "Look for faults in definitions of caches");
   CLI::App* const enable = add(CachesCommand::enable, "Switch a cache on");
   CLI::App* const disable = add(CachesCommand::disable, "Switch a cache off, so that nothing of it goes");
-  for (CLI::App* const command : {explain, enable, disable})
+  for (CLI::App* const command : {explain, enable, disable}) {
     command->add_option("name", request.name, "The cache's name, as list shows it")
         ->required()
         ->type_name("NAME");
+  }
   describeExplain(*explain, request);
   check->add_option("files", request.paths, "TOML files")->required()->type_name("FILE");
 }

@@ -31,9 +31,10 @@ int complain(tools::ExitCode code, const std::string& text) {
 
 std::unique_ptr<Workers> startWorkers(const DefinitionStore& store) {
   auto workers = Workers::start(store.definitions);
-  if (workers == nullptr)
+  if (workers == nullptr) {
     throw tools::Problem(tools::exit_failed,
                          fmt::format("cannot start the spawner: {}", std::strerror(errno)));
+  }
   return workers;
 }
 
@@ -76,10 +77,11 @@ const Definition& definitionNamed(const DefinitionStore& store, const std::strin
   const auto found = std::find_if(store.definitions.begin(), store.definitions.end(),
                                   [&](const Definition& definition) { return definition.name == name; });
   if (found != store.definitions.end()) return *found;
-  if (std::find(store.masked.begin(), store.masked.end(), name) != store.masked.end())
+  if (std::find(store.masked.begin(), store.masked.end(), name) != store.masked.end()) {
     throw tools::Problem(
         tools::exit_usage,
         fmt::format("the cache \"{0}\" is masked; `kelvanectl caches enable {0}` switches it on", name));
+  }
   throw tools::Problem(
       tools::exit_usage,
       fmt::format("unknown cache \"{}\": `kelvanectl caches` lists those that are known", name));

@@ -71,9 +71,10 @@ Explained explain(const Console& console, const Definition& definition, Workers&
     return !console.request.files || printer(root, found);
   };
   Explained explained{definition, request, {}, 0};
-  if (definition.enabled)
+  if (definition.enabled) {
     explained.report =
         workers.list(definition.name, request.volume, request.urgency, request.amount, noLimits(), item);
+  }
   explained.cut_age = cutAge(explained.report, request);
   return explained;
 }

@@ -145,9 +145,10 @@ std::string listScreen(const std::vector<Listed>& all, const std::vector<std::st
 
 Array urgenciesOf(const std::array<client::CacheFigure, client::urgency_count>& figures) {
   Array urgencies;
-  for (std::size_t i = 0; i < figures.size(); ++i)
+  for (std::size_t i = 0; i < figures.size(); ++i) {
     urgencies.append(
         Dictionary{{"urgency", i + 1}, {"bytes", figures[i].bytes}, {"items", figures[i].items}});
+  }
   return urgencies;
 }
 

@@ -54,9 +54,10 @@ std::string messageOf(const Definition& definition, const PurgeRequest& request,
       ageText(cut_age), endText(root.purge));
   if (root.purge.held != 0)
     text += fmt::format("; {} more are free once programs close the files", tools::inUnits(root.purge.held));
-  if (root.purge.failures != 0)
+  if (root.purge.failures != 0) {
     text +=
         fmt::format("; {} could not be deleted: {}", root.purge.failures, std::strerror(root.purge.error));
+  }
   return text;
 }
 

@@ -108,14 +108,16 @@ int refuse(tools::ExitCode code, const std::string& reason) {
 int serve() {
   std::signal(SIGPIPE, SIG_IGN);
   const auto patience = patienceOfEnvironment();
-  if (!patience)
+  if (!patience) {
     return refuse(tools::exit_usage,
                   fmt::format("invalid KELVANE_CACHES_IDLE \"{}\": expected a number of seconds",
                               std::getenv("KELVANE_CACHES_IDLE")));
-  if (passedSocketNames().empty())
+  }
+  if (passedSocketNames().empty()) {
     return refuse(tools::exit_usage,
                   "no socket was passed; kelvane-caches.target starts this program when it is "
                   "called, and `kelvane-caches --help` says what else it does");
+  }
   // The watch begins before the files are read, so that no change of them is missed.
   DefinitionWatch changes(definitionDirectories());
   const DefinitionStore store = readDefinitions(definitionDirectories());

@@ -48,9 +48,10 @@ void makeDirectory(const std::string& path) {
 }
 
 void unmask(const std::string& definition) {
-  if (entryAt(definition) != Entry::mask)
+  if (entryAt(definition) != Entry::mask) {
     throw Problem(tools::exit_failed,
                   fmt::format("{} is not a link to /dev/null; change it by hand", definition));
+  }
   if (::unlink(definition.c_str()) != 0) fail("remove", definition);
 }
 
@@ -79,10 +80,11 @@ Outcome enableForAll(const std::string& name, const DefinitionStore& store, cons
 }
 
 void mask(const std::string& definition) {
-  if (entryAt(definition) == Entry::file)
+  if (entryAt(definition) == Entry::file) {
     throw Problem(
         tools::exit_failed,
         fmt::format("{} is a file of your own; remove it, or replace it by a link to /dev/null", definition));
+  }
   if (::symlink("/dev/null", definition.c_str()) != 0 && errno != EEXIST) fail("create", definition);
 }
 
@@ -102,9 +104,10 @@ Outcome disableForAll(const std::string& name, const DefinitionStore& store, con
 
 /// A user can only take back what the user disabled.
 Outcome enableForUser(const std::string& name, const DefinitionStore& store) {
-  if (isMasked(store, name) || !definitionNamed(store, name).enabled)
+  if (isMasked(store, name) || !definitionNamed(store, name).enabled) {
     throw Problem(tools::exit_refused,
                   fmt::format("only root can enable {}, which is disabled for all users", name));
+  }
   UserList list = UserList::read();
   if (!list.remove(name)) return {true, {}};
   list.write();
@@ -112,7 +115,8 @@ Outcome enableForUser(const std::string& name, const DefinitionStore& store) {
 }
 
 Outcome disableForUser(const std::string& name, const DefinitionStore& store) {
-  static_cast<void>(isMasked(store, name) || !definitionNamed(store, name).name.empty());
+  if (!isMasked(store, name))
+    static_cast<void>(definitionNamed(store, name));  // an unknown name is a Problem
   UserList list = UserList::read();
   if (!list.add(name)) return {false, {}};
   list.write();

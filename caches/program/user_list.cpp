@@ -62,6 +62,7 @@ std::set<std::string> quoted(const std::string& text) {
 
 std::string lineOf(const std::set<std::string>& names) {
   std::vector<std::string> words;
+  words.reserve(names.size());
   for (const std::string& name : names) words.push_back('"' + name + '"');
   return fmt::format("disabled = [{}]", fmt::join(words, ", "));
 }

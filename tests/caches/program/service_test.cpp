@@ -107,9 +107,10 @@ TEST(CacheService, LosesNoCallThatComesWhileItEnds) {
   Daemon daemon;
   CachesService service(machine, daemon, {"photos"}, {"KELVANE_CACHES_IDLE=0"});
   Client client(daemon);
-  for (int i = 0; i < 40; ++i)
+  for (int i = 0; i < 40; ++i) {
     EXPECT_EQ(freedIn(client.purge(purgeOf(machine, 64 << 10, 2))), 64U << 10)
         << i << service.process().output();
+  }
   EXPECT_EQ(machine.countFiles("photos"), 0U);
   EXPECT_GT(service.process().count("started "), 1U) << "it ended between calls";
 }
