@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "platform/dispatch/thread.h"
@@ -140,8 +141,16 @@ void FolderWalk::visitFiles(int folder) {
       if (end == files_.size()) return;
     }
   };
+  // Nothing may leave a thread.
+  const auto visitSomeAndTell = [&] {
+    try {
+      visitSome();
+    } catch (const std::bad_alloc&) {
+      visitor_.failed(ENOMEM);
+    }
+  };
   if (threads_ == Threads::two && files_.size() >= files_worth_a_thread) {
-    dispatch::runTwice(visitSome);
+    dispatch::runTwice(visitSomeAndTell);
   } else {
     visitSome();
   }

@@ -14,6 +14,7 @@
 #include "client/unit_removal.h"
 #include "platform/foundation/file_descriptor.h"
 #include "tests/client/cache_tree.h"
+#include "tests/support/ordinary_rights.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/stepped_process.h"
 
@@ -82,6 +83,7 @@ TEST_F(ACacheOfUnits, GivesUpUnitsWholeWithTheirLinksAndReadOnlyDirectories) {
   EXPECT_EQ(survey.at_urgency[1].bytes, bytes);
   EXPECT_EQ(survey.at_urgency[1].items, 1U);
   EXPECT_EQ(survey.at_urgency[3].items, 2U);
+  const OrdinaryRights rights;
   const CachePurge purged = purgeAsListed(2);
   EXPECT_EQ(purged.freed, bytes);
   EXPECT_EQ(purged.items, 1U);

@@ -87,7 +87,7 @@ class OnABlockDevice : public testing::TestWithParam<const char*> {
   static void fill(const CacheTree& cache, const std::string& in) {
     for (int file = 0; file < 120; ++file) {
       const std::string name = in + "/" + std::to_string(file % 7) + "/" + std::to_string(file);
-      cache.add(name, (file + 1) * 2 * day, static_cast<std::size_t>(file % 5 + 1) * 150'000);
+      cache.add(name, (file + 1) * 2 * day, static_cast<std::size_t>(file % 5 + 1) * 300'000);
     }
     for (const int file : {10, 20, 30}) {
       const std::string name = in + "/" + std::to_string(file % 7) + "/" + std::to_string(file);
@@ -125,7 +125,7 @@ TEST_P(OnABlockDevice, FreesWhatItClaimsAndDeletesWhatItNames) {
 }
 
 TEST_P(OnABlockDevice, FreesWhatItClaimsOfUnits) {
-  const BlockVolume volume(GetParam(), 320 * mebibyte);
+  const BlockVolume volume(GetParam(), 512 * mebibyte);
   const CacheTree cache(volume.path());
   for (const char* unit : {"units/a", "units/b"}) fill(cache, unit);
   CacheRules rules = rulesOfDays({-1, -1, -1, 0});
