@@ -14,6 +14,7 @@ class Scenario:
     switched_on = ()  # those of them that are off until the administrator enables them
     volume = "/home"
     copied = False  # whether the volume begins with what the machine has there
+    linked = False  # files have names in two holders: explained one by one, neither counts them
     days = 200  # how much later the services live
     urgencies = (3, 4)
     freeing = (3,)  # those of them at which something must go
@@ -105,7 +106,8 @@ class Scenario:
         if claimed > 0 and urgency not in self.freeing:
             raise Failure(f"urgency {urgency} frees {claimed} bytes")
         for what, value in (("explained", estimate), ("claimed", claimed)):
-            if abs(value - measured) > measured // 100:
+            less_is_right = self.linked and what == "explained" and value < measured
+            if not less_is_right and abs(value - measured) > measured // 100:
                 raise Failure(f"{what} {value} and measured {measured} differ by more than 1 %")
 
     # --- for scenarios ---
