@@ -1,3 +1,4 @@
+import glob
 import json
 import os
 import zipfile
@@ -40,3 +41,40 @@ class Composer(Scenario):
         self.expect(self.install("third"), "the archive is still kept")
         self.expect(not self.install("fourth"), "the cache is not filled again")
         self.machine.run("composer", "clear-cache", "--gc")
+
+
+class ComposerRepositories(Scenario):
+    """A package that comes from a repository, of which Composer keeps a mirror."""
+
+    name = "composer-vcs"
+    holders = ("composer-vcs",)
+    packages = ("composer", "git/git", "php-zip")
+    port = 0
+
+    def install(self, directory):
+        with serving("/srv/vcs", self.port) as (address, asked):
+            self.port = int(address.rpartition(":")[2])
+            self.machine.write(f"{directory}/composer.json", json.dumps({
+                "name": "demo/project", "require": {"demo/mirrored": "1.0.0"}, "config": {"secure-http": False},
+                "repositories": [{"packagist.org": False}, {"type": "git", "url": address + "/demo.git"}]}))
+            self.machine.run("composer", "install", "--no-interaction", "--prefer-source", cwd=self.machine.path(directory))
+        self.expect(os.path.exists(self.machine.path(directory, "vendor/demo/mirrored/data")), "the package is not there")
+
+    def mirrors(self):
+        return glob.glob(self.machine.path(".cache/composer/vcs/*/HEAD"))
+
+    def fill(self):
+        os.makedirs("/srv/vcs/work")
+        with open("/srv/vcs/work/composer.json", "w", encoding="ascii") as file:
+            file.write('{"name": "demo/mirrored"}')
+        with open("/srv/vcs/work/data", "wb") as file:
+            file.write(os.urandom(600_000))
+        self.machine.shell("cd /srv/vcs/work; git init -q; git add .; git -c user.name=a -c user.email=a@b commit -qm x;"
+                           " git tag 1.0.0; git clone -q --bare . ../demo.git; git -C ../demo.git update-server-info", user="root")
+        self.install("first")
+        self.expect(self.mirrors(), "Composer kept no mirror")
+
+    def works(self):
+        self.expect(not self.mirrors(), "a mirror is left")
+        self.install("second")
+        self.expect(self.mirrors(), "Composer keeps no mirror again")

@@ -39,3 +39,27 @@ class Pip(Scenario):
         self.install("second")
         self.machine.run("/usr/bin/python3", "-m", "pip", "cache", "list")
         self.machine.run("/usr/bin/python3", "-m", "pip", "cache", "info")
+
+
+class Black(Scenario):
+    """One of the programs of which ~/.cache holds files that stand alone."""
+
+    name = "listed-caches"
+    holders = ("listed-caches",)
+    packages = ("black",)
+    freeing = (4,)
+
+    def caches(self):
+        return glob.glob(self.machine.path(".cache/black/*/*"))
+
+    def fill(self):
+        self.machine.write("project/it.py", "x = 1\n")
+        self.machine.run("black", "project")
+        self.expect(self.caches(), "black kept nothing")
+
+    def works(self):
+        self.expect(not self.caches(), f"left: {self.caches()}")
+        self.machine.run("black", "--check", "project")
+        self.machine.write("project/it.py", "x=1\n")
+        self.machine.run("black", "project")
+        self.expect(self.caches(), "black keeps nothing again")

@@ -90,3 +90,26 @@ class CargoTarget(Cargo):
 
     def works(self):
         self.build("--offline")
+
+
+class CargoGit(Cargo):
+    """A crate that comes from a repository."""
+
+    name = "cargo-git"
+    holders = ("cargo-git", "cargo-sources")
+    linked = True  # a checkout's objects are links to those of its repository
+
+    def fill(self):
+        os.makedirs("/srv/crate/src")
+        with open("/srv/crate/Cargo.toml", "w", encoding="ascii") as file:
+            file.write('[package]\nname = "gitdemo"\nversion = "1.0.0"\nedition = "2021"\n')
+        with open("/srv/crate/src/lib.rs", "w", encoding="ascii") as file:
+            file.write("pub fn number() -> u32 { 7 }\n")
+        with open("/srv/crate/data.bin", "wb") as file:
+            file.write(os.urandom(700_000))
+        self.machine.shell("cd /srv/crate; git init -q; git add .; git -c user.name=a -c user.email=a@b commit -qm x;"
+                           " chown -R anna: /srv/crate", user="root")
+        self.machine.write("src/project/Cargo.toml", '[package]\nname = "project"\nversion = "1.0.0"\nedition = "2021"\n'
+                           '[dependencies]\ngitdemo = { git = "file:///srv/crate" }\n')
+        self.machine.write("src/project/src/main.rs", 'fn main() { println!("{}", gitdemo::number()); }\n')
+        self.build()
