@@ -22,6 +22,8 @@ std::uint64_t freeBytesOf(int directory) {
   return ::fstatvfs(directory, &status) == 0 ? std::uint64_t{status.f_bfree} * status.f_frsize : 0;
 }
 
+CacheProgress::CacheProgress(const CacheTime& time, std::uint64_t amount) : time_(time), amount_(amount) {}
+
 bool CacheProgress::done() {
   const std::lock_guard lock(mutex_);
   if (ended_) return true;

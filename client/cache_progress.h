@@ -13,7 +13,7 @@ namespace kelvane::client {
 /// Keeps the account of a purge. Files may be deleted by several threads at once.
 class CacheProgress final : public CacheAccount, public UnitDeletions {
  public:
-  CacheProgress(const CacheTime& time, std::uint64_t amount) : time_(time), amount_(amount) {}
+  CacheProgress(const CacheTime& time, std::uint64_t amount);
 
   [[nodiscard]] bool done() override;
   void stay(CacheStay reason, std::uint64_t bytes, std::uint64_t items) override;
@@ -47,7 +47,7 @@ class CacheProgress final : public CacheAccount, public UnitDeletions {
   std::uint64_t under_way_ = 0;  // bytes of files that are being deleted
   std::uint64_t shared_ = 0;     // bytes of deleted files that others may still have
   bool ended_ = false;
-  CachePurge purge_;
+  CachePurge purge_{};
 };
 
 [[nodiscard]] std::uint64_t freeBytesOf(int directory);

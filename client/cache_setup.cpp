@@ -33,7 +33,8 @@ std::string problemInPatterns(const std::vector<std::string>& patterns) {
   if (patterns.size() > CachePatterns::most_patterns) return "more than 256 patterns";
   for (const std::string& pattern : patterns) {
     const std::string problem = CachePatterns::problemIn(pattern);
-    if (!problem.empty()) return "invalid pattern \"" + pattern + "\": " + problem;
+    if (!problem.empty())
+      return std::string("invalid pattern \"").append(pattern).append("\": ").append(problem);
   }
   return "";
 }
@@ -51,9 +52,10 @@ std::string problemInMarkers(const std::vector<std::string>& markers) {
 
 std::string problemInLocks(const std::vector<CacheLock>& locks) {
   if (locks.size() > most_locks) return "more than 64 locks";
-  for (const CacheLock& lock : locks)
+  for (const CacheLock& lock : locks) {
     if (lock.path.empty() || lock.path.find('\0') != std::string::npos)
       return "invalid lock path \"" + lock.path + "\": expected a path such as .package-cache";
+  }
   return "";
 }
 

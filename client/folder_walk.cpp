@@ -27,7 +27,7 @@ bool isDots(const char* name) { return std::strcmp(name, ".") == 0 || std::strcm
 
 bool isFailure(int error) { return error != ENOENT && error != ELOOP && error != ENOTDIR && error != EXDEV; }
 
-std::size_t sizeOf(const std::string& name) { return sizeof name + name.size() + 1; }
+std::size_t sizeOf(const std::string& name) { return sizeof(std::string) + name.size() + 1; }
 
 }  // namespace
 

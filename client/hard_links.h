@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <tuple>
 #include <vector>
 
 namespace kelvane::client {
@@ -13,7 +14,9 @@ struct CacheAge {
   std::int64_t seconds = 0;
   std::uint32_t nanoseconds = 0;
   std::uint64_t number = 0;
-  auto operator<=>(const CacheAge&) const = default;
+  bool operator<(const CacheAge& other) const {
+    return std::tie(seconds, nanoseconds, number) < std::tie(other.seconds, other.nanoseconds, other.number);
+  }
 };
 
 /// A file with several names, of which some were seen.

@@ -47,7 +47,7 @@ CacheFloor NewestKept::apply(CacheSurvey& survey) const {
   if (kept > 0) by_bucket.from = {no_time, 0, 0};
   if (kept > 0 && kept < AgeHistogram::bucket_count)
     by_bucket.from.seconds = survey.taken_at - youngestOf(kept) + 1;
-  if (by_bucket.from <= by_number.from) {
+  if (!(by_number.from < by_bucket.from)) {
     takeOut(survey, kept, by_bucket.from.seconds);
     return by_bucket;
   }

@@ -11,7 +11,7 @@ namespace kelvane::client {
 /// What is at least as new stays, whatever its age.
 struct CacheFloor {
   CacheAge from{INT64_MAX, UINT32_MAX, UINT64_MAX};
-  [[nodiscard]] bool keeps(const CacheAge& age) const { return age >= from; }
+  [[nodiscard]] bool keeps(const CacheAge& age) const { return !(age < from); }
 };
 
 /// Finds the floor: the newest by number, exactly up to `most_exact`, and by bytes, to a bucket of ages.
@@ -31,7 +31,7 @@ class NewestKept {
     CacheAge age;
     std::uint64_t bytes;
     std::uint64_t items;
-    bool operator<(const Kept& other) const { return age > other.age; }  // the oldest is the heap's first
+    bool operator<(const Kept& other) const { return other.age < age; }  // the oldest is the heap's first
   };
   struct Bucket {
     std::uint64_t bytes = 0;

@@ -23,7 +23,10 @@ class OpenFiles {
   struct File {
     std::uint64_t device = 0;  // 0: any. What a mapping tells of it may be another than what stat tells.
     std::uint64_t number = 0;
-    auto operator<=>(const File&) const = default;
+    bool operator==(const File& other) const { return device == other.device && number == other.number; }
+    bool operator<(const File& other) const {
+      return device != other.device ? device < other.device : number < other.number;
+    }
   };
 
   void addProcess(int process);

@@ -35,7 +35,7 @@ std::uint64_t sharedBytes(int file) {
   std::uint64_t bytes = 0;
   std::uint64_t start = 0;
   for (int call = 0; call < most_calls; ++call) {
-    map = {};
+    query.space.fill({});
     map.fm_start = start;
     map.fm_length = FIEMAP_MAX_OFFSET - start;
     map.fm_extent_count = extents_at_once;
