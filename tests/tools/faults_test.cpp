@@ -82,7 +82,7 @@ TEST(Kelvanectl, SaysInOneLineWhatIsWrongAndWhatToDo) {
       {"purge / 5M --urgency x", 2, "urgency"},
       {"purge /", 2, "amount is required"},
       {"purge", 2, "volume is required"},
-      {"purge /nowhere 5M", 2, "\"/nowhere\": No such file or directory; name a volume"},
+      {"purge /nowhere 5M", 2, "\"/nowhere\": No such file or directory; expected a volume or a path inside one"},
       {"purge /proc/self 5M", 2, "is not a volume that the daemon serves"},
       {"frobnicate", 2, "there is no command \"frobnicate\""},
       {"status --frobnicate", 2, "--frobnicate"},

@@ -107,12 +107,14 @@ TEST(CacheService, LosesNoCallThatComesWhileItEnds) {
   Daemon daemon;
   CachesService service(machine, daemon, {"photos"}, {"KELVANE_CACHES_IDLE=0"});
   Client client(daemon);
+  constexpr int calls_between_ends = 5;  // these may meet a process that is ending
+  std::size_t ends = 0;
   for (int i = 0; i < 40; ++i) {
     EXPECT_EQ(freedIn(client.purge(purgeOf(machine, 64 << 10, 2))), 64U << 10)
         << i << service.process().output();
+    if (i % calls_between_ends == 0) ASSERT_TRUE(service.ended(0, ++ends)) << service.process().output();
   }
   EXPECT_EQ(machine.countFiles("photos"), 0U);
-  EXPECT_GT(service.process().count("started "), 1U) << "it ended between calls";
 }
 
 TEST(CacheService, EndsAtOnceWhenIdleAfterADefinitionHasChanged) {
