@@ -95,14 +95,17 @@ void SampleCache::makeFile(const std::string& path, std::size_t bytes, std::time
   ::chown(path.c_str(), user_, user_);
 }
 
+void SampleCache::makeTag(const std::string& directory) const {
+  const std::string path = directory + "/" + tag;
+  if (existsAt(path)) return;
+  makeFile(path, 0, very_old);
+  std::ofstream(path) << signature;
+}
+
 /// A file, or a unit of several.
 void SampleCache::makeItem(const std::string& path, std::time_t age) {
   const auto size = [&] { return (1 + files_++ % 15) * 34 * kibibyte * (is_single_ ? 20 : 1); };
-  const std::string tag_path = fs::path(path).parent_path() / tag;
-  if (definition_.rules.tagged_only && tag_ && !existsAt(tag_path)) {
-    makeFile(tag_path, 0, very_old);
-    std::ofstream(tag_path) << signature;
-  }
+  if (definition_.rules.tagged_only && tag_) makeTag(fs::path(path).parent_path());
   if (!isUnits()) return makeFile(path, size(), age);
   for (const char* name : {"a", "directory/b", "directory/deep/c"}) makeFile(path + "/" + name, size(), age);
   for (const std::string& marker : definition_.rules.markers) makeFile(path + "/" + marker, 10, age);
@@ -156,7 +159,7 @@ void SampleCache::makeItems(const std::string& root, const std::string& pattern)
     const int least = 1 + i % client::most_urgent;
     if (threshold(least) == 0) continue;
     const std::string path = sample(root, pattern, i / client::most_urgent % 3);
-    if (path.empty()) break;
+    if (path.empty()) break;  // of a pattern that names one thing only
     const std::time_t age = threshold(least) + (hasFloor() ? threshold(least) : hour);
     makeItem(path, age);
     for (int urgency = 1; urgency <= client::most_urgent; ++urgency) {
@@ -184,9 +187,28 @@ void SampleCache::makeLinked(const std::string& root, const std::string& pattern
   makeItem(path, age);
   link(isUnits() ? path + "/directory/deep/c" : path, elsewhere);
   keep(elsewhere);
-  if (!isUnits()) return keep(path);
+  if (!isUnits()) {
+    keep(path);
+    return makePair(root, pattern);
+  }
   for (int urgency = 1; urgency <= client::most_urgent; ++urgency) {
     if (threshold(urgency) != 0) goes_.at(static_cast<std::size_t>(urgency) - 1).insert(path);
+  }
+}
+
+/// Two names of one file, which both go.
+void SampleCache::makePair(const std::string& root, const std::string& pattern) {
+  const std::string first = sample(root, pattern, 1);
+  if (first.empty()) return;
+  makeItem(first, very_old);
+  const std::string second = sample(root, pattern, 2);
+  if (!second.empty()) link(first, second);
+  if (!second.empty() && definition_.rules.tagged_only) makeTag(fs::path(second).parent_path());
+  for (int urgency = 1; urgency <= client::most_urgent; ++urgency) {
+    if (threshold(urgency) == 0) continue;
+    Paths& goes = goes_.at(static_cast<std::size_t>(urgency) - 1);
+    goes.insert(first);
+    if (!second.empty()) goes.insert(second);
   }
 }
 
@@ -285,8 +307,7 @@ void SampleCache::makeAround(const std::string& root) {
     makeFile(path, kibibyte, very_old);
     keep(path);
   }
-  makeFile(home_ + "/.cache/rclone/" + tag, 0, very_old);
-  std::ofstream(home_ + "/.cache/rclone/" + tag) << signature;
+  makeTag(home_ + "/.cache/rclone");
 }
 
 }  // namespace kelvane::caches::tests

@@ -48,12 +48,14 @@ class SampleCache {
 
   void makeDirectories(const std::string& path) const;
   void makeFile(const std::string& path, std::size_t bytes, std::time_t age) const;
+  void makeTag(const std::string& directory) const;
   void makeItem(const std::string& path, std::time_t age);
   void link(const std::string& from, const std::string& to) const;
   void makeRoot(const std::string& root);
   void makeItems(const std::string& root, const std::string& pattern);
   void makeYoungItem(const std::string& root, const std::string& pattern);
   void makeLinked(const std::string& root, const std::string& pattern);
+  void makePair(const std::string& root, const std::string& pattern);
   void makePinned(const std::string& root, const std::string& pattern);
   void makeReadOnly(const std::string& root, const std::string& pattern);
   void makeUntagged(const std::string& root, const std::string& pattern);

@@ -179,7 +179,6 @@ class ShippedPurge : public testing::TestWithParam<Case> {
   void expectNothingGoesWhilePinned(const SampleCache& cache) const {
     for (const std::string& root : cache.roots()) write(root + "/.kelvane-keep", "");
     const Tree before = treeOf("/var");
-    EXPECT_THAT(list(client::most_urgent).items, testing::IsEmpty());
     EXPECT_EQ(workers_->purge(definition_.name, {}, client::most_urgent, UINT64_MAX, limits()).freed(), 0U);
     EXPECT_THAT(goneBetween(before, treeOf("/var")), testing::IsEmpty());
     for (const std::string& root : cache.roots()) fs::remove(root + "/.kelvane-keep");
@@ -201,6 +200,9 @@ TEST_P(ShippedPurge, DeletesWhatItNamesAndFreesWhatItClaims) {
 
   Listed named;
   for (int urgency = 1; urgency <= client::most_urgent; ++urgency) {
+    const bool is_as_below = urgency > 1 && urgency < client::most_urgent &&
+                             !definition_.rules.ages.at(static_cast<std::size_t>(urgency) - 1);
+    if (is_as_below) continue;
     named = list(urgency);
     expectSame(named.items, cache.atUrgency(urgency), fmt::format("urgency {}{}", urgency, named.reasons));
   }
