@@ -23,12 +23,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kibibyte = 1024;
+/// So that one percent of what goes is more than a file system's own records take.
+constexpr std::size_t size_step = 68 * kibibyte;
+constexpr std::size_t size_of_only_one = 20 * size_step;
 constexpr const char* tag = "CACHEDIR.TAG";
 constexpr const char* signature = "Signature: 8a477f597d28d172789f06886806bc55\n";
 constexpr std::time_t some_minutes = 600;
 constexpr std::time_t very_old = ahead - hour;
-/// So that one percent of what goes is more than a file system's own records take.
-constexpr int items_of_all_patterns = 60;
+constexpr int items_of_all_patterns = 32;
 
 bool existsAt(const std::string& path) {
   struct stat status {};
@@ -104,11 +106,11 @@ void SampleCache::makeTag(const std::string& directory) const {
 
 /// A file, or a unit of several.
 void SampleCache::makeItem(const std::string& path, std::time_t age) {
-  const auto size = [&] { return (1 + files_++ % 15) * 34 * kibibyte * (is_single_ ? 20 : 1); };
+  const auto size = [&] { return (1 + files_++ % 15) * (is_single_ ? size_of_only_one : size_step); };
   if (definition_.rules.tagged_only && tag_) makeTag(fs::path(path).parent_path());
   if (!isUnits()) return makeFile(path, size(), age);
   for (const char* name : {"a", "directory/b", "directory/deep/c"}) makeFile(path + "/" + name, size(), age);
-  for (const std::string& marker : definition_.rules.markers) makeFile(path + "/" + marker, 10, age);
+  for (const std::string& marker : definition_.rules.markers) makeFile(fs::path(path) / marker, 10, age);
   for (const client::CacheLock& lock : definition_.rules.unit_locks) {
     if (lock.path.find('{') == std::string::npos) makeFile(path + "/" + lock.path, 0, age);
   }
@@ -281,7 +283,7 @@ void SampleCache::makeLocks(const std::string& root) {
     if (sign.kind != InUse::Kind::flock && sign.kind != InUse::Kind::record) continue;
     std::string path = sign.what;
     if (path.find("{1}") != std::string::npos) path.replace(path.find("{1}"), 3, "Default");
-    path = path.starts_with("~") ? home_ + path.substr(1) : path.starts_with("/") ? path : root + "/" + path;
+    path = path.starts_with("~") ? home_ + path.substr(1) : (fs::path(root) / path).string();
     if (!existsAt(path)) makeFile(path, 0, very_old);
     keep(path);
   }

@@ -71,7 +71,7 @@ class SampleCache {
   std::vector<std::string> patterns_;
   std::vector<std::string> roots_;
   SampleNames names_;
-  mutable unsigned files_ = 0;
+  mutable std::size_t files_ = 0;
   bool tag_ = true;
   bool is_single_ = false;  // larger, then, so that there is something to measure
   std::array<Paths, client::urgency_count> goes_;

@@ -58,7 +58,7 @@ class OnABlockDevice : public testing::TestWithParam<const char*> {
   static void fill(const CacheTree& cache, const std::string& in) {
     for (int file = 0; file < 120; ++file) {
       const std::string name = in + "/" + std::to_string(file % 7) + "/" + std::to_string(file);
-      cache.add(name, (file + 1) * 2 * day, static_cast<std::size_t>(file % 5 + 1) * 300'000);
+      cache.add(name, std::time_t{file + 1} * 2 * day, static_cast<std::size_t>(file % 5 + 1) * 300'000);
     }
     for (const int file : {10, 20, 30}) {
       const std::string name = in + "/" + std::to_string(file % 7) + "/" + std::to_string(file);
