@@ -127,6 +127,7 @@ void SampleCache::link(const std::string& from, const std::string& to) const {
 
 void SampleCache::makeYoung() {
   for (const std::string& root : roots_) {
+    if (hasFloor()) makeNewest(root, patterns_.front(), some_minutes);
     for (const std::string& pattern : patterns_) makeYoungItem(root, pattern);
   }
 }
@@ -148,7 +149,7 @@ void SampleCache::makeRoot(const std::string& root) {
     if (!hasFloor()) makeYoungItem(root, pattern);
   }
   for (const std::string& pattern : definition_.rules.exclude) makeExcluded(root, pattern);
-  if (hasFloor()) makeNewest(root, patterns_.front());
+  if (hasFloor()) makeNewest(root, patterns_.front(), threshold(client::most_urgent) + some_minutes);
 }
 
 /// Some for each urgency, on each number of levels.
@@ -262,9 +263,8 @@ void SampleCache::makeExcluded(const std::string& root, const std::string& patte
 }
 
 /// As many, or as much, as the rules always leave.
-void SampleCache::makeNewest(const std::string& root, const std::string& pattern) {
+void SampleCache::makeNewest(const std::string& root, const std::string& pattern, std::time_t age) {
   constexpr std::size_t large = 8 * kibibyte * kibibyte;
-  const std::time_t age = threshold(client::most_urgent) + some_minutes;
   for (std::uint64_t i = 0; i < definition_.rules.keep_newest; ++i) {
     const std::string path = sample(root, pattern, 1);
     makeItem(path, age);

@@ -23,7 +23,7 @@ class SampleCache {
 
   SampleCache(const Definition& definition, std::string home, uid_t user);
 
-  /// Whoever it belongs to, all of it is too young.
+  /// All of it is too young, and more than the rules always leave.
   void makeYoung();
   void make();
   /// As the definition says it, "~" and wildcards filled in.
@@ -60,7 +60,7 @@ class SampleCache {
   void makeReadOnly(const std::string& root, const std::string& pattern);
   void makeUntagged(const std::string& root, const std::string& pattern);
   void makeExcluded(const std::string& root, const std::string& pattern);
-  void makeNewest(const std::string& root, const std::string& pattern);
+  void makeNewest(const std::string& root, const std::string& pattern, std::time_t age);
   void makeLocks(const std::string& root);
   void makeAround(const std::string& root);
   void keep(const std::string& path) { stays_.insert(path); }
