@@ -122,7 +122,7 @@ void CacheWalk::other(int /*directory*/, const char* name) {
 }
 
 bool CacheWalk::included(const char* name) const {
-  if (setup_.rules.tagged_only && !levels_.back().place.tagged) return false;
+  if (setup_.rules.tagged_only && (!levels_.back().place.tagged || std::strcmp(name, tag) == 0)) return false;
   return (setup_.include.size() == 0 || setup_.include.match(include_.here(), name)) &&
          !setup_.exclude.match(exclude_.here(), name);
 }

@@ -79,7 +79,8 @@ struct CacheRules {
   std::uint64_t keep_newest = 0;  // files or units; exact up to 4,096
   std::uint64_t keep_bytes = 0;   // at least so many of the newest bytes
 
-  /// Only directories that carry a valid CACHEDIR.TAG, and what is below them.
+  /// Only directories that carry a valid CACHEDIR.TAG, and what is below them. The tag itself stays, or goes
+  /// with the unit that it is in: without it the rest could never go.
   bool tagged_only = false;
 };
 

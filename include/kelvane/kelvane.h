@@ -132,7 +132,7 @@ KELVANE_EXPORT kelvane_failure kelvane_rules_set_keep_newest(kelvane_rules* rule
 /// At least so many of the newest bytes stay.
 KELVANE_EXPORT kelvane_failure kelvane_rules_set_keep_bytes(kelvane_rules* rules, uint64_t bytes,
                                                             kelvane_error* error);
-/// Only what is in directories with a valid CACHEDIR.TAG may go.
+/// Only what is in directories with a valid CACHEDIR.TAG may go, but for the tag itself.
 KELVANE_EXPORT kelvane_failure kelvane_rules_set_tagged_only(kelvane_rules* rules, bool tagged,
                                                              kelvane_error* error);
 

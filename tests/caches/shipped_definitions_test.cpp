@@ -13,6 +13,8 @@
 #include "caches/definition_reader.h"
 #include "caches/quantities.h"
 #include "caches/safety.h"
+#include "kelvane/cache_directory.h"
+#include "tests/caches/temporary_directory.h"
 
 namespace kelvane::caches {
 namespace {
@@ -48,14 +50,30 @@ TEST_P(Shipped, BearsTheNameOfItsFileAndAnIdThatTheDaemonTakes) {
   EXPECT_LE(("com.orvel.kelvane.caches." + definition().name).size(), 255U);
 }
 
+/// As alice has it.
+std::string resolved(std::string root) {
+  if (root.front() == '$')
+    root = *variableDefault(root.substr(2, root.find('}') - 2)) + root.substr(root.find('}') + 1);
+  if (root.front() == '~') root = "/home/alice" + root.substr(1);
+  std::replace(root.begin(), root.end(), '*', 'x');
+  return root;
+}
+
 TEST_P(Shipped, IsAllowedWhereItsRootsLead) {
-  for (std::string root : definition().roots) {
+  for (const std::string& root : definition().roots) {
     EXPECT_EQ(refusalAsWritten(root, definition()), std::nullopt) << root;
-    if (root.front() == '$')
-      root = *variableDefault(root.substr(2, root.find('}') - 2)) + root.substr(root.find('}') + 1);
-    if (root.front() == '~') root = "/home/alice" + root.substr(1);
-    std::replace(root.begin(), root.end(), '*', 'x');
-    EXPECT_EQ(refusal(root, definition(), "/home/alice"), std::nullopt) << root;
+    EXPECT_EQ(refusal(resolved(root), definition(), "/home/alice"), std::nullopt) << root;
+  }
+}
+
+TEST_P(Shipped, HasRulesThatACacheDirectoryCanBeOpenedWith) {
+  const tests::TemporaryDirectory directory;
+  for (const std::string& root : definition().roots) {
+    client::CacheRules rules = definition().rules;
+    for (const std::string& pattern : protectedBelow(resolved(root), definition(), "/home/alice"))
+      rules.exclude.push_back(pattern);
+    const auto cache = client::CacheDirectory::open(directory.path(), rules);
+    EXPECT_TRUE(cache) << root << ": " << cache.error().reason;
   }
 }
 

@@ -6,15 +6,12 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
-#include <cstdlib>
-#include <thread>
 
 #include "kelvane/folder_purge.h"
 #include "platform/foundation/file_descriptor.h"
 #include "tests/client/cache_tree.h"
+#include "tests/support/block_volume.h"
 #include "tests/support/private_mounts.h"
 
 namespace kelvane::tests {
@@ -32,48 +29,22 @@ const bool a_year_ahead = advanceAYear();
 
 constexpr std::size_t mebibyte = 1 << 20;
 
-/// A new file system in an image file, mounted while this lives.
-class BlockVolume {
+/// A volume of its own, in a directory of its own.
+class OwnVolume {
  public:
-  BlockVolume(const std::string& make, std::size_t bytes) {
-    const std::string image = directory_ / "image";
-    const FileDescriptor file(::open(image.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    EXPECT_EQ(::ftruncate(file.get(), static_cast<off_t>(bytes)), 0);
-    fs::create_directory(path());
-    succeed("mkfs." + make + " -q " + image);
-    succeed("mount -o loop " + image + " " + path());
-  }
-  ~BlockVolume() { ::umount2(path().c_str(), 0); }
-  BlockVolume(const BlockVolume&) = delete;
-  BlockVolume& operator=(const BlockVolume&) = delete;
-
-  [[nodiscard]] std::string path() const { return directory_ / "volume"; }
-  /// Once all is written, and freed: xfs does that a moment later.
-  [[nodiscard]] std::uint64_t settledFreeBytes() const {
-    std::uint64_t before = 0;
-    for (int same = 0; same < 3;) {
-      const FileDescriptor volume(::open(path().c_str(), O_RDONLY | O_CLOEXEC));
-      ::syncfs(volume.get());
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      const std::uint64_t now = freeBytes();
-      same = now == before ? same + 1 : 0;
-      before = now;
-    }
-    return before;
-  }
-  [[nodiscard]] std::uint64_t freeBytes() const {
-    struct statvfs status {};
-    EXPECT_EQ(::statvfs(path().c_str(), &status), 0);
-    return status.f_bfree * status.f_frsize;
-  }
+  OwnVolume(const std::string& type, std::size_t bytes)
+      : volume_(type, bytes, directory_ / "image", made(directory_ / "volume")) {}
+  [[nodiscard]] const std::string& path() const { return volume_.path(); }
+  [[nodiscard]] std::uint64_t settledFreeBytes() const { return volume_.settledFreeBytes(); }
 
  private:
-  static void succeed(const std::string& command) {
-    EXPECT_EQ(std::system(("PATH=$PATH:/usr/sbin:/sbin; " + command + " >/dev/null 2>&1").c_str()), 0)
-        << command;
+  static std::string made(const std::string& directory) {
+    fs::create_directory(directory);
+    return directory;
   }
 
   const test::TemporaryDirectory directory_;
+  const BlockVolume volume_;
 };
 
 void expectWithinOnePercent(std::uint64_t claimed, std::uint64_t measured) {
@@ -87,7 +58,7 @@ class OnABlockDevice : public testing::TestWithParam<const char*> {
   static void fill(const CacheTree& cache, const std::string& in) {
     for (int file = 0; file < 120; ++file) {
       const std::string name = in + "/" + std::to_string(file % 7) + "/" + std::to_string(file);
-      cache.add(name, (file + 1) * 2 * day, static_cast<std::size_t>(file % 5 + 1) * 300'000);
+      cache.add(name, std::time_t{file + 1} * 2 * day, static_cast<std::size_t>(file % 5 + 1) * 300'000);
     }
     for (const int file : {10, 20, 30}) {
       const std::string name = in + "/" + std::to_string(file % 7) + "/" + std::to_string(file);
@@ -102,7 +73,7 @@ INSTANTIATE_TEST_SUITE_P(, OnABlockDevice, testing::Values("ext4", "xfs", "btrfs
                          [](const auto& type) { return type.param; });
 
 TEST_P(OnABlockDevice, FreesWhatItClaimsAndDeletesWhatItNames) {
-  const BlockVolume volume(GetParam(), 320 * mebibyte);
+  const OwnVolume volume(GetParam(), 320 * mebibyte);
   const CacheTree cache(volume.path());
   fill(cache, "files");
   const auto rules = rulesOfDays({200, 100, 50, 0});
@@ -125,7 +96,7 @@ TEST_P(OnABlockDevice, FreesWhatItClaimsAndDeletesWhatItNames) {
 }
 
 TEST_P(OnABlockDevice, FreesWhatItClaimsOfUnits) {
-  const BlockVolume volume(GetParam(), 512 * mebibyte);
+  const OwnVolume volume(GetParam(), 512 * mebibyte);
   const CacheTree cache(volume.path());
   for (const char* unit : {"units/a", "units/b"}) fill(cache, unit);
   CacheRules rules = rulesOfDays({-1, -1, -1, 0});
@@ -142,7 +113,7 @@ TEST_P(OnABlockDevice, FreesWhatItClaimsOfUnits) {
 
 TEST_P(OnABlockDevice, GivesSpaceBackWhenNotAByteIsFree) {
   const std::size_t size = std::string(GetParam()) == "xfs" ? 320 : 128;  // the least that it can be
-  const BlockVolume volume(GetParam(), size * mebibyte);
+  const OwnVolume volume(GetParam(), size * mebibyte);
   const CacheTree cache(volume.path());
   cache.add("files/a", 100 * day, mebibyte);
   cache.add("units/one/a", 100 * day, mebibyte);
@@ -165,7 +136,7 @@ TEST_P(OnABlockDevice, GivesSpaceBackWhenNotAByteIsFree) {
 }
 
 TEST_P(OnABlockDevice, GivesUpMoreDirectoriesThanNamesAreKept) {
-  const BlockVolume volume(GetParam(), 320 * mebibyte);
+  const OwnVolume volume(GetParam(), 320 * mebibyte);
   const std::string root = volume.path() + "/many";
   fs::create_directory(root);
   constexpr int directories = 10'000;  // of names that take twice as much as is kept
@@ -189,7 +160,7 @@ INSTANTIATE_TEST_SUITE_P(, WhereFilesShareBlocks, testing::Values("xfs", "btrfs"
                          [](const auto& type) { return type.param; });
 
 TEST_P(WhereFilesShareBlocks, IsClaimedWhatIsFreed) {
-  const BlockVolume volume(GetParam(), 320 * mebibyte);
+  const OwnVolume volume(GetParam(), 320 * mebibyte);
   const CacheTree cache(volume.path());
   for (const char* name : {"own", "shared", "both"}) cache.add(name, 100 * day, 8 * mebibyte);
   reflink(cache.path("shared"), cache.outside("elsewhere"));
@@ -205,7 +176,7 @@ TEST_P(WhereFilesShareBlocks, IsClaimedWhatIsFreed) {
 }
 
 TEST(OnExt4, GivesSpaceBackWhenNotAnInodeIsFree) {
-  const BlockVolume volume("ext4 -N 64", 64 * mebibyte);
+  const OwnVolume volume("ext4 -N 64", 64 * mebibyte);
   const CacheTree cache(volume.path());
   cache.add("units/one/a", 100 * day, mebibyte);
   int made = 0;
@@ -223,7 +194,7 @@ TEST(OnExt4, GivesSpaceBackWhenNotAnInodeIsFree) {
 }
 
 TEST(OnExt4, LeavesImmutableFilesAndAppendOnlyDirectories) {
-  const BlockVolume volume("ext4", 64 * mebibyte);
+  const OwnVolume volume("ext4", 64 * mebibyte);
   const CacheTree cache(volume.path());
   for (const char* name : {"free", "immutable", "append/file", "units/one/a"}) cache.add(name);
   const auto set = [&](const char* name, int flags) {

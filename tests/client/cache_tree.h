@@ -115,9 +115,10 @@ class CacheTree {
   /// All regular files that are there, sorted.
   [[nodiscard]] std::vector<std::string> files() const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(root()))
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root())) {
       if (entry.is_regular_file() && !entry.is_symlink())
         names.push_back(entry.path().string().substr(root().size() + 1));
+    }
     std::sort(names.begin(), names.end());
     return names;
   }
