@@ -81,7 +81,7 @@ Objection objectionToPattern(const std::string& pattern) {
     return "is absolute: expected a path relative to the root";
   const Names names = namesOf(pattern);
   if (Objection objection = objectionToNames(names)) return objection;
-  constexpr std::size_t most_names = 63;  // so many the walk follows
+  constexpr std::size_t most_names = 63;  // the limit of the walk
   if (names.size() > most_names) return "has more than 63 names";
   if (pattern.back() == '\\') return "ends in \"\\\", which quotes nothing";
   if (!setsAreClosed(pattern)) return "holds \"[\" without \"]\" in the same name";

@@ -46,7 +46,7 @@ OpenedDirectory failed(const std::string& path, int error) {
   return refused(fmt::format("{}: {}", path, std::strerror(error)), error);
 }
 
-/// What the link is to be replaced by, or a reason.
+/// The target of the link, or why it is not followed.
 std::pair<std::string, std::string> targetOf(int link, const struct stat& status, const std::string& path) {
   std::array<char, PATH_MAX> target{};
   if (status.st_uid != 0) return {"", fmt::format("{} is a symbolic link that is not root's", path)};
@@ -59,7 +59,7 @@ std::string childOf(const std::string& parent, const std::string& name) {
   return parent == "/" ? "/" + name : parent + "/" + name;
 }
 
-/// The name in the parent, whatever it is, as O_PATH.
+/// Opens the name in the parent, of any type, with O_PATH.
 OpenedDirectory openName(const Mounts& mounts, const OpenedDirectory& parent, const std::string& name) {
   OpenedDirectory result;
   result.path = childOf(parent.path, name);

@@ -24,7 +24,7 @@ struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
-/// A root split into where it begins and the names from there.
+/// A root, split into its start and the names below it.
 struct Written {
   bool in_home = false;
   std::vector<std::string> names;
@@ -70,7 +70,7 @@ Written split(const std::string& written) {
   return result;
 }
 
-/// Expands the names one after the other. A directory that is not there ends its branch.
+/// Expands the names one after the other. A missing directory ends its branch.
 class Expansion {
  public:
   Expansion(const Base& base, const Written& written) : base_(base), written_(written) {}
@@ -110,7 +110,7 @@ class Expansion {
     return named(std::move(result), parent, name);
   }
 
-  /// O_NOFOLLOW and O_DIRECTORY say of a link that it is not a directory.
+  /// With O_NOFOLLOW and O_DIRECTORY, opening a link fails with ENOTDIR.
   static void explain(OpenedDirectory& result, const OpenedDirectory& parent, const std::string& name,
                       int error) {
     struct stat status {};

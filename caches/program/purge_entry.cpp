@@ -15,7 +15,7 @@ namespace {
 using client::CachePurge;
 using client::CacheSurvey;
 
-/// What could not be used, and what gave nothing, because nothing of it is old enough, was not purged.
+/// A root that could not be used, or in which nothing was old enough, was not purged.
 bool wasPurged(const RootReport& root) {
   const CachePurge& purge = root.purge;
   return purge.items != 0 || purge.freed != 0 || purge.held != 0 || purge.failures != 0 ||
