@@ -170,8 +170,8 @@ const std::vector<Names>& cacheHomes() {
 }
 
 const std::vector<Names>& keptInCacheHomes() {
-  // rclone: uploads that are still to be made. uv: its documentation allows no change but by itself. The
-  // others keep what is not made again, or what projects refer to by path.
+  // rclone: pending uploads. uv: its documentation allows only uv itself to change the cache. The others hold
+  // data that cannot be made again, or that projects refer to by path.
   static const std::vector<Names> list = paths({
       "JetBrains/*/LocalHistory",
       "JetBrains/*/local-history",

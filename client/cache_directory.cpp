@@ -32,7 +32,7 @@ Error badRequest(std::string reason) { return {Failure::badRequest, std::move(re
 
 std::string systemReason(int error) { return std::generic_category().message(error); }
 
-/// What is wrong with a directory; empty: nothing.
+/// Why a directory cannot be used; empty when it can.
 std::string problemIn(int directory, const struct statx& status) {
   if (!S_ISDIR(status.stx_mode)) return "not a directory";
   if ((status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0)
@@ -97,7 +97,7 @@ class Run {
     static_cast<void>(progress_.done());
     if (sink_ == nullptr) progress_.settle(setup_.root.get(), before);
   }
-  /// False when there was no time for it.
+  /// False when time ran out.
   bool findFloor(Guard& guard, std::int64_t now, RemovalTerms& terms) {
     if (setup_.rules.keep_newest == 0 && setup_.rules.keep_bytes == 0) return true;
     terms.floor = countCache(setup_, guard.locks, guard.openFiles(), time_, now).floor;
