@@ -49,8 +49,8 @@ class FolderWalk {
     [[nodiscard]] virtual bool entered(int parent, int folder, const std::string& name) = 0;
     /// Everything below was visited. `parent` is -1 when it cannot be reopened.
     virtual void left(int parent, const std::string& name) = 0;
-    /// A folder that cannot be opened. What is there no longer, or was replaced by a link or a file, or is
-    /// another mount, is nobody's failure.
+    /// A folder that cannot be opened. It is not a failure when it is gone, was replaced by a link or a file,
+    /// or is another mount.
     virtual void notEntered(const std::string& name, int error);
     /// `error` is errno's.
     virtual void failed(int error) = 0;

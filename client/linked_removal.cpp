@@ -147,7 +147,7 @@ class LinkedRemoval {
            S_ISREG(now.stx_mode) && now.stx_ino == name.file->number && deviceOf(now) == name.file->device &&
            now.stx_nlink == name.file->names && ageOf(now).seconds <= parts_.terms.newest;
   }
-  /// Deleting its other names has changed its status, so the time of that is ignored.
+  /// Does not check the age, because deleting the other names has changed the file's status.
   [[nodiscard]] FileDeletion deleteName(const Name& name) const {
     const FileDescriptor directory = directoryOf(name);
     struct statx now {};

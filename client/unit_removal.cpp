@@ -21,7 +21,7 @@ constexpr std::string_view leftover_begin = ".kelvane-purge-";
 constexpr std::string_view leftover_end = ".tmp";
 constexpr std::size_t leftover_digits = 16;
 
-/// Gives the owner all rights, which deleting its entries takes.
+/// Gives the owner all rights, without which its entries cannot be deleted.
 void makeWritable(int directory) {
   struct stat status {};
   if (::fstat(directory, &status) != 0 || status.st_uid != ::geteuid()) return;

@@ -1,5 +1,5 @@
-// Real file systems in image files: what is claimed is what the volume measures. Needs to be root, for the
-// loop devices.
+// Real file systems in image files: the figures must match the free space of the volume. Needs root for loop
+// devices.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -32,7 +32,7 @@ const bool a_year_ahead = advanceAYear();
 
 constexpr std::size_t mebibyte = 1 << 20;
 
-/// A new file system in an image file, mounted while this lives.
+/// A new file system in an image file, mounted while this object exists.
 class BlockVolume {
  public:
   BlockVolume(const std::string& make, std::size_t bytes) {
@@ -48,7 +48,7 @@ class BlockVolume {
   BlockVolume& operator=(const BlockVolume&) = delete;
 
   [[nodiscard]] std::string path() const { return directory_ / "volume"; }
-  /// Once all is written, and freed: xfs does that a moment later.
+  /// The free space once everything has been written and freed, which xfs does a moment later.
   [[nodiscard]] std::uint64_t settledFreeBytes() const {
     std::uint64_t before = 0;
     for (int same = 0; same < 3;) {
@@ -83,7 +83,7 @@ void expectWithinOnePercent(std::uint64_t claimed, std::uint64_t measured) {
 
 class OnABlockDevice : public testing::TestWithParam<const char*> {
  protected:
-  /// Files of many sizes, with names elsewhere and here, and holes.
+  /// Files of many sizes, with several names inside and outside, and with holes.
   static void fill(const CacheTree& cache, const std::string& in) {
     for (int file = 0; file < 120; ++file) {
       const std::string name = in + "/" + std::to_string(file % 7) + "/" + std::to_string(file);
@@ -141,7 +141,7 @@ TEST_P(OnABlockDevice, FreesWhatItClaimsOfUnits) {
 }
 
 TEST_P(OnABlockDevice, GivesSpaceBackWhenNotAByteIsFree) {
-  const std::size_t size = std::string(GetParam()) == "xfs" ? 320 : 128;  // the least that it can be
+  const std::size_t size = std::string(GetParam()) == "xfs" ? 320 : 128;  // the minimum
   const BlockVolume volume(GetParam(), size * mebibyte);
   const CacheTree cache(volume.path());
   cache.add("files/a", 100 * day, mebibyte);
@@ -168,7 +168,7 @@ TEST_P(OnABlockDevice, GivesUpMoreDirectoriesThanNamesAreKept) {
   const BlockVolume volume(GetParam(), 320 * mebibyte);
   const std::string root = volume.path() + "/many";
   fs::create_directory(root);
-  constexpr int directories = 10'000;  // of names that take twice as much as is kept
+  constexpr int directories = 10'000;  // their names take twice the memory limit
   for (int number = 0; number < directories; ++number)
     ASSERT_EQ(::mkdir((root + "/" + std::to_string(number) + std::string(200, 'n')).c_str(), 0700), 0);
   const auto purged = client::purgeFolder(root, {.empty_folders = true},
