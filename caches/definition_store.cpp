@@ -134,7 +134,7 @@ class Merger {
     } else if (definition != by_name_.end()) {
       definition->second.enabled = true;
     } else if (std::find(store_.masked.begin(), store_.masked.end(), stemOf(file)) == store_.masked.end()) {
-      store_.problems.push_back({path + "/" + file, 0, "there is no usable definition of this name"});
+      store_.problems.push_back({path + "/" + file, 0, "no usable definition has this name"});
     }
   }
 

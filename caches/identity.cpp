@@ -93,12 +93,12 @@ std::string becomeForGood(const User& user) {
     return "supplementary groups are left";
   }
   if (!hasOnlyIdsOf(user)) return "not all IDs changed";
-  return canComeBack(user) ? "the rights that were given up can be had again" : "";
+  return canComeBack(user) ? "the rights that were given up can be regained" : "";
 }
 
 std::string stayForGood(const User& user) {
   if (std::string fault = giveUpTheRest(); !fault.empty()) return fault;
-  return ::getuid() == user.id && ::geteuid() == user.id ? "" : "this process is another user's";
+  return ::getuid() == user.id && ::geteuid() == user.id ? "" : "this process runs as another user";
 }
 
 std::string limitResources() {

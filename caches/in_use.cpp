@@ -87,7 +87,7 @@ std::string runningAmong(const std::vector<std::string>& names) {
     if (runs(::dirfd(processes.get()), entry->d_name, names, name))
       return fmt::format("\"{}\" is running", name);
   }
-  return seen > 0 ? "" : "/proc cannot be read, so nobody can tell which programs run";
+  return seen > 0 ? "" : "/proc cannot be read, so it is unknown which programs run";
 }
 
 std::string ownHost() {

@@ -19,7 +19,7 @@ constexpr int tick = 20;  // milliseconds
 constexpr std::chrono::hours longest_stage(1);
 constexpr std::chrono::seconds grace(1);  // for cancelled workers to report and end
 constexpr int work_percent = 90;
-constexpr const char* nobody_wants_more = "nobody wants more of it";
+constexpr const char* nobody_wants_more = "no more items were wanted";
 
 }  // namespace
 
@@ -160,7 +160,7 @@ void JobRun::giveUp(const char* reason) {
     abandon(*running, reason);
   }
   running_.clear();
-  for (const std::size_t job : waiting_) answers_[job].reason = "there was no time left to look at it";
+  for (const std::size_t job : waiting_) answers_[job].reason = "no time was left to count it";
   waiting_.clear();
 }
 

@@ -82,7 +82,7 @@ std::string Mounts::refusal(const std::string& path) const {
     if (holds(mount.target, path) && (holder == nullptr || mount.target.size() >= holder->target.size()))
       holder = &mount;
   }
-  if (holder == nullptr) return "the mount table does not say where " + path + " is";
+  if (holder == nullptr) return path + " is on no mount in the mount table";
   return refusalOfMount(*holder);
 }
 
@@ -90,7 +90,7 @@ std::string Mounts::refusalOf(int descriptor) const {
   const std::uint64_t id = idOf(descriptor);
   const auto mount = std::find_if(table_.begin(), table_.end(),
                                   [&](const MountEntry& entry) { return id != 0 && entry.id == id; });
-  if (mount == table_.end()) return "it was mounted a moment ago, or the kernel does not say where it is";
+  if (mount == table_.end()) return "its mount is not in the mount table: it may be new";
   return refusalOfMount(*mount);
 }
 

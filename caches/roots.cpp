@@ -65,7 +65,8 @@ Written split(const std::string& written) {
         return name == "." || name == ".." || name.find('$') != std::string::npos;
       });
   if (result.names.empty() || result.names.size() > most_root_names || leads_astray) {
-    result.reason = fmt::format("\"{}\" cannot be a root", written);
+    result.reason =
+        fmt::format("invalid root \"{}\": expected a path such as ~/.cache/NAME or /var/cache/NAME", written);
   }
   return result;
 }
@@ -186,7 +187,7 @@ class Expansion {
       const std::string_view name = entry->d_name;
       const bool may_be_directory = entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN;
       if (++read > most_names_read || result.size() == most_matches) {
-        fail({{}, directory.path, "it holds too many names: only some were looked at", EOVERFLOW});
+        fail({{}, directory.path, "it has too many names: only the first were checked", EOVERFLOW});
         break;
       }
       if (name == "." || name == ".." || !may_be_directory) continue;

@@ -128,7 +128,7 @@ class SpawnerProcess {
 
   void start(std::uint64_t number, const Job& job, FileDescriptor socket) {
     if (children_.size() >= most_workers) {
-      return ReportWriter(socket.get()).end(false, "too many workers have not ended");
+      return ReportWriter(socket.get()).end(false, "too many earlier workers have not ended");
     }
     const pid_t own = ::getpid();
     const pid_t process = ::fork();

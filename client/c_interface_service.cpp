@@ -194,7 +194,8 @@ kelvane_failure kelvane_service_add_directory(kelvane_service* service, const ch
 kelvane_failure kelvane_service_set_all_volumes(kelvane_service* service, bool all, kelvane_error* error) {
   return setUp(service, error, [&](kelvane_service& it) {
     if (std::holds_alternative<CacheRules>(it.kind))
-      refuse("the service " + quoted(it.options.id) + " is one of directories");
+      refuse("the service " + quoted(it.options.id) +
+             " is a directory service: expected one made by kelvane_service_new");
     it.options.all_volumes = all;
   });
 }

@@ -36,7 +36,7 @@ std::string systemReason(int error) { return std::generic_category().message(err
 std::string problemIn(int directory, const struct statx& status) {
   if (!S_ISDIR(status.stx_mode)) return "not a directory";
   if ((status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0)
-    return "this kernel does not tell mount points";
+    return "the kernel does not report mount points: expected Linux 5.8 or later";
   if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0)
     return "is a mount point: expected a directory in one";
   if (status.stx_uid != 0 && status.stx_uid != ::geteuid())
@@ -118,9 +118,9 @@ Result<std::unique_ptr<CacheDirectory>> CacheDirectory::open(const std::string& 
       ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
   if (!directory) {
     const int error = errno;
-    return badRequest(
-        "cannot open \"" + path + "\": " +
-        (error == ENOTDIR || error == ELOOP ? "is a link, or not a directory" : systemReason(error)));
+    return badRequest("cannot open \"" + path + "\": " +
+                      (error == ENOTDIR || error == ELOOP ? "expected a directory that is not a link"
+                                                          : systemReason(error)));
   }
   auto opened = open(directory.get(), rules);
   if (opened) return opened;

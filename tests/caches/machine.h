@@ -41,7 +41,7 @@ class Machine : public testing::Test {
   /// Where the homes are, and a volume of its own.
   [[nodiscard]] const std::string& volume() const { return directory_.path(); }
   [[nodiscard]] std::string home(uid_t user) const;
-  /// Makes the user's empty home on the volume, by default under the usual name.
+  /// Adds a user with an empty home on the volume, or with an existing `home_directory`.
   void addUser(uid_t user, const std::string& home_directory = {});
   /// The user owns it, and every directory above it below the home. At most `ahead` old.
   void addFile(uid_t user, const std::string& path, std::size_t bytes, std::time_t age) const;
