@@ -22,7 +22,7 @@ class Mounts {
   [[nodiscard]] std::string refusal(const std::string& path) const;
   /// The same for a descriptor, which may be O_PATH.
   [[nodiscard]] std::string refusalOf(int descriptor) const;
-  /// 0 when the kernel does not tell it.
+  /// 0 when the kernel does not return it.
   [[nodiscard]] static std::uint64_t idOf(int descriptor);
 
  private:

@@ -10,7 +10,7 @@ namespace kelvane::caches {
 
 using Names = std::vector<std::string>;
 
-/// The names of a path; empty ones are kept, so that "a//b" and "a/" can be told.
+/// The names of a path; empty ones are kept, so that "a//b" and "a/" can be detected.
 [[nodiscard]] Names namesOf(std::string_view path);
 [[nodiscard]] std::string pathOf(Names::const_iterator begin, Names::const_iterator end);
 

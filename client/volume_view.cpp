@@ -22,7 +22,7 @@ struct Place {
   std::string device;  // "major:minor"
 };
 
-/// For kernels whose statx does not tell the number of the mount.
+/// For kernels whose statx does not return the mount ID.
 std::uint64_t mountNumberOf(int descriptor) {
   std::ifstream info("/proc/self/fdinfo/" + std::to_string(descriptor));
   for (std::string word; info >> word;) {
