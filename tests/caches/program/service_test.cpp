@@ -112,7 +112,9 @@ TEST(CacheService, LosesNoCallThatComesWhileItEnds) {
   for (int i = 0; i < 40; ++i) {
     EXPECT_EQ(freedIn(client.purge(purgeOf(machine, 64 << 10, 2))), 64U << 10)
         << i << service.process().output();
-    if (i % calls_between_ends == 0) ASSERT_TRUE(service.ended(0, ++ends)) << service.process().output();
+    if (i % calls_between_ends == 0) {
+      ASSERT_TRUE(service.ended(0, ++ends)) << service.process().output();
+    }
   }
   EXPECT_EQ(machine.countFiles("photos"), 0U);
 }
