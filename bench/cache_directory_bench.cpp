@@ -1,8 +1,8 @@
 // What it costs to count and to purge a cache directory of many small files, beside find and `rm -rf`, and
 // how much memory that takes.
 //
-// All ways are programs of their own (this one again, for the library's), timed from outside, their start
-// included. Counting takes turns with find on the same files; for each purge the same files are made again.
+// Each way is a separate program (for the library, this one again), timed from outside including its start.
+// Counting alternates with find on the same files; the same files are made again for each purge.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -36,7 +36,7 @@ constexpr int files_in_a_directory = 1000;
 
 struct Settings {
   std::string at = fs::temp_directory_path();
-  std::string only;  // what this program does as one of its own ways
+  std::string only;  // the way that this program runs as
   int rounds = 5;
   int files = 100'000;
   int directories = 100'000;
@@ -57,7 +57,7 @@ void makeFiles(const std::string& root, int files) {
     ::close(file);
   }
   const int volume = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  ::syncfs(volume);  // what is written later costs nobody's time
+  ::syncfs(volume);  // later writing must not cost measured time
   ::close(volume);
 }
 
@@ -72,7 +72,7 @@ struct Cost {
   double megabytes = 0;  // resident, at most
 };
 
-/// What it prints goes nowhere.
+/// Its output is discarded.
 Cost costOf(std::vector<std::string> words) {
   std::vector<char*> arguments;
   for (std::string& word : words) arguments.push_back(word.data());
@@ -107,7 +107,7 @@ struct Turns {
   std::vector<double> megabytes{};
 };
 
-/// The one that begins changes from round to round.
+/// The order alternates from round to round.
 Turns inTurns(int rounds, const std::function<Cost()>& own, const std::function<Cost()>& peer) {
   Turns turns;
   for (int round = 0; round < rounds; ++round) {
@@ -132,7 +132,7 @@ std::vector<Figure> figuresOf(const std::string& what, const Turns& turns, const
            medianAtMost(most_megabytes)}};
 }
 
-/// A directory that goes, whatever happens, but when this program is killed.
+/// A directory that is removed unless this program is killed.
 class Root {
  public:
   explicit Root(const std::string& at) : path_(at + "/kelvane-bench-" + std::to_string(::getpid())) {
@@ -150,7 +150,7 @@ class Root {
 std::vector<Figure> counting(const Settings& settings) {
   const Root root(settings.at);
   makeFiles(root.path(), settings.files);
-  costOfFind(root.path());  // once for nobody: the volume's memory is fetched
+  costOfFind(root.path());  // not measured: fills the file system's caches
   const Turns turns = inTurns(
       settings.rounds, [&] { return costOfOwn("survey", root.path()); },
       [&] { return costOfFind(root.path()); });

@@ -1,8 +1,8 @@
-// How soon kelvane-caches answers when the first call starts it, and when it runs.
+// How soon kelvane-caches answers when the first call starts it, and when it is running.
 //
-// In turns, for so many caches with a socket each: a question on one socket that starts the program, and then
-// the same question again; each from the connection to the answer. The caches are on a volume of this
-// program's own at /var/cache, in its own mount namespace:
+// With a socket for each of several caches, alternately: a question on one socket that starts the program,
+// and then the same question again; each timed from the connection to the answer. The caches are on a volume
+// at /var/cache in a private mount namespace:
 //
 //   script/lib/private-root.sh -- build/release/bin/caches_start_bench
 
@@ -78,7 +78,7 @@ int listenAt(const std::string& path) {
   return socket;
 }
 
-/// What the service manager does: the sockets, and a process that has them.
+/// Stands in for the service manager: opens the sockets, and starts a process that inherits them.
 class Manager {
  public:
   explicit Manager(std::size_t caches) {
@@ -118,7 +118,7 @@ class Manager {
   }
 
  private:
-  /// With nothing but system calls: another thread may hold what a library call needs.
+  /// Uses system calls only, because another thread may hold a lock that a library call needs.
   [[noreturn]] void become(char* const* arguments, char* const* variables) const {
     constexpr int out_of_the_way = 1000;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -136,7 +136,7 @@ class Manager {
   pid_t process_ = -1;
 };
 
-/// Asks one cache, and does `meanwhile` when the question is on its way.
+/// Asks one cache, and calls `meanwhile` after sending the question.
 template <class What>
 void ask(What meanwhile) {
   std::promise<std::uint64_t> answered;

@@ -50,7 +50,7 @@ Objection objectionToName(const std::string& name) {
   if (name.empty() || name.size() > longest_name || !is_plain || name.front() == '-') {
     return "expected 1 to 64 of a-z, 0-9 and \"-\", not beginning with \"-\"";
   }
-  if (name == "local") return "the machine's own definitions answer under this name: expected another";
+  if (name == "local") return "reserved for the machine's own definitions: expected another name";
   return std::nullopt;
 }
 
@@ -81,9 +81,9 @@ Objection objectionToPattern(const std::string& pattern) {
     return "is absolute: expected a path relative to the root";
   const Names names = namesOf(pattern);
   if (Objection objection = objectionToNames(names)) return objection;
-  constexpr std::size_t most_names = 63;  // so many the walk follows
+  constexpr std::size_t most_names = 63;  // the limit of the walk
   if (names.size() > most_names) return "has more than 63 names";
-  if (pattern.back() == '\\') return "ends in \"\\\", which quotes nothing";
+  if (pattern.back() == '\\') return "ends in \"\\\": expected a character after it";
   if (!setsAreClosed(pattern)) return "holds \"[\" without \"]\" in the same name";
   return std::nullopt;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// Why a text of a definition cannot be what it is meant to be; nothing when it can. The reasons name neither
-// the file nor the text.
+// Checks of the texts in a definition. Each returns why the text is invalid, or nothing. The reasons name
+// neither the file nor the text.
 
 #include <chrono>
 #include <optional>
@@ -16,7 +16,7 @@ using Objection = std::optional<std::string>;
 
 [[nodiscard]] Objection objectionToName(const std::string& name);
 [[nodiscard]] Objection objectionToSummary(const std::string& summary);
-/// How a root is written; whether it may be there is for safety.h.
+/// How a root is written; safety.h decides whether it is allowed there.
 [[nodiscard]] Objection objectionToRoot(const std::string& root);
 /// A pattern for paths relative to the root.
 [[nodiscard]] Objection objectionToPattern(const std::string& pattern);
@@ -27,7 +27,7 @@ using Objection = std::optional<std::string>;
 /// A path of a lock: absolute, below "~", or relative.
 [[nodiscard]] Objection objectionToLockPath(const std::string& path, Owner owner);
 
-/// An age of an urgency: "30d"; a problem and nothing when it is none.
+/// An age of an urgency, such as "30d"; nothing, and a problem, when it is invalid.
 [[nodiscard]] std::optional<std::chrono::seconds> checkedAge(Problems& problems, const TomlEntry& entry,
                                                              const std::string& where);
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a holder is: a kind of cache, where it is found, and what of it may go when.
+// A holder: a kind of cache, where it is, and which files of it may go when.
 
 #include <cstdint>
 #include <map>
@@ -19,14 +19,15 @@ enum class CacheClass : std::uint8_t {
   personal,     // off until somebody enables it
 };
 
-/// A sign that the program whose cache it is runs. Paths begin with "~/" or "/", or are relative to the root;
+/// A sign that the program that owns the cache is running. Paths begin with "~/" or "/", or are relative to
+/// the root;
 /// "{1}" is what the first wildcard of the root matched.
 struct InUse {
   enum class Kind : std::uint8_t {
     flock,  // as client::CacheLock
     record,
     exists,
-    pid_link,  // a symbolic link to HOST-PID or IP:+PID whose process lives, or is another host's
+    pid_link,  // a symbolic link to HOST-PID or IP:+PID, whose process exists or is on another host
     process,   // a process of the root's user with this name (comm)
   };
   Kind kind = Kind::flock;
@@ -42,7 +43,7 @@ struct Definition {
   bool needs_network = false;
   bool enabled = true;   // false: personal and not enabled, or masked
   bool shipped = false;  // from /usr/lib; others answer under the ID com.orvel.kelvane.caches.local
-  /// As written, variables and "~" included. A name may hold "*".
+  /// As written, with variables and "~". A name may contain "*".
   std::vector<std::string> roots;
   std::vector<InUse> in_use;
   client::CacheRules rules;  // its locks are empty: they come from `in_use` for each root

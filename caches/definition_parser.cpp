@@ -56,7 +56,7 @@ class DefinitionParser {
   }
 
   void readHolder() {
-    // What other keys are judged by comes first.
+    // Keys that decide about others come first.
     for (const Key& key : keys()) {
       const auto entry = std::find_if(holder_->begin(), holder_->end(),
                                       [&](const TomlEntry& each) { return each.key == key.name; });
@@ -104,7 +104,7 @@ class DefinitionParser {
   }
 
   using Check = std::function<Objection(const std::string&)>;
-  /// Returns the values that are taken, for their lines.
+  /// Returns the accepted values, which have their lines.
   TomlValue::Array readList(const TomlEntry& entry, const char* what, const Check& objection_to,
                             std::vector<std::string>& into) {
     TomlValue::Array taken;
@@ -164,7 +164,7 @@ class DefinitionParser {
   }
   void readBytes(const TomlEntry& entry) { definition_.rules.keep_bytes = problems_.size(entry).value_or(0); }
   void readNewest(const TomlEntry& entry) {
-    constexpr std::int64_t most = 4096;  // so far the rules count exactly
+    constexpr std::int64_t most = 4096;  // the rules count exactly up to this
     const std::int64_t* number = entry.value.integer();
     if (number == nullptr || *number < 0 || *number > most) {
       problems_.add(entry.value.line, "invalid keep_newest: expected an integer from 0 to 4096");
@@ -199,7 +199,7 @@ class DefinitionParser {
     });
     onlyForUnits(entry);
   }
-  /// Of an array of tables with one entry each.
+  /// The entries of an array of tables with one entry each.
   void eachSign(const TomlEntry& entry,
                 const std::function<void(const TomlEntry&, const std::string&)>& take) {
     const TomlValue::Array* all = problems_.array(entry);
@@ -231,7 +231,7 @@ class DefinitionParser {
     completeAges();
   }
 
-  /// An urgency that has no age allows what the one below it does.
+  /// An urgency without an age uses that of the next lower one.
   void completeAges() {
     auto& ages = definition_.rules.ages;
     for (std::size_t i = 1; i < ages.size(); ++i) {
@@ -277,8 +277,8 @@ class DefinitionParser {
   bool has_include_ = false;
   std::size_t holder_line_ = 0;
   std::size_t urgency_line_ = 0;
-  std::array<std::size_t, client::urgency_count> lines_{};  // of the ages; 0: there is none
-  TomlValue::Array roots_;                                  // those that are written well
+  std::array<std::size_t, client::urgency_count> lines_{};  // of the ages; 0: none
+  TomlValue::Array roots_;                                  // those that are well-formed
 };
 
 const std::vector<DefinitionParser::Key>& DefinitionParser::keys() {

@@ -1,13 +1,13 @@
 #pragma once
 
-// From the tree of a definition's file to the definition.
+// Makes a definition from the TOML tree of its file.
 
 #include "caches/definition.h"
 #include "caches/problems.h"
 
 namespace kelvane::caches {
 
-/// Fills a definition; what cannot be taken is left out and added to the problems.
+/// Fills a definition; invalid values are left out and added to the problems.
 [[nodiscard]] Definition definitionOf(const TomlValue::Table& root, Problems& problems);
 
 }  // namespace kelvane::caches

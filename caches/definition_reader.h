@@ -14,12 +14,12 @@
 namespace kelvane::caches {
 
 inline constexpr std::size_t largest_definition = std::size_t{64} << 10;  // bytes of a file
-inline constexpr std::size_t most_problems = 20;                          // of a file; the rest is not told
+inline constexpr std::size_t most_problems = 20;                          // reported for a file
 
-/// What is wrong with a file, and where.
+/// An error in a file, with its line.
 struct Problem {
   std::string file;
-  std::size_t line = 0;  // from 1; 0: of the file as a whole
+  std::size_t line = 0;  // from 1; 0: the file as a whole
   std::string reason;
   [[nodiscard]] std::string text() const;  // FILE:LINE: REASON
 };
@@ -35,7 +35,7 @@ struct DefinitionResult {
 /// Reads the file at `path`, which must be a regular file of root's or of this process's user that nobody
 /// else can write; links are not followed. At most largest_definition bytes are read.
 [[nodiscard]] DefinitionResult readDefinition(const std::string& path);
-/// The same of the file `name` in an open directory; `path` is what it is called in problems.
+/// The same for the file `name` in an open directory; problems name it as `path`.
 [[nodiscard]] DefinitionResult readDefinitionAt(int directory, const std::string& name,
                                                 const std::string& path);
 

@@ -31,10 +31,10 @@ std::string stemOf(const std::string& file) { return file.substr(0, file.rfind('
 struct Listing {
   FileDescriptor directory;
   std::vector<std::string> files;  // sorted
-  std::string problem;             // why it cannot be used; empty also when there is no directory
+  std::string problem;             // why it cannot be used; also empty when the directory is missing
 };
 
-/// The names that matter, one more than most_definitions at most.
+/// The relevant names, at most one more than most_definitions.
 std::vector<std::string> filesOf(DIR* directory) {
   std::vector<std::string> files;
   while (const dirent* entry = ::readdir(directory)) {
@@ -78,7 +78,7 @@ bool isMask(int directory, const std::string& file) {
   return size > 0 && std::string_view(target.data(), static_cast<std::size_t>(size)) == nowhere;
 }
 
-/// Puts the two directories together.
+/// Merges the two directories.
 class Merger {
  public:
   DefinitionStore merge(const DefinitionDirectories& directories) {
@@ -134,7 +134,7 @@ class Merger {
     } else if (definition != by_name_.end()) {
       definition->second.enabled = true;
     } else if (std::find(store_.masked.begin(), store_.masked.end(), stemOf(file)) == store_.masked.end()) {
-      store_.problems.push_back({path + "/" + file, 0, "there is no usable definition of this name"});
+      store_.problems.push_back({path + "/" + file, 0, "no usable definition has this name"});
     }
   }
 

@@ -11,7 +11,7 @@ inline constexpr std::size_t largest_file_in_home = std::size_t{64} << 10;
 
 struct FileInHome {
   std::string text;
-  std::string problem;  // why there is no text, without the name; empty also when there is no such file
+  std::string problem;  // why there is no text, without the name; also empty when the file is missing
 };
 
 /// The file at `path`, relative to a descriptor of the home directory. It must be a regular file of the

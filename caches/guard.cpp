@@ -19,7 +19,7 @@ Guard::Guard(int socket) : socket_(socket), wake_(::eventfd(0, EFD_CLOEXEC | EFD
   try {
     thread_ = dispatch::startThread([this] { run(); });
   } catch (const std::system_error&) {
-    // The deadline still holds, and whoever waits can kill this process.
+    // The deadline still holds, and the spawner can kill this process.
   }
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// Watches, while a worker is busy with a root, for what must stop it: nobody waits for the report any more,
-// or the program whose cache it is has been started.
+// While a worker is busy with a root, watches for two reasons to stop: the report is no longer wanted, or the
+// program that owns the cache has been started.
 
 #include <atomic>
 #include <condition_variable>
@@ -17,16 +17,16 @@ namespace kelvane::caches {
 
 class Guard {
  public:
-  /// `socket` leads to whoever waits. It must outlive this.
+  /// `socket` is the connection to the process that waits. It must outlive this.
   explicit Guard(int socket);
   ~Guard();
   Guard(const Guard&) = delete;
   Guard& operator=(const Guard&) = delete;
 
-  /// What may stop the work on a root with these signs, which must outlive the next call. Null: the work on
-  /// it is over.
+  /// The cancellation of the work on a root with these signs, which must live until the next call. Null: the
+  /// work on the root is over.
   client::Cancellation watch(const Signs* signs);
-  /// Nobody waits any more.
+  /// The report is no longer wanted.
   [[nodiscard]] bool isCancelled() const { return cancelled_; }
 
  private:

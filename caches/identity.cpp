@@ -35,7 +35,7 @@ bool areNone(const Capabilities& capabilities) {
   });
 }
 
-/// The kernel has dropped them already when the IDs changed from root's to another user's.
+/// A change of the IDs from root's to another user's has dropped them already.
 std::string dropCapabilities() {
   if (::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) != 0)
     return failed("clear ambient capabilities");
@@ -64,7 +64,7 @@ bool hasOnlyIdsOf(const User& user) {
          std::all_of(groups.begin(), groups.end(), [&](gid_t id) { return id == user.group; });
 }
 
-/// Whether setting IDs that are not the user's works all the same.
+/// Whether IDs of other users can still be set.
 bool canComeBack(const User& user) {
   const uid_t other = user.id == 0 ? 65'534 : 0;
   const gid_t other_group = user.group == 0 ? 65'534 : 0;
@@ -93,19 +93,19 @@ std::string becomeForGood(const User& user) {
     return "supplementary groups are left";
   }
   if (!hasOnlyIdsOf(user)) return "not all IDs changed";
-  return canComeBack(user) ? "the rights that were given up can be had again" : "";
+  return canComeBack(user) ? "the rights that were given up can be regained" : "";
 }
 
 std::string stayForGood(const User& user) {
   if (std::string fault = giveUpTheRest(); !fault.empty()) return fault;
-  return ::getuid() == user.id && ::geteuid() == user.id ? "" : "this process is another user's";
+  return ::getuid() == user.id && ::geteuid() == user.id ? "" : "this process runs as another user";
 }
 
 std::string limitResources() {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they reserve terabytes
   const rlimit memory{most_memory, most_memory};
   if (::setrlimit(RLIMIT_AS, &memory) != 0) return failed("RLIMIT_AS");
-  // An arena for each thread would reserve 64 MiB each.
+  // Otherwise each thread reserves an arena of 64 MiB.
   ::mallopt(M_ARENA_MAX, 1);
 #endif
   const rlimit descriptors{most_descriptors, most_descriptors};

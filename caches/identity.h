@@ -9,14 +9,15 @@
 namespace kelvane::caches {
 
 /// Gives up every right but the user's own: supplementary groups, group and user IDs, new privileges, all
-/// capabilities; and checks that none of it can come back. For user 0 the capabilities go, so that it is an
-/// owner like any other. Returns what failed: the process must then end. Only in a process with one thread.
+/// capabilities. Then checks that none of them can be regained. User 0 loses its capabilities too, so that it
+/// has only the rights of an owner. Returns what failed: the process must then end. Only in a process with
+/// one thread.
 [[nodiscard]] std::string becomeForGood(const User& user);
 
-/// The same without a change of IDs, where there is no right to: the process must be this user's already.
+/// The same without a change of IDs, for a process without that right: it must run as this user already.
 [[nodiscard]] std::string stayForGood(const User& user);
 
-/// What a worker may use: memory, descriptors, no core dumps, and no bytes written to any file.
+/// Limits memory and descriptors, and forbids core dumps and writing to files.
 [[nodiscard]] std::string limitResources();
 
 }  // namespace kelvane::caches

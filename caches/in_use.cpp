@@ -57,7 +57,7 @@ std::string contents(int directory, const char* name) {
   return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
 }
 
-/// Whether "Uid:" of a process's status names the user: its files in /proc may be root's all the same.
+/// Whether "Uid:" of a process's status names the user. The owner of its files in /proc may be root instead.
 bool isOfThisUser(const std::string& status) {
   const std::size_t line = status.find("\nUid:");
   if (line == std::string::npos) return false;
@@ -87,7 +87,7 @@ std::string runningAmong(const std::vector<std::string>& names) {
     if (runs(::dirfd(processes.get()), entry->d_name, names, name))
       return fmt::format("\"{}\" is running", name);
   }
-  return seen > 0 ? "" : "/proc cannot be read, so nobody can tell which programs run";
+  return seen > 0 ? "" : "/proc cannot be read, so it is unknown which programs run";
 }
 
 std::string ownHost() {
@@ -146,8 +146,8 @@ std::string Signs::now() const {
   return runningAmong(processes_);
 }
 
-/// The directory of a sign, or nothing with the reason in errno: through no link, and below the home or the
-/// root into no mount.
+/// The directory of a sign, or nothing with the reason in errno. Follows no link, and enters no mount below
+/// the home or the root.
 FileDescriptor Signs::parentOf(const std::string& path, std::string& name) const {
   const bool in_home = path.starts_with("~/");
   const std::string below = in_home ? path.substr(2) : path;

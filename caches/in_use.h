@@ -1,7 +1,7 @@
 #pragma once
 
-// Whether the program whose cache it is runs. Some signs are locks, which the purge itself takes
-// (client::CacheLock); the others are looked at here, again and again while the work lasts.
+// Whether the program that owns a cache is running. Some signs are locks, which the purge itself takes
+// (client::CacheLock); the others are checked here, repeatedly while the work lasts.
 
 #include <string>
 #include <vector>
@@ -19,7 +19,7 @@ class Signs {
         const std::string& wildcard);
 
   [[nodiscard]] const std::vector<client::CacheLock>& locks() const { return locks_; }
-  /// What uses the cache now, or why that cannot be told; empty when nothing does. Any thread.
+  /// What uses the cache now, or why that cannot be found out; empty when nothing does. Any thread.
   [[nodiscard]] std::string now() const;
 
  private:
@@ -37,8 +37,8 @@ class Signs {
   std::vector<std::string> processes_;
 };
 
-/// Whether a link with this target says that somebody holds it: HOST-PID or IP:+PID. A process that lives and
-/// another host's hold it, and so does whatever is not understood.
+/// Whether a link with this target, HOST-PID or IP:+PID, counts as held: its process exists or is on another
+/// host, or the target is malformed.
 [[nodiscard]] bool isHeld(const std::string& target, const std::string& own_host);
 
 }  // namespace kelvane::caches

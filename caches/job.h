@@ -1,7 +1,7 @@
 #pragma once
 
-// What a worker is asked to do. The main process writes it, the spawner reads it and gives it to the worker
-// that it forks.
+// The job of a worker. The main process writes it, the spawner reads it and passes it to the worker that it
+// forks.
 
 #include <sys/types.h>
 #include <chrono>
@@ -12,7 +12,7 @@
 
 namespace kelvane::caches {
 
-/// Who a worker becomes.
+/// The user that a worker becomes.
 struct User {
   uid_t id = 0;
   gid_t group = 0;
@@ -20,7 +20,7 @@ struct User {
   std::string home;
 };
 
-/// A root whatever its name is.
+/// Identifies a root independently of its name.
 struct RootKey {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
@@ -29,12 +29,12 @@ struct RootKey {
 
 struct Job {
   enum class Kind : std::uint8_t {
-    owners,  // whose the roots of a system holder are
+    owners,  // finds the owners of a system holder's roots
     survey,
     purge,
     list,
   };
-  /// How much is to go of one root.
+  /// How much to free in one root.
   struct Share {
     RootKey root;
     std::uint64_t amount = 0;
@@ -44,7 +44,7 @@ struct Job {
   static constexpr std::size_t longest_message = std::size_t{64} << 10;
 
   Kind kind = Kind::survey;
-  std::uint32_t definition = 0;  // its place among those that the spawner knows
+  std::uint32_t definition = 0;  // its index among those that the spawner knows
   User user;                     // the name is not sent
   std::string volume;            // empty: all
   int urgency = 0;               // of a purge or list, with the next two

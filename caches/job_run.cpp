@@ -17,9 +17,9 @@ using std::chrono::steady_clock;
 /// Cancellation is a flag, and slots become free elsewhere.
 constexpr int tick = 20;  // milliseconds
 constexpr std::chrono::hours longest_stage(1);
-constexpr std::chrono::seconds grace(1);  // for workers to wind up once cancelled
+constexpr std::chrono::seconds grace(1);  // for cancelled workers to report and end
 constexpr int work_percent = 90;
-constexpr const char* nobody_wants_more = "nobody wants more of it";
+constexpr const char* nobody_wants_more = "no more items were wanted";
 
 }  // namespace
 
@@ -120,7 +120,7 @@ void JobRun::waitForSome() {
   std::erase_if(running_, [](const auto& running) { return !running->worker.socket; });
 }
 
-/// One message, so that nobody who writes without end keeps the others waiting.
+/// One message, so that a worker that writes without end does not delay the others.
 void JobRun::receive(Running& running) {
   const ssize_t length =
       ::recv(running.worker.socket.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT | MSG_TRUNC);
@@ -160,7 +160,7 @@ void JobRun::giveUp(const char* reason) {
     abandon(*running, reason);
   }
   running_.clear();
-  for (const std::size_t job : waiting_) answers_[job].reason = "there was no time left to look at it";
+  for (const std::size_t job : waiting_) answers_[job].reason = "no time was left to count it";
   waiting_.clear();
 }
 

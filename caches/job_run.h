@@ -12,10 +12,10 @@
 
 namespace kelvane::caches {
 
-/// When to be back, and when the workers have to be.
+/// When the run and its workers must end.
 struct Stage {
   std::chrono::steady_clock::time_point end;
-  std::chrono::steady_clock::time_point work_end;  // earlier, so that what was done is reported in time
+  std::chrono::steady_clock::time_point work_end;  // earlier, so that reports arrive in time
 };
 
 /// The stage that takes `percent` of the time until the deadline. A stage without a deadline ends as well.
@@ -24,13 +24,13 @@ struct Stage {
 /// Used once, on one thread.
 class JobRun {
  public:
-  /// Items of lists. False: nobody wants more of any, and the run is over.
+  /// Takes the items of lists. False: no more are wanted, and the run ends.
   using Item = std::function<bool(std::size_t job, const RootKey& root, const client::CacheItem& item)>;
 
   JobRun(Spawner& spawner, WorkerSlots& slots, Stage stage, client::Cancellation cancellation,
          ReportReader::MostBytes most_bytes, Item item = {});
 
-  /// An answer for each job, in the same order. Those that did not come in time are what came until then.
+  /// An answer for each job, in the same order. A late answer holds what was reported until the deadline.
   [[nodiscard]] std::vector<Answer> run(std::vector<Job> jobs);
 
  private:

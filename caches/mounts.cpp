@@ -46,7 +46,7 @@ OpenedDirectory failed(const std::string& path, int error) {
   return refused(fmt::format("{}: {}", path, std::strerror(error)), error);
 }
 
-/// What the link is to be replaced by, or a reason.
+/// The target of the link, or why it is not followed.
 std::pair<std::string, std::string> targetOf(int link, const struct stat& status, const std::string& path) {
   std::array<char, PATH_MAX> target{};
   if (status.st_uid != 0) return {"", fmt::format("{} is a symbolic link that is not root's", path)};
@@ -59,7 +59,7 @@ std::string childOf(const std::string& parent, const std::string& name) {
   return parent == "/" ? "/" + name : parent + "/" + name;
 }
 
-/// The name in the parent, whatever it is, as O_PATH.
+/// Opens the name in the parent, of any type, with O_PATH.
 OpenedDirectory openName(const Mounts& mounts, const OpenedDirectory& parent, const std::string& name) {
   OpenedDirectory result;
   result.path = childOf(parent.path, name);
@@ -82,7 +82,7 @@ std::string Mounts::refusal(const std::string& path) const {
     if (holds(mount.target, path) && (holder == nullptr || mount.target.size() >= holder->target.size()))
       holder = &mount;
   }
-  if (holder == nullptr) return "the mount table does not say where " + path + " is";
+  if (holder == nullptr) return path + " is on no mount in the mount table";
   return refusalOfMount(*holder);
 }
 
@@ -90,7 +90,7 @@ std::string Mounts::refusalOf(int descriptor) const {
   const std::uint64_t id = idOf(descriptor);
   const auto mount = std::find_if(table_.begin(), table_.end(),
                                   [&](const MountEntry& entry) { return id != 0 && entry.id == id; });
-  if (mount == table_.end()) return "it was mounted a moment ago, or the kernel does not say where it is";
+  if (mount == table_.end()) return "its mount is not in the mount table: it may be new";
   return refusalOfMount(*mount);
 }
 

@@ -1,10 +1,10 @@
 #pragma once
 
-// Opens directories without waking or waiting for anything behind a mount: before a name is looked up, the
-// mount table says what is there, and after a name was opened (with O_PATH, which asks no file system), the
-// kernel says which mount it is on. What is mounted in between is therefore refused as well.
+// Opens directories without triggering an automount or waiting for a file system. Before a name is looked up,
+// the mount table is checked. After a name has been opened (with O_PATH, which does not call the file
+// system), the kernel names its mount, so a file system that was mounted in between is refused too.
 //
-// Refused are automounts, network file systems, and those that a program serves.
+// Automounts, network file systems and file systems that a program serves are refused.
 
 #include <string>
 #include <vector>
@@ -18,11 +18,11 @@ class Mounts {
  public:
   explicit Mounts(std::vector<MountEntry> table) : table_(std::move(table)) {}
 
-  /// Why nothing at this absolute path may be looked up; empty when it may. Asks the table only.
+  /// Why this absolute path must not be looked up; empty when it may be. Reads the table only.
   [[nodiscard]] std::string refusal(const std::string& path) const;
-  /// The same for what is open, which may be O_PATH.
+  /// The same for a descriptor, which may be O_PATH.
   [[nodiscard]] std::string refusalOf(int descriptor) const;
-  /// 0 when the kernel does not say.
+  /// 0 when the kernel does not return it.
   [[nodiscard]] static std::uint64_t idOf(int descriptor);
 
  private:
@@ -36,7 +36,7 @@ struct OpenedDirectory {
   int error = 0;  // errno, when a system call failed
 };
 
-/// Whether a link on the way may be followed: only root's, and only on the way to a home directory.
+/// Whether links on the path may be followed: only root's, and only on the path to a home directory.
 enum class Links { refused, ofRoot };
 
 /// Opens the directory at an absolute path, name by name.

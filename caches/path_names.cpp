@@ -33,7 +33,7 @@ bool beginsWith(const Names& names, const Names& patterns) {
 }
 
 bool isAllWildcards(std::string_view pattern) {
-  // A set says something, unless it says what it is not.
+  // A set restricts the name, unless it is negated.
   for (std::size_t at = 0; at < pattern.size(); ++at) {
     if (pattern[at] == '[' && pattern.substr(at + 1, 1) == "!") {
       at = pattern.find(']', std::min(at + 3, pattern.size()));

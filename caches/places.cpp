@@ -29,15 +29,15 @@ std::vector<Names> paths(std::initializer_list<const char*> written) {
 }
 
 std::string lowerCase(std::string text) {
-  // ASCII only: what a person's language does to other letters is not known here.
+  // ASCII only: the case rules of other letters depend on the language.
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
 }
 
 // All in lower case.
 
-// What xdg-user-dirs calls the directories of people, in English and in some other languages; those of all
-// others are found in ~/.config/user-dirs.dirs (personalDirectories).
+// The names of xdg-user-dirs in English and some other languages; ~/.config/user-dirs.dirs has those of all
+// others (personalDirectories).
 constexpr std::array<std::string_view, 29> personal_names{
     "desktop",      "documents", "downloads", "music",     "pictures",     "public",
     "templates",    "videos",    "bilder",    "dokumente", "schreibtisch", "musik",
@@ -170,8 +170,8 @@ const std::vector<Names>& cacheHomes() {
 }
 
 const std::vector<Names>& keptInCacheHomes() {
-  // rclone: uploads that are still to be made. uv: its documentation allows no change but by itself. The
-  // others keep what is not made again, or what projects refer to by path.
+  // rclone: pending uploads. uv: its documentation allows only uv itself to change the cache. The others hold
+  // data that cannot be made again, or that projects refer to by path.
   static const std::vector<Names> list = paths({
       "JetBrains/*/LocalHistory",
       "JetBrains/*/local-history",

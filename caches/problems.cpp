@@ -10,7 +10,7 @@ std::string Problem::text() const {
 }
 
 void Problems::add(std::size_t line, std::string reason) {
-  // Far more than is told, so that the first lines of the file are among them.
+  // Far more than is reported, so that the first lines of the file are among them.
   if (problems_.size() < 8 * most_problems) problems_.push_back({file_, line, std::move(reason)});
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What is wrong with a file, and the values of a TOML tree as the types that they ought to have.
+// Collects the errors of a file, and converts the values of a TOML tree to their expected types.
 
 #include <cstddef>
 #include <cstdint>
@@ -28,7 +28,7 @@ class Problems {
   /// By line, at most most_problems of them.
   [[nodiscard]] std::vector<Problem> take();
 
-  // The value of an entry; nothing, and a problem, when it is of another type or too long.
+  // The value of an entry; nothing, and a problem, when it has another type or is too long.
   std::optional<std::string> string(const TomlEntry& entry);
   std::optional<bool> boolean(const TomlEntry& entry);
   std::optional<std::uint64_t> size(const TomlEntry& entry);

@@ -13,7 +13,7 @@ struct AgeUnit {
 constexpr std::array<AgeUnit, 5> age_units{{{'w', 604800}, {'d', 86400}, {'h', 3600}, {'m', 60}, {'s', 1}}};
 constexpr std::uint64_t greatest_size = std::uint64_t{1} << 60;
 
-/// Takes the number that the text begins with off it.
+/// Removes the number at the beginning of the text and returns it.
 std::optional<std::uint64_t> takeNumber(std::string_view& text) {
   std::uint64_t number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

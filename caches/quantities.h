@@ -13,10 +13,10 @@ namespace kelvane::caches {
 inline constexpr std::chrono::seconds least_age = std::chrono::hours(1);
 inline constexpr std::chrono::seconds greatest_age = std::chrono::hours(24 * 3660);  // ten years
 
-/// A whole number and s, m, h, d or w. Nothing when the text is not one, or more than greatest_age.
+/// A whole number and s, m, h, d or w. Nothing when it is malformed or exceeds greatest_age.
 [[nodiscard]] std::optional<std::chrono::seconds> parseAge(std::string_view text);
 /// A whole number of bytes, or of K, M, G or T (powers of 1024; KiB and so on mean the same). Nothing when
-/// the text is not one, or more than 2^60.
+/// it is malformed or exceeds 2^60.
 [[nodiscard]] std::optional<std::uint64_t> parseSize(std::string_view text);
 
 /// What parseAge reads, in the largest unit that divides it: "30d", "90m".

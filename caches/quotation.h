@@ -1,12 +1,12 @@
 #pragma once
 
-// Texts of files in messages for people.
+// Quotes texts from files in messages for people.
 
 #include <string>
 
 namespace kelvane::caches {
 
-/// Between quotation marks, shortened, and without what would steer a terminal.
+/// In quotation marks, truncated, and without control characters.
 [[nodiscard]] inline std::string inQuotes(const std::string& text) {
   constexpr std::size_t longest = 200;
   std::string result = "\"";

@@ -103,7 +103,7 @@ std::array<To, size> converted(const std::array<From, size>& figures) {
   return result;
 }
 
-/// Figures as they came, at most `most` bytes each.
+/// Caps each figure at `most` bytes.
 template <class To, std::size_t size>
 std::array<To, size> believed(const std::array<WireFigure, size>& figures, std::uint64_t most) {
   std::array<To, size> result{};

@@ -1,12 +1,12 @@
 #pragma once
 
-// What a worker says of its work, as messages of fixed layout on a SOCK_SEQPACKET socket.
+// The report of a worker, as messages of fixed layout on a SOCK_SEQPACKET socket.
 //
-// The worker runs as the user whose files it works on, so whoever reads takes its messages for that user's
-// words: sizes and counts are checked, figures are clamped to what the volume holds, and nothing in a message
-// is used as an address, a length or an index before that. Text may hold any byte.
+// The worker runs as the user whose files it works on, so the reader trusts its messages only as far as
+// that user: sizes and counts are checked before they are used, and figures are capped at the size of the
+// volume. Text may contain any byte.
 //
-// A whole report is any number of roots, for a list items in between, and one end.
+// A complete report is any number of roots, for a list with items in between, and one end.
 
 #include <functional>
 #include <optional>
@@ -30,20 +30,20 @@ struct ReportedRoot {
   RootKey key;
 };
 
-/// What came of one job.
+/// The result of one job.
 struct Answer {
   std::vector<ReportedRoot> roots;
   std::string reason;     // why there are no roots, or not all
-  bool complete = false;  // the worker came to its end and left out nothing
+  bool complete = false;  // the worker finished and left out nothing
 };
 
-/// Writes to the main process. Blocks while that does not read. Nothing is reported twice; after a failure
-/// everything is discarded. One thread.
+/// Writes to the main process, and blocks while that does not read. After a failure, everything is discarded.
+/// One thread.
 class ReportWriter {
  public:
   explicit ReportWriter(int socket) : socket_(socket) {}
   void root(const RootReport& root, const RootKey& key);
-  /// Collected, and sent before anything else is. False when nobody reads any more.
+  /// Items are collected, and sent before anything else. False when the reader has gone.
   bool item(const RootKey& root, const client::CacheItem& item);
   void end(bool complete, const std::string& reason);
 
@@ -60,15 +60,15 @@ class ReportWriter {
 class ReportReader {
  public:
   using Item = std::function<bool(const RootKey& root, const client::CacheItem& item)>;
-  /// `most_bytes` is what a volume holds ("" when the root is on none): no figure is believed beyond that.
+  /// `most_bytes` is the size of a volume ("" when the root is on none), at which figures are capped.
   using MostBytes = std::function<std::uint64_t(const std::string& volume)>;
 
   ReportReader(const Job& job, MostBytes most_bytes, Item item)
       : job_(job), most_bytes_(std::move(most_bytes)), item_(std::move(item)) {}
 
-  /// False: the message is malformed, or nobody wants more. Nothing further is to be read then.
+  /// False: the message is malformed, or no more is wanted. Then nothing more must be read.
   bool take(const char* message, std::size_t size);
-  /// What was said until now.
+  /// What was reported until now.
   [[nodiscard]] const Answer& answer() const { return answer_; }
   [[nodiscard]] Answer& answer() { return answer_; }
   [[nodiscard]] bool hasEnded() const { return ended_; }

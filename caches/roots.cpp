@@ -24,7 +24,7 @@ struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
-/// A root split into where it begins and the names from there.
+/// A root, split into its start and the names below it.
 struct Written {
   bool in_home = false;
   std::vector<std::string> names;
@@ -65,12 +65,13 @@ Written split(const std::string& written) {
         return name == "." || name == ".." || name.find('$') != std::string::npos;
       });
   if (result.names.empty() || result.names.size() > most_root_names || leads_astray) {
-    result.reason = fmt::format("\"{}\" cannot be a root", written);
+    result.reason =
+        fmt::format("invalid root \"{}\": expected a path such as ~/.cache/NAME or /var/cache/NAME", written);
   }
   return result;
 }
 
-/// Expands the names one after the other. A directory that is not there ends its branch.
+/// Expands the names one after the other. A missing directory ends its branch.
 class Expansion {
  public:
   Expansion(const Base& base, const Written& written) : base_(base), written_(written) {}
@@ -110,7 +111,7 @@ class Expansion {
     return named(std::move(result), parent, name);
   }
 
-  /// O_NOFOLLOW and O_DIRECTORY say of a link that it is not a directory.
+  /// With O_NOFOLLOW and O_DIRECTORY, opening a link fails with ENOTDIR.
   static void explain(OpenedDirectory& result, const OpenedDirectory& parent, const std::string& name,
                       int error) {
     struct stat status {};
@@ -186,7 +187,7 @@ class Expansion {
       const std::string_view name = entry->d_name;
       const bool may_be_directory = entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN;
       if (++read > most_names_read || result.size() == most_matches) {
-        fail({{}, directory.path, "it holds too many names: only some were looked at", EOVERFLOW});
+        fail({{}, directory.path, "it has too many names: only the first were checked", EOVERFLOW});
         break;
       }
       if (name == "." || name == ".." || !may_be_directory) continue;

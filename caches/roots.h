@@ -1,8 +1,8 @@
 #pragma once
 
-// From a root as a definition writes it to the directories that it stands for: "~" and variables, and "*" in
-// names. Nothing is followed: each name is opened in the directory before it, without links, and below a home
-// without entering a mount. What a name leads to later does not matter: the descriptor stays.
+// Expands a root of a definition ("~", variables, and "*" in names) to directories, and opens them. Each name
+// is opened in the directory before it, without following a link, and below a home without entering a mount.
+// Later changes of the names do not matter, because the descriptors stay.
 
 #include <string>
 #include <vector>
@@ -16,12 +16,12 @@ inline constexpr std::size_t most_matches = 256;        // of one root as writte
 inline constexpr std::size_t most_names_read = 65'536;  // of one directory, for a wildcard
 inline constexpr std::size_t most_root_names = 64;      // names in one root
 
-/// Where roots of a holder begin.
+/// Where the roots of a holder start.
 struct Base {
   const Mounts& mounts;
-  /// The user's home. Without a descriptor: none, roots are absolute.
+  /// The user's home. Without a descriptor, roots are absolute.
   OpenedDirectory home;
-  /// Whether roots are opened for reading. Otherwise only whose they are is found out.
+  /// Whether roots are opened for reading; otherwise only their owners are found out.
   bool reading = true;
 };
 
@@ -31,16 +31,16 @@ struct Root {
   FileDescriptor directory;  // for reading; invalid: see the reason
   RootKey key;
   uid_t owner = 0;
-  std::string reason;  // why nothing can be had of it
+  std::string reason;  // why it cannot be used
 };
 
-/// What one root stands for: nothing when there is no such directory.
+/// The directories of one root; empty when none exists.
 [[nodiscard]] std::vector<Root> expandRoot(const Base& base, const std::string& written);
 
-/// Of directories that are the same the first; those inside another one get a reason.
+/// Keeps the first of roots that are the same directory; roots inside another one get a reason.
 void leaveOutRepeated(std::vector<Root>& roots);
 
-/// What the first "*" of the pattern matches of the name (as little as possible), or nothing. "*" is the only
+/// The shortest part of the name that the first "*" of the pattern can match, or nothing. "*" is the only
 /// special character.
 [[nodiscard]] std::optional<std::string> wildcardMatch(std::string_view pattern, std::string_view name);
 

@@ -33,7 +33,7 @@ bool isCompressed(const std::string& pattern) {
 
 bool isFailedDownload(const std::string& pattern) { return endsWith(pattern, "*.lastUpdated"); }
 
-/// Of a unit that may be outside hidden directories: NAME/node_modules, NAME/target/PROFILE.
+/// Whether it is a unit that may be outside hidden directories: NAME/node_modules, NAME/target/PROFILE.
 bool isBuildDirectory(const std::string& pattern, bool tagged) {
   const Names names = namesOf(pattern);
   if (names.back() == "node_modules") return true;
@@ -155,7 +155,7 @@ class Judge {
   }
 
  public:
-  /// What is kept, below a home or "/".
+  /// The paths that are kept, below a home or "/".
   static std::vector<Names> keptPaths(Owner owner) {
     if (owner == Owner::system) return keptInSystem();
     std::vector<Names> paths = keptInHomes();

@@ -18,7 +18,7 @@ std::uint64_t part(std::uint64_t whole, std::uint64_t of, std::uint64_t all) {
   return std::min(whole, static_cast<std::uint64_t>(exact));
 }
 
-/// All of them, without what the rules of its own directory keep at this urgency.
+/// The sum, without what the rules of each directory keep at this urgency.
 client::CacheSurvey sumAt(const std::vector<const client::CacheSurvey*>& surveys, int urgency) {
   client::CacheSurvey total;
   for (const client::CacheSurvey* const survey : surveys) {
@@ -48,7 +48,7 @@ Shares shareOut(const std::vector<const client::CacheSurvey*>& surveys, int urge
   }
   shares.cut = sumAt(surveys, urgency).cut(urgency, amount);
 
-  std::vector<std::uint64_t> last;  // of the bucket that the cut is the end of
+  std::vector<std::uint64_t> last;  // of the bucket that ends at the cut
   std::uint64_t whole = 0;
   std::uint64_t last_whole = 0;
   for (const client::CacheSurvey* const survey : surveys) {
@@ -66,7 +66,7 @@ Shares shareOut(const std::vector<const client::CacheSurvey*>& surveys, int urge
     rest -= extra;
     last_whole -= last[i];
   }
-  // There is not as much as that: figures may have grown since, and what is left of the amount may be used.
+  // The amount exceeds the surveys. Caches may have grown since, so the rest is divided too.
   for (std::uint64_t& one : shares.amounts) one = added(one, rest / surveys.size());
   return shares;
 }

@@ -20,7 +20,7 @@
 namespace kelvane::caches {
 namespace {
 
-/// Those that are killed and do not end included.
+/// Including those that were killed and have not ended.
 constexpr std::size_t most_workers = 256;
 constexpr int control_descriptor = 3;
 
@@ -54,13 +54,13 @@ bool sendOrder(int control, const Order& order, const std::string& job, int sock
   return sent >= 0;
 }
 
-/// The other side. One thread.
+/// The spawner process itself. One thread.
 class SpawnerProcess {
  public:
   SpawnerProcess(std::vector<Definition> definitions, WorkerSettings settings)
       : definitions_(std::move(definitions)), settings_(std::move(settings)) {}
 
-  /// Until the main process's end closes.
+  /// Runs until the main process closes its end.
   void run() {
     while (true) {
       std::vector<pollfd> watched = {{control_descriptor, POLLIN, 0}};
@@ -89,7 +89,7 @@ class SpawnerProcess {
     ::syscall(SYS_pidfd_send_signal, child.process.get(), SIGKILL, nullptr, 0);
   }
 
-  /// False when there is nobody to obey.
+  /// False when the main process has gone.
   bool obey() {
     buffer_.resize(longest_order);
     iovec part{buffer_.data(), buffer_.size()};
@@ -128,7 +128,7 @@ class SpawnerProcess {
 
   void start(std::uint64_t number, const Job& job, FileDescriptor socket) {
     if (children_.size() >= most_workers) {
-      return ReportWriter(socket.get()).end(false, "too many workers have not ended");
+      return ReportWriter(socket.get()).end(false, "too many earlier workers have not ended");
     }
     const pid_t own = ::getpid();
     const pid_t process = ::fork();
@@ -138,7 +138,7 @@ class SpawnerProcess {
           .end(false, std::string("cannot start a worker: ") + std::strerror(errno));
     }
     FileDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
-    if (!handle) {  // it cannot be watched; it is a child that was not waited for, so the ID is its own
+    if (!handle) {  // it cannot be watched; its ID is still its own, because it has not been waited for
       ::kill(process, SIGKILL);
       ::waitpid(process, nullptr, 0);
       return;
@@ -152,7 +152,7 @@ class SpawnerProcess {
   std::string buffer_;
 };
 
-/// Signals that end the service are for the main process: workers first report what they did.
+/// Signals that end the service are for the main process; workers first report what they did.
 void ignoreSignals() {
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGPIPE}) ::signal(signal, SIG_IGN);
   ::signal(SIGCHLD, SIG_DFL);

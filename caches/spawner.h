@@ -1,7 +1,7 @@
 #pragma once
 
-// The process that forks workers. It has one thread and root's rights, and does nothing but fork and kill its
-// own children, so what is forked from it has no locks that other threads held.
+// The process that forks workers. It has one thread and root's rights, and only forks and kills its own
+// children. With one thread, no child inherits a lock that another thread held.
 
 #include <sys/types.h>
 #include <memory>
@@ -16,7 +16,7 @@
 
 namespace kelvane::caches {
 
-/// The main process's hold on it. Destroying it ends the spawner and its workers. Any thread.
+/// The main process's handle of the spawner. Destroying it ends the spawner and its workers. Any thread.
 class Spawner {
  public:
   /// Forks: only while the process has one thread, which must live as long as the process. Null, with errno,
@@ -28,9 +28,9 @@ class Spawner {
 
   struct Worker {
     std::uint64_t number = 0;
-    FileDescriptor socket;  // its report; at its end when the worker has ended
+    FileDescriptor socket;  // its report; end of file when the worker has ended
   };
-  /// Nothing, with errno, when the spawner cannot be told.
+  /// Nothing, with errno, when the request cannot be sent.
   [[nodiscard]] std::optional<Worker> startWorker(const Job& job);
   void kill(std::uint64_t worker);
 

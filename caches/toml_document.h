@@ -1,6 +1,6 @@
 #pragma once
 
-// A TOML document as a tree of values that know their lines. The only place that knows the parsing library.
+// A TOML document as a tree of values that know their lines. Only this file includes the parsing library.
 //
 // Threads. Any. Nothing is thrown.
 
@@ -44,7 +44,7 @@ struct TomlDocument {
   std::size_t error_line = 0;
 };
 
-/// Refuses what TOML does, and a byte order mark and NUL bytes, wherever they are.
+/// Refuses malformed TOML, a byte order mark, and NUL bytes anywhere.
 [[nodiscard]] TomlDocument parseToml(std::string_view text);
 
 }  // namespace kelvane::caches

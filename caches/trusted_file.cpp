@@ -59,7 +59,7 @@ FileDescriptor openTrustedDirectory(const std::string& path, std::string& proble
   if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
     problem = "the directory is owned by another user";
   } else if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    problem = "others can write the directory";
+    problem = "other users can write to the directory";
   }
   errno = EACCES;
   return problem.empty() ? std::move(directory) : FileDescriptor();

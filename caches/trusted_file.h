@@ -1,6 +1,6 @@
 #pragma once
 
-// Files of the administrator and of packages: believed only when nobody else could have written them.
+// Files of the administrator and of packages: trusted only when nobody else can write them.
 
 #include <string>
 
@@ -13,11 +13,11 @@ struct TrustedFile {
   std::string problem;  // why there is no text; empty: none
 };
 
-/// Reads a regular file of root's or of this process's user that nobody else can write, following no link,
-/// when it holds at most `cap` bytes. Waits for nothing.
+/// Reads a regular file of at most `cap` bytes that is owned by root or this process's user and that nobody
+/// else can write. Follows no link and never blocks.
 [[nodiscard]] TrustedFile readTrustedFile(int directory, const char* name, std::size_t cap);
 
-/// Opens a directory under the same conditions. `problem` is set, and errno, when it cannot be.
+/// Opens a directory under the same conditions. On failure, sets `problem` and errno.
 [[nodiscard]] FileDescriptor openTrustedDirectory(const std::string& path, std::string& problem);
 
 }  // namespace kelvane::caches

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a user wants of the holders in the user's home: ~/.config/kelvane/caches.toml.
+// A user's own rules for the holders in that user's home: ~/.config/kelvane/caches.toml.
 //
 //   disabled = ["npm"]
 //   [pip]
@@ -10,7 +10,7 @@
 //   keep_bytes = "1G"
 //
 // Users narrow what a definition allows and never widen it: a shorter age, a root or an include pattern is an
-// error. When anything in the file is wrong, nothing of this user goes: what was meant to stay is not known.
+// error. A malformed file stops all of the user's holders, because it is not known what was meant to stay.
 //
 // Threads. Any. Nothing is thrown.
 
@@ -26,7 +26,7 @@ struct Narrowed {
 };
 
 /// Reads the file as the effective user, through a descriptor of the home directory. It must be a regular
-/// file of that user's of at most 64 KiB; no link is followed, nothing is waited for. No file: nothing is
+/// file of that user of at most 64 KiB. Follows no link and never blocks. Without a file, nothing is
 /// narrowed.
 [[nodiscard]] Narrowed narrow(const Definition& definition, int home_directory);
 

@@ -18,7 +18,7 @@
 namespace kelvane::caches {
 namespace {
 
-/// Of all the time there is; the rest is for deleting.
+/// Of the time until the deadline; the rest is for deleting.
 constexpr int survey_percent = 40;
 constexpr int owners_percent = 25;  // of the time for the survey
 constexpr std::size_t most_roots = 8192;
@@ -28,7 +28,7 @@ Number saturated(Number a, Number b) {
   return a > std::numeric_limits<Number>::max() - b ? std::numeric_limits<Number>::max() : a + b;
 }
 
-/// What each volume holds when it is full; nothing is believed of a volume that is not there.
+/// The size of each volume; 0 for a path that is not a volume, so that its figures do not count.
 ReportReader::MostBytes sizesOf(const std::vector<MountEntry>& mounts) {
   std::set<std::string> volumes;
   for (const MountEntry& volume : localVolumesAmong(mounts)) volumes.insert(volume.target);
@@ -124,7 +124,7 @@ std::vector<User> UserWorkers::usersConcerned(Found& found, const Job& pattern,
   return owners(found, pattern, limits, percent * owners_percent / 100);
 }
 
-/// The users whose homes may be looked at; of the others the reason goes into the report.
+/// The users whose homes may be opened; for the others, the reason goes into the report.
 std::vector<User> UserWorkers::homes(Found& found) const {
   std::vector<User> users = is_root_ ? usersIn(settings_.passwd)
                                      : std::vector<User>{userIn(settings_.passwd, ::geteuid(), ::getegid())};
@@ -141,8 +141,8 @@ std::vector<User> UserWorkers::homes(Found& found) const {
   return users;
 }
 
-/// The roots of a system holder are found by a worker that is root without its capabilities: whose they are
-/// decides which workers see to them.
+/// A worker that is root without capabilities finds the roots of a system holder; their owners decide which
+/// workers purge them.
 std::vector<User> UserWorkers::owners(Found& found, const Job& pattern, const client::CacheLimits& limits,
                                       int percent) {
   Job job = pattern;
@@ -195,7 +195,7 @@ void UserWorkers::add(Found& found, std::vector<Answer> answers, const std::vect
   }
 }
 
-/// What is to go where: a job for each user, and for each job the places of its roots in the report.
+/// A job for each user, and for each job the indices of its roots in the report.
 struct UserWorkers::Plan {
   std::vector<Job> jobs;
   std::vector<std::map<RootKey, std::size_t>> roots;
@@ -254,7 +254,7 @@ void UserWorkers::carryOut(Found& found, const Request& request, const client::C
   }
 }
 
-/// Roots of which nothing was reported get the reason.
+/// Roots without a report get the reason.
 void UserWorkers::settle(Found& found, const Answer& answer, std::map<RootKey, std::size_t> roots) {
   for (const ReportedRoot& done : answer.roots) {
     const auto root = roots.find(done.key);

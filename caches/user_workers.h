@@ -10,7 +10,7 @@
 
 namespace kelvane::caches {
 
-/// Workers as the programs use them.
+/// The real implementation of Workers.
 class UserWorkers final : public Workers {
  public:
   UserWorkers(std::vector<Definition> definitions, WorkerSettings settings, std::unique_ptr<Spawner> spawner);
@@ -24,7 +24,7 @@ class UserWorkers final : public Workers {
                                   const Item& item) override;
 
  private:
-  /// What was found, and how to find each root again.
+  /// What the survey found, and the key of each root.
   struct Found {
     HolderReport report;
     std::vector<RootKey> keys;  // as report.roots

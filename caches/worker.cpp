@@ -40,7 +40,7 @@ bool keepOnly(int socket) {
   return ::close_range(report_descriptor + 1, ~0U, 0) == 0;
 }
 
-/// The signal that the spawner's end sends is forgotten when the IDs change, so this comes after that.
+/// A change of the IDs clears the parent-death signal, so this must come afterwards.
 bool endWith(pid_t spawner) { return ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == spawner; }
 
 class Work {
@@ -102,7 +102,7 @@ class Work {
     return complete;
   }
 
-  /// Another worker sees to what other users own among the roots of a system holder.
+  /// Other workers purge the roots of a system holder that other users own.
   [[nodiscard]] bool isMine(const Root& root) const {
     return definition_.owner == Owner::user || (root.directory && root.owner == job_.user.id);
   }
@@ -118,7 +118,7 @@ class Work {
     return true;
   }
 
-  /// False when not all of it was done.
+  /// False when the work is incomplete.
   bool workOn(const Definition& definition, const Base& base, const Root& root,
               const std::vector<std::string>& personal) {
     const Job::Share* const share = shareOf(root);
@@ -201,7 +201,7 @@ class Work {
   Guard guard_;
 };
 
-/// What went wrong before the work began.
+/// Returns what failed before the work began.
 std::string prepare(const Job& job, int socket, pid_t spawner, bool is_root) {
   if (!keepOnly(socket)) ::_exit(EXIT_FAILURE);  // there is nobody to tell
   ::prctl(PR_SET_NAME, "caches-worker");
@@ -223,7 +223,7 @@ void runWorker(const std::vector<Definition>& definitions, const WorkerSettings&
       if (settings.before_work) settings.before_work(job, report_descriptor);
       Work(definitions[job.definition], settings, job).run();
     }
-  } catch (const std::exception& failure) {  // such as no memory: what was reported counts
+  } catch (const std::exception& failure) {  // such as out of memory: what was reported counts
     ReportWriter(report_descriptor).end(false, failure.what());
   }
   ::_exit(EXIT_SUCCESS);

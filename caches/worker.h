@@ -1,6 +1,6 @@
 #pragma once
 
-// The process that does one job as one user.
+// The process that runs one job as one user.
 
 #include <vector>
 
@@ -11,8 +11,8 @@
 
 namespace kelvane::caches {
 
-/// Runs in a child that has just been forked, and never returns. `socket` is where it reports to; when the
-/// other end is shut down for writing, or closed, the work is cancelled.
+/// Runs in a child that has just been forked, and never returns. It reports to `socket`; when the other end
+/// is shut down for writing, or closed, the work is cancelled.
 [[noreturn]] void runWorker(const std::vector<Definition>& definitions, const WorkerSettings& settings,
                             const Job& job, FileDescriptor socket, pid_t spawner) noexcept;
 

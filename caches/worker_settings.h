@@ -1,6 +1,6 @@
 #pragma once
 
-// What Workers takes from its surroundings. Tests give other files and faults; programs call Workers::start.
+// What Workers depends on. Tests set other files and inject faults; programs call Workers::start.
 
 #include <functional>
 #include <memory>
@@ -15,8 +15,7 @@ namespace kelvane::caches {
 struct WorkerSettings {
   std::string passwd = "/etc/passwd";
   std::string mount_table = "/proc/self/mountinfo";
-  /// Called in each worker when it has become the user, before it touches anything. `socket` is where it
-  /// reports to.
+  /// Called in each worker after it has become the user, before it opens anything. It reports to `socket`.
   std::function<void(const Job& job, int socket)> before_work;
 };
 

@@ -11,7 +11,7 @@
 namespace kelvane::caches {
 namespace {
 
-/// What a killed process may take to end.
+/// The time that a killed process may take to end.
 constexpr std::chrono::milliseconds patience(500);
 
 }  // namespace

@@ -1,8 +1,8 @@
 #pragma once
 
-// How many workers run at once, over all calls: so many at most, so many of one user, and each call its equal
-// part. A worker that was killed and does not end, as one that waits for a dead file system, takes no slot;
-// its user gets no other worker until it is gone.
+// Limits how many workers run at once: in all, for one user, and for each call an equal part. A worker that
+// was killed but does not end, for example because it waits for a dead file system, takes no slot; its user
+// gets no other worker until it has ended.
 
 #include <sys/types.h>
 #include <chrono>
@@ -34,7 +34,7 @@ class WorkerSlots {
     /// busy: try again later. stuck: an earlier worker of the user does not end.
     [[nodiscard]] Slot take(uid_t user);
     void giveBack(uid_t user);
-    /// Gives back the slot of a worker that was killed. `socket` is its report: at its end when it has ended.
+    /// Gives back the slot of a worker that was killed. `socket` is its report, which ends with the process.
     void abandon(uid_t user, FileDescriptor socket);
 
    private:
@@ -42,7 +42,7 @@ class WorkerSlots {
     std::size_t taken_ = 0;  // guarded by slots_.mutex_
   };
 
-  /// Users whose last worker was late have to wait for the others.
+  /// Users whose last worker was late wait until the others have run.
   void setLate(uid_t user, bool late);
   [[nodiscard]] bool wasLate(uid_t user) const;
 

@@ -1,11 +1,11 @@
 #pragma once
 
-// Work on one holder, for every user whose homes it concerns, each in a process of that user's.
+// Surveys and purges one holder for all users whose homes it concerns, each in a process of that user.
 //
 // The spawner is a child that is forked while the program has one thread; it forks a worker for each job. A
-// worker becomes the user for good before it touches anything of his: groups, group, user, no new privileges,
-// no capabilities; it checks that it cannot come back, works, writes its report and ends. A worker that has
-// not reported at its deadline is killed, and costs its own user only.
+// worker becomes the user for good before it opens any of that user's files: groups, group, user, no new
+// privileges, no capabilities. It checks that it cannot regain its rights, works, writes its report and ends.
+// A worker that has not reported at its deadline is killed, and delays its own user only.
 
 #include <sys/types.h>
 #include <cstdint>
@@ -19,20 +19,20 @@
 
 namespace kelvane::caches {
 
-/// What came of one root of a holder.
+/// The result for one root of a holder.
 struct RootReport {
   std::string path;    // as resolved; bytes, perhaps not UTF-8
   std::string volume;  // empty when it is on none
   uid_t user = 0;
-  client::CacheSurvey survey;  // of a survey, and of what a purge or a list began with
+  client::CacheSurvey survey;  // of a survey, or of the survey before a purge or list
   client::CachePurge purge;    // of a purge or a list
-  std::string reason;          // why nothing can be had of this root; empty: see the figures
+  std::string reason;          // why this root gives nothing; empty: see the figures
 };
 
 struct HolderReport {
   std::vector<RootReport> roots;
-  std::string reason;    // why nothing can be had of the holder: disabled, no user has such a directory
-  bool complete = true;  // false: some worker was late, ended early or was cancelled
+  std::string reason;    // why the holder gives nothing: disabled, no such directory
+  bool complete = true;  // false: a worker was late, ended early or was cancelled
   [[nodiscard]] client::CacheFigure atUrgency(int urgency) const;
   [[nodiscard]] std::uint64_t freed() const;
 };

@@ -9,18 +9,18 @@
 
 namespace kelvane::client {
 
-/// Whether something is going on, and since when nothing is. Any thread.
+/// Knows whether any activity is under way, and since when there has been none. Any thread.
 class Activity final : public std::enable_shared_from_this<Activity> {
  public:
   Activity() : idle_since_(present()) {}
 
-  /// Something goes on for as long as what is returned, or a copy of it, lives.
+  /// An activity lasts as long as the returned pointer, or a copy of it.
   [[nodiscard]] std::shared_ptr<void> begin() {
     const std::lock_guard lock(mutex_);
     ++going_on_;
     return {this, [self = shared_from_this()](void*) { self->end(); }};
   }
-  /// Nothing while something goes on.
+  /// Nothing while an activity is under way.
   [[nodiscard]] std::optional<Moment> idleSince() const {
     const std::lock_guard lock(mutex_);
     if (going_on_ > 0) return std::nullopt;

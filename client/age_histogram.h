@@ -7,7 +7,7 @@
 
 namespace kelvane::client {
 
-/// The bucket of an age in seconds; what is from the future has the age 0.
+/// The bucket of an age in seconds; times in the future have the age 0.
 [[nodiscard]] std::size_t ageBucket(std::int64_t age);
 /// The smallest age of a bucket.
 [[nodiscard]] std::int64_t youngestOf(std::size_t bucket);

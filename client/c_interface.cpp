@@ -24,7 +24,7 @@ kelvane_failure failureOf(Failure kind) {
   return KELVANE_INTERNAL;
 }
 
-/// How much of it fits into `room` bytes without half a character at the end.
+/// The length that fits into `room` bytes without a partial character at the end.
 std::size_t whole(std::string_view text, std::size_t room) {
   if (text.size() <= room) return text.size();
   while (room > 0 && (static_cast<unsigned char>(text[room]) & 0xC0U) == 0x80U) --room;

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the parts of the C interface share. Inside it, an invalid call throws Refused; `guarded` and `made`
-// stand at its edge, where every exception becomes an error of the caller's.
+// Shared by the parts of the C interface. Inside it, an invalid call throws Refused; `guarded` and `made`
+// turn every exception into the caller's error.
 
 #include <cstring>
 #include <string>
@@ -33,10 +33,10 @@ struct Refused {
 
 /// Throws Refused with KELVANE_BAD_REQUEST.
 [[noreturn]] void refuse(std::string reason);
-/// Throws Refused with what the C++ interface says.
+/// Throws Refused with the error of the C++ interface.
 [[noreturn]] void refuse(const Error& error);
 
-/// Fills what the caller gave, as far as it reaches.
+/// Fills the caller's structure up to its size.
 void report(kelvane_error* error, kelvane_failure failure, std::string_view message) noexcept;
 /// In a catch block only: reports what was thrown.
 kelvane_failure reportThrown(kelvane_error* error) noexcept;
@@ -68,13 +68,13 @@ T& required(T* argument, const char* name) {
   return *argument;
 }
 
-/// Bytes that are not empty, such as a path.
+/// A non-empty byte string, such as a path.
 [[nodiscard]] std::string bytesOf(const char* argument, const char* name);
-/// UTF-8 that is not empty.
+/// Non-empty UTF-8.
 [[nodiscard]] std::string textOf(const char* argument, const char* name);
 /// "" for NULL.
 [[nodiscard]] std::string optionalBytes(const char* argument);
-/// What is quoted in messages: bytes that are not UTF-8 as "?".
+/// Quoted for messages, with "?" for bytes that are not UTF-8.
 [[nodiscard]] std::string quoted(std::string_view bytes);
 
 /// 1 to 4.
@@ -99,7 +99,7 @@ S copyOf(const S* given, const char* name) {
   return copy;
 }
 
-/// Writes `value` there, whose size was checked with copyOf; the size stays the caller's.
+/// Writes `value` to a structure whose size copyOf has checked; keeps the caller's size.
 template <class S>
 void writeTo(S* target, S value) {
   value.size = target->size;

@@ -50,7 +50,7 @@ Dictionary requestOf(const kelvane_purge_request& given) {
                       given.pass_seconds);
 }
 
-/// A service may answer a negative number, which counts as nothing.
+/// A service may answer a negative number, which counts as 0.
 std::uint64_t bytesOf(const Value& figure) {
   const auto* const number = std::get_if<std::int64_t>(&figure.held());
   return number != nullptr && *number < 0 ? 0 : figure.unsignedLongLongValue();

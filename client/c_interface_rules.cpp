@@ -12,7 +12,7 @@ namespace {
 CacheRules& rulesOf(kelvane_rules* rules) { return required(rules, "rules").rules; }
 
 std::chrono::seconds secondsOf(std::uint64_t seconds, const char* name) {
-  constexpr std::uint64_t longest = 1'000ULL * 366 * 24 * 3600;  // so that sums with dates do not overflow
+  constexpr std::uint64_t longest = 1'000ULL * 366 * 24 * 3600;  // so that sums with times do not overflow
   if (seconds > longest) {
     refuse("invalid " + std::string(name) + " " + std::to_string(seconds) + ": expected seconds, at most " +
            std::to_string(longest));

@@ -16,7 +16,7 @@ using namespace kelvane::client;
 
 namespace {
 
-/// The service one of whose functions this thread is in, so that it is not waited for by itself.
+/// The service whose handler this thread is running, so that stopping it does not wait for itself.
 thread_local const kelvane_service* calling_for = nullptr;
 
 class Calling {
@@ -95,7 +95,7 @@ class CHandler final : public ServiceHandler {
   const StateHandler state_;
 };
 
-/// What runs between start and stop. The handler goes last.
+/// Exists between start and stop. The handler is destroyed last.
 struct Running {
   std::unique_ptr<CHandler> handler;
   std::unique_ptr<Service> service;
@@ -114,7 +114,7 @@ struct kelvane_service {
 
 namespace {
 
-/// Calls `change` with a service that does not run.
+/// Calls `change` if the service does not run.
 template <class Change>
 kelvane_failure setUp(kelvane_service* service, kelvane_error* error, const Change& change) {
   return guarded(error, [&] {
@@ -194,7 +194,8 @@ kelvane_failure kelvane_service_add_directory(kelvane_service* service, const ch
 kelvane_failure kelvane_service_set_all_volumes(kelvane_service* service, bool all, kelvane_error* error) {
   return setUp(service, error, [&](kelvane_service& it) {
     if (std::holds_alternative<CacheRules>(it.kind))
-      refuse("the service " + quoted(it.options.id) + " is one of directories");
+      refuse("the service " + quoted(it.options.id) +
+             " is a directory service: expected one made by kelvane_service_new");
     it.options.all_volumes = all;
   });
 }
@@ -228,7 +229,7 @@ kelvane_failure kelvane_service_stop(kelvane_service* service, kelvane_error* er
   });
 }
 
-// --- what a handler is asked ---
+// --- requests ---
 
 int kelvane_request_urgency(const kelvane_request* request) {
   return request != nullptr ? request->request.urgency : 0;

@@ -4,10 +4,10 @@
 
 namespace kelvane::client {
 
-/// Seconds since 1970, by which ages are reckoned.
+/// Seconds since 1970, from which ages are computed.
 [[nodiscard]] std::int64_t cacheTime();
 
-/// Tests have no other way to old files: the time of a status change cannot be set.
+/// For tests, which cannot make old files in another way: the time of a status change cannot be set.
 void advanceCacheTime(std::int64_t seconds);
 
 }  // namespace kelvane::client

@@ -49,7 +49,7 @@ class Count final : public CacheAccount {
     const std::lock_guard lock(mutex_);
     kept_.add(age, survey_.taken_at, bytes, 1);
   }
-  /// Beyond all floors: it is half gone.
+  /// Floors do not apply, because part of it is gone already.
   void addLeftover(std::uint64_t bytes) {
     leftovers_.bytes += bytes;
     ++leftovers_.items;
@@ -156,7 +156,7 @@ class CountWalk final : public CacheWalk {
       count_.add(ageOfUnit(unit, content), content.bytes, 1);
     }
   }
-  /// Those with all names in this unit count with it.
+  /// Files with all names in this unit count with it.
   static void addNames(UnitContent& content, bool goes) {
     for (LinkedFile* const file : content.linked) {
       const std::uint32_t here = std::exchange(file->here, 0);

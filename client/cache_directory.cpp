@@ -32,11 +32,11 @@ Error badRequest(std::string reason) { return {Failure::badRequest, std::move(re
 
 std::string systemReason(int error) { return std::generic_category().message(error); }
 
-/// What is wrong with a directory; empty: nothing.
+/// Why a directory cannot be used; empty when it can.
 std::string problemIn(int directory, const struct statx& status) {
   if (!S_ISDIR(status.stx_mode)) return "not a directory";
   if ((status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0)
-    return "this kernel does not tell mount points";
+    return "the kernel does not report mount points: expected Linux 5.8 or later";
   if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0)
     return "is a mount point: expected a directory in one";
   if (status.stx_uid != 0 && status.stx_uid != ::geteuid())
@@ -97,7 +97,7 @@ class Run {
     static_cast<void>(progress_.done());
     if (sink_ == nullptr) progress_.settle(setup_.root.get(), before);
   }
-  /// False when there was no time for it.
+  /// False when time ran out.
   bool findFloor(Guard& guard, std::int64_t now, RemovalTerms& terms) {
     if (setup_.rules.keep_newest == 0 && setup_.rules.keep_bytes == 0) return true;
     terms.floor = countCache(setup_, guard.locks, guard.openFiles(), time_, now).floor;
@@ -118,9 +118,9 @@ Result<std::unique_ptr<CacheDirectory>> CacheDirectory::open(const std::string& 
       ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
   if (!directory) {
     const int error = errno;
-    return badRequest(
-        "cannot open \"" + path + "\": " +
-        (error == ENOTDIR || error == ELOOP ? "is a link, or not a directory" : systemReason(error)));
+    return badRequest("cannot open \"" + path + "\": " +
+                      (error == ENOTDIR || error == ELOOP ? "expected a directory that is not a link"
+                                                          : systemReason(error)));
   }
   auto opened = open(directory.get(), rules);
   if (opened) return opened;

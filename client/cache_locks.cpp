@@ -15,7 +15,7 @@
 namespace kelvane::client {
 namespace {
 
-/// Through no link, or, for an absolute path, through none at its end.
+/// Follows no link; for an absolute path, none at its end.
 FileDescriptor openLock(int directory, const std::string& path, int flags) {
   open_how how{};
   how.flags = static_cast<std::uint64_t>(flags | O_NOFOLLOW | O_CLOEXEC);
@@ -25,7 +25,7 @@ FileDescriptor openLock(int directory, const std::string& path, int flags) {
 
 bool isAbsent(int error) { return error == ENOENT || error == ENOTDIR; }
 
-/// For writing where that is allowed.
+/// Opens for writing if that is allowed.
 FileDescriptor openToLock(int directory, const CacheLock& lock) {
   constexpr int careful = O_NONBLOCK | O_NOCTTY;
   FileDescriptor file;
@@ -50,7 +50,7 @@ bool namesUnit(const std::string& path) {
          path.find("{version}") != std::string::npos;
 }
 
-/// What the unit's name brings in is not replaced again.
+/// Placeholders within the unit's name are not replaced.
 std::string pathFor(std::string_view path, const std::string& name) {
   const std::size_t at = name.rfind('@');
   const std::string version = at == std::string::npos ? "" : name.substr(at + 1);

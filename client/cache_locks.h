@@ -9,11 +9,11 @@
 
 namespace kelvane::client {
 
-/// Locks that are held for as long as this lives. Whatever cannot be tested counts as held by somebody else.
+/// Locks that are held for as long as this lives. A lock that cannot be tested counts as held by another
+/// process.
 class CacheLocks {
  public:
-  /// Whether nobody else has one of these: they are held now. Else none of these is. Relative paths begin at
-  /// the directory.
+  /// Takes all of these locks, or none when another process holds one. Relative paths begin at the directory.
   [[nodiscard]] bool take(int directory, const std::vector<CacheLock>& locks);
   /// The locks of a unit. Their paths begin at `root` when they name the unit, else at `unit`.
   [[nodiscard]] bool takeForUnit(int root, int unit, const std::string& name,

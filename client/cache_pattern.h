@@ -15,18 +15,19 @@ class CachePatterns {
   static constexpr std::size_t most_parts = 63;
   static constexpr std::size_t most_bytes = 4096;
 
-  /// For each pattern, the parts that may match the next name; the bit after the last: the path matches.
+  /// For each pattern, a bit for each part that may match the next name. The bit after the last: the path
+  /// matches.
   using State = std::uint64_t;
 
-  /// What is wrong with a pattern; empty: nothing.
+  /// Why a pattern is invalid; empty when it is valid.
   [[nodiscard]] static std::string problemIn(const std::string& pattern);
-  /// Of patterns without a problem.
+  /// The patterns must be valid.
   explicit CachePatterns(const std::vector<std::string>& patterns);
 
   [[nodiscard]] std::size_t size() const { return patterns_.size(); }
-  /// At the directory that paths are relative to. `states` has size() words, as in all that follows.
+  /// The states at the directory that paths are relative to. `states` has size() words, here and below.
   void begin(State* states) const;
-  /// `to` are the states below a name in `from`.
+  /// Sets `to` to the states below a name in `from`.
   void enter(const State* from, const char* name, State* to) const;
   /// Whether the path that leads to `states` matches.
   [[nodiscard]] bool match(const State* states) const;

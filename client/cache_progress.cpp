@@ -105,7 +105,7 @@ void CacheProgress::cancel() {
   ended_ = true;
 }
 
-/// Some file systems free blocks only after they said that the file is gone.
+/// Some file systems free blocks only some time after the file has been deleted.
 void CacheProgress::settle(int directory, std::uint64_t before) {
   if (shared_ == 0 || time_.isCancelled() || time_.isLate()) return;
   ::syncfs(directory);

@@ -19,21 +19,21 @@ class CacheProgress final : public CacheAccount, public UnitDeletions {
   void stay(CacheStay reason, std::uint64_t bytes, std::uint64_t items) override;
   void failed(int error) override;
 
-  /// Whether these bytes are wanted. When those that others are about to free may already be enough, that is
-  /// waited for, so that no file goes in vain. `end` must follow.
+  /// Whether to free these bytes. While other threads are freeing what may already be enough, waits for them,
+  /// so that no file is deleted needlessly. `end` must follow.
   [[nodiscard]] bool begin(std::uint64_t bytes);
   void end(std::uint64_t bytes, const FileDeletion& deletion, std::uint64_t items);
 
-  /// Of files of a unit. It is finished unless that takes long.
+  /// For files of a unit, which is finished unless that takes too long.
   [[nodiscard]] bool stopped() override;
   void deleted(const FileDeletion& deletion) override;
   void unitGone();
 
-  /// Nothing goes any more.
+  /// Nothing more is deleted.
   void fail(int error);
   void cancel();
-  /// Replaces what is uncertain by what the volume tells, which had `before` bytes free. Waits for what is
-  /// still to be written to the volume.
+  /// Replaces uncertain figures by a measurement of the volume, which had `before` bytes free. Waits for
+  /// pending writes to the volume.
   void settle(int directory, std::uint64_t before);
   [[nodiscard]] const CachePurge& purge() const { return purge_; }
 

@@ -41,7 +41,7 @@ class RemovalWalk final : public CacheWalk {
   }
   void nameFile(int directory, const char* name, const struct statx& status) {
     const std::uint64_t bytes = ownBytesOf(setup(), directory, name, status);
-    const std::lock_guard lock(mutex_);  // begin would let two wait for each other otherwise
+    const std::lock_guard lock(mutex_);  // otherwise two threads could wait for each other in begin
     if (!progress_.begin(bytes)) return;
     const bool on = (*sink_)({pathOf(name), bytes, ageOf(status).seconds});
     progress_.end(bytes, {true, bytes, 0, 0, 0}, 1);

@@ -9,7 +9,7 @@
 
 namespace kelvane::client {
 
-/// What goes, at what moment.
+/// Which files a removal may delete.
 struct RemovalTerms {
   std::int64_t newest = no_time;
   std::int64_t newest_leftover = no_time;
@@ -18,7 +18,7 @@ struct RemovalTerms {
 
 using CacheItemSink = std::function<bool(const CacheItem&)>;
 
-/// Deletes what may go; or, where there is a sink, names it only.
+/// Deletes what may go, or, with a sink, only names it.
 void removeFromCache(const CacheSetup& setup, const CacheLocks& locks, OpenFiles* open,
                      const RemovalTerms& terms, const CacheItemSink* sink, CacheProgress& progress);
 

@@ -26,22 +26,22 @@ struct CacheSetup {
   [[nodiscard]] bool trusts(uid_t user) const;
 };
 
-/// Older than everything.
+/// Older than any time.
 inline constexpr std::int64_t no_time = INT64_MIN;
 
-/// What is wrong with rules; empty: nothing.
+/// Why rules are invalid; empty when they are valid.
 [[nodiscard]] std::string problemIn(const CacheRules& rules);
-/// For each urgency, how new a thing may be to go.
+/// For each urgency, the newest time that may go.
 [[nodiscard]] std::array<std::int64_t, urgency_count> newestToGo(const CacheRules& rules, std::int64_t now);
 
 [[nodiscard]] CacheAge ageOf(const struct statx& status);
 [[nodiscard]] std::uint64_t bytesOf(const struct statx& status);
 [[nodiscard]] dev_t deviceOf(const struct statx& status);
-/// What deleting the file's last name gives back at least.
+/// The bytes that deleting the file's last name frees at least.
 [[nodiscard]] std::uint64_t ownBytesOf(const CacheSetup& setup, int directory, const char* name,
                                        const struct statx& status);
 
-/// Told what a walk finds, by two threads perhaps.
+/// Notified of what a walk finds, possibly by two threads.
 class CacheAccount {
  public:
   virtual ~CacheAccount() = default;

@@ -96,7 +96,7 @@ bool CacheWalk::run() {
     stay(CacheStay::pinned);
     return true;
   }
-  // What is open is looked up by one thread.
+  // One thread at a time looks up open files.
   const auto threads = open_ == nullptr ? FolderWalk::Threads::two : FolderWalk::Threads::one;
   return FolderWalk(*this, threads, !setup_.isUnits()).run(setup_.root.get());
 }

@@ -11,11 +11,11 @@
 
 namespace kelvane::client {
 
-/// What of a directory decides about all that is directly in it.
+/// The properties of a directory that decide about its entries.
 struct CachePlace {
   bool pinned = false;    // holds .kelvane-keep
-  bool writable = false;  // names in it can be deleted
-  bool sticky = false;    // only those of one's own files
+  bool writable = false;  // its entries can be deleted
+  bool sticky = false;    // only entries of one's own files can be deleted
   bool tagged = false;    // it, or one above it, has a valid CACHEDIR.TAG
   bool own = false;       // its mode can be changed
   uid_t owner = 0;
@@ -23,7 +23,7 @@ struct CachePlace {
 };
 [[nodiscard]] CachePlace placeOf(int directory, bool look_for_tag);
 
-/// Of a thing that can be deleted nothing; else whether it is foreign or cannot be deleted.
+/// Nothing when the entry can be deleted; else whether it is foreign or cannot be deleted.
 [[nodiscard]] std::optional<CacheStay> obstacleTo(const CacheSetup& setup, const CachePlace& place,
                                                   const struct statx& status);
 
@@ -31,7 +31,7 @@ struct CachePlace {
 class PatternPath {
  public:
   explicit PatternPath(const CachePatterns& patterns);
-  /// Goes on where another is.
+  /// Continues from another instance.
   PatternPath(const CachePatterns& patterns, const CachePatterns::State* states);
   void enter(const char* name);
   void leave() { states_.resize(states_.size() - patterns_.size()); }
@@ -44,23 +44,23 @@ class PatternPath {
   std::vector<CachePatterns::State> states_;
 };
 
-/// A directory that `include` names, in the moment when the walk has opened it.
+/// A directory that `include` names, which the walk has just opened.
 struct CacheUnitFound {
   int parent;
   int directory;
   const std::string& name;
   const std::string& path;  // relative to the root
-  const CachePlace& among;  // what holds of its parent
-  bool leftover;            // of a purge that did not come to its end
+  const CachePlace& among;  // the properties of its parent
+  bool leftover;            // of an interrupted purge
   const CachePatterns::State* exclude;
 };
 
-/// Goes through a cache directory, and shows what the rules let go at all; the rest stays, for a reason.
+/// Walks a cache directory, and reports what the rules allow to go; the rest stays, for a reason.
 class CacheWalk : public FolderWalk::Visitor {
  public:
   static constexpr std::size_t deepest = 4096;  // levels
 
-  /// Shows only what is at most as new as `newest`. `open` is null unless open files stay.
+  /// Reports nothing newer than `newest`. `open` is null unless open files stay.
   CacheWalk(const CacheSetup& setup, CacheAccount& account, const CacheLocks& locks, OpenFiles* open,
             std::int64_t newest);
   /// False, with the reason in errno, when the root cannot be read.
@@ -78,7 +78,7 @@ class CacheWalk : public FolderWalk::Visitor {
  protected:
   // Both threads call these two.
   virtual void found(int directory, const char* name, const struct statx& status) = 0;
-  /// Too young now: it stays, but counts as one of the newest.
+  /// Too young: it stays, but counts among the newest.
   virtual void foundYoung(const struct statx& /*status*/) {}
   virtual void foundUnit(const CacheUnitFound& /*unit*/) {}
 
@@ -103,10 +103,10 @@ class CacheWalk : public FolderWalk::Visitor {
   const CacheLocks& locks_;
   OpenFiles* const open_;
   const std::int64_t newest_;
-  // Changed between directories only, when one thread is at work.
+  // Changed only between directories, when one thread is at work.
   PatternPath include_;
   PatternPath exclude_;
-  std::string path_;  // of the present directory, with a slash at its end; empty for the root
+  std::string path_;  // of the current directory, with a slash at its end; empty for the root
   std::vector<Level> levels_;
 };
 

@@ -51,7 +51,7 @@ void add(CachePurge& all, const CachePurge& one) {
   if (one.end != CachePurge::End::nothingLeft) all.end = one.end;
 }
 
-/// Nothing is thrown out of it: what it could not do counts as nothing done. Constant after construction.
+/// Throws nothing: after a failure, only what was freed before counts. Constant after construction.
 class DirectoryHandler final : public ServiceHandler {
  public:
   DirectoryHandler(DirectoryServiceOptions options, ServiceDirectories directories)
@@ -80,7 +80,7 @@ class DirectoryHandler final : public ServiceHandler {
   }
 
  private:
-  /// What is opened here is what was found to be on the volume, whatever its name means by now.
+  /// Opens the directories by descriptor, because their names may mean others by now.
   [[nodiscard]] Caches cachesFor(const Request& request) const {
     Caches caches;
     for (const ServiceDirectories::Open& open : directories_.openOn(request.volume)) {
@@ -90,7 +90,7 @@ class DirectoryHandler final : public ServiceHandler {
     return caches;
   }
 
-  /// Looking may take half of the time; what it has found until then is purged in the other half.
+  /// Counting may take half of the time; the other half is for deleting what has been found.
   void purgeOldest(CachePurge& all, const Request& request, const Cancellation& cancellation) const {
     const Caches caches = cachesFor(request);
     const CacheSurvey survey = surveyed(caches, {cancellation, halfWayTo(request.answer_by)});
@@ -107,7 +107,7 @@ class DirectoryHandler final : public ServiceHandler {
   const ServiceDirectories directories_;
 };
 
-/// What is wrong with using the directories by the rules; no reason when nothing is.
+/// Why the directories cannot be used with the rules; empty when they can.
 std::string faultOf(const ServiceDirectories& directories, const CacheRules& rules) {
   for (const std::string& path : directories.paths()) {
     const auto cache = CacheDirectory::open(path, rules);
@@ -118,7 +118,7 @@ std::string faultOf(const ServiceDirectories& directories, const CacheRules& rul
 
 }  // namespace
 
-/// The service goes first, and with it the last call of the handler.
+/// The service is destroyed first, which ends the last call of the handler.
 struct DirectoryService::Parts {
   Parts(const DirectoryServiceOptions& options, ServiceDirectories directories)
       : handler(options, std::move(directories)) {}

@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::uint64_t block = 512;
 
-/// A lease for writing is given only to the one who alone has a file open. With its last name gone nobody
-/// else can open it any more, so the answer stays true, and there is no one to break the lease.
+/// The kernel grants a write lease only when no other process has the file open. After the last name is gone
+/// nobody can open the file, so the answer stays true and nobody can break the lease.
 bool isHeld(const FileDescriptor& file) {
   return file && ::fcntl(file.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN;
 }

@@ -71,7 +71,7 @@ bool FolderWalk::enter(FileDescriptor folder, std::string name) {
   return list(level, entries_bytes, true);
 }
 
-/// Reads the listing on. The files of what is read are visited; folders are kept until there are too many.
+/// Continues to read the listing. Visits the files; keeps the names of folders until there are too many.
 bool FolderWalk::list(Level& level, std::size_t bytes, bool files) {
   off_t before = level.from;
   while (!visitor_.done()) {
@@ -108,7 +108,7 @@ void FolderWalk::keepName(Level& level, const char* name, off_t before) {
   level.below.emplace_back(name);
 }
 
-/// The folders from where the listing was left. False, with errno, when they cannot be read.
+/// Continues the listing where it was left. False, with errno, when it cannot be read.
 bool FolderWalk::listMore(Level& level) {
   level.more = false;
   std::vector<std::string>().swap(level.below);
@@ -125,7 +125,7 @@ unsigned char FolderWalk::typeOf(int folder, const char* name, unsigned char lis
     return DT_UNKNOWN;
   }
   if (S_ISDIR(status.st_mode)) return DT_DIR;
-  return S_ISREG(status.st_mode) ? DT_REG : DT_LNK;  // a link stands for all else
+  return S_ISREG(status.st_mode) ? DT_REG : DT_LNK;  // a link stands for all other types
 }
 
 void FolderWalk::visitFiles(int folder) {
@@ -141,7 +141,7 @@ void FolderWalk::visitFiles(int folder) {
       if (end == files_.size()) return;
     }
   };
-  // Nothing may leave a thread.
+  // No exception may leave a thread.
   const auto visitSomeAndTell = [&] {
     try {
       visitSome();
@@ -180,7 +180,7 @@ void FolderWalk::enterNext() {
   if (!enter(std::move(folder), name)) visitor_.failed(errno);
 }
 
-/// The first stays open: nobody else may be trusted with the way back to it.
+/// The first stays open, because its path cannot be trusted.
 void FolderWalk::closeFar() {
   if (levels_.size() <= open_levels) return;
   Level& far = levels_[levels_.size() - open_levels];

@@ -19,13 +19,13 @@ namespace kelvane::client {
 /// folder that was entered is known by its descriptor, so what it is replaced by is never entered. Far up,
 /// descriptors are closed; the way back is "..", which must then be the folder that it was.
 ///
-/// Memory is bounded: of the names of folders that are still to be entered only `names_bytes` are kept; a
-/// folder that has more is listed again from the place where the kept ones end.
+/// Memory is bounded: at most `names_bytes` of the names of folders that are still to be entered are kept. A
+/// folder that has more is listed again from the place where the kept names end.
 ///
 /// Used once.
 class FolderWalk {
  public:
-  static constexpr std::size_t deepest = 65'536;  // levels; those below are passed over
+  static constexpr std::size_t deepest = 65'536;  // levels; deeper ones are skipped
   static constexpr std::size_t names_bytes = std::size_t{1} << 20;
 
   /// Who may be shown the files of one folder.
@@ -47,10 +47,10 @@ class FolderWalk {
     [[nodiscard]] virtual bool wants(const std::string& /*name*/) { return true; }
     /// Whether to walk it. If not, `left` is not called for it.
     [[nodiscard]] virtual bool entered(int parent, int folder, const std::string& name) = 0;
-    /// All below was visited. `parent` is -1 when there is no way back to it.
+    /// Everything below was visited. `parent` is -1 when it cannot be reopened.
     virtual void left(int parent, const std::string& name) = 0;
-    /// A folder that cannot be opened. What is there no longer, or was replaced by a link or a file, or is
-    /// another mount, is nobody's failure.
+    /// A folder that cannot be opened. It is not a failure when it is gone, was replaced by a link or a file,
+    /// or is another mount.
     virtual void notEntered(const std::string& name, int error);
     /// `error` is errno's.
     virtual void failed(int error) = 0;

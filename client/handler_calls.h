@@ -30,7 +30,7 @@ class HandlerCalls final : public std::enable_shared_from_this<HandlerCalls> {
   /// Serves a connection that a listener accepted, and resumes it.
   void serve(const std::shared_ptr<xpc::Connection>& connection);
   void report(ServiceState state, const std::string& reason);
-  /// Those that run or wait.
+  /// The calls that run or wait.
   void cancelPurges();
   /// Since when no connection is open and no call runs or waits.
   [[nodiscard]] std::optional<Moment> idleSince() const { return activity_->idleSince(); }
@@ -44,7 +44,7 @@ class HandlerCalls final : public std::enable_shared_from_this<HandlerCalls> {
   /// Submits a call of the handler, to be dropped when the end comes first.
   template <class F>
   void submit(const dispatch_queue_t& queue, F call);
-  /// What the handler is asked; nothing when the request concerns none of the service's data.
+  /// The request for the handler; nothing when it concerns none of the service's data.
   [[nodiscard]] std::optional<Request> requestFor(std::int32_t urgency, const Dictionary& info,
                                                   Moment answer_by) const;
   Flag beginPurge();

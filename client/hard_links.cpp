@@ -5,7 +5,7 @@ namespace {
 
 constexpr std::size_t first_slots = 1024;
 
-/// Spreads numbers that follow each other.
+/// Spreads consecutive numbers.
 std::size_t spread(std::uint64_t device, std::uint64_t number) {
   std::uint64_t value = (number ^ device << 32) * 0x9E3779B97F4A7C15U;
   value ^= value >> 32;
@@ -44,7 +44,7 @@ void HardLinks::grow() {
     slots_[slotOf(files_[i].device, files_[i].number)] = static_cast<std::uint32_t>(i + 1);
 }
 
-/// Where a file is, or could be.
+/// The slot of a file, or the free one where it belongs.
 std::size_t HardLinks::slotOf(std::uint64_t device, std::uint64_t number) const {
   const std::size_t mask = slots_.size() - 1;
   std::size_t slot = spread(device, number) & mask;

@@ -9,7 +9,7 @@
 
 namespace kelvane::client {
 
-/// When something was last touched; the number tells what is of the same moment apart.
+/// When a file was last touched; the number orders files of the same moment.
 struct CacheAge {
   std::int64_t seconds = 0;
   std::uint32_t nanoseconds = 0;
@@ -25,23 +25,22 @@ struct LinkedFile {
   std::uint64_t number = 0;
   std::uint64_t bytes = 0;
   CacheAge newest;          // of the file, or of the newest unit that has a name of it
-  std::uint32_t names = 0;  // all of them, wherever they are
-  std::uint32_t seen = 0;   // of these, those in what may go
-  std::uint32_t here = 0;   // those in the unit that is being looked at
+  std::uint32_t names = 0;  // all of them, in any place
+  std::uint32_t seen = 0;   // those among what may go
+  std::uint32_t here = 0;   // those in the unit that is being checked
   [[nodiscard]] bool closed() const { return seen == names; }
 };
 
-/// Counts names of files that have several. Its size is bounded: of further files nothing is known, which
-/// leaves them where they are.
+/// Counts the names of files that have several. Its size is bounded: files beyond the bound stay.
 class HardLinks {
  public:
   static constexpr std::size_t most_files = 131'072;
-  /// Those with more are not counted either: before one of them goes, all are looked up at once.
+  /// Files with more names are not counted, because all names of a file must fit into memory before it goes.
   static constexpr std::uint32_t most_names = 1024;
 
-  /// Null when there is no room for it. One that was not known has nothing seen.
+  /// Null when there is no room for it. A new one has `seen` 0.
   LinkedFile* find(std::uint64_t device, std::uint64_t number, std::uint32_t names);
-  /// Null when it is not known.
+  /// Null when it is unknown.
   [[nodiscard]] LinkedFile* known(std::uint64_t device, std::uint64_t number);
   [[nodiscard]] const std::deque<LinkedFile>& files() const { return files_; }
   [[nodiscard]] std::deque<LinkedFile>& files() { return files_; }

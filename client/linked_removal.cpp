@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t most_name_bytes = std::size_t{2} << 20;
 constexpr std::size_t longest_path = 4000;  // below PATH_MAX
 
-// What LinkedFile::here says here.
+// Values of LinkedFile::here in this file.
 constexpr std::uint32_t untouched = 0;
 constexpr std::uint32_t collected = 1;
 constexpr std::uint32_t settled = 2;
@@ -26,7 +26,7 @@ struct Name {
   std::string path;
 };
 
-/// The walk before has told what stays.
+/// Reports nothing, because the walk before has reported what stays.
 class Silent final : public CacheAccount {
  public:
   explicit Silent(CacheProgress& progress) : progress_(progress) {}
@@ -62,7 +62,7 @@ class NamesWalk final : public CacheWalk {
     bytes_ += bytes;
     names.push_back({file, std::move(path)});
   }
-  /// Whether all names of a file have a place, if all are like its first.
+  /// Whether all names of a file fit, if they are as long as the first.
   bool begins(std::size_t bytes) {
     if (expected_ > 0 && expected_ + bytes > most_name_bytes) return false;
     expected_ += bytes;
@@ -147,7 +147,7 @@ class LinkedRemoval {
            S_ISREG(now.stx_mode) && now.stx_ino == name.file->number && deviceOf(now) == name.file->device &&
            now.stx_nlink == name.file->names && ageOf(now).seconds <= parts_.terms.newest;
   }
-  /// The others of its names may be gone by now, which has changed its status.
+  /// Does not check the age, because deleting the other names has changed the file's status.
   [[nodiscard]] FileDeletion deleteName(const Name& name) const {
     const FileDescriptor directory = directoryOf(name);
     struct statx now {};

@@ -14,9 +14,9 @@ struct LinkedRemovalParts {
   CacheProgress& progress;
 };
 
-/// Deletes files with several names of which all were seen to go: one file after the other, each with all its
-/// names, so that no name goes without freeing its file. The names are found in further walks, as many at a
-/// time as memory allows.
+/// Deletes files with several names whose names may all go: one file after the other, each with all its
+/// names, so that no name goes without freeing its file. Further walks find the names, as many at a time as
+/// memory allows.
 void removeLinked(const LinkedRemovalParts& parts, HardLinks& links);
 
 }  // namespace kelvane::client

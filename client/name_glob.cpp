@@ -14,7 +14,7 @@ struct NamedClass {
   bool (*has)(unsigned char);
 };
 
-// Of ASCII: what a pattern matches must not depend on the locale.
+// ASCII only: what a pattern matches must not depend on the locale.
 bool isUpper(unsigned char c) { return c >= 'A' && c <= 'Z'; }
 bool isLower(unsigned char c) { return c >= 'a' && c <= 'z'; }
 bool isDigit(unsigned char c) { return c >= '0' && c <= '9'; }
@@ -47,12 +47,12 @@ const NamedClass* classNamed(std::string_view name) {
   return found == classes.end() ? nullptr : found;
 }
 
-/// Where the name of a class that begins at `at` with "[:" ends; none when nothing does.
+/// The end of the class name that begins at `at` with "[:"; none when there is none.
 std::size_t endOfClass(std::string_view glob, std::size_t at) {
   return glob.substr(at, 2) == "[:" ? glob.find(":]", at + 2) : none;
 }
 
-/// One "[...]". `at` is behind its "["; on return, behind its "]", or none when it has no end.
+/// Matches one "[...]". `at` is after its "["; on return, after its "]", or none when it has no end.
 bool inBrackets(std::string_view glob, std::size_t& at, unsigned char c) {
   bool negated = false;
   bool in = false;
@@ -84,7 +84,7 @@ bool inBrackets(std::string_view glob, std::size_t& at, unsigned char c) {
   return false;
 }
 
-/// Whether what is at `at`, other than "*", matches; moves behind it.
+/// Whether the element at `at`, other than "*", matches; moves `at` after it.
 bool oneMatches(std::string_view glob, std::size_t& at, char c) {
   switch (glob[at]) {
     case '?':
@@ -100,7 +100,7 @@ bool oneMatches(std::string_view glob, std::size_t& at, char c) {
   }
 }
 
-/// The first unknown "[:name:]" or what is like one but not supported.
+/// The first unknown "[:name:]", or an unsupported form of it.
 std::string_view problemInBrackets(std::string_view brackets) {
   for (std::size_t at = 0; at + 1 < brackets.size(); ++at) {
     if (brackets[at] != '[') continue;

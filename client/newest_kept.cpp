@@ -69,7 +69,7 @@ void NewestKept::takeOut(CacheSurvey& survey, const Kept& kept) const {
   survey.stays[floor_index].items += kept.items;
 }
 
-/// The youngest buckets: what is at least as new as `from`.
+/// The youngest buckets: everything at least as new as `from`.
 void NewestKept::takeOut(CacheSurvey& survey, std::size_t buckets, std::int64_t from) {
   CacheFigure left;
   for (std::size_t i = 0; i < AgeHistogram::bucket_count; ++i) {

@@ -8,7 +8,7 @@
 
 namespace kelvane::client {
 
-/// What is at least as new stays, whatever its age.
+/// Everything at least as new stays, whatever its age.
 struct CacheFloor {
   CacheAge from{INT64_MAX, UINT32_MAX, UINT64_MAX};
   [[nodiscard]] bool keeps(const CacheAge& age) const { return !(age < from); }
@@ -21,9 +21,9 @@ class NewestKept {
 
   explicit NewestKept(const CacheRules& rules) : rules_(rules) {}
   [[nodiscard]] bool isAsked() const { return rules_.keep_newest > 0 || rules_.keep_bytes > 0; }
-  /// One file, or unit; `items` of it are counted.
+  /// One file or unit, which counts as `items`.
   void add(const CacheAge& age, std::int64_t now, std::uint64_t bytes, std::uint64_t items);
-  /// Takes what stays out of the survey's figures.
+  /// Subtracts what stays from the survey's figures.
   CacheFloor apply(CacheSurvey& survey) const;
 
  private:
@@ -31,7 +31,7 @@ class NewestKept {
     CacheAge age;
     std::uint64_t bytes;
     std::uint64_t items;
-    bool operator<(const Kept& other) const { return other.age < age; }  // the oldest is the heap's first
+    bool operator<(const Kept& other) const { return other.age < age; }  // the oldest is first in the heap
   };
   struct Bucket {
     std::uint64_t bytes = 0;

@@ -73,7 +73,7 @@ void OpenFiles::addProcess(int process) {
   addMappings(process);
 }
 
-/// Asks no server, which might never answer.
+/// Does not query a server, which might never answer.
 void OpenFiles::addDescriptors(int process) {
   const Directory descriptors = openDirectory(process, "fd");
   if (descriptors == nullptr) return;

@@ -15,13 +15,13 @@ class OpenFiles {
   static constexpr std::size_t most_files = 65'536;  // with more, every file counts as open
 
   void refresh();
-  /// Unless that was done a moment ago.
+  /// Does nothing when the last reading is recent.
   void refreshWhenOld();
   [[nodiscard]] bool have(dev_t device, ino_t number) const;
 
  private:
   struct File {
-    std::uint64_t device = 0;  // 0: any. What a mapping tells of it may be another than what stat tells.
+    std::uint64_t device = 0;  // 0: any. The device of a mapping may differ from that of stat.
     std::uint64_t number = 0;
     bool operator==(const File& other) const { return device == other.device && number == other.number; }
     bool operator<(const File& other) const {

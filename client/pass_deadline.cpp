@@ -9,7 +9,7 @@ namespace {
 
 using std::chrono::seconds;
 
-// As the daemon has it; see docs/wire-protocol.md.
+// The daemon's values; see docs/wire-protocol.md.
 constexpr std::uint64_t longest_pass_seconds = 300;
 constexpr int pass_seconds_per_urgency = 2;
 

@@ -10,24 +10,23 @@
 
 namespace kelvane::client {
 
-/// When a question that has just come must be answered: it has ten seconds, and others share them.
+/// The deadline of a question that has just arrived: it has ten seconds, shared with other services.
 [[nodiscard]] Moment questionAnswerBy();
 /// The same for periodic maintenance, which has fifteen.
 [[nodiscard]] Moment periodicAnswerBy();
 
-/// Until when the purges of a pass are to be answered.
+/// Computes the deadlines of the purges of a pass.
 ///
-/// The daemon asks a service again within a pass once it gave all it was asked for. Such a request has what
-/// is left of the pass, so it must be told from the first of another pass. A request is a copy of the purge's
-/// working dictionary, in which the free space at the start, the token and the urgency tell the passes of
-/// different purges apart, nearly: two purges that found the same free space and have no token look alike.
-/// But a service that gave less than it was asked for is not asked again, and a pass is over when its time
-/// is.
+/// The daemon asks a service again within a pass if it gave all it was asked for. Such a request has only the
+/// rest of the pass, so it must be distinguished from the first request of another pass. A request is a copy
+/// of the purge's working dictionary. Its free space at the start, its token and its urgency identify a pass,
+/// except that two purges with the same free space and without a token look alike. For these it helps that a
+/// service that gave less than it was asked for is not asked again, and that a pass ends with its time.
 ///
 /// One purge runs at a time in the whole daemon, so only the last pass is known. Any thread.
 class PassDeadline {
  public:
-  /// To be called when the request comes, not when its turn has come.
+  /// To be called when the request arrives, not when it is run.
   [[nodiscard]] Moment answerBy(int urgency, const Dictionary& info);
   void answered(std::uint64_t asked, std::uint64_t gave);
 

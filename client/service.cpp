@@ -104,7 +104,7 @@ std::optional<std::chrono::steady_clock::time_point> Service::idleSince() const 
   return parts_->calls->idleSince();
 }
 
-/// Once the listener is paused no connection comes to be, so what is idle then stays so.
+/// While the listener is paused no connection is accepted, so an idle service stays idle.
 bool Service::pauseIfIdle() {
   if (parts_->listener == nullptr || !parts_->listener->pauseIfNobodyWaits()) return false;
   if (idleSince()) return true;

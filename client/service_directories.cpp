@@ -73,7 +73,7 @@ std::vector<ServiceDirectories::Open> ServiceDirectories::openOn(const std::stri
   std::vector<Open> all;
   const VolumeView before;
   for (const std::string& path : paths_) all.push_back({path, openPlainly(before, path)});
-  // What was opened keeps its mount, so this table has it.
+  // An open descriptor keeps its mount, so this table contains it.
   const VolumeView now;
   std::set<Identity> seen;
   std::erase_if(all, [&](const Open& open) {

@@ -12,10 +12,10 @@ namespace kelvane::client {
 /// Where a service's data is, and which part of it a request concerns. Constant after construction.
 class ServiceDirectories {
  public:
-  /// Fails with what is wrong with the options' `directories`.
+  /// Fails when the options' `directories` cannot be used, with the reason.
   static Result<ServiceDirectories> of(const ServiceOptions& options);
 
-  /// Whether the handler decides for itself what a request concerns.
+  /// Whether the handler itself finds out which data a request concerns.
   [[nodiscard]] bool areAllVolumes() const { return paths_.empty(); }
   /// Absolute, without links, none inside another.
   [[nodiscard]] const std::vector<std::string>& paths() const { return paths_; }
@@ -24,7 +24,7 @@ class ServiceDirectories {
     std::string path;
     FileDescriptor directory;  // O_PATH
   };
-  /// Those that are on the volume now, opened. What is mounted in two places is one directory.
+  /// Opens the directories that are on the volume now. A directory that is mounted in two places counts once.
   [[nodiscard]] std::vector<Open> openOn(const std::string& volume) const;
 
  private:

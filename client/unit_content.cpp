@@ -9,7 +9,7 @@
 namespace kelvane::client {
 namespace {
 
-/// Goes through a unit, until something keeps it from going.
+/// Walks a unit until it finds a reason why it must stay.
 class ContentWalk final : public FolderWalk::Visitor {
  public:
   ContentWalk(const UnitCheck& check, const CacheUnitFound& unit)
@@ -49,7 +49,7 @@ class ContentWalk final : public FolderWalk::Visitor {
       countName(status, bytes);
     }
   }
-  /// Links go with their unit. They are never followed, so where they lead does not matter.
+  /// Links go with their unit. They are never followed, so their targets do not matter.
   void other(int directory, const char* name) override {
     struct stat status {};
     if (setup_.exclude.match(exclude_.here(), name)) return keep(CacheStay::excluded);

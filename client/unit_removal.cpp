@@ -21,7 +21,7 @@ constexpr std::string_view leftover_begin = ".kelvane-purge-";
 constexpr std::string_view leftover_end = ".tmp";
 constexpr std::size_t leftover_digits = 16;
 
-/// The owner may do all with it: nothing else can be deleted from it.
+/// Gives the owner all rights, without which its entries cannot be deleted.
 void makeWritable(int directory) {
   struct stat status {};
   if (::fstat(directory, &status) != 0 || status.st_uid != ::geteuid()) return;
@@ -51,7 +51,7 @@ void deleteEntry(UnitDeletions& deletions, int directory, const char* name, int 
   }
 }
 
-/// Deletes what is in a directory that nobody looks for any more.
+/// Deletes the content of a renamed directory.
 class Emptying final : public FolderWalk::Visitor {
  public:
   Emptying(const CacheSetup& setup, UnitDeletions& deletions) : setup_(setup), deletions_(deletions) {}
@@ -65,7 +65,8 @@ class Emptying final : public FolderWalk::Visitor {
                                     ? deleteFileAsking(directory, name, bytes, setup_.extents)
                                     : deleteFile(directory, name, bytes));
     }
-    // Two that delete names of one file at the same time could both take the other's for the last.
+    // Two threads that delete names of one file at the same time could each take the other's name for the
+    // last.
     const std::lock_guard lock(linked_);
     deletions_.deleted(deleteFileAsking(directory, name, 0, setup_.extents));
   }
@@ -162,7 +163,7 @@ class Removal {
   const CacheUnitFound& unit_;
   const std::int64_t newest_;
   UnitDeletions& deletions_;
-  std::string name_;  // at present
+  std::string name_;  // current
   struct stat self_ {};
 };
 

@@ -1,9 +1,9 @@
 #pragma once
 
-// How a unit that is a directory goes: first its markers, then its name (it is renamed beside, in the same
-// parent), then its content, then the directory. It is checked before the first step, and again once it has
-// the other name, under which nobody looks for it: when it may no longer go, it is renamed back. An
-// interrupted purge leaves a directory of the other name, which the next one finishes.
+// How a unit that is a directory goes: first its markers, then its name (it is renamed within its
+// parent), then its content, then the directory. It is checked before the first step, and again after the
+// renaming, when no program looks for it; if it must stay, it is renamed back. An interrupted purge leaves a
+// directory of the new name, which the next purge finishes.
 
 #include <cstdint>
 #include <optional>
@@ -17,7 +17,7 @@ namespace kelvane::client {
 /// Whether a name is that of a unit whose purge was interrupted.
 [[nodiscard]] bool isLeftoverName(std::string_view name);
 
-/// Told what goes of a unit, by two threads perhaps.
+/// Notified of what is deleted in a unit, possibly by two threads.
 class UnitDeletions {
  public:
   virtual ~UnitDeletions() = default;
@@ -27,7 +27,7 @@ class UnitDeletions {
   virtual void failed(int error) = 0;
 };
 
-/// Nothing: the unit has gone, from its name at least. Else why it stays. What is newer than `newest` stays.
+/// Nothing when the unit has gone, at least from its name; else why it stays. Units newer than `newest` stay.
 [[nodiscard]] std::optional<CacheStay> removeUnit(const UnitCheck& check, const CacheUnitFound& unit,
                                                   std::int64_t newest, UnitDeletions& deletions);
 

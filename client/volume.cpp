@@ -36,7 +36,7 @@ Result<std::string> volumeOf(const std::string& path) {
   if (error) return cannot(quoted(path) + ": " + error.message());
   if (const VolumeView view; view.mayNotAnswer(absolute))
     return notServed(quoted(path), view.holderByName(absolute));
-  // What was opened keeps its mount, so the table is read after.
+  // An open descriptor keeps its mount, so the table is read afterwards.
   const FileDescriptor file(::open(path.c_str(), O_PATH | O_CLOEXEC));
   if (!file) return cannot(quoted(path) + ": " + std::strerror(errno));
   return volumeOf(VolumeView(), file.get(), quoted(path));

@@ -22,7 +22,7 @@ struct Place {
   std::string device;  // "major:minor"
 };
 
-/// For kernels whose statx does not tell the number of the mount.
+/// For kernels whose statx does not return the mount ID.
 std::uint64_t mountNumberOf(int descriptor) {
   std::ifstream info("/proc/self/fdinfo/" + std::to_string(descriptor));
   for (std::string word; info >> word;) {
@@ -62,7 +62,7 @@ const MountEntry* VolumeView::holderOf(int descriptor) const {
   if (!hasNumbers(mounts_)) return holderByName(nameOf(descriptor));
   const auto found = std::find_if(mounts_.begin(), mounts_.end(),
                                   [&](const MountEntry& mount) { return mount.id == place->mount; });
-  // A mount that was detached, and one of a single file, are not in the table; their device may be.
+  // Detached mounts and mounts of single files are not in the table, but their device may be.
   return found != mounts_.end() ? &*found : holderByDevice(place->device);
 }
 
@@ -84,7 +84,7 @@ const MountEntry* VolumeView::holderByDevice(const std::string& device) const {
 }
 
 std::optional<std::string> VolumeView::volumeOf(const MountEntry& holder) const {
-  // The same device may be mounted in several places, of which one stands for it.
+  // The same device may be mounted in several places; one of them represents it.
   for (const MountEntry& volume : localVolumesAmong(mounts_)) {
     if (volume.device == holder.device) return volume.target;
   }

@@ -68,7 +68,7 @@ gives space back when the daemon asks for it.")
 set(CPACK_DEBIAN_PYTHON3-KELVANE_PACKAGE_CONTROL_EXTRA
   ${debian}/python3-kelvane/postinst ${debian}/python3-kelvane/prerm)
 
-# Of the same version each: they are made of the same sources.
+# The same version: they are built from the same sources.
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_COMPONENT_LIBKELVANE-DEV_DEPENDS libkelvane1)
 set(CPACK_COMPONENT_KELVANE-CACHES_DEPENDS kelvane)

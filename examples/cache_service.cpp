@@ -1,8 +1,8 @@
 // A service for a directory of files: a cache, thumbnails, downloads that can be fetched again.
 //
 // When the daemon asks, it deletes the oldest files first, and stops as soon as it has freed its share. The
-// more urgent the request, the younger the files it gives up: see rulesFor. Requests about a volume that the
-// directory is not on are answered with 0.
+// more urgent the request, the younger the files it gives up: see rulesFor. It answers 0 to requests about
+// other volumes than that of the directory.
 
 #include <csignal>
 #include <cstdio>

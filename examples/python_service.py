@@ -70,17 +70,17 @@ NOTHING = GLib.Variant("(aa{sv})", ([],))
 
 
 class Cache:
-    """The files directly in one directory. Links are neither followed nor deleted, and no link takes its place."""
+    """The files directly in one directory. Links are neither followed nor deleted, nor accepted as the directory."""
 
     def __init__(self, directory, lifetime, youngest):
         self.path = os.path.realpath(directory)
         self.lifetime = lifetime
         self.youngest = youngest
         self.cancelled = threading.Event()
-        os.close(self.open())  # raises OSError where it cannot be used
+        os.close(self.open())  # raises OSError when it cannot be used
 
     def open(self):
-        """Anew for each request: kept open, it would keep its volume from being unmounted."""
+        """Opened for each request, because an open descriptor keeps its volume from being unmounted."""
         descriptor = os.open(self.path, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW | os.O_CLOEXEC)
         os.stat(".", dir_fd=descriptor)  # may be listed, but not entered
         return descriptor
@@ -90,7 +90,7 @@ class Cache:
         return max(self.youngest, self.lifetime * (4 - min(max(urgency, 1), 4)) / 4)
 
     def files(self, directory, urgency):
-        """The names of those that may go, and the bytes that deleting them gives back, oldest first."""
+        """The names of files that may go, with the bytes that deleting them frees, oldest first."""
         newest = time.time() - self.age_at(urgency)
         found = []
         for name in os.listdir(directory):
@@ -105,12 +105,12 @@ class Cache:
         return [(name, size) for _, name, size in sorted(found)]
 
     def on(self, volume, work):
-        """What `work` makes of the open directory, 0 where that is not on the volume or something fails."""
+        """The result of `work` on the open directory; 0 when that is on another volume, or after a failure."""
         try:
             directory = self.open()
             try:
-                # Deletes nothing too much: a part of the volume that has a number of its own, such as a btrfs
-                # subvolume, counts as somewhere else.
+                # On the safe side: a part of the volume with its own device number, such as a btrfs subvolume,
+                # counts as another volume.
                 if os.stat(volume).st_dev != os.fstat(directory).st_dev:
                     return 0
                 return work(directory)
@@ -125,7 +125,7 @@ class Cache:
                        lambda directory: sum(size for _, size in self.files(directory, urgency)))
 
     def purge(self, urgency, info):
-        """Deletes the oldest until the bytes asked for have gone, and returns how many really went."""
+        """Deletes the oldest files until the amount is freed, and returns the bytes that were really freed."""
         return self.on(info["KELVANE_VOLUME"],
                        lambda directory: self.delete(directory, urgency, info["KELVANE_AMOUNT"]))
 
@@ -143,7 +143,7 @@ class Cache:
 
 
 class Service:
-    """Runs on the main loop's thread, but for the counting and deleting itself."""
+    """Runs on the main loop's thread, except for counting and deleting."""
 
     def __init__(self, arguments):
         self.id = arguments.id
@@ -269,7 +269,7 @@ class Service:
             return self.cache.purge(urgency, info)
 
     def answer_later(self, work, parameters, invocation):
-        """Pings are answered meanwhile."""
+        """The main loop answers pings meanwhile."""
         threading.Thread(target=self.answer, args=(work, parameters.unpack(), invocation), daemon=True).start()
 
     @staticmethod
@@ -277,7 +277,7 @@ class Service:
         answer = 0
         try:
             answer = work(*arguments)
-        except Exception as error:  # whatever it is, the daemon waits for an answer
+        except Exception as error:  # the daemon waits for an answer in any case
             print(f"failed: {error!r}", file=sys.stderr, flush=True)
         GLib.idle_add(invocation.return_value, amount(answer))
 

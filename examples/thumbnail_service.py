@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Gives thumbnails back by age. The directories are the arguments."""
+"""Deletes old thumbnails when the daemon needs space. The arguments are their directories."""
 
 import sys
 

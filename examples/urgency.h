@@ -4,8 +4,8 @@
 
 namespace kelvane::examples {
 
-/// What is given up at which urgency: at 1 what is older than three quarters of `lifetime`, at 2 than a half,
-/// at 3 than a quarter, at 4 everything that is not younger than `youngest`.
+/// Which files go at which urgency: at 1 those older than three quarters of `lifetime`, at 2 older than a
+/// half, at 3 older than a quarter, at 4 all that are not younger than `youngest`.
 [[nodiscard]] client::CacheRules rulesFor(std::chrono::seconds lifetime, std::chrono::seconds youngest);
 
 }  // namespace kelvane::examples

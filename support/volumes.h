@@ -29,7 +29,7 @@ struct MountEntry {
   std::string type;    // e.g. ext4
   std::string device;  // "major:minor"
   bool writable = false;
-  std::uint64_t id = 0;  // the kernel's, as statx tells it of a file; 0: unknown
+  std::uint64_t id = 0;  // the kernel's mount ID, as in statx; 0: unknown
 };
 
 /// The one seam to the system's mount table, free space and quotas. Tests install their own. All members are

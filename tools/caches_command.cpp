@@ -15,8 +15,8 @@
 namespace kelvane::tools {
 namespace {
 
-/// In the directory of this program, as in a build tree. Whoever can put a program there could replace this
-/// one as well; a sticky directory is the exception, so it is not trusted.
+/// The program in the directory of this one, as in a build tree. A user who can put a program there could
+/// also replace this one, except in a sticky directory, which is therefore not trusted.
 std::optional<std::string> programBeside() {
   std::array<char, PATH_MAX> self{};
   const ssize_t length = ::readlink("/proc/self/exe", self.data(), self.size() - 1);

@@ -28,7 +28,7 @@ void describeExplain(CLI::App& explain, CachesRequest& request) {
   explain
       .add_option_function<std::string>(
           "--amount", [&request](const std::string& text) { takeAmount(text, request); },
-          "As when so much is asked for, such as 500M; default: all that may go")
+          "Show what would go if this much were asked for, such as 500M; default: all that may go")
       ->type_name("SIZE");
   explain.add_option("--volume", request.volume, "A volume, or any path inside one; default: all volumes")
       ->type_name("PATH");
@@ -44,10 +44,10 @@ void describeCaches(CLI::App& app, CachesRequest& request) {
     added->callback([&request, command] { request.command = command; });
     return added;
   };
-  add(CachesCommand::list, "Show each cache, what of it could go at each urgency, and why nothing can");
+  add(CachesCommand::list, "Show each cache, and what could go at each urgency or why nothing can");
   CLI::App* const explain =
-      add(CachesCommand::explain, "Show exactly what of a cache would go now, and delete nothing");
-  CLI::App* const check = add(CachesCommand::check, "Look for faults in definitions of caches");
+      add(CachesCommand::explain, "Show exactly what would go from a cache now, and delete nothing");
+  CLI::App* const check = add(CachesCommand::check, "Check definitions of caches for errors");
   CLI::App* const enable = add(CachesCommand::enable, "Switch a cache on");
   CLI::App* const disable = add(CachesCommand::disable, "Switch a cache off, so that nothing of it goes");
   for (CLI::App* const command : {explain, enable, disable}) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// What `kelvanectl caches` and kelvane-caches can be told: the same.
+// The commands and options that `kelvanectl caches` and kelvane-caches share.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
@@ -17,14 +17,14 @@ struct CachesRequest {
   std::string volume;  // or a path inside one; empty: all
   int urgency = 3;
   std::uint64_t amount = 0;  // 0: all that may go
-  bool files = false;        // name each of them
+  bool files = false;        // name each file
   std::vector<std::string> paths;
 };
 
 /// Adds the commands to `app`. Without one, the request is a list.
 void describeCaches(CLI::App& app, CachesRequest& request);
 
-/// The words that bring the same request about.
+/// The command-line words of a request.
 [[nodiscard]] std::vector<std::string> wordsOf(const CachesRequest& request);
 
 }  // namespace kelvane::tools

@@ -17,7 +17,7 @@ int stateSetCommand(const Options& options, const Screen& screen);
 int stateDeleteCommand(const Options& options, const Screen& screen);
 int activityRunCommand(const Options& options, const Screen& screen);
 int eventsPostCommand(const Options& options, const Screen& screen);
-/// Returns only by a Problem.
+/// Returns only by throwing a Problem.
 int cachesCommand(const Options& options, const Screen& screen);
 
 /// To standard output. A reader that went away ends the program without a word; what else cannot be written

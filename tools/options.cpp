@@ -118,7 +118,7 @@ void describeCachesCommands(CLI::App& app, Options& options) {
   CLI::App* const caches = app.add_subcommand(
       "caches", "Show the caches that the package kelvane-caches gives back, and what of them would go");
   caches->require_subcommand(0, 1)->fallthrough();
-  caches->callback([&options] { options.command = cachesCommand; });  // alone: list
+  caches->callback([&options] { options.command = cachesCommand; });  // without a command: list
   describeCaches(*caches, options.caches);
 }
 

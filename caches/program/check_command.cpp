@@ -1,4 +1,4 @@
-// `check`: which lines of a definition are wrong.
+// `check`: the errors in a definition, with their lines.
 
 #include <fmt/format.h>
 

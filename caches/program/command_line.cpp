@@ -100,7 +100,7 @@ void print(const std::string& text) {
 int runCommandLine(int argc, char** argv) noexcept {
   try {
     std::setlocale(LC_CTYPE, "");
-    std::signal(SIGPIPE, SIG_DFL);  // whoever started this may have ignored it
+    std::signal(SIGPIPE, SIG_DFL);  // the parent process may have ignored it
     return parseAndRun(argc, argv);
   } catch (const tools::Problem& problem) {
     return complain(problem.code(), problem.what());

@@ -23,10 +23,10 @@ int enableCommand(const Console& console, const DefinitionStore& store,
 int disableCommand(const Console& console, const DefinitionStore& store,
                    const DefinitionDirectories& directories);
 
-/// Throws a Problem that says which there are.
+/// Throws a Problem when there is none.
 [[nodiscard]] const Definition& definitionNamed(const DefinitionStore& store, const std::string& name);
 
-/// Limits for what a person waits for: Ctrl-C ends it.
+/// Limits for a command that a person runs: only Ctrl-C ends it early.
 [[nodiscard]] client::CacheLimits noLimits();
 
 /// To standard output; throws a Problem when it cannot be written.

@@ -13,7 +13,8 @@ DefinitionWatch::DefinitionWatch(const DefinitionDirectories& directories)
   watch(directories.own);
 }
 
-/// Where the directory is not there yet, the nearest above it: whatever appears in that counts as a change.
+/// While the directory is missing, watches the nearest one above it; anything that appears in that counts as
+/// a change.
 void DefinitionWatch::watch(std::string directory) {
   constexpr std::uint32_t changes =
       IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF;

@@ -5,12 +5,12 @@
 
 namespace kelvane::caches {
 
-/// Notices that files of definitions have come, gone or changed. Used by one thread.
+/// Notices when definition files are added, removed or changed. Used by one thread.
 class DefinitionWatch {
  public:
   explicit DefinitionWatch(const DefinitionDirectories& directories);
 
-  /// Readable when something has happened; -1 where the kernel does not tell.
+  /// Readable when something has changed; -1 when inotify is not available.
   [[nodiscard]] int descriptor() const { return notify_.get(); }
   void read();
   [[nodiscard]] bool happened() const { return happened_; }

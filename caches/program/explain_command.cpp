@@ -1,4 +1,4 @@
-// `explain`: what a purge would delete now. The workers run the code that purges, up to the deletion.
+// `explain`: what a purge would delete now. The workers run the same code as a purge, up to the deletion.
 
 #include <fmt/format.h>
 #include <algorithm>
@@ -49,8 +49,8 @@ class ItemPrinter {
 
   const Console& console_;
   const std::int64_t now_ = std::time(nullptr);
-  std::mutex mutex_;         // guards standard output and
-  std::size_t printed_ = 0;  // how many there were
+  std::mutex mutex_;         // guards standard output and printed_
+  std::size_t printed_ = 0;  // number of items
 };
 
 struct Explained {
@@ -179,7 +179,7 @@ Dictionary explainValue(const Console& console, const Explained& explained) {
   return value;
 }
 
-/// The object whose first member, the items, has been printed already.
+/// The rest of an object whose first member, the items, has been printed already.
 std::string restOf(const std::string& object) { return "\n  ],\n" + object.substr(object.find('\n') + 1); }
 
 }  // namespace

@@ -12,10 +12,10 @@
 
 namespace kelvane::caches {
 
-/// The socket of all definitions that the administrator added and that have no socket of their own.
+/// The socket of the administrator's definitions that have no socket of their own.
 inline constexpr const char* local_socket = "local";
 
-/// What a socket answers for.
+/// The holders that a socket answers for.
 struct SocketHolders {
   std::vector<Definition> definitions;
   std::string reason;  // why there are none

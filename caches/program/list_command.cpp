@@ -1,4 +1,4 @@
-// `list`: each cache, what of it could go at each urgency, and, where nothing can, why.
+// `list`: each cache, how much could go at each urgency, and, when nothing can, why.
 
 #include <fmt/format.h>
 #include <algorithm>
@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t amount_width = 10;
 constexpr std::size_t longest_name = 24;
 constexpr std::size_t amounts_width = client::urgency_count * (amount_width + 2);
-/// Two rows of a cache where all do not fit into one.
+/// Below this width, a cache takes two rows.
 constexpr unsigned narrow = 72;
 
 struct Listed {
@@ -54,7 +54,7 @@ std::size_t nameWidth(const std::vector<Listed>& all, const std::vector<std::str
   return std::min(widest, longest_name);
 }
 
-/// Four columns: after the name, or on a line of their own where the screen is narrow.
+/// Four columns: after the name, or on a separate line when the screen is narrow.
 std::string amountColumns(const tools::Screen& screen,
                           const std::function<std::string(int urgency)>& text_of) {
   const std::size_t width = screen.width < narrow ? screen.width / client::urgency_count : amount_width + 2;
@@ -76,7 +76,7 @@ std::string reasonRow(const tools::Screen& screen, const std::string& name, cons
          tools::coloured(screen, tools::Colour::dim, shown_reason) + "\n";
 }
 
-/// A cache that gives nothing says why in the place of its amounts.
+/// For a cache that gives nothing, the reason takes the place of the amounts.
 std::string row(const tools::Screen& screen, const Listed& listed, std::size_t name_width) {
   if (!listed.reason.empty()) return reasonRow(screen, listed.definition->name, listed.reason, name_width);
   const std::string name = tools::fitted(screen, listed.definition->name, name_width);
@@ -95,7 +95,7 @@ std::string heading(const tools::Screen& screen, std::size_t name_width) {
   return tools::fitted(screen, "Cache", name_width) + amounts + "  Volume\n";
 }
 
-/// "REASON: name, name, ...", in as many lines as that takes.
+/// "REASON: name, name, ...", in as many lines as needed.
 std::string paragraph(const tools::Screen& screen, const std::string& reason,
                       const std::vector<std::string>& names) {
   std::string text = tools::printable(screen, reason) + ":";
@@ -109,7 +109,7 @@ std::string paragraph(const tools::Screen& screen, const std::string& reason,
   return text + "\n";
 }
 
-/// What gives something comes first. A reason that many share is written once.
+/// Caches that give something come first. A reason that several share is printed once.
 std::string rows(const tools::Screen& screen, const std::vector<Listed>& all, std::size_t name_width) {
   constexpr std::size_t many = 4;
   std::string giving;

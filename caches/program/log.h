@@ -6,10 +6,10 @@
 
 namespace kelvane::caches {
 
-/// One line for whoever reads the service's log. Any thread.
+/// One line in the service's log. Any thread.
 void logLine(const std::string& text);
 
-/// Into the journal when standard error goes there, else as a line on standard error. Any thread.
+/// To the journal when standard error goes there, else a line on standard error. Any thread.
 void logEntry(const PurgeEntry& entry);
 
 }  // namespace kelvane::caches

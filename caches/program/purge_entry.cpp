@@ -15,7 +15,7 @@ namespace {
 using client::CachePurge;
 using client::CacheSurvey;
 
-/// What could not be used, and what gave nothing, because nothing of it is old enough, was not purged.
+/// A root that could not be used, or in which nothing was old enough, was not purged.
 bool wasPurged(const RootReport& root) {
   const CachePurge& purge = root.purge;
   return purge.items != 0 || purge.freed != 0 || purge.held != 0 || purge.failures != 0 ||
@@ -24,7 +24,7 @@ bool wasPurged(const RootReport& root) {
 
 std::string ruleOf(const Definition& definition, int urgency) {
   const auto& age = definition.rules.ages[static_cast<std::size_t>(urgency - 1)];
-  return age ? "what is older than " + ageText(age->count()) : "nothing";
+  return age ? "files older than " + ageText(age->count()) : "nothing";
 }
 
 std::string endText(const CachePurge& purge) {
@@ -36,7 +36,7 @@ std::string endText(const CachePurge& purge) {
     case CachePurge::End::cancelled:
       return "it was cancelled";
     case CachePurge::End::tooLate:
-      return "its time was over";
+      return "its time had run out";
     case CachePurge::End::failed:
       return fmt::format("it failed: {}", purge.error != 0 ? std::strerror(purge.error) : "unknown error");
   }
@@ -46,9 +46,8 @@ std::string endText(const CachePurge& purge) {
 std::string messageOf(const Definition& definition, const PurgeRequest& request, const RootReport& root,
                       std::int64_t cut_age) {
   std::string text = fmt::format(
-      "{}: freed {} in {} files of {} at urgency {} ({} asked of {}); urgency {} lets {} go, this purge took "
-      "what is "
-      "older than {}, and ended because {}",
+      "{}: freed {} in {} files of {} at urgency {} ({} asked of {}); urgency {} allows {}; this purge took "
+      "files older than {}, and ended because {}",
       definition.name, tools::inUnits(root.purge.freed), root.purge.files, shown(root.path), request.urgency,
       tools::inUnits(request.amount), definition.name, request.urgency, ruleOf(definition, request.urgency),
       ageText(cut_age), endText(root.purge));

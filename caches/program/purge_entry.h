@@ -1,6 +1,6 @@
 #pragma once
 
-// What a purge leaves in the journal: one entry for each root of which something went, or could not go.
+// The journal entries of a purge: one for each root in which it deleted something, failed or was cut short.
 
 #include <cstdint>
 #include <string>
@@ -12,7 +12,7 @@
 
 namespace kelvane::caches {
 
-/// Of the entries; the catalog (packaging/kelvane-caches.catalog) explains it.
+/// The message ID of the entries, which the catalog (packaging/kelvane-caches.catalog) explains.
 inline constexpr const char* purge_message_id = "6d8db663cc6d6e9174a18d9cad86b547";
 
 struct PurgeRequest {
@@ -26,13 +26,13 @@ struct PurgeEntry {
   JournalEntry journal;
 };
 
-/// Nothing for roots of which nothing is old enough: a volume that stays low is purged again and again, and
-/// its journal must not fill it.
+/// No entry for a root in which nothing is old enough: a volume that stays low is purged again and again, and
+/// must not be filled by the journal.
 [[nodiscard]] std::vector<PurgeEntry> purgeEntries(const Definition& definition, const PurgeRequest& request,
                                                    const HolderReport& report);
 
-/// How old what goes is at least, in seconds, as the workers compute it from the same surveys. 0 where there
-/// is no root.
+/// The minimum age of what goes, in seconds, as the workers compute it from the same surveys. 0 without a
+/// root.
 [[nodiscard]] std::int64_t cutAge(const HolderReport& report, const PurgeRequest& request);
 
 /// "amount-freed", "nothing-left", "cancelled", "too-late" or "failed".

@@ -29,11 +29,11 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds default_patience(60);
-constexpr milliseconds longest_look(1000);  // while somebody is connected
+constexpr milliseconds longest_look(1000);  // while a peer is connected
 constexpr milliseconds shortest_look(20);
 constexpr std::chrono::seconds purges_may_end(10);
 
-/// How long to stay without calls; nothing when the variable cannot be read.
+/// How long to stay without calls; nothing when the variable is invalid.
 std::optional<Clock::duration> patienceOfEnvironment() {
   const char* const text = std::getenv("KELVANE_CACHES_IDLE");
   if (text == nullptr) return default_patience;
@@ -44,7 +44,7 @@ std::optional<Clock::duration> patienceOfEnvironment() {
   return std::chrono::seconds(seconds);
 }
 
-/// SIGTERM and SIGINT as a descriptor. Blocks them in this thread and those that it starts.
+/// A descriptor for SIGTERM and SIGINT. Blocks them in this thread and the threads that it starts.
 FileDescriptor endSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -75,7 +75,7 @@ class Life {
     const auto since = services_.idleSince();
     return since && Clock::now() - *since >= patience();
   }
-  /// Never so short that nothing else gets to run.
+  /// At least shortest_look, so that this thread does not spin.
   [[nodiscard]] milliseconds untilNextLook() const {
     const auto since = services_.idleSince();
     if (!since) return std::clamp(inMilliseconds(patience()), shortest_look, longest_look);
@@ -83,7 +83,7 @@ class Life {
   }
   static milliseconds inMilliseconds(Clock::duration time) { return std::chrono::ceil<milliseconds>(time); }
 
-  /// Returns whether a signal asks for the end.
+  /// Returns whether a signal asks the program to end.
   [[nodiscard]] bool wait(milliseconds time) {
     std::array<pollfd, 2> events{{{signals_.get(), POLLIN, 0}, {changes_.descriptor(), POLLIN, 0}}};
     const int most = static_cast<int>(std::min<std::int64_t>(time.count(), 3'600'000));
@@ -118,7 +118,7 @@ int serve() {
                   "no socket was passed; kelvane-caches.target starts this program when it is "
                   "called, and `kelvane-caches --help` says what else it does");
   }
-  // The watch begins before the files are read, so that no change of them is missed.
+  // The watch begins before the files are read, so that no change is missed.
   DefinitionWatch changes(definitionDirectories());
   const DefinitionStore store = readDefinitions(definitionDirectories());
   for (const Problem& problem : store.problems) logLine(problem.text());

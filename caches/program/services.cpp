@@ -32,7 +32,7 @@ std::string Services::serve(const std::string& socket, const std::vector<std::st
   client::ServiceOptions options;
   options.id = id_prefix + socket;
   options.passed_socket = socket;
-  options.all_volumes = true;  // the workers ask about each root, when it is open
+  options.all_volumes = true;  // the workers check the volume of each open root
   auto service = client::Service::start(*served.handler, options);
   if (!service) return service.error().reason;
   served.service = std::move(*service);
@@ -64,7 +64,7 @@ void Services::finish(Moment deadline) {
     served.service->cancelPurges();
     return served.service->pauseIfIdle();
   };
-  // The daemon hangs up when it has its answer. Each that is idle accepts no more, and the others go on.
+  // The daemon disconnects when it has its answer. Idle services stop accepting; the others continue.
   while (std::count_if(served_.begin(), served_.end(), ended) != std::ssize(served_) &&
          std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(look);

@@ -21,13 +21,13 @@ class Services {
   /// `store` and `workers` must outlive this.
   Services(const DefinitionStore& store, Workers& workers) : store_(store), workers_(workers) {}
 
-  /// Why it cannot; empty when all sockets are served.
+  /// Returns why a socket cannot be served; empty when all are.
   [[nodiscard]] std::string start();
-  /// Since when nobody is connected to any of them.
+  /// Since when no peer has been connected to any of them.
   [[nodiscard]] std::optional<Moment> idleSince() const;
-  /// True: they accept no more, and nobody who has connected waits. False: they go on.
+  /// True: they have stopped accepting, and no connected peer waits. False: they go on.
   [[nodiscard]] bool pauseIfIdle();
-  /// Cancels the purges, and waits until they have answered what went, at most until then.
+  /// Cancels the purges and waits for their answers, at most until the deadline.
   void finish(Moment deadline);
 
  private:

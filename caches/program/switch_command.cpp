@@ -1,4 +1,5 @@
-// `enable` and `disable`: for root, files beside the definitions; for a user, a list in the user's own file.
+// `enable` and `disable`: root changes files beside the definitions, a user changes a list in that user's
+// own file.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -22,7 +23,7 @@ using tools::Problem;
 
 enum class Entry : std::uint8_t { none, mask, file };
 
-/// What the administrator has under this name.
+/// The kind of the administrator's file of this name.
 Entry entryAt(const std::string& path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return Entry::none;
@@ -62,7 +63,7 @@ void createEmpty(const std::string& path) {
 
 struct Outcome {
   bool enabled;
-  std::string how;  // what was done; empty: nothing had to be
+  std::string how;  // what was done; empty: nothing was needed
 };
 
 Outcome enableForAll(const std::string& name, const DefinitionStore& store, const std::string& directory) {
@@ -102,7 +103,7 @@ Outcome disableForAll(const std::string& name, const DefinitionStore& store, con
   return {false, definition + " is a link to /dev/null"};
 }
 
-/// A user can only take back what the user disabled.
+/// A user can only enable what that user has disabled.
 Outcome enableForUser(const std::string& name, const DefinitionStore& store) {
   if (isMasked(store, name) || !definitionNamed(store, name).enabled) {
     throw Problem(tools::exit_refused,

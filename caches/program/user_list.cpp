@@ -28,7 +28,7 @@ constexpr const char* heading = "# Written by kelvane-caches enable and disable.
   throw Problem(tools::exit_failed, fmt::format("cannot {} {}: {}", what, path, std::strerror(errno)));
 }
 
-/// As the system knows it, not as $HOME says: the workers go there.
+/// From the system's records, not from $HOME, because the workers use that one.
 std::string homeDirectory() {
   const passwd* const user = ::getpwuid(::getuid());
   if (user == nullptr || user->pw_dir == nullptr || user->pw_dir[0] != '/')
@@ -48,7 +48,7 @@ std::optional<std::string> contentsOf(const std::string& path) {
   return text;
 }
 
-/// The names in quotation marks; what else is there shows when they are written again.
+/// The names in quotation marks. Other content is detected by comparing the file with a rewritten list.
 std::set<std::string> quoted(const std::string& text) {
   std::set<std::string> names;
   for (std::size_t at = text.find('"'); at != std::string::npos; at = text.find('"', at + 1)) {

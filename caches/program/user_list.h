@@ -5,15 +5,15 @@
 
 namespace kelvane::caches {
 
-/// The caches that this user disabled: `disabled` in ~/.config/kelvane/caches.toml. Only a file that holds
-/// nothing else, as `write` leaves it, is ever changed: what people wrote by hand, they change by hand.
+/// The caches that this user disabled: `disabled` in ~/.config/kelvane/caches.toml. Only a file that
+/// holds nothing else, as `write` leaves it, is changed: a file that was edited by hand is left alone.
 class UserList {
  public:
   /// Throws a tools::Problem when the file cannot be read.
   static UserList read();
 
-  /// False when it is there, or not there, already. Else throws a tools::Problem that names the line to write
-  /// when the file is not one that `write` left.
+  /// False when nothing has to change. Throws a tools::Problem that names the line to write when the file was
+  /// edited by hand.
   bool add(const std::string& name);
   bool remove(const std::string& name);
   /// Replaces the file as a whole. Throws a tools::Problem.

@@ -15,7 +15,7 @@ using client::CacheStay;
 
 constexpr const char* no_directory = "no such directory";
 
-/// How many bytes at the beginning are a character that can be shown; 0 for none.
+/// The length of the printable character at the beginning; 0 when there is none.
 std::size_t shownCharacter(std::string_view text) {
   static const tools::Screen screen{80, false, true, false};
   constexpr std::size_t longest = 4;
@@ -27,7 +27,7 @@ std::size_t shownCharacter(std::string_view text) {
   return 0;
 }
 
-/// How old a file has to be to go at any urgency.
+/// The minimum age at which a file goes at any urgency.
 std::int64_t leastAge(const client::CacheRules& rules) {
   std::int64_t least = 0;
   for (const auto& age : rules.ages) {
@@ -48,7 +48,7 @@ bool givesSomething(const client::CacheSurvey& survey) {
       [](const client::CacheFigure& figure) { return figure.bytes != 0 || figure.items != 0; });
 }
 
-/// A lock keeps everything, so it comes first; else what keeps the most.
+/// A lock keeps everything, so it comes first; otherwise the reason that keeps the most.
 std::string stayReason(const Definition& definition, const client::CacheSurvey& survey) {
   const auto& stays = survey.stays;
   const auto less = [](const client::CacheFigure& a, const client::CacheFigure& b) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// How kelvane-caches words what it found, for tables and logs.
+// Texts of kelvane-caches for tables and logs.
 
 #include <sys/types.h>
 #include <cstdint>
@@ -12,15 +12,15 @@
 
 namespace kelvane::caches {
 
-/// "30 days", "12 hours", "5 minutes", "7 seconds": rounded down to the greatest unit of which there are two,
-/// or one.
+/// "30 days", "12 hours", "5 minutes", "7 seconds": rounded down to the largest unit that fits at
+/// least twice, or once.
 [[nodiscard]] std::string ageText(std::int64_t seconds);
 
 /// A path on one line: backslashes, control characters, bytes that are not UTF-8 and characters that turn the
-/// direction of text are written as \xNN, so that every name is shown, and no two are shown alike.
+/// direction of text are written as \xNN, so that every name is shown, and different names look different.
 [[nodiscard]] std::string shown(std::string_view path);
 
-/// The user's name, or the number of a user without one.
+/// The user's name, or the ID of a user without one.
 [[nodiscard]] std::string userName(uid_t user);
 
 [[nodiscard]] const char* nameOf(Kind kind);

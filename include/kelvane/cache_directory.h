@@ -5,33 +5,31 @@
 //   auto cache = CacheDirectory::open(path, rules);
 //   if (!cache) return ...;  // cache.error().reason
 //   const CacheSurvey survey = (*cache)->survey(limits);  // one walk: the figures of all four urgencies
-//   const AgeCut cut = survey.cut(request.urgency, request.amount);  // how old the newest is that has to go
+//   const AgeCut cut = survey.cut(request.urgency, request.amount);  // the newest age that has to go
 //   const CachePurge purge = (*cache)->purge(request.urgency, cut, request.amount, limits);
 //
-// Both walks, and `list`, are the same code: what `list` names is what `purge` deletes. The oldest go first,
-// as exactly as an age histogram tells (buckets of 4 %): a purge deletes what is older than the cut, in the
+// `survey`, `purge` and `list` share their code: `purge` deletes what `list` names. The oldest go first, to
+// the precision of an age histogram (buckets of 4 %): a purge deletes what is older than the cut, in the
 // order in which the file system lists it.
 //
-// Memory is bounded whatever the directory holds, to some 12 MB. Bounds: directories more than 4,096 levels
-// down are not entered; of files with several names the first 131,072 are known, and none with more than
-// 1,024 names, in CacheUnit::file: the others stay.
+// Memory is bounded to some 12 MB, whatever the directory holds. Directories more than 4,096 levels down are
+// not entered. In CacheUnit::file, files with several names stay if they have more than 1,024 names or are
+// not among the first 131,072 found.
 //
-// Safety. As of purgeFolder (kelvane/folder_purge.h), whose walk this is: whoever can write in the directory
-// need not be trusted; no link is followed and no mount is entered. Every rule is checked again at the moment
-// of deletion. Only regular files of the caller's effective user, or of the directory's owner, go;
-// directories and symbolic links only with their unit. A directory that holds .kelvane-keep, of whatever
-// kind, stays with all below; a unit stays whole wherever in it that is.
+// Safety. The walk is that of purgeFolder (kelvane/folder_purge.h): users who can write in the directory need
+// not be trusted, no link is followed and no mount is entered. Every rule is checked again at the moment of
+// deletion. Only regular files of the caller's effective user, or of the directory's owner, go; directories
+// and symbolic links go only with their unit. A directory that contains the name .kelvane-keep stays, with
+// everything below it; a unit stays whole if that name is anywhere in it.
 //
-// Locks. A survey and a purge hold the locks of the rules for as long as they last. A lock file among the
-// files stays.
+// Locks. A survey and a purge hold the locks of the rules while they run. A lock file in the cache stays.
 //
 // Units. A directory that an interrupted purge has left (".kelvane-purge-", 16 hexadecimal digits and ".tmp",
 // where units are) counts as a unit that goes before all others, at every urgency that has an age.
 //
-// Bytes are those that the volume gives back. A file with several names counts once all of its names go.
-// Where files can share blocks (btrfs, xfs), a survey counts what only the file itself has, and a purge that
-// deleted shared blocks measures what was freed: it writes the volume's pending changes for that, unless it
-// is late.
+// Bytes are those that the volume gains. A file with several names counts once all of its names go. Where
+// files can share blocks (btrfs, xfs), a survey counts only blocks that are not shared. A purge that deleted
+// shared blocks measures what was freed; unless it is late, it writes the volume's pending changes for that.
 //
 // Threads. One call at a time on one object; different objects are independent. Nothing is thrown.
 
@@ -50,17 +48,17 @@ namespace kelvane::client {
 
 struct CacheLimits {
   Cancellation cancellation;
-  /// When to come back with what was done until then.
+  /// The moment to return, with what was done until then.
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 
-/// Seconds since 1970: what is at most this new may go.
+/// Seconds since 1970: nothing newer goes.
 struct AgeCut {
   std::int64_t newest = 0;
 };
 
-/// How much of which age there is: a fixed size, trivially copyable, so it can cross a socket as it is.
-/// Histograms of the same moment add up.
+/// Bytes and items by age. Of fixed size and trivially copyable, so it can cross a socket as it is.
+/// Histograms of the same moment can be added.
 struct AgeHistogram {
   static constexpr std::size_t bucket_count = 512;  // 16 to each doubling of the age in seconds
   struct Bucket {
@@ -72,7 +70,7 @@ struct AgeHistogram {
 
 struct CacheFigure {
   std::uint64_t bytes = 0;
-  std::uint64_t items = 0;  // files, each name for itself, or units
+  std::uint64_t items = 0;  // files (each name counts), or units
 };
 
 /// What a walk found. Trivially copyable. Surveys of several directories with the same rules and the same
@@ -81,14 +79,14 @@ struct KELVANE_EXPORT CacheSurvey {
   std::int64_t taken_at = 0;                                    // seconds since 1970; ages count from here
   std::array<CacheFigure, urgency_count> at_urgency{};          // exact
   std::array<std::int64_t, urgency_count> newest_at_urgency{};  // the cut that each urgency allows
-  AgeHistogram ages;                                            // of all that may go at urgency 4 or below
-  std::array<CacheFigure, cache_stay_count> stays{};            // by reason; bytes where they are known
+  AgeHistogram ages;                                            // of everything that may go at any urgency
+  std::array<CacheFigure, cache_stay_count> stays{};            // by reason; bytes only where known
   bool complete = false;  // false: cancelled, too late, or not all could be read
   int error = 0;          // errno of the first failure
 
-  /// The oldest that must go at this urgency to free `amount` bytes.
+  /// The cut that frees `amount` bytes at this urgency, the oldest first.
   [[nodiscard]] AgeCut cut(int urgency, std::uint64_t amount) const;
-  /// Bytes older than the cut, as the histogram tells.
+  /// Bytes older than the cut, to the precision of the histogram.
   [[nodiscard]] std::uint64_t bytesUpTo(int urgency, AgeCut cut) const;
   CacheSurvey& operator+=(const CacheSurvey& other);
 };
@@ -97,7 +95,7 @@ struct CachePurge {
   enum class End : std::uint8_t { amountFreed, nothingLeft, cancelled, tooLate, failed };
   End end = End::nothingLeft;
   std::uint64_t freed = 0;  // bytes that are free now
-  std::uint64_t held = 0;   // bytes that will be free when whoever has the deleted files open closes them
+  std::uint64_t held = 0;   // bytes that become free when programs close the deleted files
   std::uint64_t items = 0;  // files, or units
   std::uint64_t files = 0;
   std::uint64_t failures = 0;
@@ -114,8 +112,8 @@ struct CacheItem {
 class KELVANE_EXPORT CacheDirectory {
  public:
   /// Fails with a reason when there is no such directory, when it is a link or a mount point, when its owner
-  /// is neither this process's effective user nor root, or when the rules cannot be (no age, a pattern that
-  /// is malformed).
+  /// is neither this process's effective user nor root, or when the rules are invalid (no age, a malformed
+  /// pattern).
   static Result<std::unique_ptr<CacheDirectory>> open(const std::string& path, const CacheRules& rules);
   /// The same for a descriptor of a directory, which is duplicated.
   static Result<std::unique_ptr<CacheDirectory>> open(int directory, const CacheRules& rules);
@@ -126,13 +124,13 @@ class KELVANE_EXPORT CacheDirectory {
   /// Stays open as long as this lives.
   [[nodiscard]] int descriptor() const;
 
-  /// Changes nothing. `now` is seconds since 1970, for surveys that are to be added up; 0: the present.
+  /// Changes nothing. `now` is seconds since 1970, so that surveys can be added; 0: the present.
   [[nodiscard]] CacheSurvey survey(const CacheLimits& limits, std::int64_t now = 0) noexcept;
   /// Deletes what is at most as new as the cut and allowed at the urgency, until `amount` bytes are free.
   [[nodiscard]] CachePurge purge(int urgency, AgeCut cut, std::uint64_t amount,
                                  const CacheLimits& limits) noexcept;
-  /// Names what purge would delete, and deletes nothing: `freed` is what would be freed. `item` returns
-  /// whether to go on.
+  /// Passes to `item` what `purge` would delete, and deletes nothing: `freed` is what would be freed. `item`
+  /// returns whether to go on.
   [[nodiscard]] CachePurge list(int urgency, AgeCut cut, std::uint64_t amount, const CacheLimits& limits,
                                 const std::function<bool(const CacheItem&)>& item) noexcept;
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// A service for cache directories, ready-made: it counts and purges by rules, and binds itself to the volumes
-// of its directories.
+// A ready-made service of cache directories: it counts and purges them by rules, and answers only requests
+// about the volumes of its directories.
 //
 //   DirectoryServiceOptions options;
 //   options.service.id = "com.example.thumbnails";
@@ -11,9 +11,9 @@
 //   const auto service = DirectoryService::start(options);
 //   if (!service) complain(service.error().reason);
 //
-// At each request, the directories that are on its volume at that moment are opened once, and what is opened
-// is what is counted or purged. Those that have gone, or whose rules forbid it (kelvane/cache_rules.h), give
-// nothing. The oldest files of all of them go first. An answer comes before Request::answer_by, with what was
+// Each request opens the directories that are on its volume at that moment, once, and counts or purges what
+// it opened. Directories that are missing, or that the rules exclude (kelvane/cache_rules.h), give nothing.
+// The oldest files of all directories go first. The service answers before Request::answer_by, with what was
 // done until then. Periodic maintenance does nothing.
 //
 // Threads. The callbacks are called on threads of the library: `purged` one call at a time, `state_changed`
@@ -32,10 +32,10 @@
 namespace kelvane::client {
 
 struct DirectoryServiceOptions {
-  /// `directories` is required, `all_volumes` is not for this service.
+  /// `directories` is required, `all_volumes` is refused.
   ServiceOptions service;
   CacheRules rules;
-  /// For logs: after each purge, with what it did in all directories together.
+  /// For logs: called after each purge, with the sum of what it did in all directories.
   std::function<void(const Request& request, const CachePurge& purge)> purged;
   /// As ServiceHandler::stateChanged.
   std::function<void(ServiceState state, const std::string& reason)> state_changed;
@@ -45,12 +45,13 @@ class KELVANE_EXPORT DirectoryService {
  public:
   /// Fails as Service::start does, and when a directory or the rules cannot be used (CacheDirectory::open).
   static Result<std::unique_ptr<DirectoryService>> start(const DirectoryServiceOptions& options);
-  /// Cancels what runs and waits for it: no callback is called afterwards. Not to be destroyed in a callback.
+  /// Cancels running calls and waits for them: no callback is called afterwards. Not to be destroyed in a
+  /// callback.
   ~DirectoryService();
   DirectoryService(const DirectoryService&) = delete;
   DirectoryService& operator=(const DirectoryService&) = delete;
 
-  /// For ending when idle.
+  /// For ending the program when idle.
   [[nodiscard]] Service& service();
 
  private:

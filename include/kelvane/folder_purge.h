@@ -61,7 +61,8 @@ struct FolderPurgeOptions {
   bool counted_by_volume = false;
   /// Whether folders in the folder go that it finds, or leaves, empty. The folder itself always stays.
   bool empty_folders = false;
-  /// When to come back with what was done until then, such as Request::answer_by. Looked at before each file.
+  /// The moment to return, with what was done until then, such as Request::answer_by. Checked before each
+  /// file.
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 

@@ -13,11 +13,11 @@
 //   options.directories = {"/var/cache/thumbnails"};
 //   auto service = kelvane::client::Service::start(thumbnails, options);
 //
-// Whoever has nothing but directories of files needs no handler: kelvane/directory_service.h.
+// A service that only has directories of files needs no handler: kelvane/directory_service.h.
 //
 // Volumes. A request is about one volume, and data on other volumes must be neither counted nor purged. So a
-// service says where its data is, and the library finds out, at each request, which of these directories are
-// on the volume at that moment. When none is, the handler is not called, and 0 is answered.
+// service names the directories of its data, and the library finds out at each request which of them are on
+// the volume at that moment. When none is, the library answers 0 without calling the handler.
 //
 // There are two kinds. A service that checks in finds the daemon at its socket, tells it an ID, and is called
 // back through a socket pair. When the daemon goes, or drops it, it checks in again by itself: at once, then
@@ -61,13 +61,12 @@ struct Request {
   Dictionary info;           // the whole of it
 
   /// Those of ServiceOptions::directories that were on `volume` just now, as absolute paths without links.
-  /// Never empty, unless the service is one for all volumes. A name may be given to something else between
-  /// this and its use: isOnVolume (kelvane/volume.h) asks about a directory that is open.
+  /// Never empty, unless the service is one for all volumes. A name may be given to another directory before
+  /// it is used: isOnVolume (kelvane/volume.h) checks a directory that is open.
   std::vector<std::string> directories;
-  /// The moment to answer at the latest, with what was done until then: what comes after the daemon has gone
-  /// on counts as nothing. A purge gets 70 % of its pass, counted from the pass's first request to this
-  /// service, so a service that is asked again within a pass has what is left of it. A question gets 8
-  /// seconds, periodic maintenance 10.
+  /// The latest moment to answer, with what was done until then; the daemon ignores a late answer. A purge
+  /// gets 70 % of its pass, counted from the pass's first request to this service, so a service that is
+  /// asked again within a pass has the rest of that. A question gets 8 seconds, periodic maintenance 10.
   std::chrono::steady_clock::time_point answer_by = std::chrono::steady_clock::time_point::max();
 };
 
@@ -108,11 +107,11 @@ struct ServiceOptions {
   std::string id;  // required; unique among the services of the device
 
   /// Required: the directories that hold the service's data. Each must exist when the service starts. Links
-  /// in these paths are followed then, and only then: a directory that has gone later, or has a link in its
-  /// place, is on no volume.
+  /// in these paths are followed only then: a directory that is later removed, or replaced by a link, is on
+  /// no volume.
   std::vector<std::string> directories;
-  /// Instead of `directories`: the handler is asked about every volume, and finds out by itself what it has
-  /// there (kelvane/volume.h).
+  /// Instead of `directories`: the handler is called for every volume, and finds out by itself which data it
+  /// has there (kelvane/volume.h).
   bool all_volumes = false;
 
   // What it does. A declared service says so in its descriptor file instead.
@@ -147,21 +146,21 @@ class KELVANE_EXPORT Service {
   //   idle = every service's idleSince() is at least a minute ago
   //   if idle and pauseIfIdle() of every service: exit; else resume() them all
   //
-  // Nothing is lost so: what connects while a service is paused waits in its socket, for `resume`, or for the
-  // program that the service manager starts next.
+  // No call is lost: a peer that connects while a service is paused waits in its socket, for `resume`, or for
+  // the program that the service manager starts next.
 
   /// Since when no connection to the service is open and no call of the handler runs or waits; nothing while
   /// one does. A service that has not been called yet is idle since its start. One that checks in is never
   /// idle while it is registered: the daemon keeps a connection open.
   [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> idleSince() const;
-  /// Accepts no more connections, provided that the service is idle and no connection waits to be accepted:
-  /// true when that is so, also when it was paused before. Always false for a service that checks in.
+  /// Stops accepting connections if the service is idle and no connection waits to be accepted. True when the
+  /// service is paused afterwards. Always false for a service that checks in.
   [[nodiscard]] bool pauseIfIdle();
-  /// Accepts connections again, those that came meanwhile first. Does nothing unless paused.
+  /// Accepts connections again, beginning with those that wait. Does nothing unless paused.
   void resume();
 
-  /// Cancels the purges that run, as the daemon does: they answer with what they freed until then. For a
-  /// program that is about to end; purges that come later run. Any thread.
+  /// Cancels the running purges, as the daemon does: they answer with what they freed until then. For a
+  /// program that is about to end; later purges are not affected. Any thread.
   void cancelPurges();
 
  private:

@@ -1,6 +1,6 @@
 #pragma once
 
-// Entries of the journal with fields of one's own, by its native protocol. Any thread.
+// Journal entries with custom fields, in the journal's native protocol. Any thread.
 
 #include <string>
 #include <string_view>
@@ -14,15 +14,15 @@ namespace kelvane {
 /// One entry. Names are upper-case letters, digits and "_"; values may be any bytes.
 class JournalEntry {
  public:
-  /// What is longer than `longest_value` is cut, so that an entry always fits into one datagram.
+  /// Longer values are cut to `longest_value`, so that an entry always fits into one datagram.
   static constexpr std::size_t longest_value = 8192;
   static constexpr std::size_t most_fields = 16;
 
-  /// A malformed name, and what is more than `most_fields`, is left out.
+  /// Fields with a malformed name, and fields beyond `most_fields`, are left out.
   void add(std::string_view name, std::string_view value);
-  /// As the protocol writes it.
+  /// The entry in the form of the protocol.
   [[nodiscard]] const std::string& text() const { return text_; }
-  /// False, with errno, when the journal did not take it. Never waits.
+  /// False, with errno, when the journal did not accept it. Never blocks.
   bool send(const std::string& journal_socket = journal_socket_path) const;
 
  private:

@@ -22,8 +22,8 @@ bool notifyReady();
 /// That sign. False when nobody asked for it.
 bool notifyAlive();
 
-/// The names of the descriptors that socket activation handed over, in their order; those that were taken as
-/// well.
+/// The names of the descriptors that socket activation handed over, in their order, including those that were
+/// taken.
 [[nodiscard]] std::vector<std::string> passedSocketNames();
 /// The descriptor that socket activation handed over under that name; empty when there is none. Each is given
 /// away once, the first of several of one name first, and closes on execution.

@@ -207,7 +207,7 @@ bool Listener::pauseIfNobodyWaits() {
 
 void Listener::goOn() {
   const std::scoped_lock lock(mutex_);
-  // Readiness is reported on change, and what came meanwhile was passed over.
+  // Readiness is reported on change only, so connections that arrived meanwhile must be accepted now.
   if (std::exchange(paused_, false)) source_.again();
 }
 

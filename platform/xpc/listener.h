@@ -48,8 +48,8 @@ class Listener final : public std::enable_shared_from_this<Listener> {
 
   /// Anonymous listeners only. The listener keeps no copy: it ends when the last one given away is dropped.
   [[nodiscard]] Endpoint takeEndpoint();
-  /// Accepts no more until `goOn`, provided that nobody waits to be accepted and that each connection
-  /// accepted so far has been given to the handler. Returns whether that is so. Not for anonymous listeners.
+  /// Stops accepting until `goOn`, if no connection waits to be accepted and each accepted one has been given
+  /// to the handler. Returns whether it has stopped. Not for anonymous listeners.
   [[nodiscard]] bool pauseIfNobodyWaits();
   void goOn();
   /// Accepts no more.

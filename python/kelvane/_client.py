@@ -17,7 +17,7 @@ def version() -> str:
 
 
 def volume_of(at: Any) -> str:
-    """The mount point under which the daemon knows the volume of a path. Never compare paths to find out."""
+    """The mount point under which the daemon knows the volume of a path. Do not compare paths instead."""
     volume = ctypes.create_string_buffer(4096)
     call("volume_of", path(at, "path"), volume, len(volume))
     return os.fsdecode(volume.value)
@@ -27,7 +27,7 @@ def volume_of(at: Any) -> str:
 class Pass:
     urgency: int
     freed: dict[str, int]
-    """Each service's ID to the bytes of its last answer."""
+    """Maps each service's ID to the bytes of its last answer."""
 
 
 @dataclass(frozen=True)
@@ -35,7 +35,7 @@ class PurgeResult:
     freed: int
     """What counts for the request."""
     reported: int
-    """The sum of what the services said."""
+    """The sum of what the services reported."""
     free_before: int
     free_after: int
     seconds: float
@@ -59,7 +59,7 @@ class Client:
 
     def purge(self, at: Any, amount: int, urgency_limit: int = 3, pass_seconds: int = 0) -> PurgeResult:
         """Frees `amount` bytes on the volume of the path `at`; urgency_limit says how far the services may go.
-        pass_seconds bounds the wait in each pass (0: the daemon's own times). To free less is not an error."""
+        pass_seconds bounds the wait in each pass (0: the daemon's own times). Freeing less is not an error."""
         request = PurgeRequest(size=ctypes.sizeof(PurgeRequest), volume=os.fsencode(volume_of(at)),
                                amount=number(amount, "amount"),
                                urgency_limit=number(urgency_limit, "urgency_limit", 1, 4),
@@ -82,7 +82,7 @@ class Client:
             library.purgeable_free(found)
 
     def state(self, key: str) -> bool | int | float | str | None:
-        """A value of the daemon's key-value store; None when the key is not there."""
+        """A value of the daemon's key-value store; None when the key is unknown."""
         value = call("client_state", self._handle, text(key, "key"))
         try:
             return _state(key, value)

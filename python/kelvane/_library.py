@@ -1,4 +1,4 @@
-"""libkelvane's C interface as kelvane/kelvane.h declares it, and the errors that it reports."""
+"""libkelvane's C interface as kelvane/kelvane.h declares it, and its errors."""
 
 import ctypes
 import os
@@ -6,7 +6,7 @@ from ctypes import CFUNCTYPE, POINTER, Structure, byref, c_bool, c_char, c_char_
 from ctypes import c_size_t, c_uint64, c_void_p
 from typing import Any
 
-# Opaque objects of the library; distinct names say which one is meant.
+# Opaque objects of the library, with a name for each type.
 Rules = Service = Request = Client = PurgeResult = Purgeable = Value = c_void_p
 
 CANNOT_TELL = 2**64 - 1
@@ -39,7 +39,7 @@ class PurgeRequest(Structure):
 
 
 _E = POINTER(ErrorBuffer)
-# What each function returns and takes. Those that take an error last are called through `call`.
+# The result and argument types of each function. Those with an error as last argument are called through `call`.
 FUNCTIONS: dict[str, tuple[Any, ...]] = {
     "version": (c_char_p,),
     "volume_of": (c_int, c_char_p, c_char_p, c_size_t, _E),
@@ -114,11 +114,11 @@ FUNCTIONS: dict[str, tuple[Any, ...]] = {
 
 
 class Error(Exception):
-    """Why something was not done. The subclasses say what kind of reason it is."""
+    """A call failed. The subclasses name the kind of failure."""
 
 
 class NoDaemon(Error):
-    """Nobody listens on the daemon's socket."""
+    """No process listens on the daemon's socket."""
 
 
 class Refused(Error):
@@ -130,7 +130,7 @@ class BadRequest(Error, ValueError):
 
 
 class ConnectionLost(Error):
-    """The daemon went away before it answered; the work may or may not have been done."""
+    """The connection ended before the answer; the work may or may not have been done."""
 
 
 _ERRORS: dict[int, type[Exception]] = {1: NoDaemon, 2: Refused, 3: BadRequest, 4: ConnectionLost, 5: MemoryError}
@@ -155,7 +155,7 @@ library = _Library()
 
 
 def call(name: str, *arguments: Any) -> Any:
-    """Calls a function that takes an error last, and returns what it returns. Raises what it reports."""
+    """Calls a function whose last argument is an error. Returns its result, or raises the error."""
     error = ErrorBuffer(size=ctypes.sizeof(ErrorBuffer))
     result = getattr(library, name)(*arguments, byref(error))
     if error.failure:

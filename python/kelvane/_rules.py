@@ -17,7 +17,7 @@ _ENDS = "amount freed", "nothing left", "cancelled", "too late", "failed"
 
 
 def seconds(age: Age, name: str) -> int:
-    """What "30d", a number of seconds or a timedelta says, in seconds."""
+    """Converts "30d", a number of seconds or a timedelta to seconds."""
     if isinstance(age, datetime.timedelta):
         return number(int(age.total_seconds()), name)
     if not isinstance(age, str):
@@ -29,7 +29,7 @@ def seconds(age: Age, name: str) -> int:
 
 
 def several(values: Any, name: str) -> list[Any]:
-    """A list of them. A single str would otherwise be taken for a list of letters."""
+    """Converts to a list. Refuses a single str, which would be a list of letters."""
     if isinstance(values, (str, bytes)) or not isinstance(values, Iterable):
         raise TypeError(f"invalid {name} {values!r}: expected a list")
     return list(values)
@@ -37,14 +37,14 @@ def several(values: Any, name: str) -> list[Any]:
 
 @dataclass(kw_only=True)
 class Rules:
-    """What of a cache directory may go, and when.
+    """Which files of a cache directory may go, and when.
 
     The age of a file is the time since the newest of its three times. kelvane/kelvane.h and
     kelvane/cache_rules.h say more about each rule.
     """
 
     ages: Mapping[int, Age]
-    """For each urgency, from what age files may go: {2: "30d", 3: "7d", 4: "1h"}."""
+    """The minimum age at each urgency: {2: "30d", 3: "7d", 4: "1h"}."""
     youngest: Age = "1h"
     """Nothing younger goes at any urgency."""
     include: Iterable[str] = ()
@@ -59,15 +59,15 @@ class Rules:
     unit_locks: Iterable[tuple[str, str]] = ()
     open_files_stay: bool = False
     keep_newest: int = 0
-    """So many of the newest files or units stay."""
+    """This number of the newest files or units stays."""
     keep_bytes: int = 0
-    """At least so many of the newest bytes stay."""
+    """At least this many of the newest bytes stay."""
     tagged_only: bool = False
     """Only what is in directories with a CACHEDIR.TAG may go."""
 
 
 class RulesHandle:
-    """The library's object for some rules, for as long as the with statement lasts."""
+    """The library's object for rules, valid within the with statement."""
 
     def __init__(self, rules: Rules) -> None:
         if not isinstance(rules, Rules):
@@ -125,7 +125,7 @@ class Count:
     bytes: dict[int, int]
     items: dict[int, int]
     complete: bool
-    """False: cancelled, out of time, or not all could be read."""
+    """False: cancelled, out of time, or something could not be read."""
 
 
 @dataclass(frozen=True)
@@ -143,7 +143,7 @@ class Purged:
 
 
 def count_directory(directory: Any, rules: Rules, request: Any = None) -> Count:
-    """Counts what may go. With a request, returns when it is cancelled or its time is over."""
+    """Counts what may go. With a request, returns when it is cancelled or its time has run out."""
     count = DirectoryCount(size=ctypes.sizeof(DirectoryCount))
     with RulesHandle(rules) as handle:
         call("count_directory", path(directory, "directory"), handle, _pointer(request), count)

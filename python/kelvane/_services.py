@@ -17,7 +17,7 @@ from ._rules import Rules, RulesHandle, several
 
 log = logging.getLogger("kelvane")
 
-_running: set["_Base"] = set()  # so that what the library calls stays alive
+_running: set["_Base"] = set()  # keeps the objects alive that the library calls
 
 
 class State(enum.IntEnum):
@@ -25,7 +25,7 @@ class State(enum.IntEnum):
     """For the daemon, or for another process to give up the ID."""
     REGISTERED = 1
     REFUSED = 2
-    """The daemon does not want it; tried again when the daemon is a new one."""
+    """By the daemon; tried again after a restart of the daemon."""
     SERVING = 3
     """A declared service: the socket is open."""
 
@@ -36,7 +36,7 @@ class Request:
     def __init__(self, pointer: int) -> None:
         self.pointer: int | None = pointer
         self.urgency: int = library.request_urgency(pointer)
-        """1, only what nobody will miss, to 4, all that can be made again."""
+        """From 1 (only what nobody will miss) to 4 (all that can be made again)."""
         self.volume: str = os.fsdecode(library.request_volume(pointer))
         self.amount: int = library.request_amount(pointer)
         """The bytes to be freed; 0 for a question."""
@@ -45,7 +45,7 @@ class Request:
             for index in range(library.request_directory_count(pointer)))
         """The service's directories that are on the volume now."""
         self.freed = 0
-        """Add what was freed as it goes: this is the answer when purge raises, or returns nothing."""
+        """Add the bytes as they are freed: this is the answer when purge raises or returns nothing."""
 
     @property
     def seconds_left(self) -> float:
@@ -54,12 +54,12 @@ class Request:
 
     @property
     def cancelled(self) -> bool:
-        """Nobody waits for the answer any more: return soon, with what was freed until then."""
+        """True when the answer is no longer wanted: return soon, with what was freed until then."""
         return library.request_cancelled(self.pointer)
 
 
 class _Ending:
-    """Waits for SIGTERM or for end(). A signal wakes it whichever thread the kernel gives it to."""
+    """Waits for SIGTERM or for end(). A signal wakes it, whichever thread receives the signal."""
 
     def __enter__(self) -> Self:
         self._ended = False
@@ -83,7 +83,7 @@ class _Ending:
         try:
             self._writer.send(b"\0")
         except OSError:
-            pass  # full, so it is awake, or closed, so it has ended
+            pass  # full: it is awake; closed: it has ended
 
     def wait(self) -> None:
         while not self._ended:
@@ -91,7 +91,7 @@ class _Ending:
 
 
 class _Base:
-    """What both kinds of service have in common."""
+    """The common part of both kinds of service."""
 
     def __init__(self, id: str, directories: Iterable[Any], daemon_socket: Any = None,
                  passed_socket: str | None = None) -> None:
@@ -101,7 +101,7 @@ class _Base:
         self._passed_socket = None if passed_socket is None else text(passed_socket, "passed_socket")
         self._lock = threading.Lock()  # guards _handle
         self._handle: int | None = None
-        self._callbacks: list[Any] = []  # called as long as the handle is there
+        self._callbacks: list[Any] = []  # may be called while the handle exists
         self._ending: _Ending | None = None  # in run()
         self._handling = threading.local()
 
@@ -110,7 +110,7 @@ class _Base:
             raise BadRequest("invalid directories []: expected at least one")
 
     def state_changed(self, state: State, reason: str) -> None:
-        """The service's state has changed. Logs what keeps it from serving, unless overridden."""
+        """Called when the service's state has changed. Unless overridden, logs why it does not serve."""
         level = logging.INFO if state in (State.REGISTERED, State.SERVING) else logging.WARNING
         log.log(level, "%s: %s%s", os.fsdecode(self._id), state.name.lower(), reason and ": " + reason)
 
@@ -143,7 +143,7 @@ class _Base:
                 raise
 
     def stop(self) -> None:
-        """Cancels what runs, waits for it, and serves no more. While run() is at work, makes it do so and
+        """Cancels running calls, waits for them, and ends the service. While run() is active, makes it do so and
         return. Only then may a handler of the service call this."""
         ending = self._ending
         if ending is not None:
@@ -162,7 +162,7 @@ class _Base:
 
     def _finish(self) -> None:
         with self._lock:
-            handle, self._handle = self._handle, None  # freed once, also when this is interrupted
+            handle, self._handle = self._handle, None  # freed once, even when this is interrupted
             if handle is None:
                 return
             library.service_free(handle)
@@ -187,7 +187,7 @@ class _Base:
         return callback
 
     def _guarded(self, name: str, handler: Callable[[], Any]) -> Any:
-        """What the handler returns; nothing when it raises, because C cannot take an exception."""
+        """Returns the handler's result, or None when it raises, because C cannot handle an exception."""
         self._handling.now = True
         try:
             return handler()
@@ -216,7 +216,7 @@ class DirectoryService(_Base):
         self._need_directories()
         self._rules = Rules(**rules)
         with RulesHandle(self._rules):
-            pass  # says what is wrong with them now, not at start
+            pass  # reports their errors now, not at the start
 
     def _new(self) -> int:
         with RulesHandle(self._rules) as rules:
@@ -249,11 +249,11 @@ class Service(_Base):
         raise NotImplementedError
 
     def purge(self, request: Request) -> int | None:
-        """Frees request.amount bytes, or what there is, and returns what was really freed."""
+        """Frees request.amount bytes, or all there is if that is less, and returns what was really freed."""
         raise NotImplementedError
 
     def periodic(self, request: Request) -> int | None:
-        """Daily maintenance; returns the bytes freed. Asked only of services that override it."""
+        """Daily maintenance; returns the bytes freed. Called only when overridden."""
         raise NotImplementedError
 
     def _new(self) -> int:
@@ -286,10 +286,10 @@ class Service(_Base):
 
 
 def _stop_all() -> None:
-    """At exit, before the interpreter can no longer be called."""
+    """Runs at exit, while the interpreter can still be called."""
     for service in list(_running):
         service._finish()
 
 
 atexit.register(_stop_all)
-os.register_at_fork(after_in_child=_running.clear)  # the library's threads are not there
+os.register_at_fork(after_in_child=_running.clear)  # a forked child has none of the library's threads

@@ -1,11 +1,11 @@
-# Sourced by script/test-caches: an ext4 file system whose files are as old as they are said to be. A file's status change
-# time is the kernel's to set, so it is set in the image, by debugfs.
+# Sourced by script/test-caches: an ext4 file system with old files. Only the kernel sets a file's status-change
+# time, so debugfs sets it in the image.
 
 volume_image=
 volume_device=
 
-# make_aged_volume IMAGE SIZE FILL DAYS PATH...: FILL is called with the folder where the new file system is mounted, and
-# makes its content; what is below the PATHs is then DAYS old.
+# make_aged_volume IMAGE SIZE FILL DAYS PATH...: FILL is called with the mount point of the new file system and makes its
+# content; everything below the PATHs is then DAYS old.
 make_aged_volume() {
   local image=$1 size=$2 fill=$3 days=$4 mounted
   shift 4

@@ -1,14 +1,14 @@
 # Sourced by script/test-caches: starts the Debian of throw-away-root.sh with its own systemd, in namespaces of its own.
 #
-# The machine has its own processes, mounts, host name, cgroups and a network without an interface. It ends with the
-# process $machine, which this script started. The caller needs a mount namespace of its own, and /proc in it.
+# The machine has its own processes, mounts, host name, cgroups and a network without an interface. It ends when the
+# process $machine ends. The caller needs its own mount namespace with /proc.
 
-machine=      # the process that holds the machine
+machine=      # the process that started the machine
 machine_init= # its first process, as seen from here
 machine_group=
 machine_volumes=() # DEVICE=PATH: mounted there when it boots
 
-# start_machine: boots it, and waits until nothing is left to start.
+# start_machine: boots it, and waits until all units have started.
 start_machine() {
   make_group
   : >"$lists/console"
@@ -64,7 +64,7 @@ become_machine() {
   pivot_root . .outside
   umount --lazy /.outside
   rmdir /.outside
-  # As on any machine that systemd runs: services see what is mounted later.
+  # As systemd does at boot: services see later mounts.
   mount --make-rshared /
   exec /usr/bin/env -i container=kelvane-trial PATH=/usr/sbin:/usr/bin:/sbin:/bin /sbin/init systemd.show_status=no
 }
@@ -74,11 +74,11 @@ in_machine() {
     DEBIAN_FRONTEND=noninteractive "$@" </dev/null
 }
 
-# It shuts down by itself, as a machine does; what is mounted in it is unmounted, and its journal is whole.
+# A regular shutdown unmounts its file systems and completes its journal.
 reboot_machine() {
-  in_machine systemctl --no-block reboot 2>/dev/null # without a message bus it complains, and reboots
+  in_machine systemctl --no-block reboot 2>/dev/null # complains about the missing message bus, but reboots
   timeout 60 tail --pid="$machine" -f /dev/null || die "the machine does not shut down"
-  wait "$machine" || true # the kernel reports a reboot in a namespace as the end by a signal
+  wait "$machine" || true # the kernel reports a reboot in a namespace as death by a signal
   start_machine
 }
 
@@ -92,7 +92,7 @@ end_machine() {
   if mountpoint -q "$lists/cgroup"; then umount "$lists/cgroup"; fi
 }
 
-# The kernel takes a moment to forget the processes of a group.
+# The kernel needs a moment to remove the processes from the group.
 remove_group() {
   local _
   for _ in $(seq 50); do

@@ -1,5 +1,5 @@
-# Sourced by script/demo: real tools make caches, the ready-made services give them back when the volume runs low, and the
-# tools work on.
+# Sourced by script/demo: real tools fill caches, the ready-made services free them when the volume runs low, and the
+# tools still work.
 #
 # It must not touch a cache of this machine. So in the private root /etc/passwd lists one user, whose home is on the
 # demonstration's volume, and the definitions in use are those of the three tools. A file's status change time cannot be
@@ -44,7 +44,7 @@ make_user() {
   chown $demo_user:$demo_user "$home" "$work/sources"
 }
 
-# Others than root have become it in a user namespace, in which there is no second user.
+# A user namespace in which an ordinary user became root has no second user.
 is_root_of_machine() { [ "$(awk '{ print $3; exit }' /proc/self/uid_map)" -gt 1 ]; }
 
 as_demo() {
@@ -54,7 +54,7 @@ as_demo() {
 
 # --- the tools ---
 
-# Tables of noise: compressed, the results of compiling them are as large as they look.
+# Tables of random numbers, so that compression does not shrink the compiled results.
 use_ccache() {
   as_demo python3 - <<'PYTHON'
 import os, pathlib
@@ -92,7 +92,7 @@ build_wheels() {
     --wheel-dir wheels "./maps-1.0.tar.gz" "./voices-1.0.tar.gz"
 }
 
-# The names are those that file managers give: the checksum of the picture's address.
+# File managers name a thumbnail by the checksum of the picture's address.
 use_thumbnailer() {
   as_demo python3 - <<'PYTHON'
 import os, pathlib
@@ -128,7 +128,7 @@ clock_ahead() {
 }
 ahead() { env "${caches_clock[@]}" "$@"; }
 
-# As systemd does it: the sockets are there, and the first call on one of them starts the program.
+# Like systemd: the sockets are open, and the first call on one of them starts the program.
 start_ready_made_services() {
   local name sockets=() setting settings=()
   mkdir -p "$CONFIGURATION_DIRECTORY/caches.d"

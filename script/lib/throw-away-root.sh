@@ -1,4 +1,4 @@
-# Sourced by script/test-package and script/test-caches: a Debian in a folder, what is in it, and what has changed since.
+# Sourced by script/test-package and script/test-caches: makes a Debian system in a directory, and lists its changes.
 
 suite=bookworm
 trial=
@@ -14,8 +14,8 @@ go_inside_as_daemon() {
 inside() { (go_inside "$@"); }
 as_daemon() { (go_inside_as_daemon "$@"); }
 
-# make_root PACKAGE...: a Debian with all that the packages depend on and with an init, unpacked from the archive that is
-# made the first time.
+# make_root PACKAGE...: unpacks a Debian system with an init and all dependencies of the packages, from an archive that
+# the first call makes.
 make_root() {
   local needed archive
   needed=$(needed_by "$@")
@@ -32,7 +32,7 @@ make_root() {
   chmod 755 "$trial/usr/sbin/policy-rc.d"
 }
 
-# needed_by PACKAGE...: what the files depend on but for one another, separated by commas.
+# needed_by PACKAGE...: the dependencies of the files, except each other, separated by commas.
 needed_by() {
   local one names=()
   for one in "$@"; do names+=(-e "$(dpkg --field "$one" Package)"); done
@@ -58,7 +58,7 @@ remove_root() {
   rm -rf --one-file-system "$trial" "$lists"
 }
 
-# install_package PACKAGE...: several at once, as they need one another.
+# install_package PACKAGE...: installs all at once, because they depend on each other.
 install_package() {
   mkdir "$trial/packages"
   cp "$@" "$trial/packages"

@@ -8,7 +8,7 @@
 
 namespace kelvane::caches::tests {
 
-/// What `body` returns, from a child process of its own.
+/// Runs `body` in a child process and returns its result.
 inline std::string inChild(const std::function<std::string()>& body) {
   std::array<int, 2> ends{};
   if (::pipe(ends.data()) != 0) return "no pipe";

@@ -1,4 +1,4 @@
-// Files of other users. Needs root, to give them away.
+// Files of other users. Needs root to change their owners.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

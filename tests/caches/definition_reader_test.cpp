@@ -35,7 +35,7 @@ std::string listOf(std::size_t count, const std::string& entry) {
   return list + "]";
 }
 
-TEST(DefinitionReader, TakesEverythingThatADefinitionCanSay) {
+TEST(DefinitionReader, ReadsEveryKeyOfADefinition) {
   const DefinitionResult result = parseDefinition(R"([holder]
 name = "go-modules"
 kind = "units"
@@ -237,7 +237,7 @@ TEST(DefinitionReader, RefusesAgesThatAreMalformedTooShortOrTooLong) {
               ElementsAre("npm.toml:10: 4 is an integer: expected a string"));
 }
 
-TEST(DefinitionReader, RefusesUrgenciesThatAreNoneAndTablesThatAreEmptyOrMissing) {
+TEST(DefinitionReader, RefusesUnknownUrgenciesAndEmptyOrMissingTables) {
   for (const char* key : {"0", "5", "12", "high"}) {
     EXPECT_THAT(problemsOf(DefinitionText().urgency({{key, "\"1d\""}})),
                 ElementsAre("npm.toml:10: unknown key \"" + std::string(key) +
@@ -309,7 +309,7 @@ TEST(DefinitionReader, TheSystemsHoldersHaveNoHome) {
               ElementsAre(HasSubstr("is in a home, but the holder is the system's")));
 }
 
-TEST(DefinitionReader, TellsAllProblemsInTheOrderOfTheirLines) {
+TEST(DefinitionReader, ReportsAllProblemsInTheOrderOfTheirLines) {
   EXPECT_THAT(
       problemsOf(
           "[holder]\nname = 1\nkind = \"x\"\nfor = \"user\"\nclass = \"regenerable\"\nsummary = \"s\"\n"
@@ -318,7 +318,7 @@ TEST(DefinitionReader, TellsAllProblemsInTheOrderOfTheirLines) {
                   HasSubstr("npm.toml:10:"), HasSubstr("npm.toml:12:"), HasSubstr("npm.toml:13:")));
 }
 
-TEST(DefinitionReader, TellsAtMostTwentyProblems) {
+TEST(DefinitionReader, ReportsAtMostTwentyProblems) {
   DefinitionText text;
   for (int i = 0; i < 100; ++i) text.holder("unknown" + std::to_string(i), "1");
   EXPECT_THAT(problemsOf(text), SizeIs(20));

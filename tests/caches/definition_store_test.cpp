@@ -101,7 +101,7 @@ TEST_F(Store, AnyOtherLinkIsAProblemAndNeverBringsTheShippedOneBack) {
   }
 }
 
-TEST_F(Store, AWrongFileCostsItsHolderOnlyAndNeverFallsBack) {
+TEST_F(Store, AnInvalidFileDisablesItsHolderOnlyAndNeverFallsBack) {
   write("shipped/npm.toml", definition("npm"));
   write("shipped/apt.toml", definition("apt"));
   write("shipped/pip.toml", "nonsense");
@@ -139,12 +139,12 @@ TEST_F(Store, OnlyAnEmptyFileOfTheAdministratorsEnables) {
   EXPECT_THAT(read().problems, SizeIs(2));
 }
 
-TEST_F(Store, EnablingWhatIsNotThereIsAProblem) {
+TEST_F(Store, EnablingAnUnknownHolderIsAProblem) {
   write("own/nothing.enabled", "");
-  EXPECT_THAT(read().problems.at(0).text(), HasSubstr("there is no usable definition of this name"));
+  EXPECT_THAT(read().problems.at(0).text(), HasSubstr("no usable definition has this name"));
 }
 
-TEST_F(Store, OfDirectoriesThatAreNotThereIsEmpty) {
+TEST_F(Store, OfMissingDirectoriesIsEmpty) {
   const DefinitionStore store = readDefinitions({directory_ / "none", directory_ / "nothing"});
   EXPECT_THAT(store.definitions, IsEmpty());
   EXPECT_THAT(store.problems, IsEmpty());
@@ -155,7 +155,7 @@ TEST_F(Store, UsesNothingWhenADirectoryCannotBeTrusted) {
   ASSERT_EQ(::chmod((directory_ / "own").c_str(), 0777), 0);
   const DefinitionStore store = read();
   EXPECT_THAT(store.definitions, IsEmpty());
-  EXPECT_THAT(store.problems.at(0).text(), HasSubstr("others can write the directory"));
+  EXPECT_THAT(store.problems.at(0).text(), HasSubstr("other users can write to the directory"));
 }
 
 TEST_F(Store, UsesNothingWhenADirectoryIsALinkOrAFile) {

@@ -5,8 +5,7 @@
 
 namespace kelvane::caches::test {
 
-/// A definition's text, made of one that is right with some lines replaced. An empty value leaves the key
-/// out.
+/// The text of a valid definition with some lines replaced. An empty value omits the key.
 class DefinitionText {
  public:
   DefinitionText& holder(const std::string& key, const std::string& value) {

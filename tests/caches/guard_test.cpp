@@ -16,7 +16,7 @@
 namespace kelvane::caches::tests {
 namespace {
 
-/// Waits until it is so, for long enough on any machine.
+/// Waits until the condition holds, with a generous time limit.
 bool comesTrue(const std::function<bool()>& condition) {
   const auto given_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!condition() && std::chrono::steady_clock::now() < given_up) std::this_thread::yield();

@@ -1,6 +1,6 @@
 #pragma once
 
-// A file system whose program never answers: whoever asks it for anything waits until the program is gone.
+// A file system whose program never answers: every request waits until the program has ended.
 
 #include <fcntl.h>
 #include <linux/fuse.h>
@@ -12,7 +12,7 @@
 
 namespace kelvane::caches::tests {
 
-/// Only in a mount namespace of one's own. `owner` is the user who seems to have mounted it.
+/// Only in a private mount namespace. `owner` is the user that the mount options name.
 class HangingMount {
  public:
   explicit HangingMount(std::string path, uid_t owner = 0)
@@ -32,8 +32,8 @@ class HangingMount {
   HangingMount(const HangingMount&) = delete;
   HangingMount& operator=(const HangingMount&) = delete;
 
-  /// How many requests came until now. Takes them, and answers only the one with which the kernel greets the
-  /// program: whoever waits for another cannot even be killed any more.
+  /// The number of requests until now. Reads them, and answers only the kernel's first, FUSE_INIT: a process
+  /// that waits for another request cannot even be killed.
   [[nodiscard]] int requests() {
     alignas(fuse_in_header) char buffer[1 << 17];
     ssize_t length = 0;

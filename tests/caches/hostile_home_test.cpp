@@ -1,5 +1,5 @@
-// A user who does everything to lead the deletion out of the cache: directories are exchanged for links to
-// what must stay, files for FIFOs and sockets, while they are walked and purged.
+// A hostile user tries to lead the deletion out of the cache: during walks and purges, directories are
+// exchanged for links to what must stay, and files for FIFOs and sockets.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -66,7 +66,7 @@ class Attacker {
 
   [[nodiscard]] std::string at(const std::string& path) const { return home_ + "/" + path; }
 
-  /// Through no link, so that the attacker spares what must stay.
+  /// Follows no link, so that the attacker does not change what must stay.
   [[nodiscard]] FileDescriptor directory(const std::string& path) const {
     open_how how{};
     how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
@@ -75,7 +75,7 @@ class Attacker {
         static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, at(path).c_str(), &how, sizeof how)));
   }
 
-  /// Of a name in the cache and one in ~/links.
+  /// Exchanges a name in the cache with one in ~/links.
   void exchange(const fs::path& name, const fs::path& link) {
     const FileDescriptor parent = directory(name.parent_path());
     const FileDescriptor links = directory(link.parent_path());
@@ -189,7 +189,7 @@ class HostileHome : public Machine {
   HostileHome() {
     addUser(alice);
     addUser(bob);
-    // Part of what must stay is the attacker's own, so that no right of anybody protects it.
+    // The attacker owns part of what must stay, so that no permission protects it.
     fillPrecious(volume() + "/etc");
     fillPrecious(home(alice) + "/Documents");
     fillPrecious(home(bob) + "/.config");

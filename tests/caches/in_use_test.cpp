@@ -1,4 +1,4 @@
-// Whether the program whose cache it is runs.
+// Whether the program that owns a cache is running.
 
 #include "caches/in_use.h"
 
@@ -25,7 +25,7 @@ std::string host() {
   return names.nodename;
 }
 
-/// A child of this name, and perhaps another user's, that lives as long as this.
+/// A child with this name, optionally of another user, that lives as long as this.
 class NamedProcess {
  public:
   explicit NamedProcess(const char* name, uid_t user = ::geteuid()) {

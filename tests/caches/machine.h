@@ -28,7 +28,7 @@ inline constexpr uid_t carol = 61'003;
 /// Files in ~/.cache/pip.
 [[nodiscard]] Definition pip();
 
-/// Everything about all files at and below a path: to be compared.
+/// All properties of the files at and below a path, for comparison.
 [[nodiscard]] std::map<std::string, std::string> describeTree(const std::string& path);
 
 [[nodiscard]] client::CacheLimits limits(std::chrono::milliseconds time = std::chrono::seconds(60));
@@ -41,14 +41,14 @@ class Machine : public testing::Test {
   /// Where the homes are, and a volume of its own.
   [[nodiscard]] const std::string& volume() const { return directory_.path(); }
   [[nodiscard]] std::string home(uid_t user) const;
-  /// The user's home is there, empty, on the volume. Without a home given, it has the default one.
+  /// Adds a user with an empty home on the volume, or with an existing `home_directory`.
   void addUser(uid_t user, const std::string& home_directory = {});
-  /// Owned by the user, as is every directory on the way to it below the home. At most `ahead` old.
+  /// The user owns it, and every directory above it below the home. At most `ahead` old.
   void addFile(uid_t user, const std::string& path, std::size_t bytes, std::time_t age) const;
   void addText(uid_t user, const std::string& path, const std::string& text) const;
   [[nodiscard]] bool has(uid_t user, const std::string& path) const;
 
-  /// Once the users are there.
+  /// To be called after the users have been added.
   void start(std::vector<Definition> definitions,
              std::function<void(const Job& job, int socket)> before_work = {});
   [[nodiscard]] WorkerSettings settings() const;
@@ -71,7 +71,7 @@ class Machine : public testing::Test {
   std::string passwd_;
 };
 
-/// Makes a file whose times say it is that old.
+/// Makes a file of that age.
 void makeFile(const std::string& path, std::size_t bytes, std::time_t age);
 
 }  // namespace kelvane::caches::tests

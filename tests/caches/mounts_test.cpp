@@ -1,4 +1,4 @@
-// Directories that are opened without waiting for what is behind a mount.
+// Opening directories without waiting for a mounted file system.
 
 #include "caches/mounts.h"
 
@@ -67,7 +67,7 @@ TEST(Directory, OfAnAutomountIsNotLookedUp) {
   EXPECT_THAT(openDirectory(Mounts(table), directory / "home/alice", Links::refused).reason,
               HasSubstr("autofs"));
   EXPECT_THAT(Mounts(table).refusal(directory / "home"), HasSubstr("autofs"));
-  // Once it is mounted, what is on top counts.
+  // The topmost mount counts.
   automount.type = "ext4";
   table.push_back(automount);
   EXPECT_EQ(Mounts(table).refusal(directory / "home/alice"), "");

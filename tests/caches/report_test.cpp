@@ -1,4 +1,4 @@
-// A worker's report, which may be anything that its user wants to say.
+// A worker's report, which its user can forge.
 
 #include "caches/report.h"
 
@@ -23,7 +23,7 @@ RootReport rootReport() {
   RootReport root;
   root.path = "/home/alice/.cache/pip";
   root.volume = "/home";
-  root.user = 0;  // whatever it says, the job knows better
+  root.user = 0;  // ignored: the job has the user
   root.survey.taken_at = now + 5;
   root.survey.at_urgency[2] = {4096, 2};
   root.survey.newest_at_urgency[2] = now - 7;
@@ -142,7 +142,7 @@ TEST_F(Report, WithWrongSizesIsRefused) {
   EXPECT_FALSE(take(read, whole + "x"));
 }
 
-TEST_F(Report, WithPathsThatAreNoneIsRefused) {
+TEST_F(Report, WithInvalidPathsIsRefused) {
   RootReport root = rootReport();
   root.path = "relative";
   ReportReader read = reader();
@@ -169,7 +169,7 @@ TEST_F(Report, EndsOnce) {
 
 TEST_F(Report, HasItemsOnlyWhenTheyWereAskedFor) {
   const std::string name("caf\xe9 \x1b[2J",
-                         9);  // neither UTF-8 nor harmless on a terminal: bytes all the same
+                         9);  // not UTF-8, with control characters; bytes are kept
   EXPECT_TRUE(writer_.item({7, 8}, {name, 512, now}));
   EXPECT_TRUE(writer_.item({7, 8}, {"http/b", 1024, now - 1}));
   writer_.end(true, "");
@@ -205,14 +205,14 @@ TEST_F(Report, OfItemsThatReachOutsideTheMessageIsRefused) {
   }
 }
 
-TEST_F(Report, OfRandomBytesNeverLeadsAstray) {
+TEST_F(Report, OfRandomBytesIsRefusedOrBounded) {
   kelvane::test::RandomChoices choices(20'260);
   const std::string whole = rootMessage(rootReport());
   const std::uint64_t count = kelvane::test::numberFromEnvironment("KELVANE_REPORT_MUTATIONS", 20'000);
   std::uint64_t taken = 0;
   for (std::uint64_t i = 0; i < count; ++i) {
     std::string message = whole;
-    // Mostly in what steers: the head, and the lengths behind the figures.
+    // Mostly in the fields that are interpreted: the head, and the lengths after the figures.
     const std::size_t from = choices.oneIn(2) ? 0 : message.size() - 9000;
     for (int changes = 0; changes < 4; ++changes) {
       message[from + choices.below(std::min<std::size_t>(400, message.size() - from))] =

@@ -1,4 +1,4 @@
-// From a root as it is written to directories.
+// Expansion of written roots to directories.
 
 #include "caches/roots.h"
 
@@ -53,20 +53,20 @@ TEST_F(Roots, BeginAtTheHomeOrAtTheCacheDirectoryOfTheUser) {
   EXPECT_THAT(paths("${XDG_CACHE_HOME}/pip"), ElementsAre(home_ / ".cache/pip"));
 }
 
-TEST_F(Roots, ThatAreNotThereAreNone) {
+TEST_F(Roots, ThatDoNotExistAreLeftOut) {
   write(home_ / ".cache/file", "x");
   EXPECT_THAT(expand("~/.cache/npm"), IsEmpty());
   EXPECT_THAT(expand("~/.cache/file"), IsEmpty());
   EXPECT_THAT(expand("~/.cache/file/below"), IsEmpty());
 }
 
-TEST_F(Roots, ThatLeadAstrayAreRefused) {
+TEST_F(Roots, ThatLeaveTheAllowedPlacesAreRefused) {
   EXPECT_THAT(reason("${EDITOR}/x"), HasSubstr("unknown variable"));
-  EXPECT_THAT(reason("~/${EDITOR}/x"), HasSubstr("cannot be a root"));
-  EXPECT_THAT(reason("~/.cache/../.ssh"), HasSubstr("cannot be a root"));
+  EXPECT_THAT(reason("~/${EDITOR}/x"), HasSubstr("invalid root"));
+  EXPECT_THAT(reason("~/.cache/../.ssh"), HasSubstr("invalid root"));
   EXPECT_THAT(reason("relative"), HasSubstr("neither absolute nor"));
   EXPECT_THAT(reason("/etc"), HasSubstr("outside the home"));
-  EXPECT_THAT(reason("~/"), HasSubstr("cannot be a root"));
+  EXPECT_THAT(reason("~/"), HasSubstr("invalid root"));
 }
 
 TEST_F(Roots, MatchWildcardsAndRememberTheFirst) {
@@ -110,7 +110,7 @@ TEST_F(Roots, AreNotBehindAMountInTheHome) {
   EXPECT_EQ(hanging.requests(), 0);
 }
 
-TEST_F(Roots, OfTheSystemMayBeOnAnyLocalVolumeButNoMountThemselves) {
+TEST_F(Roots, OfTheSystemMayBeOnAnyLocalVolumeButNotMountPoints) {
   fs::create_directories(home_ / "var");
   const PrivateMount var = PrivateMount::tmpfs(home_ / "var", "1m");
   fs::create_directories(home_ / "var/cache/fonts");
@@ -125,7 +125,7 @@ TEST_F(Roots, OfTheSystemMayBeOnAnyLocalVolumeButNoMountThemselves) {
   EXPECT_THAT(expandRoot(base, "~/x").front().reason, HasSubstr("no home"));
 }
 
-TEST_F(Roots, ThatAreOneDirectoryCountOnceAndThoseInsideOthersAreLeftOut) {
+TEST_F(Roots, ThatAreTheSameDirectoryCountOnceAndInnerOnesAreLeftOut) {
   fs::create_directories(home_ / ".cache/pip/http");
   std::vector<Root> roots = expand("~/.cache/pip/http");
   for (const char* const written : {"~/.cache/pip", "${XDG_CACHE_HOME}/pip", "~/.cache/*"}) {

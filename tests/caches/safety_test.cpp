@@ -41,7 +41,7 @@ Definition unitDefinition(std::vector<std::string> include) {
   definition.cache_class = CacheClass::personal;
   return definition;
 }
-/// What is said of a path below ~, or of an absolute one of the system's; empty: it is allowed.
+/// The refusal of a path below ~, or of an absolute one of the system; empty when it is allowed.
 std::string of(const std::string& path, const Definition& definition) {
   const bool in_home = definition.owner == Owner::user && path.front() != '/';
   return refusal(in_home ? home + "/" + path : path, definition, home).value_or("");
@@ -110,7 +110,7 @@ TEST(Safety, RefusesUnknownDirectoriesOfAHome) {
   }
 }
 
-TEST(Safety, RefusesDirectoriesOfTheSystemThatAreNoCaches) {
+TEST(Safety, RefusesDirectoriesOfTheSystemThatAreNotCaches) {
   for (const char* path : {"/", "/etc/x", "/usr/share/x", "/var", "/var/cache", "/var/lib", "/var/lib/dpkg",
                            "/var/tmp", "/tmp", "/var/log/journal/x", "/var/log/audit", "/var/cache/debconf",
                            "/var/cache/private/x", "/var/lib/apt", "/boot", "/home/alice/.cache/npm",
@@ -262,7 +262,7 @@ TEST(SafetyAsWritten, ReadsVariablesAndWildcards) {
   }
 }
 
-// Written here once more, so that a name that is lost from the list of the code is found.
+// Repeated here, so that a name that is lost from the code's list is detected.
 const std::vector<std::string> never = {"Documents", "Pictures",       "Desktop",
                                         "Downloads", "Music",          "Videos",
                                         "Public",    "Templates",      "Dokumente",

@@ -1,7 +1,7 @@
 #pragma once
 
-// What systemd does to the service before it starts: few capabilities, no new privileges, and system calls
-// that fail with EPERM.
+// The restrictions of the service's unit: few capabilities, no new privileges, and system calls that fail
+// with EPERM.
 
 #include <string>
 
@@ -9,7 +9,7 @@ namespace kelvane::caches::tests {
 
 enum class Capset { allowed, refused };
 
-/// Of the calling process, for good. Returns what failed.
+/// Restricts the calling process for good. Returns what failed.
 [[nodiscard]] std::string enterSandbox(Capset capset);
 
 }  // namespace kelvane::caches::tests

@@ -1,4 +1,4 @@
-// Workers of a service that systemd has put into its sandbox.
+// Workers of a service in systemd's sandbox.
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>

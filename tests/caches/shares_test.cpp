@@ -1,4 +1,4 @@
-// How an amount is shared out among the directories of several users.
+// How an amount is divided among the directories of several users.
 
 #include "caches/shares.h"
 
@@ -17,7 +17,7 @@ using testing::Le;
 constexpr std::int64_t now = 1'700'000'000;
 constexpr std::int64_t day = 86'400;
 
-/// Of directories in which everything older than `oldest_kept` days may go at urgency 3.
+/// A survey of a directory in which everything older than `oldest_kept` days may go at urgency 3.
 client::CacheSurvey surveyOf(const std::vector<std::pair<std::int64_t, std::uint64_t>>& days_and_bytes,
                              std::int64_t oldest_kept = 0) {
   client::CacheSurvey survey;

@@ -1,4 +1,4 @@
-// The definitions that are shipped, as they are shipped.
+// The shipped definitions.
 
 #include <gmock/gmock.h>
 
@@ -89,8 +89,8 @@ TEST_P(Shipped, HasTheAgesThatTheTableSays) {
   EXPECT_THAT(contentOf(CACHES_PAGE), testing::HasSubstr("\n" + row));
 }
 
-TEST_P(Shipped, AsksNothingOfAMachineThatNeedsNoSpace) {
-  // Urgency 1 is asked for first and often: only what nobody has looked at for months.
+TEST_P(Shipped, GivesNothingRecentAtUrgencyOne) {
+  // Urgency 1 is asked for first and often, so only files that were not used for months may go.
   const auto age = definition().rules.ages[0];
   EXPECT_TRUE(!age || *age >= std::chrono::hours(24 * 90));
 }

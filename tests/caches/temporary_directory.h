@@ -11,7 +11,7 @@
 
 namespace kelvane::caches::tests {
 
-/// A directory that everybody may enter, for as long as this lives.
+/// A directory that all users may enter; removed with this object.
 class TemporaryDirectory {
  public:
   TemporaryDirectory() {
@@ -39,7 +39,7 @@ inline void write(const std::string& path, const std::string& text) {
   std::ofstream(path) << text;
 }
 
-/// Everything at and below the path becomes the user's.
+/// Gives everything at and below the path to the user.
 inline void giveTo(uid_t user, const std::string& path) {
   ::lchown(path.c_str(), user, user);
   for (const auto& entry : std::filesystem::recursive_directory_iterator(path)) {

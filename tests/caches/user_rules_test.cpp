@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 
 constexpr auto day = 24h;
 
-/// A home with a file of rules; the holder is "npm".
+/// A home with a rules file; the holder is "npm".
 class UserRules : public testing::Test {
  protected:
   UserRules() {

@@ -1,4 +1,4 @@
-// Which users of the machine are looked at.
+// Which users of the machine are considered.
 
 #include "caches/users.h"
 
@@ -58,7 +58,7 @@ TEST(User, HasTheGroupAndHomeOfItsLine) {
   EXPECT_EQ(userIn(directory / "passwd", 7, 77).group, 77U);
 }
 
-TEST(Home, IsFaultyWhenItIsNotAUsersOwn) {
+TEST(Home, IsRefusedWhenItIsNotAUsersOwn) {
   for (const char* const home :
        {"", "/", "/nonexistent", "relative/home", "/home/../etc", "/home/.", "/dev/null"}) {
     EXPECT_NE(faultOfHome(home), "") << home;

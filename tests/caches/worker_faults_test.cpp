@@ -1,4 +1,4 @@
-// Workers that hang, lie, are killed, or are no longer wanted.
+// Workers that hang, send false reports, are killed, or are no longer needed.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -29,7 +29,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr std::size_t block = 4096;
-/// Time for the others to come through while one does not.
+/// Time for the others to finish while one hangs.
 constexpr milliseconds short_time(1500);
 
 [[noreturn]] void hang() {
@@ -44,7 +44,7 @@ class WorkerFaults : public Machine {
       addFile(user, ".cache/pip/old", block, 50 * day);
     }
   }
-  /// Bob's workers do this instead of their work, unless the file is there: for now they are well.
+  /// Bob's workers do this instead of their work, unless the file exists.
   void startWithFaultOfBob(const std::function<void(int socket)>& fault) {
     start({pip()}, [fault, well = volume() + "/well"](const Job& job, int socket) {
       if (job.user.id == bob && ::access(well.c_str(), F_OK) != 0) fault(socket);
@@ -112,7 +112,7 @@ TEST_F(WorkerFaults, OfALiarAreBelievedOnlyWithinReason) {
   EXPECT_LE(purge.freed(), (std::uint64_t{256} << 20) + block);
 }
 
-TEST_F(WorkerFaults, OfAWorkerThatTalksNonsenseOrWithoutEnd) {
+TEST_F(WorkerFaults, OfAWorkerThatSendsMalformedOrEndlessReports) {
   startWithFaultOfBob([](int socket) { ::send(socket, "nonsense", 8, 0); });
   EXPECT_THAT(reasonOf(bob, survey()), HasSubstr("malformed"));
   startWithFaultOfBob([](int socket) {
@@ -137,13 +137,12 @@ TEST_F(WorkerFaults, ThatCannotBeKilledKeepTheirUserOutUntilTheyAreGone) {
   auto hanging = std::make_unique<HangingMount>(volume() + "/remote");
   startWithFaultOfBob([remote = volume() + "/remote/x"](int) { ::open(remote.c_str(), O_RDONLY); });
   std::atomic<bool> over = false;
-  std::thread program(
-      [&] {  // takes the request, so that the worker waits for its answer and for nothing else
-        while (!over) {
-          static_cast<void>(hanging->requests());
-          std::this_thread::yield();
-        }
-      });
+  std::thread program([&] {  // reads the request, so that the worker waits for its answer only
+    while (!over) {
+      static_cast<void>(hanging->requests());
+      std::this_thread::yield();
+    }
+  });
   EXPECT_THAT(reasonOf(bob, surveyFor(short_time)), HasSubstr("did not answer in time"));
   over = true;
   program.join();
@@ -161,7 +160,7 @@ TEST_F(WorkerFaults, ThatCannotBeKilledKeepTheirUserOutUntilTheyAreGone) {
   EXPECT_EQ(bytes, 2 * block);
 }
 
-TEST_F(WorkerFaults, AreNoReasonToWaitOnceTheWorkIsCancelled) {
+TEST_F(WorkerFaults, AreNotWaitedForOnceTheWorkIsCancelled) {
   startWithFaultOfBob([](int) { hang(); });
   const auto flag = std::make_shared<std::atomic<bool>>(false);
   const client::CacheLimits cancelled{client::Cancellation(flag),
@@ -188,7 +187,7 @@ TEST_F(WorkerFaults, DoNotOutliveTheMainProcess) {
     });
     const pid_t self = ::getpid();
     std::thread murderer([&] {
-      std::this_thread::sleep_for(milliseconds(300));  // by then workers hang; sooner is as good
+      std::this_thread::sleep_for(milliseconds(300));  // workers hang by then; earlier does not matter
       ::kill(self, SIGKILL);
     });
     static_cast<void>(survey());
@@ -197,7 +196,7 @@ TEST_F(WorkerFaults, DoNotOutliveTheMainProcess) {
   int status = 0;
   ASSERT_EQ(::waitpid(main_process, &status, 0), main_process);
   EXPECT_EQ(WTERMSIG(status), SIGKILL);
-  // Its children are this process's now, and all come to an end.
+  // Its children are now children of this process, and all of them must end.
   int ended = 0;
   while (::waitpid(-1, &status, 0) > 0) ++ended;
   EXPECT_EQ(errno, ECHILD);
@@ -207,13 +206,13 @@ TEST_F(WorkerFaults, DoNotOutliveTheMainProcess) {
   ::close(hanging[1]);
 }
 
-TEST_F(WorkerFaults, AreNoConcernOfMoreThanSixteenAtOnce) {
+TEST_F(WorkerFaults, NeverMakeMoreThanSixteenRunAtOnce) {
   for (uid_t user = 61'100; user < 61'140; ++user) addUser(user);
   const std::string counters = volume() + "/counters";
   fs::create_directories(counters);
   fs::permissions(counters, fs::perms::all);
   start({pip()}, [counters](const Job& job, int) {
-    // Present while it runs, and for a moment longer than it takes to start the next.
+    // Exists while it runs, and for a moment longer than the next start takes.
     const std::string own = counters + "/" + std::to_string(job.user.id);
     ::mkdir(own.c_str(), 0700);
     int present = 0;

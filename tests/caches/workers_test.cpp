@@ -1,4 +1,4 @@
-// Work on a holder for every user, each in a process of that user's.
+// Surveys and purges of a holder for every user, each in a process of that user.
 
 #include "caches/workers.h"
 
@@ -197,7 +197,7 @@ TEST_F(WorkersTest, DoesASystemHoldersWorkAsTheOwnerOfEachRoot) {
   EXPECT_FALSE(fs::exists("/var/cache/man/page"));
 }
 
-TEST_F(WorkersTest, SaysWhyNothingCanBeHadOfAHolder) {
+TEST_F(WorkersTest, SaysWhyAHolderGivesNothing) {
   Definition off = pip();
   off.enabled = false;
   start({off});

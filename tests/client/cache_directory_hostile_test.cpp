@@ -1,5 +1,5 @@
-// Somebody changes the cache while it is purged: at every system call, and at random. A tree beside it, of
-// the same user and as old, stays as it is.
+// An attacker changes the cache while it is purged: at every system call, and at random. A tree beside it, of
+// the same user and age, must stay unchanged.
 //
 //   KELVANE_ATTACKS=1000000 cache_directory_hostile_test --gtest_filter='*Random*'
 
@@ -29,7 +29,7 @@ using client::CacheRules;
 const bool private_mounts = enterPrivateMounts();
 const bool a_year_ahead = advanceAYear();
 
-/// A cache, and beside it a tree that looks just like it.
+/// A cache, and beside it a tree with the same content.
 class AttackedCache {
  public:
   explicit AttackedCache(bool units) {
@@ -141,7 +141,7 @@ class ACacheUnderRandomAttack : public testing::TestWithParam<bool> {};
 INSTANTIATE_TEST_SUITE_P(, ACacheUnderRandomAttack, testing::Bool(),
                          [](const auto& units) { return units.param ? "OfUnits" : "OfFiles"; });
 
-/// Reaches what is in the cache through no link, so that only the purge could do harm to the tree beside.
+/// Follows no link in the cache, so that only the purge could damage the tree beside it.
 class Attacker {
  public:
   explicit Attacker(const AttackedCache& cache) : cache_(cache) {}

@@ -19,7 +19,7 @@ using client::CacheLock;
 using client::CacheStay;
 using testing::ElementsAre;
 
-/// Another process that holds something until this ends.
+/// Another process that holds a lock or a file until this object is destroyed.
 class Holder {
  public:
   explicit Holder(const std::function<bool()>& hold) {
@@ -112,7 +112,7 @@ TEST_F(ALockedCache, GoesWhereThereIsNoLockFileAndNoneIsMade) {
   EXPECT_FALSE(cache_.exists("none"));
 }
 
-TEST_F(ALockedCache, StaysWhereTheLockIsALinkOrNoFile) {
+TEST_F(ALockedCache, StaysWhereTheLockIsALinkOrNotAFile) {
   fs::rename(cache_.outside("lock"), cache_.outside("real"));
   fs::create_symlink("real", cache_.outside("lock"));
   EXPECT_EQ(goes(CacheLock::Kind::flock), 0U);

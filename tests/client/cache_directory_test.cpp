@@ -30,7 +30,7 @@ const bool a_year_ahead = advanceAYear();
 
 class ACache : public testing::Test {
  protected:
-  /// Purges, and expects that what was named before is what goes, and that both count alike.
+  /// Purges, and expects that exactly the listed files go, with the same figures.
   CachePurge purgeAsListed(const CacheRules& rules, int urgency = 4, AgeCut cut = all_ages,
                            std::uint64_t amount = everything) {
     const auto before = cache_.files();
@@ -97,7 +97,7 @@ TEST_F(ACache, GivesUpTheOldestAsFarAsTheAmountNeeds) {
   EXPECT_THAT(cache_.files(), ElementsAre("100", "60", "80"));
 }
 
-TEST_F(ACache, HasAgesThatBelongToTheirBucketsOverAllItsRange) {
+TEST_F(ACache, HasAgesInTheirBucketsOverTheWholeRange) {
   const std::uint64_t bytes = cache_.add("a", 250 * day) + cache_.add("b", 249 * day);
   const CacheSurvey survey = cache_.survey(rules_);
   EXPECT_EQ(survey.cut(1, 1).newest, INT64_MIN) << "nothing may go";
@@ -234,7 +234,7 @@ TEST_F(ACache, MayConsistOfTaggedDirectoriesOnly) {
   EXPECT_TRUE(cache_.exists("tagged/CACHEDIR.TAG")) << "what is younger must be able to go later";
 }
 
-TEST_F(ACache, LeavesWhatIsNoFileAndWhatBelongsToOthers) {
+TEST_F(ACache, LeavesWhatIsNotAFileAndWhatBelongsToOthers) {
   cache_.add("theirs");
   fs::create_symlink(cache_.root(), cache_.path("link"));
   ASSERT_EQ(::mkfifo(cache_.path("pipe").c_str(), 0600), 0);
@@ -279,7 +279,7 @@ TEST_F(ACache, CannotBeOpenedWhereItIsALinkAMountPointOrNotThere) {
   EXPECT_TRUE(CacheDirectory::open(cache_.root(), rules_));
 }
 
-TEST_F(ACache, CannotBeOpenedWithRulesThatCannotBe) {
+TEST_F(ACache, CannotBeOpenedWithInvalidRules) {
   EXPECT_FALSE(CacheDirectory::open(cache_.root(), CacheRules{})) << "no age";
   const auto refused = [&](const std::function<void(CacheRules&)>& change) {
     CacheRules rules = rules_;

@@ -201,7 +201,7 @@ TEST_F(ACacheOfUnits, MayBeTaggedOnesOnly) {
   EXPECT_TRUE(cache_.exists("work/java/target/a"));
 }
 
-/// What inotify tells of a directory and those in it, in order.
+/// The inotify events of a directory and those in it, in order.
 class Events {
  public:
   explicit Events(const std::vector<std::string>& directories) {

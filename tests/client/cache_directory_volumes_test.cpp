@@ -1,5 +1,5 @@
-// Real file systems in image files: what is claimed is what the volume measures. Needs to be root, for the
-// loop devices.
+// Real file systems in image files: the figures must match the free space of the volume. Needs root for loop
+// devices.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -54,7 +54,7 @@ void expectWithinOnePercent(std::uint64_t claimed, std::uint64_t measured) {
 
 class OnABlockDevice : public testing::TestWithParam<const char*> {
  protected:
-  /// Files of many sizes, with names elsewhere and here, and holes.
+  /// Files of many sizes, with several names inside and outside, and with holes.
   static void fill(const CacheTree& cache, const std::string& in) {
     for (int file = 0; file < 120; ++file) {
       const std::string name = in + "/" + std::to_string(file % 7) + "/" + std::to_string(file);
@@ -139,7 +139,7 @@ TEST_P(OnABlockDevice, GivesUpMoreDirectoriesThanNamesAreKept) {
   const OwnVolume volume(GetParam(), 320 * mebibyte);
   const std::string root = volume.path() + "/many";
   fs::create_directory(root);
-  constexpr int directories = 10'000;  // of names that take twice as much as is kept
+  constexpr int directories = 10'000;  // their names take twice the memory limit
   for (int number = 0; number < directories; ++number)
     ASSERT_EQ(::mkdir((root + "/" + std::to_string(number) + std::string(200, 'n')).c_str(), 0700), 0);
   const auto purged = client::purgeFolder(root, {.empty_folders = true},

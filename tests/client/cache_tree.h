@@ -1,7 +1,7 @@
 #pragma once
 
-// A cache directory in which a test puts files of any age. The library's clock is a year ahead in these
-// programs, because the time of a status change cannot be set: files are made "old" by that.
+// A cache directory in which a test makes files of any age. The library's clock is a year ahead in these
+// programs, because the time of a status change cannot be set.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -65,7 +65,7 @@ class CacheTree {
   }
   [[nodiscard]] const test::TemporaryDirectory& directory() const { return directory_; }
 
-  /// Last touched so many seconds ago; returns the bytes that it takes.
+  /// Makes a file of that age in seconds; returns the bytes that it takes.
   std::uint64_t add(const std::string& name, std::int64_t age = 300 * day, std::size_t bytes = 8192) const {
     directory_.write("cache/" + name, std::string(bytes, 'x'));
     setAge(name, age);
@@ -95,7 +95,7 @@ class CacheTree {
                                          std::uint64_t amount = everything) const {
     return open(rules)->purge(urgency, cut, amount, limits());
   }
-  /// What would go, sorted.
+  /// The files that would go, sorted.
   [[nodiscard]] std::vector<std::string> list(const client::CacheRules& rules, int urgency = 4,
                                               client::AgeCut cut = all_ages,
                                               std::uint64_t amount = everything) const {
@@ -107,12 +107,12 @@ class CacheTree {
     std::sort(names.begin(), names.end());
     return names;
   }
-  /// What the last list said.
+  /// The result of the last list.
   [[nodiscard]] const client::CachePurge& listed() const { return listed_; }
   [[nodiscard]] client::CacheLimits limits() const {
     return {client::Cancellation(cancelled), std::chrono::steady_clock::time_point::max()};
   }
-  /// All regular files that are there, sorted.
+  /// All existing regular files, sorted.
   [[nodiscard]] std::vector<std::string> files() const {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(root())) {

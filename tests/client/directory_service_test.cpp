@@ -1,4 +1,4 @@
-// The ready-made service for cache directories, on real volumes in a mount namespace of this program's own.
+// The ready-made service for cache directories, on real volumes in a private mount namespace.
 
 #include "kelvane/directory_service.h"
 
@@ -64,8 +64,8 @@ class ADirectoryService : public testing::Test {
     }
     return service ? "it started" : service.error().reason;
   }
-  /// A file of a page that will be so many hours old once `pass` has let `oldest` pass. Only the time of the
-  /// last access can be in the future.
+  /// A file of one page that will be `hours` old once `pass` has moved the clock by `oldest`. Only the time
+  /// of the last access can be in the future.
   static void add(const std::string& path, std::int64_t age) {
     writeNew(path);
     const std::int64_t accessed = client::cacheTime() + (oldest - age) * hour;
@@ -144,7 +144,7 @@ TEST_F(ADirectoryService, PurgesNothingThatIsTooYoungForTheUrgency) {
   EXPECT_TRUE(fs::exists(a_ + "/one/new"));
 }
 
-TEST_F(ADirectoryService, TellsAfterEachPurgeWhatItDid) {
+TEST_F(ADirectoryService, ReportsWhatEachPurgeDid) {
   std::vector<CachePurge> told;
   std::vector<std::string> volumes;
   options_.purged = [&](const Request& request, const CachePurge& purge) {
@@ -191,7 +191,8 @@ TEST_F(ADirectoryService, LeavesWhatIsThereWhenALinkTookThePlaceOfItsDirectory) 
   EXPECT_TRUE(fs::exists(a_ + "/precious/old"));
 }
 
-/// The attacker may write beside the directory, and gives its name to a link into another volume and back.
+/// The attacker may write in the parent directory, and exchanges the directory with a link into another
+/// volume.
 TEST_F(ADirectoryService, TouchesNoOtherVolumeHoweverOftenItsDirectoryIsSwapped) {
   add(b_ + "/two/precious", 90);
   for (int i = 0; i < 200; ++i) add(a_ + "/one/" + std::to_string(i), 50);

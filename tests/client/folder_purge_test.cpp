@@ -288,7 +288,7 @@ TEST_P(AFolder, MayBeTenThousandFoldersDeep) {
 TEST_P(AFolder, MayHaveMoreFoldersThanNamesAreKept) {
   ASSERT_TRUE(private_mounts) << "this machine allows no mount namespace of one's own";
   const PrivateMount volume = PrivateMount::tmpfs(folder(), "64m");
-  constexpr int folders = 10'000;  // of names that take twice as much as is kept
+  constexpr int folders = 10'000;  // their names take twice the memory limit
   for (int number = 0; number < folders; ++number) {
     const std::string name = path(std::to_string(number) + std::string(200, 'n'));
     ASSERT_EQ(::mkdir(name.c_str(), 0700), 0);

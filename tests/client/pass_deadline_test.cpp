@@ -1,4 +1,4 @@
-// Until when a purge is to be answered: 70 % of its pass, however often the service is asked in it.
+// The deadline of a purge: 70 % of its pass, however often the service is asked in it.
 
 #include "client/pass_deadline.h"
 
@@ -82,7 +82,7 @@ TEST_F(APass, IsAnotherOneWhenTheVolumeBeganWithOtherFreeSpaceOrTheTokenIsAnothe
   EXPECT_EQ(left(1, third), milliseconds(1400));
 }
 
-/// The daemon asks again only who gave all that was asked for.
+/// The daemon asks a service again only if it gave all that was asked for.
 TEST_F(APass, IsAnotherOneAfterAnAnswerThatGaveTooLittle) {
   EXPECT_EQ(left(1, info()), milliseconds(1400));
   pass(seconds(1));

@@ -1,4 +1,4 @@
-// A purge and a count that come back at their deadline, with what was done until then.
+// A purge and a count that return at their deadline, with what was done until then.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ using client::FolderPurgeOptions;
 using client::PurgeEnd;
 using client::PurgeOrder;
 
-/// Goes on by a second whenever somebody looks.
+/// A clock that advances by a second at each reading.
 class ClockThatIsLookedAt final : public Clock {
  public:
   ClockThatIsLookedAt() { install(this); }

@@ -1,4 +1,4 @@
-// When a service is idle, and how a program may end then without losing a call.
+// When a service is idle, and how a program can then end without losing a call.
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -21,7 +21,7 @@ using client::Request;
 using client::Service;
 using client::ServiceOptions;
 
-/// A purge lasts until it is told to go on.
+/// A purge lasts until the test releases it.
 class Busy final : public client::ServiceHandler {
  public:
   std::optional<Purgeable> purgeable(const Request& /*request*/,
@@ -49,7 +49,7 @@ class AnIdleService : public testing::Test {
     daemon_.ask("serve " + socket_);
   }
   [[nodiscard]] bool isIdle() const { return service_->idleSince().has_value(); }
-  /// A connection's end is seen a moment after it was closed.
+  /// The end of a connection is noticed a moment after it was closed.
   void awaitIdle() const {
     while (!isIdle()) std::this_thread::yield();
   }
@@ -69,7 +69,7 @@ class AnIdleService : public testing::Test {
   std::unique_ptr<Service> service_;
 };
 
-TEST_F(AnIdleService, HasBeenSoSinceItsStartAndThenSinceItsLastCall) {
+TEST_F(AnIdleService, IsIdleSinceItsStartOrItsLastCall) {
   awaitIdle();
   const auto start = *service_->idleSince();
   EXPECT_EQ(daemon_.ask("purgeable - 2"), "7");
@@ -78,7 +78,7 @@ TEST_F(AnIdleService, HasBeenSoSinceItsStartAndThenSinceItsLastCall) {
   EXPECT_LE(*service_->idleSince(), std::chrono::steady_clock::now());
 }
 
-TEST_F(AnIdleService, IsNoneWhileACallRunsAlsoWhenItsConnectionHasEnded) {
+TEST_F(AnIdleService, IsNotIdleWhileACallRunsEvenAfterItsConnectionHasEnded) {
   daemon_.tell("hang-up-purge - 2 50");
   handler_.events.await("purge");
   daemon_.await("hang-up-purge - 2 50: ok");
@@ -89,7 +89,7 @@ TEST_F(AnIdleService, IsNoneWhileACallRunsAlsoWhenItsConnectionHasEnded) {
   EXPECT_TRUE(service_->pauseIfIdle());
 }
 
-TEST_F(AnIdleService, IsNoneWhileAConnectionIsOpenThatAsksNothing) {
+TEST_F(AnIdleService, IsNotIdleWhileASilentConnectionIsOpen) {
   awaitIdle();
   FileDescriptor connection = connected();
   while (isIdle()) std::this_thread::yield();  // until it is accepted
@@ -102,7 +102,7 @@ TEST_F(AnIdleService, AcceptsNothingWhileItIsPausedAndEverythingAfterwards) {
   awaitIdle();
   ASSERT_TRUE(service_->pauseIfIdle());
   daemon_.tell("purgeable - 2");
-  const FileDescriptor connection = connected();  // both wait in the socket now, or will
+  const FileDescriptor connection = connected();  // both wait in the socket, now or soon
   EXPECT_TRUE(service_->pauseIfIdle()) << "it is paused already";
   EXPECT_TRUE(isIdle());
   service_->resume();
@@ -110,7 +110,7 @@ TEST_F(AnIdleService, AcceptsNothingWhileItIsPausedAndEverythingAfterwards) {
   EXPECT_FALSE(isIdle());
 }
 
-/// Whoever asks all the time finds it idle now and then; no call must fall between the looks.
+/// A program that polls finds it idle now and then; no call may get lost between the polls.
 TEST_F(AnIdleService, LosesNoCallHoweverOftenItIsPaused) {
   std::atomic<bool> done = false;
   std::size_t pauses = 0;

@@ -1,5 +1,4 @@
-// A service and the volumes of its directories: real mounts in a mount namespace of this program's own, and a
-// handler that is asked, or not.
+// A service and the volumes of its directories, with real mounts in a private mount namespace.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -29,7 +28,7 @@ const bool private_mounts = enterPrivateMounts();
 
 constexpr const char* ID = "com.example.one";
 
-/// Notes which directories each request is about. Gives what it is asked for.
+/// Records the directories of each request, and answers with the amount of the request.
 class Noting final : public client::ServiceHandler {
  public:
   std::optional<Purgeable> purgeable(const Request& request, const Cancellation& /*cancellation*/) override {
@@ -217,7 +216,7 @@ TEST_F(AServiceOnVolumes, MustSayWhereItsDataIs) {
   EXPECT_EQ(whyNot(both), "a service has either directories or all_volumes, not both");
 }
 
-TEST_F(AServiceOnVolumes, DoesNotStartWithADirectoryThatIsNotThere) {
+TEST_F(AServiceOnVolumes, DoesNotStartWithAMissingDirectory) {
   EXPECT_EQ(whyNot(options({a_ + "/cache", a_ + "/nothing"})),
             "service directory \"" + a_ + "/nothing\": No such file or directory");
   makeFile(a_ + "/file");
@@ -245,7 +244,7 @@ TEST_F(AServiceOnVolumes, ThatIsForAllIsAskedAboutEach) {
   EXPECT_THAT(handler_.directories, ElementsAre());
 }
 
-TEST_F(AServiceOnVolumes, IsToldUntilWhenToAnswer) {
+TEST_F(AServiceOnVolumes, GetsADeadlineForItsAnswer) {
   using std::chrono::seconds;
   start({a_ + "/cache"});
   EXPECT_EQ(ask("purgeable", a_), "7");

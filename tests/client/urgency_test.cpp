@@ -17,7 +17,7 @@ TEST(UrgencyOfACache, GivesUpYoungerFilesTheMoreUrgentItIs) {
   EXPECT_EQ(rules.youngest, seconds(5));
 }
 
-TEST(UrgencyOfACache, GivesUpEverythingAtAnyOneWithoutALifetime) {
+TEST(UrgencyOfACache, GivesUpEverythingAtAnyUrgencyWithoutALifetime) {
   for (const auto& age : rulesFor(seconds(0), seconds(0)).ages) EXPECT_EQ(age, seconds(0));
 }
 

@@ -1,4 +1,4 @@
-// Which volume holds a path or a descriptor, with real mounts in a mount namespace of this program's own.
+// Which volume holds a path or a descriptor, with real mounts in a private mount namespace.
 
 #include "kelvane/volume.h"
 
@@ -31,7 +31,7 @@ class AVolume : public testing::Test {
   static FileDescriptor opened(const std::string& path) {
     return FileDescriptor(::open(path.c_str(), O_PATH | O_CLOEXEC));
   }
-  /// The volume, or what is wrong.
+  /// The volume, or the error.
   template <class Of>
   static std::string of(const Of& what) {
     const client::Result<std::string> volume = volumeOf(what);
@@ -162,27 +162,27 @@ TEST_F(AVolume, IsNotTakenForOneWhosePathBeginsTheSame) {
   EXPECT_TRUE(isOnVolume(opened(a_).get(), a_ + "/"));
 }
 
-// --- what is not on any ---
+// --- paths that are on no volume ---
 
-TEST_F(AVolume, IsNoneThatCannotBeWritten) {
+TEST_F(AVolume, IsNotOneThatCannotBeWritten) {
   const PrivateMount tmpfs = PrivateMount::tmpfs(a_, "1m", MS_RDONLY);
   EXPECT_THAT(of(a_), HasSubstr("is on " + a_ + " (tmpfs), which is not a volume that the daemon serves"));
 }
 
-TEST_F(AVolume, IsNoneForWhatIsNotThere) {
+TEST_F(AVolume, IsNotFoundForAMissingPath) {
   EXPECT_EQ(of(directory_ / "nothing"), '"' + (directory_ / "nothing") + "\": No such file or directory");
   EXPECT_EQ(of(std::string()), "\"\": No such file or directory");
   EXPECT_EQ(of(-1), "descriptor -1: Bad file descriptor");
   EXPECT_FALSE(isOnVolume(-1, a_));
 }
 
-TEST_F(AVolume, IsNoneForASocket) {
+TEST_F(AVolume, IsNotFoundForASocket) {
   const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_THAT(of(socket.get()), HasSubstr("is on no mount of this process"));
 }
 
-/// Opening what is on it would wait for the one who serves it, and here nobody does.
-TEST_F(AVolume, IsNotLookedForBehindAProgramThatDoesNotAnswer) {
+/// Opening a file on it would wait for the program that serves it, and there is none.
+TEST_F(AVolume, IsNotSearchedBehindAProgramThatDoesNotAnswer) {
   const FileDescriptor device(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
   ASSERT_TRUE(device) << "this machine has no /dev/fuse";
   const std::string options = "fd=" + std::to_string(device.get()) + ",rootmode=40000,user_id=0,group_id=0";

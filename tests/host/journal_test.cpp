@@ -13,7 +13,7 @@
 namespace kelvane::tests {
 namespace {
 
-/// What the journal would read.
+/// The datagram that the journal would receive.
 class StandInJournal {
  public:
   StandInJournal() {

@@ -1,4 +1,4 @@
-"""What a client asks beside purges."""
+"""Calls of a client other than purges."""
 
 import unittest
 

@@ -1,4 +1,4 @@
-"""What the module declares of the library is what the C header says."""
+"""The module's declarations match the C header."""
 
 import ctypes
 import pathlib

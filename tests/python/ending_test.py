@@ -1,4 +1,4 @@
-"""How run() ends, and what becomes of a service when its program ends."""
+"""How run() ends, and what happens to a service when its program ends."""
 
 import signal
 import textwrap
@@ -142,7 +142,7 @@ class Run(Case):
             it.start()
             child = os.fork()
             if child == 0:
-                sys.exit(7)  # runs what is registered to run at exit
+                sys.exit(7)  # runs the exit handlers
             print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
             it.stop()
             """)

@@ -13,7 +13,7 @@ from support import MEBIBYTE, PATIENCE, VOLUMES, Case, Program, Registered, fill
 
 
 class Scripted(Registered, kelvane.Service):
-    """Answers what the test says, and keeps what it was asked."""
+    """Gives the test's answers, and records its requests."""
 
     def __init__(self, daemon_socket, purgeable=lambda request: 0, purge=lambda request: 0) -> None:
         super().__init__(id="com.example.python", directories=[str(volume / "cache") for volume in VOLUMES[:2]],
@@ -135,7 +135,7 @@ class HandWrittenService(Case):
             self.assertEqual(self.client.purge(VOLUMES[0], MEBIBYTE).reported, 0)
         self.assertEqual(self.client.purgeable(VOLUMES[0], 1).total, 7)
 
-    def test_an_answer_that_is_no_number_of_bytes_is_logged_and_counts_as_nothing(self):
+    def test_an_invalid_answer_is_logged_and_counts_as_nothing(self):
         for answer in "5", 5.0, -1, True, 2**64:
             with self.subTest(answer=answer):
                 service = self.service(purge=lambda request: answer)
@@ -174,7 +174,7 @@ class HandWrittenService(Case):
         asking.join(PATIENCE)
         self.assertEqual((cancelled, len(lost)), ([True], 1))
 
-    def test_a_request_that_was_kept_is_a_cancelled_one(self):
+    def test_a_kept_request_counts_as_cancelled(self):
         service = self.service()
         self.client.purge(VOLUMES[0], MEBIBYTE, 1)
         service.stop()

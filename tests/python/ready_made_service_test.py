@@ -24,7 +24,7 @@ class CacheService(Registered, kelvane.DirectoryService):
 
 class TheExample(Case):
     def started(self, days: int, *directories: str) -> Program:
-        """It takes files that have just been made for so many days old."""
+        """Its clock is ahead, so that new files count as that many days old."""
         program = Program(self, "-c", TALKATIVE, str(EXAMPLE), *directories, environment={
             "LD_PRELOAD": os.environ["KELVANE_TEST_TIME_AHEAD"], "KELVANE_TEST_AHEAD": str(days * DAY),
             "RUNTIME_DIRECTORY": os.path.dirname(self.daemon.socket)})

@@ -15,7 +15,7 @@ import kelvane
 VOLUMES = [pathlib.Path(name) for name in os.environ["KELVANE_TEST_VOLUMES"].split(":")]
 DAEMON = os.environ["KELVANE_TEST_DAEMON"]
 PATIENCE = 30
-WITH_THE_TEST = "setpriv", "--pdeathsig", "KILL"  # also where the test itself is killed
+WITH_THE_TEST = "setpriv", "--pdeathsig", "KILL"  # even when the test itself is killed
 MEBIBYTE = 1 << 20
 
 GRANTS = f"""<?xml version="1.0" encoding="UTF-8"?>
@@ -66,7 +66,7 @@ class Daemon:
 
 
 class Program:
-    """A Python program beside the test; ended with the test. What it writes is heard line by line."""
+    """A Python program beside the test; ended with the test. Its output is read line by line."""
 
     def __init__(self, test: unittest.TestCase, *arguments: str, environment: dict[str, str] | None = None) -> None:
         self._process = subprocess.Popen([*WITH_THE_TEST, sys.executable, "-u", *arguments], stdout=subprocess.PIPE,
@@ -94,7 +94,7 @@ class Program:
         self._process.send_signal(number)
 
     def status(self) -> int:
-        """Reads to the end; what wait says."""
+        """Reads to the end; returns the exit status."""
         self.heard += self._process.stdout
         return self._process.wait(PATIENCE)
 
@@ -119,7 +119,7 @@ class Registered:
 
 
 def fill(directory: pathlib.Path, files: int = 8) -> str:
-    """So many files of a mebibyte."""
+    """Makes files of one mebibyte."""
     directory.mkdir()
     for number in range(files):
         (directory / str(number)).write_bytes(bytes(MEBIBYTE))

@@ -1,5 +1,5 @@
-// Preloaded into a program, lets it live KELVANE_TEST_AHEAD seconds in the future, so that files just made
-// are old. What a file's status change was cannot be set by anybody.
+// Preloaded into a program, moves its clock KELVANE_TEST_AHEAD seconds into the future, so that new files are
+// old. The time of a file's status change cannot be set.
 
 #include <dlfcn.h>
 #include <time.h>

@@ -1,4 +1,4 @@
-"""What is on a volume: every name, and how much is free."""
+"""The names on a volume, and its free space."""
 
 import ctypes
 import os
@@ -21,7 +21,7 @@ def snapshot(top):
 
 
 def free_bytes(top):
-    """Of the volume, once all that is under way has been written."""
+    """The free space of the volume, after pending writes."""
     directory = os.open(top, os.O_RDONLY | os.O_DIRECTORY)
     try:
         if libc.syncfs(directory) != 0:
@@ -33,7 +33,7 @@ def free_bytes(top):
 
 
 def below(paths, names):
-    """Those of `paths` that are one of `names`, or inside one."""
+    """Those of `paths` that equal one of `names` or are inside one."""
     names = set(names)
     return {path for path in paths if path in names or any(parent in names for parent in parents(path))}
 
@@ -52,7 +52,7 @@ def make_older(volume, days):
         then = time.strftime("%Y%m%d%H%M%S", time.gmtime(time.time() - age * 86400))
         for field in ("mtime", "ctime", "atime", "crtime"):
             commands += f'set_inode_field "{path.removeprefix(volume)}" {field} {then}\n'
-    with open(device, "rb"):  # keeps the loop device while nothing is mounted
+    with open(device, "rb"):  # keeps the loop device attached while nothing is mounted
         subprocess.run(["umount", volume], check=True)
         subprocess.run(["debugfs", "-w", "-f", "/dev/stdin", device], check=True, input=commands, text=True, capture_output=True)
         subprocess.run(["mount", device, volume], check=True)

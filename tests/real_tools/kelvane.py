@@ -16,7 +16,7 @@ CACHES = "/kelvane/bin/kelvane-caches"
 
 
 def install(source):
-    """Definitions and grants, where the packages put them."""
+    """Installs definitions and grants where the packages put them."""
     for directory in (DESCRIPTORS, "/OrvelInternal/Library/Kelvane", "/etc/kelvane", "/usr/lib/kelvane"):
         os.makedirs(directory, exist_ok=True)
         subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=0755", "none", directory], check=True)
@@ -33,7 +33,7 @@ def switch_on(holder):
 
 
 class Kelvane:
-    """Runs while it is entered. `days` later than the files is it for the services, and for nothing else."""
+    """Runs within a with statement. Only the cache services have a clock that is `days` ahead."""
 
     def __init__(self, holders, days):
         self.holders = holders
@@ -43,7 +43,7 @@ class Kelvane:
         self.later = {} if days == 0 else {"LD_PRELOAD": find_faketime(), "FAKETIME": f"+{days}d",
                                            "DONT_FAKE_MONOTONIC": "1", "NO_FAKE_STAT": "1"}
         self.processes = []
-        self.reasons = {}  # of what stays, as last explained
+        self.reasons = {}  # why files stay, from the last explain
 
     def __enter__(self):
         for directory in (RUN + "/services", "/run/kelvane-state"):
@@ -71,7 +71,7 @@ class Kelvane:
     # --- questions ---
 
     def explain(self, volume, urgency):
-        """Bytes, and the paths of the files and units of this volume that would go."""
+        """The bytes and paths of the files and units on this volume that would go."""
         size, paths = 0, []
         for holder in self.holders:
             answer = self._json([CACHES, "explain", holder, "--volume", volume, "--urgency", str(urgency),
@@ -82,7 +82,7 @@ class Kelvane:
         return size, paths
 
     def purge(self, volume, urgency):
-        """What kelvanectl reports of a purge of all that may go."""
+        """kelvanectl's report of a purge of all that may go."""
         return self._json(["/kelvane/bin/kelvanectl", "--json", "purge", volume, "1T", "--urgency", str(urgency)], {})
 
     def _json(self, command, more):

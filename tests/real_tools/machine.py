@@ -17,7 +17,7 @@ PATIENCE = 240  # seconds for a command
 
 
 class Machine:
-    """Used by one thread, but for the server's own."""
+    """Used by one thread, except for the server's threads."""
 
     def __init__(self):
         subprocess.run(["useradd", "--create-home", "--uid", "61234", "--shell", "/bin/bash", USER], check=True,
@@ -28,7 +28,7 @@ class Machine:
     # --- commands ---
 
     def run(self, *command, user=USER, cwd=None, env=None, status=0, shown=True):
-        """What the command prints; its exit status must be `status` (None: any)."""
+        """Returns the command's output; its exit status must be `status` (None: any)."""
         if shown:
             print("    $", " ".join(command), flush=True)
         process = self._start(command, user, cwd, env, subprocess.PIPE)
@@ -47,7 +47,7 @@ class Machine:
 
     @contextlib.contextmanager
     def running(self, *command, user=USER, cwd=None, env=None, signal_at_end=signal.SIGTERM):
-        """The command goes on until the block is left. Its output is in /tmp/running.log."""
+        """The command runs until the block ends. Its output is in /tmp/running.log."""
         print("    $", " ".join(command), "&", flush=True)
         with open("/tmp/running.log", "ab") as log:
             process = self._start(command, user, cwd, env, log)
@@ -70,7 +70,7 @@ class Machine:
                                 stderr=subprocess.STDOUT, text=True, errors="replace", start_new_session=True, **options)
 
     def await_rest(self):
-        """Until nothing of the user's runs any more."""
+        """Waits until the user has no running process."""
         user = pwd.getpwnam(USER).pw_uid
         await_true(f"{USER}'s processes end", lambda: not processes_of(user), 30)
 
@@ -102,7 +102,7 @@ class Machine:
 
 
 class Server(http.server.SimpleHTTPRequestHandler):
-    """Serves files with what caches ask for, and remembers what was asked."""
+    """Serves files with the headers that caches need, and records the requests."""
 
     asked = []
 

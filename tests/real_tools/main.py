@@ -1,4 +1,4 @@
-"""The shipped cache definitions against what real tools made. script/test-tools says how it is called."""
+"""Tests the shipped cache definitions with real tools. script/test-tools describes the arguments."""
 
 import argparse
 import fcntl

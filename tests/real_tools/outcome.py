@@ -1,9 +1,9 @@
-"""How a scenario ends, other than well."""
+"""How a scenario fails."""
 
 
 class Failure(Exception):
-    """Something is not as it must be."""
+    """A check has failed."""
 
 
 class NotRun(Exception):
-    """The tool cannot be had, or cannot work here; says why."""
+    """The tool cannot be installed or cannot run here, with the reason."""

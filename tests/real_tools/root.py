@@ -66,7 +66,7 @@ class Root:
             make_ext4(image + ".part", IMAGE_SIZE)
             os.rename(image + ".part", image)
         call("mount", "-o", "loop", image, self._in_image())
-        # What packages bring stands on the packages of the machine: when these change, it is made again.
+        # The image depends on the packages of the machine, so it is made again when these change.
         base = hashlib.sha256(open("/var/lib/dpkg/status", "rb").read()).hexdigest()[:16]
         for name in os.listdir(self._in_image()):
             if name.startswith("middle") and name != "middle-" + base or name in ("highest", "work"):
@@ -103,7 +103,7 @@ class Root:
     def _install_missing(self, inside, missing):
         self._mount_system()
         policy = os.path.join(self.root, "usr/sbin/policy-rc.d")
-        with open(policy, "w", encoding="ascii") as file:  # nothing may be started
+        with open(policy, "w", encoding="ascii") as file:  # no service may be started
             file.write("#!/bin/sh\nexit 101\n")
         os.chmod(policy, 0o755)
         archives = os.path.join(self.root, "var/cache/apt/archives")

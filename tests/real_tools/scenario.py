@@ -1,4 +1,4 @@
-"""What every scenario has, and the order in which it is carried out."""
+"""The common part of all scenarios, and the order of their steps."""
 
 import contextlib
 import os
@@ -12,13 +12,13 @@ from outcome import Failure
 class Scenario:
     name = ""
     holders = ()  # names of shipped definitions
-    packages = ()  # Debian's; PACKAGE/COMMAND when any other source of the command will do
+    packages = ()  # Debian's; PACKAGE/COMMAND when another source of the command is also accepted
     switched_on = ()  # those of them that are off until the administrator enables them
     volume = "/home"
     copied = False  # whether the volume begins with what the machine has there
-    lock_user = "anna"  # who holds locks
-    linked = False  # files have names in two holders: explained one by one, neither counts them
-    days = 200  # how much later the services live
+    lock_user = "anna"  # the user that holds locks
+    linked = False  # files have names in two holders: explain of either alone does not count them
+    days = 200  # how far the services' clock is ahead
     urgencies = (3, 4)
     freeing = (3,)  # those of them at which something must go
 
@@ -27,7 +27,7 @@ class Scenario:
         self.notes = []
 
     def fill(self):
-        """Lets the tool make its cache."""
+        """Lets the tool fill its cache."""
         raise NotImplementedError
 
     def works(self):
@@ -35,13 +35,13 @@ class Scenario:
         raise NotImplementedError
 
     def prepared(self):
-        """Last steps before something may go."""
+        """Last steps before the purges."""
 
     def after(self, urgency):
         """Shows that the tool works between two purges."""
 
     def watched(self, paths):
-        """Those that a tool which runs leaves alone itself."""
+        """The files that a running tool does not change itself."""
         return list(paths)
 
     in_use = None  # a context manager: while it is entered, nothing may go

@@ -8,7 +8,7 @@
 
 namespace kelvane::tests {
 
-/// Takes the right to pass over modes from this thread, also from root.
+/// Removes the capability to override file modes from this thread, even if it is root's.
 class OrdinaryRights {
  public:
   OrdinaryRights() {

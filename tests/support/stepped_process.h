@@ -1,7 +1,7 @@
 #pragma once
 
-// A child that is stopped before each of its system calls on files, so that a test can change the world under
-// it at every one of these moments.
+// A child that is stopped before each of its system calls on files, so that a test can change the files
+// at each of these moments.
 
 #include <linux/filter.h>
 #include <linux/seccomp.h>

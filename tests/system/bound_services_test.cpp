@@ -19,7 +19,7 @@ constexpr std::uint64_t mebibyte = 1 << 20;
 constexpr unsigned files = 4;  // in each cache, a mebibyte each
 
 /// On each of the volumes "a", "b" and "c": a cache of the C++ example, one of the Python example, and one of
-/// a handler that has one on all three.
+/// a handler that serves all three.
 class BoundServices : public testing::Test {
  protected:
   void SetUp() override {

@@ -18,7 +18,7 @@ constexpr const char* ID = "com.example.cache";
 
 class ExampleService : public testing::TestWithParam<const char*> {
  protected:
-  /// Any file may go, unless other `ages` are said.
+  /// Any file may go, unless `ages` are given.
   [[nodiscard]] std::vector<std::string> command(const std::string& directory,
                                                  const std::vector<std::string>& ages = {
                                                      "--lifetime", "0", "--youngest", "0"}) const {

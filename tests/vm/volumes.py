@@ -67,7 +67,7 @@ def write_as(user, path, size):
 
 
 def fill_cache(folder, size, count, owner):
-    """So many files, together of that size."""
+    """Makes that many files of that total size."""
     os.makedirs(folder)
     for i in range(count):
         path = f"{folder}/{i:03}"

@@ -65,7 +65,7 @@ TEST_P(ListenerResources, AThousandConnectionsLeaveNoDescriptorNoSourceAndNoTime
   server.expectOthersAreServed();
 }
 
-/// A listener that has not been resumed accepts nobody, so whoever connects is sure to wait.
+/// A listener that has not been resumed accepts no connection, so a peer that connects has to wait.
 TEST(Listener, IsNotPausedWhileSomebodyWaitsToBeAccepted) {
   const test::TemporaryDirectory directory;
   std::string reason;

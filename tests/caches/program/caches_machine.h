@@ -17,11 +17,11 @@ inline constexpr unsigned alice_id = 4242;
 inline constexpr std::int64_t day = 86400;
 inline constexpr std::uint64_t mebibyte = 1 << 20;
 
-/// What a cache is called, and what may go: as the lines of [urgency] say.
+/// The name of a cache, and the lines of its [urgency].
 [[nodiscard]] std::string definitionText(const std::string& name, const std::string& urgencies,
                                          const std::string& more = {});
 
-/// /home is a volume, on which alice has her home; nothing else of this machine has a home.
+/// /home is a volume with the home of alice, the only user.
 class CachesMachine {
  public:
   explicit CachesMachine(unsigned megabytes);
@@ -68,14 +68,14 @@ class CachesService {
   /// Of the service that was started last.
   [[nodiscard]] pid_t id();
   [[nodiscard]] Process& process() { return process_; }
-  /// Waits until it has ended so often with that status.
+  /// Waits until it has ended that many times with that status.
   [[nodiscard]] bool ended(int status, std::size_t times = 1);
 
  private:
   Process process_;
 };
 
-/// Declares the caches for daemons that start later, as long as it lives.
+/// Declares the caches to daemons that start during its lifetime.
 class Declared {
  public:
   explicit Declared(std::vector<std::string> names);

@@ -1,4 +1,4 @@
-// What kelvane-caches shows people, and what `kelvanectl caches` makes of it.
+// The commands of kelvane-caches, also through `kelvanectl caches`.
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
@@ -147,7 +147,7 @@ TEST(CachesCheck, NamesTheLineAndTheReason) {
   expectMatchesSchema(machine.caches({"check", "--json", good, bad}).output);
 }
 
-/// Definitions of packages, in a /usr/lib of this machine only.
+/// Shipped definitions, in a /usr/lib that only the test machine sees.
 class ShippedDefinitions {
  public:
   ShippedDefinitions() {

@@ -10,7 +10,7 @@
 
 namespace kelvane::tests {
 
-/// Workers that answer what they were told, and remember what they were asked.
+/// Workers that give prepared answers and record their calls.
 class FakeWorkers final : public caches::Workers {
  public:
   struct Asked {

@@ -146,7 +146,7 @@ TEST(SocketNames, LocalIsWhatTheAdministratorAddedAndHasNoSocketOfItsOwn) {
   EXPECT_EQ(local.reason, "");
 }
 
-TEST(SocketNames, WithoutADefinitionTheReasonIsTold) {
+TEST(SocketNames, WithoutADefinitionHaveAReason) {
   DefinitionStore store;
   store.masked = {"npm"};
   store.problems = {{"/etc/kelvane/caches.d/pip.toml", 3, "unknown key \"x\""}};

@@ -1,5 +1,5 @@
-// Preloaded into a program: a file's change of status counts as being as old as its contents, so that a test
-// can give files an age. OLD_FILES_SLOWNESS is how many microseconds the disk takes to delete a file.
+// Preloaded into a program: reports the modification time as the time of the status change, so that a test
+// can set the age of files. OLD_FILES_SLOWNESS is how many microseconds the disk takes to delete a file.
 
 #include <dlfcn.h>
 #include <sys/stat.h>

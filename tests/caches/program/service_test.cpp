@@ -179,7 +179,7 @@ TEST(CacheService, ServesTwentyFourSocketsInOneProcess) {
   EXPECT_EQ(service.process().count("started "), 1U);
 }
 
-TEST(CacheService, AnswersWithWhatWentWhenItIsToldToEndAmidAPurge) {
+TEST(CacheService, AnswersWithWhatWentWhenItGetsSigtermDuringAPurge) {
   constexpr unsigned files = 40'000;
   const CachesMachine machine(320);
   machine.define("photos", ages);
@@ -226,7 +226,7 @@ class StandInJournal {
   StandInJournal(const StandInJournal&) = delete;
   StandInJournal& operator=(const StandInJournal&) = delete;
 
-  /// The next entry; empty when there is none.
+  /// The next entry; empty without one.
   [[nodiscard]] std::string received() const {
     std::string text(1 << 17, '\0');
     const ssize_t length = ::recv(socket_.get(), text.data(), text.size(), MSG_DONTWAIT);

@@ -1,4 +1,4 @@
-// Five caches of which one is slow, and what that costs the others.
+// Five caches, one of them slow, and its effect on the others.
 
 #include <gmock/gmock.h>
 #include <cstdlib>
@@ -17,7 +17,7 @@ constexpr unsigned fast_files = 30;
 constexpr unsigned young_files = 5;
 const std::vector<std::string> fast = {"fast-1", "fast-2", "fast-3", "fast-4"};
 
-/// KELVANE_TEST_SLOW_FILES=100000 tries a big one.
+/// KELVANE_TEST_SLOW_FILES=100000 tests a large cache.
 unsigned slowFiles() {
   const char* const given = std::getenv("KELVANE_TEST_SLOW_FILES");
   return given != nullptr ? static_cast<unsigned>(std::atoi(given)) : 10'000;
@@ -34,7 +34,8 @@ std::size_t countOf(const CachesMachine& machine, const std::string& cache, cons
   return count;
 }
 
-/// Each deletion takes three milliseconds, so the share of the small files takes longer than the pass.
+/// Each deletion takes three milliseconds, so deleting the share of the small files takes longer than the
+/// pass.
 TEST(ASlowCache, AnswersInTimeWithAllThatWentAndNothingYoungerGoesForIt) {
   const CachesMachine machine(megabytesNeeded());
   std::vector<std::string> names = fast;

@@ -1,7 +1,7 @@
 // Stands in for the service manager: socket_manager DIRECTORY NAME... -- PROGRAM
 //
-// Opens a socket DIRECTORY/com.orvel.kelvane.caches.NAME for each name. When somebody connects to one, it
-// starts the program with all of them; when that has ended, it waits for the next who connects. Prints
+// Opens a socket DIRECTORY/com.orvel.kelvane.caches.NAME for each name. At the first connection, it starts
+// the program with all of them; when that has ended, it waits for the next connection. Prints
 // "started PID" and "ended STATUS". SERVICE_PRELOAD is preloaded into the program; with SERVICE_JOURNAL, its
 // standard error counts as the journal's.
 
@@ -47,7 +47,7 @@ void nameJournal() {
 
 [[noreturn]] void become(const char* program, const std::vector<pollfd>& sockets, const std::string& names) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  // First out of the way of the numbers that they are to have.
+  // Move them first, so that the target numbers are free.
   std::vector<int> copies;
   for (const pollfd& socket : sockets) copies.push_back(::fcntl(socket.fd, F_DUPFD_CLOEXEC, 100));
   for (std::size_t i = 0; i < copies.size(); ++i) ::dup2(copies[i], first_descriptor + static_cast<int>(i));

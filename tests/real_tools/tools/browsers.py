@@ -10,7 +10,7 @@ PICTURES = 40
 
 
 class Browser(Scenario):
-    """Shows a page without a screen. While the browser runs nothing goes; afterwards its cache does, not its profile."""
+    """Shows a page without a screen. Nothing goes while the browser runs; afterwards its cache goes, its profile stays."""
 
     profile = ""  # relative to the home directory
     entries = ""  # glob of the files of its cache
@@ -28,7 +28,7 @@ class Browser(Scenario):
         self.expect(len(self.cached()) >= PICTURES // 2, f"the browser kept {len(self.cached())} files only")
 
     def watched(self, paths):
-        """A browser deletes journals and the like in its profile all the time."""
+        """A running browser deletes journals in its profile."""
         return [path for path in paths if fnmatch.fnmatch(path, self.machine.path(self.entries))]
 
     def cached(self):
@@ -39,7 +39,7 @@ class Browser(Scenario):
 
     @contextlib.contextmanager
     def browsing(self):
-        """The browser runs and has shown the page; what it asked for."""
+        """The browser runs within the with statement, once it has asked for the page; yields its requests."""
         with serving("/srv/web") as (address, asked):
             with self.machine.running(*self.command(address + "/index.html"), user="anna"):
                 await_true("the browser asks for the page", lambda: "/index.html" in asked)
@@ -68,7 +68,7 @@ class Chromium(Browser):
     entries = ".cache/chromium/Default/Cache/Cache_Data/????????????????_0"
 
     def command(self, address, *options):
-        # The old headless mode keeps no cache on disk; a second address would be another start.
+        # The old headless mode keeps no cache on disk; a second address would need another start.
         return ("chromium", "--headless=new", "--no-sandbox", "--disable-gpu", "--no-first-run",
                 "--user-data-dir=" + self.machine.path(".config/chromium"), *options, address)
 

@@ -7,7 +7,7 @@ SOURCES = 24
 
 
 def sources(machine, directory):
-    """Small programs, of which each object file is some 20 KiB."""
+    """Small programs, whose object files have some 20 KiB each."""
     for number in range(SOURCES):
         table = ",".join(str(number * 7919 + i) for i in range(4000))
         machine.write(f"{directory}/part{number}.c", f"const int table{number}[] = {{{table}}};\n")
@@ -42,7 +42,7 @@ class Sccache(Scenario):
 
     @contextlib.contextmanager
     def in_use(self):
-        """Its server runs, and counts what it holds."""
+        """Its server runs, and counts its files."""
         self.machine.run("sccache", "--start-server")
         yield
         self.machine.run("sccache", "--stop-server")

@@ -20,10 +20,10 @@ class Gradle(Scenario):
     holders = ("gradle-build-cache", "gradle-modules", "gradle-versions")
     packages = ("gradle", "default-jdk-headless/javac")
     freeing = (3, 4)
-    port = 0  # the first server's, then the same one for all
+    port = 0  # chosen by the first server, then reused
 
     def build(self):
-        """What Gradle says, and whether it fetched the library."""
+        """Runs Gradle; returns its output, and whether it fetched the library."""
         with serving("/srv/gradle", self.port) as (address, asked):
             self.port = int(address.rpartition(":")[2])
             self.machine.write("project/build.gradle", BUILD.format(address=address))

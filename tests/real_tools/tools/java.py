@@ -14,7 +14,7 @@ SETTINGS = """<settings><mirrors><mirror><id>here</id><mirrorOf>*</mirrorOf><url
 
 
 class Maven(Scenario):
-    """What a failed download leaves goes; what was fetched or installed stays."""
+    """The records of failed downloads go; fetched and installed artifacts stay."""
 
     name = "maven"
     holders = ("maven",)
@@ -25,14 +25,14 @@ class Maven(Scenario):
         return self.machine.run("mvn", "-B", "-q", *arguments, cwd=self.machine.path("project"), status=status)
 
     def publish(self, name):
-        """Into the repository of this machine, which Maven fetches from."""
+        """Puts an artifact into the repository of this machine, from which Maven fetches."""
         where = f"/srv/maven/com/example/{name}/1.0"
         os.makedirs(where)
         with open(f"{where}/{name}-1.0.pom", "w", encoding="ascii") as file:
             file.write(POM.format(name=name, parent=""))
 
     def child_of(self, name):
-        """The project needs that one, whatever is built."""
+        """Makes that artifact the parent of the project."""
         self.machine.write("project/pom.xml", POM.format(name="project", parent=PARENT.format(name)))
 
     def repository(self, name, pattern):

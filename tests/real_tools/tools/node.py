@@ -103,7 +103,7 @@ class Berry(Node):
 
 
 class Pnpm(Node):
-    """Every holder of users that is on: none of them touches pnpm's store, whose files projects are linked to."""
+    """All enabled holders of users: none of them touches pnpm's store, whose files are linked into projects."""
 
     name = "pnpm"
     freeing = (3,)  # npm's cache, which the installation of pnpm has filled
@@ -137,7 +137,7 @@ class Pnpm(Node):
 
 
 class NodeModules(Node):
-    """Installed packages of a project, which the administrator has to switch on; each project goes whole."""
+    """Installed packages of a project, which the administrator must enable; each project goes whole."""
 
     name = "node-modules"
     holders = ("node-modules",)

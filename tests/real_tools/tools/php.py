@@ -12,10 +12,10 @@ class Composer(Scenario):
     holders = ("composer",)
     packages = ("composer", "unzip/unzip", "php-zip")
 
-    port = 0  # the first server's, then the same one for all: composer knows an archive by its address
+    port = 0  # chosen by the first server, then reused, because composer identifies an archive by its address
 
     def install(self, directory):
-        """From a repository on this machine; whether its archive was asked for."""
+        """Installs from a repository on this machine; returns whether its archive was requested."""
         with serving("/srv/composer", self.port) as (address, asked):
             self.port = int(address.rpartition(":")[2])
             packages = {"demo/cached": {"1.0.0": {"name": "demo/cached", "version": "1.0.0", "type": "library", "dist": {

@@ -39,7 +39,7 @@ class Cargo(Scenario):
     def registry(self):
         os.makedirs("/srv/registry/index")
         with open("/srv/registry/index/config.json", "w", encoding="ascii") as file:
-            # Cargo's client reads files as it reads the web.
+            # Cargo's client reads file URLs like web addresses.
             file.write('{"dl": "file:///srv/registry/files/{crate}/{version}.crate"}')
         self.crate("firstdemo", 900_000)
         self.crate("seconddemo", 300_000)
@@ -73,7 +73,7 @@ class Cargo(Scenario):
 
 
 class CargoTarget(Cargo):
-    """Build directories, which the administrator has to switch on."""
+    """Build directories, which the administrator must enable."""
 
     name = "cargo-target"
     holders = ("cargo-target",)

@@ -42,7 +42,7 @@ class RotatedLogs(Scenario):
         self.expect(len(self.compressed()) == self.rounds - 1, f"logrotate made {self.compressed()}")
 
     def prepared(self):
-        """A month between one rotation and the next: what is of one age stays or goes together."""
+        """A month between rotations, because logs of one age stay or go together."""
         files.make_older(self.volume, {path: 30 * number for number, path in enumerate(self.compressed())})
 
     @staticmethod
