@@ -58,7 +58,7 @@ TEST(ASlowCache, AnswersInTimeWithAllThatWentAndNothingYoungerGoesForIt) {
   ASSERT_TRUE(answer);
   const std::uint64_t claimed = (*answer)[KELVANE_AMOUNT].unsignedLongLongValue();
   const std::uint64_t measured = machine.freeSpace() - before;
-  EXPECT_EQ(service.process().count("slow: freed") > 0 && service.process().count("its time was over") > 0,
+  EXPECT_EQ(service.process().count("slow: freed") > 0 && service.process().count("its time had run out") > 0,
             true)
       << "the slow cache was to be too slow: " << service.process().output();
   EXPECT_NEAR(static_cast<double>(claimed), static_cast<double>(measured),
