@@ -320,7 +320,7 @@ TEST_F(ACache, EndsWithWhatWentWhenItIsCancelledInTheMiddle) {
                 ->list(4, all_ages, everything, cache_.limits(), [](const auto&) { return false; })
                 .items,
             1U)
-      << "until the one that it names to says so";
+      << "the listing stops when its callback returns false";
 }
 
 TEST_F(ACache, CountsWhatIsHeldOpenApartFromWhatIsFree) {

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <thread>
 
 #include "client/cache_clock.h"
@@ -145,9 +146,11 @@ TEST_F(ADirectoryService, PurgesNothingThatIsTooYoungForTheUrgency) {
 }
 
 TEST_F(ADirectoryService, ReportsWhatEachPurgeDid) {
+  std::mutex mutex;  // guards the two below
   std::vector<CachePurge> told;
   std::vector<std::string> volumes;
   options_.purged = [&](const Request& request, const CachePurge& purge) {
+    const std::scoped_lock lock(mutex);
     told.push_back(purge);
     volumes.push_back(request.volume);
   };
@@ -159,6 +162,7 @@ TEST_F(ADirectoryService, ReportsWhatEachPurgeDid) {
   EXPECT_EQ(ask("purge", 4, a_, page), pages(1));
   EXPECT_EQ(ask("purge", 4, a_, 10 * page), pages(1));
   EXPECT_EQ(ask("purge", 4, "/", 10 * page), "0");
+  const std::scoped_lock lock(mutex);
   ASSERT_EQ(told.size(), 2U) << "the third was about a volume without its directories";
   EXPECT_EQ(volumes, std::vector({a_, a_}));
   EXPECT_EQ(told[0].end, CachePurge::End::amountFreed);

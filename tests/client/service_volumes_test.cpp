@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 #include <filesystem>
+#include <mutex>
 
 #include "kelvane/service.h"
 #include "platform/foundation/file_descriptor.h"
@@ -47,18 +48,38 @@ class Noting final : public client::ServiceHandler {
     if (state == client::ServiceState::registered) events.note("registered");
   }
 
+  /// Of the last request.
+  [[nodiscard]] std::vector<std::string> directories() const {
+    const std::scoped_lock lock(mutex_);
+    return directories_;
+  }
+  /// The time to answer it.
+  [[nodiscard]] std::chrono::nanoseconds left() const {
+    const std::scoped_lock lock(mutex_);
+    return left_;
+  }
+  [[nodiscard]] std::size_t calls() const {
+    const std::scoped_lock lock(mutex_);
+    return calls_;
+  }
+
   Events events;
-  std::vector<std::string> directories;  // of the last request
-  std::chrono::nanoseconds left{};       // to answer it
-  std::size_t calls = 0;
 
  private:
   void noteRequest(const std::string& what, const Request& request) {
-    directories = request.directories;
-    left = request.answer_by - std::chrono::steady_clock::now();
-    ++calls;
+    {
+      const std::scoped_lock lock(mutex_);
+      directories_ = request.directories;
+      left_ = request.answer_by - std::chrono::steady_clock::now();
+      ++calls_;
+    }
     events.note(what);
   }
+
+  mutable std::mutex mutex_;  // guards all below
+  std::vector<std::string> directories_;
+  std::chrono::nanoseconds left_{};
+  std::size_t calls_ = 0;
 };
 
 class AServiceOnVolumes : public testing::Test {
@@ -112,11 +133,11 @@ class AServiceOnVolumes : public testing::Test {
 TEST_F(AServiceOnVolumes, IsAskedAboutTheDirectoriesOnTheVolumeOfTheRequest) {
   start({a_ + "/cache", b_ + "/cache"});
   EXPECT_EQ(ask("purgeable", a_), "7");
-  EXPECT_THAT(handler_.directories, ElementsAre(a_ + "/cache"));
+  EXPECT_THAT(handler_.directories(), ElementsAre(a_ + "/cache"));
   EXPECT_EQ(ask("purge", b_), "50");
-  EXPECT_THAT(handler_.directories, ElementsAre(b_ + "/cache"));
+  EXPECT_THAT(handler_.directories(), ElementsAre(b_ + "/cache"));
   EXPECT_EQ(ask("periodic", b_), "9");
-  EXPECT_THAT(handler_.directories, ElementsAre(b_ + "/cache"));
+  EXPECT_THAT(handler_.directories(), ElementsAre(b_ + "/cache"));
 }
 
 TEST_F(AServiceOnVolumes, IsNotAskedAboutOtherVolumesAndAnswersZero) {
@@ -126,7 +147,7 @@ TEST_F(AServiceOnVolumes, IsNotAskedAboutOtherVolumesAndAnswersZero) {
     EXPECT_EQ(ask(verb, "/"), "0") << verb;
     EXPECT_EQ(ask(verb, "/volume"), "0") << verb;
   }
-  EXPECT_EQ(handler_.calls, 0U);
+  EXPECT_EQ(handler_.calls(), 0U);
 }
 
 TEST_F(AServiceOnVolumes, GetsWhatIsBoundFromOneVolumeIntoAnotherForTheFirst) {
@@ -135,7 +156,7 @@ TEST_F(AServiceOnVolumes, GetsWhatIsBoundFromOneVolumeIntoAnotherForTheFirst) {
   start({b_ + "/bound"});
   EXPECT_EQ(ask("purge", b_), "0");
   EXPECT_EQ(ask("purge", a_), "50");
-  EXPECT_THAT(handler_.directories, ElementsAre(b_ + "/bound"));
+  EXPECT_THAT(handler_.directories(), ElementsAre(b_ + "/bound"));
 }
 
 TEST_F(AServiceOnVolumes, GetsADirectoryOnceThatIsMountedTwice) {
@@ -143,7 +164,7 @@ TEST_F(AServiceOnVolumes, GetsADirectoryOnceThatIsMountedTwice) {
   const PrivateMount again("none", a_, b_ + "/again", MS_BIND);
   start({a_ + "/cache", b_ + "/again/cache"});
   EXPECT_EQ(ask("purgeable", a_), "7");
-  EXPECT_THAT(handler_.directories, ElementsAre(a_ + "/cache"));
+  EXPECT_THAT(handler_.directories(), ElementsAre(a_ + "/cache"));
   EXPECT_EQ(ask("purgeable", b_), "0");
 }
 
@@ -151,7 +172,7 @@ TEST_F(AServiceOnVolumes, SaysWhereALinkLedWhenItStarted) {
   fs::create_directory_symlink(a_ + "/cache", home_ + "/link");
   start({home_ + "/link/../cache/."});
   EXPECT_EQ(ask("purgeable", a_), "7");
-  EXPECT_THAT(handler_.directories, ElementsAre(a_ + "/cache"));
+  EXPECT_THAT(handler_.directories(), ElementsAre(a_ + "/cache"));
 }
 
 // --- what changes after the start ---
@@ -160,7 +181,7 @@ TEST_F(AServiceOnVolumes, HasNothingOnAVolumeThatWasUnmounted) {
   start({a_ + "/cache"});
   volumes_[0] = nullptr;
   EXPECT_EQ(ask("purge", a_), "0");
-  EXPECT_EQ(handler_.calls, 0U);
+  EXPECT_EQ(handler_.calls(), 0U);
   volumes_[0] = mountAt(a_);
   EXPECT_EQ(ask("purge", a_), "0");
   fs::create_directory(a_ + "/cache");
@@ -171,7 +192,7 @@ TEST_F(AServiceOnVolumes, HasNothingWhereItsDirectoryWasMovedAway) {
   start({a_ + "/cache"});
   fs::rename(a_ + "/cache", a_ + "/other");
   EXPECT_EQ(ask("purge", a_), "0");
-  EXPECT_EQ(handler_.calls, 0U);
+  EXPECT_EQ(handler_.calls(), 0U);
 }
 
 TEST_F(AServiceOnVolumes, DoesNotFollowALinkThatTookThePlaceOfItsDirectory) {
@@ -180,7 +201,7 @@ TEST_F(AServiceOnVolumes, DoesNotFollowALinkThatTookThePlaceOfItsDirectory) {
   fs::create_directory_symlink(b_ + "/cache", a_ + "/cache");
   EXPECT_EQ(ask("purge", a_), "0");
   EXPECT_EQ(ask("purge", b_), "0");
-  EXPECT_EQ(handler_.calls, 0U);
+  EXPECT_EQ(handler_.calls(), 0U);
 }
 
 TEST_F(AServiceOnVolumes, DoesNotFollowALinkThatTookThePlaceOfAParent) {
@@ -230,7 +251,7 @@ TEST_F(AServiceOnVolumes, DoesNotStartWithADirectoryInsideAnother) {
   fs::create_directory(a_ + "/cache2");
   start({a_ + "/cache", a_ + "/cache2", a_ + "/cache/"});
   EXPECT_EQ(ask("purgeable", a_), "7");
-  EXPECT_THAT(handler_.directories, ElementsAre(a_ + "/cache", a_ + "/cache2"));
+  EXPECT_THAT(handler_.directories(), ElementsAre(a_ + "/cache", a_ + "/cache2"));
 }
 
 // --- for all volumes, and until when ---
@@ -241,23 +262,23 @@ TEST_F(AServiceOnVolumes, ThatIsForAllIsAskedAboutEach) {
   service_ = *Service::start(handler_, all);
   handler_.events.await("registered");
   EXPECT_EQ(ask("purge", c_), "50");
-  EXPECT_THAT(handler_.directories, ElementsAre());
+  EXPECT_THAT(handler_.directories(), ElementsAre());
 }
 
 TEST_F(AServiceOnVolumes, GetsADeadlineForItsAnswer) {
   using std::chrono::seconds;
   start({a_ + "/cache"});
   EXPECT_EQ(ask("purgeable", a_), "7");
-  EXPECT_LE(handler_.left, seconds(8));
-  EXPECT_GT(handler_.left, seconds(0));
+  EXPECT_LE(handler_.left(), seconds(8));
+  EXPECT_GT(handler_.left(), seconds(0));
   EXPECT_EQ(daemon_.ask(std::string("purge ") + ID + " 4 50 KELVANE_PURGE_TIMEOUT=300 KELVANE_VOLUME=" + a_),
             "50");
-  EXPECT_LE(handler_.left, seconds(210));
-  EXPECT_GT(handler_.left, seconds(100));
-  const auto first = handler_.left;
+  EXPECT_LE(handler_.left(), seconds(210));
+  EXPECT_GT(handler_.left(), seconds(100));
+  const auto first = handler_.left();
   EXPECT_EQ(daemon_.ask(std::string("purge ") + ID + " 4 50 KELVANE_PURGE_TIMEOUT=300 KELVANE_VOLUME=" + a_),
             "50");
-  EXPECT_LT(handler_.left, first) << "it gave all, so it is asked again in the same pass";
+  EXPECT_LT(handler_.left(), first) << "it gave all, so it is asked again in the same pass";
 }
 
 }  // namespace
