@@ -36,7 +36,7 @@ std::string homeDirectory() {
   return user->pw_dir;
 }
 
-/// Nothing when there is no file.
+/// Nothing when the file is missing.
 std::optional<std::string> contentsOf(const std::string& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file && errno == ENOENT) return std::nullopt;
