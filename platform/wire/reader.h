@@ -1,0 +1,90 @@
+#pragma once
+
+// Reads the body of a message, strictly: whatever D-Bus forbids is a fault, never repaired.
+//
+// A reader is one cursor. It goes through the values in the order of the signature; `enter...` goes into a
+// container, `leave` out of it again, at its end only. After the first fault everything reads as zero or
+// empty and `atEnd` is true, so callers check once, after the last value. What it returns points into the
+// message's bytes. One thread at a time.
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/file_descriptor.h"
+#include "platform/wire/header.h"
+
+namespace kelvane::wire {
+
+enum class Fault : std::uint8_t {
+  none,
+  malformed,   // the bytes break the protocol; the connection that sent them should end
+  mismatched,  // well-formed so far, but of another type than was asked for
+  unusable,    // well-formed, and the caller cannot use it (`refuse`)
+};
+
+class Reader {
+ public:
+  /// `descriptors` are those that came with the message, in order; a value of type "h" takes one of them.
+  /// Everything must outlive the reader.
+  Reader(const Message& message, std::span<FileDescriptor> descriptors);
+
+  /// The code of the next value's type: 'y', 'a', '(', '{', 'v' ...; '\0' at the end of the container.
+  [[nodiscard]] char nextType() const;
+  /// The next value's complete type, such as "a{sv}"; empty at the end of the container.
+  [[nodiscard]] std::string_view nextCompleteType() const;
+  /// Whether the innermost container, or the body, has no further value. True after a fault.
+  [[nodiscard]] bool atEnd() const;
+
+  // Each reads a value of exactly this type; another one is Fault::mismatched.
+  std::uint8_t readByte();
+  bool readBoolean();
+  std::int16_t readInt16();
+  std::uint16_t readUint16();
+  std::int32_t readInt32();
+  std::uint32_t readUint32();
+  std::int64_t readInt64();
+  std::uint64_t readUint64();
+  double readDouble();
+  std::string_view readString();      // s: UTF-8 without NUL
+  std::string_view readObjectPath();  // o
+  std::string_view readSignature();   // g
+  /// An array of bytes ("ay") at once.
+  std::span<const std::byte> readBytes();
+  /// Takes the descriptor that a value of type "h" names. Empty, and Fault::unusable, when an earlier value
+  /// has taken it; an index that the message has no descriptor for is Fault::malformed.
+  FileDescriptor takeDescriptor();
+
+  /// `element` is the expected element type, or empty for any. For a dictionary it is such as "{sv}".
+  bool enterArray(std::string_view element = {});
+  bool enterStruct();
+  bool enterEntry();
+  /// Enters a variant; what it holds is the next value.
+  bool enterVariant();
+  /// At the end of the innermost container only; anything left in it is Fault::mismatched.
+  void leave();
+
+  /// Checks the next value and goes past it.
+  void skip();
+  /// For values that the caller cannot use.
+  void refuse() { fail(Fault::unusable); }
+
+  [[nodiscard]] Fault fault() const { return fault_; }
+  /// To be called after the last value: the body must end here. Whether there was no fault.
+  bool finish();
+
+ private:
+  // The implementation is the codec's; members here may change freely.
+  void fail(Fault fault) {
+    if (fault_ == Fault::none) fault_ = fault;
+  }
+  Fault fault_ = Fault::none;
+};
+
+/// Whether the whole body is what its signature says. For messages whose body nobody reads to its end: a
+/// malformed body ends the connection, whoever it was for.
+[[nodiscard]] bool isBodyValid(const Message& message, std::size_t descriptors);
+
+}  // namespace kelvane::wire
