@@ -1,5 +1,6 @@
 #include "platform/xpc/wire_value.h"
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -94,10 +95,15 @@ void writeVariant(wire::Writer& out, const Value& value, unsigned depth) {
 
 // --- reading ---
 
-/// False, and a fault, when the message holds too many.
-bool mayReadOneMore(wire::Reader& in) {
+// What each kind takes at least, its place in what holds it and what the allocator adds included.
+constexpr std::size_t plain_bytes = 2 * sizeof(Value);  // an array has up to twice the room that it needs
+constexpr std::size_t shared_bytes = plain_bytes + 64;
+constexpr std::size_t entry_bytes = 80;  // beside its value and its key
+
+/// False, and a fault, when that is more than the message may become.
+bool mayTake(wire::Reader& in, std::size_t bytes) {
   Decoding* const decoding = Decoding::current();
-  if (decoding == nullptr || decoding->countValue()) return true;
+  if (decoding == nullptr || decoding->take(bytes)) return true;
   in.refuse(wire::Fault::excessive);
   return false;
 }
@@ -113,9 +119,21 @@ std::string_view readText(wire::Reader& in, char type) {
   }
 }
 
+void readString(wire::Reader& in, char type, Value& value) {
+  const std::string_view text = readText(in, type);
+  if (mayTake(in, shared_bytes + text.size())) value = text;
+}
+
+/// A number.
+template <class Read>
+void readPlain(wire::Reader& in, Value& value, Read read) {
+  if (mayTake(in, plain_bytes)) value = (in.*read)();
+}
+
 bool isText(char type) { return type == 's' || type == 'o' || type == 'g'; }
 
 void readArray(wire::Reader& in, Value& value) {
+  if (!mayTake(in, shared_bytes)) return;
   Array array;
   in.enterArray();
   while (!in.atEnd()) {
@@ -129,11 +147,13 @@ void readArray(wire::Reader& in, Value& value) {
 
 void readBytes(wire::Reader& in, Value& value) {
   const std::span<const std::byte> bytes = in.readBytes();
+  if (!mayTake(in, shared_bytes + bytes.size())) return;
   const auto* const first = reinterpret_cast<const std::uint8_t*>(bytes.data());
   value = Data(Data::Bytes(first, first + bytes.size()));
 }
 
 void readDate(wire::Reader& in, Value& value) {
+  if (!mayTake(in, plain_bytes)) return;
   in.enterStruct();
   value = Date{in.readInt64()};
   in.leave();
@@ -167,10 +187,12 @@ void readDictionary(wire::Reader& in, Dictionary& dictionary) {
     in.refuse();
     return;
   }
+  if (!mayTake(in, shared_bytes)) return;
   in.enterArray();
   while (!in.atEnd()) {
     in.enterEntry();
     const std::string_view key = readText(in, type[2]);
+    if (!mayTake(in, entry_bytes + key.size())) return;
     Value value;
     readValue(in, value);
     in.leave();
@@ -180,47 +202,35 @@ void readDictionary(wire::Reader& in, Dictionary& dictionary) {
 }
 
 void readValue(wire::Reader& in, Value& value) {
-  if (!mayReadOneMore(in)) return;
   switch (const char type = in.nextType(); type) {
     case 'y':
-      value = in.readByte();
-      break;
+      return readPlain(in, value, &wire::Reader::readByte);
     case 'n':
-      value = in.readInt16();
-      break;
+      return readPlain(in, value, &wire::Reader::readInt16);
     case 'q':
-      value = in.readUint16();
-      break;
+      return readPlain(in, value, &wire::Reader::readUint16);
     case 'i':
-      value = in.readInt32();
-      break;
+      return readPlain(in, value, &wire::Reader::readInt32);
     case 'u':
-      value = in.readUint32();
-      break;
+      return readPlain(in, value, &wire::Reader::readUint32);
     case 'x':
-      value = in.readInt64();
-      break;
+      return readPlain(in, value, &wire::Reader::readInt64);
     case 't':
-      value = in.readUint64();
-      break;
+      return readPlain(in, value, &wire::Reader::readUint64);
     case 'd':
-      value = in.readDouble();
-      break;
+      return readPlain(in, value, &wire::Reader::readDouble);
     case 'b':
-      value = in.readBoolean();
-      break;
+      return readPlain(in, value, &wire::Reader::readBoolean);
     case 's':
     case 'o':
     case 'g':
-      value = readText(in, type);
-      break;
+      return readString(in, type, value);
     case 'v':
       in.enterVariant();
       readValue(in, value);
-      in.leave();
-      break;
+      return in.leave();
     default:
-      readContainer(in, value);
+      return readContainer(in, value);
   }
 }
 
