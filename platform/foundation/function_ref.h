@@ -15,7 +15,8 @@ template <class Result, class... Arguments>
 class FunctionRef<Result(Arguments...)> {
  public:
   template <class F>
-  requires(!std::is_same_v<std::remove_cvref_t<F>, FunctionRef> && std::is_invocable_r_v<Result, F&, Arguments...>)
+  requires(!std::is_same_v<std::remove_cvref_t<F>, FunctionRef> &&
+           std::is_invocable_r_v<Result, F&, Arguments...>)
       FunctionRef(F&& callable)  // NOLINT(bugprone-forwarding-reference-overload): constrained above
       : callable_(const_cast<void*>(static_cast<const void*>(std::addressof(callable)))),
         call_([](void* callable_address, Arguments... arguments) -> Result {

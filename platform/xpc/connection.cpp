@@ -100,11 +100,11 @@ void Connection::setInvalidationHandler(Block handler) {
 }
 
 void Connection::resume() {
-  Lock lock(mutex_);
+  const Lock lock(mutex_);
   if (state_ != State::made) return;
   state_ = State::open;
   self_ = shared_from_this();
-  if (!open()) finish(lock, Cause::invalidation, "the connection could not be made");
+  if (!open()) finish(Cause::invalidation, "the connection could not be made");
 }
 
 bool Connection::open() {
@@ -131,19 +131,19 @@ bool Connection::open() {
 }
 
 void Connection::invalidate() {
-  Lock lock(mutex_);
+  const Lock lock(mutex_);
   if (invalidated_) return;
   invalidated_ = true;
-  finish(lock, Cause::invalidation, "the connection was invalidated");
+  finish(Cause::invalidation, "the connection was invalidated");
 }
 
 void Connection::interrupt(const char* why) {
-  Lock lock(mutex_);
-  finish(lock, Cause::interruption, why);
+  const Lock lock(mutex_);
+  finish(Cause::interruption, why);
 }
 
 /// Closes what is open and has the queue do the rest. Nothing of the user's is destroyed under the lock.
-void Connection::finish(Lock& lock, Cause cause, const std::string& why) {
+void Connection::finish(Cause cause, const std::string& why) {
   const bool first = state_ != State::ended;
   if (cause == Cause::interruption && !first) return;
   if (cause == Cause::invalidation) invalidated_ = true;

@@ -16,11 +16,11 @@
 //  * A call before `resume` fails as one does after the end.
 //  * A reply comes at most once. A call whose connection ends gets no reply but an error.
 //
-// What the peer may cost. Its user's account pays for all: the connection, what was read and is not done, what
-// was sent and is not read, descriptors, calls. Over a limit of the account the connection is read no further
-// until something is released. Of each connection: five seconds for the handshake, ten for a message under
-// way, 32 MiB for a message, and nothing more is read while more than 64 of its calls wait for their handler
-// or have a reply that it has not read. A message that is none ends the connection.
+// What the peer may cost. Its user's account pays for all: the connection, what was read and is not done,
+// what was sent and is not read, descriptors, calls. Over a limit of the account the connection is read no
+// further until something is released. Of each connection: five seconds for the handshake, ten for a message
+// under way, 32 MiB for a message, and nothing more is read while more than 64 of its calls wait for their
+// handler or have a reply that it has not read. A message that is none ends the connection.
 
 #include <atomic>
 #include <cstdint>
@@ -66,8 +66,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   /// The side that answers the handshake, on a socket that somebody else has connected. `cost` is what its
   /// user was charged for it (Resource::connections), of `account`.
   static std::shared_ptr<Connection> initAccepting(FileDescriptor socket, PeerCredentials credentials,
-                                                   std::shared_ptr<wire::Account> account,
-                                                   wire::Charge cost);
+                                                   std::shared_ptr<wire::Account> account, wire::Charge cost);
 
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -129,14 +128,14 @@ class Connection final : public std::enable_shared_from_this<Connection> {
 
   // All with mutex_ held.
   [[nodiscard]] bool open();
-  void finish(Lock& lock, Cause cause, const std::string& why);
+  void finish(Cause cause, const std::string& why);
   void deliver(std::unique_ptr<OutgoingCall> answered);
   void deliver(std::shared_ptr<IncomingCall> call);
 
-  void read(Lock& lock);
+  void read();
   [[nodiscard]] bool peerMustWait() const;
   void awaitRelease(wire::Resource resource);
-  void goOnAfter(wire::Transport::Outcome outcome);
+  void goOnAfter(wire::Transport::Outcome progress);
   void updateDeadlines(bool took_message);
   void watchForWriting();
 
@@ -166,8 +165,8 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   State state_ = State::made;
   bool invalidated_ = false;
   bool established_ = false;
-  wire::Charge cost_;        // Resource::connections
-  FileDescriptor unopened_;  // the socket, until the transport owns it
+  wire::Charge cost_;                         // Resource::connections
+  FileDescriptor unopened_;                   // the socket, until the transport owns it
   std::optional<wire::Transport> transport_;  // while open
   Greeting greeting_ = Greeting::none_due;
   bool hung_up_ = false;  // nothing more will come than what the socket holds

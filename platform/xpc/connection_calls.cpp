@@ -173,13 +173,13 @@ void Connection::noteHandled() {
 // --- answers ---
 
 void Connection::sendAnswer(wire::Outgoing& answer, std::uint32_t serial) {
-  Lock lock(mutex_);
+  const Lock lock(mutex_);
   if (!transport_) return;
   if (sendAnswerOrRefusal(answer, serial)) {
     watchForWriting();
     if (peerMustWait()) deadline_.cancel();
   } else {
-    finish(lock, Cause::interruption, "the peer does not read its answers");
+    finish(Cause::interruption, "the peer does not read its answers");
   }
 }
 

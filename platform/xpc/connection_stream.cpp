@@ -1,8 +1,8 @@
 // How a connection reads and writes: everything between the socket's readiness and single messages.
 //
-// Readiness is reported on change only, and each round reads once, so that no connection keeps others waiting.
-// So every way out of a round leaves one thing behind that is sure to start the next one when there is
-// something to do:
+// Readiness is reported on change only, and each round reads once, so that no connection keeps others
+// waiting. So every way out of a round leaves one thing behind that is sure to start the next one when there
+// is something to do:
 //
 //  * The socket was drained, and the peer has not hung up: the kernel reports the next byte, and the end.
 //    What came between the read and the round's end was reported too: EventSource runs once more when
@@ -24,10 +24,10 @@
 
 namespace kelvane::xpc {
 
-using Outcome = wire::Transport::Outcome;
+using Progress = wire::Transport::Outcome;
 
 void Connection::handleEvents(std::uint32_t events) {
-  Lock lock(mutex_);
+  const Lock lock(mutex_);
   if (!transport_) return;
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) hung_up_ = true;
   if (std::exchange(greeting_, Greeting::none_due) == Greeting::due) {
@@ -39,7 +39,7 @@ void Connection::handleEvents(std::uint32_t events) {
     transport_->flush();  // when the peer is gone, what it sent before is still read
     unread_replies_.noteQueued(transport_->queuedBytes());
   }
-  read(lock);
+  read();
 }
 
 /// Reading stops between two messages; handlers end in their own time.
@@ -47,7 +47,7 @@ bool Connection::peerMustWait() const {
   return unread_replies_.count() + waiting_calls_ > limits_.calls_in_hand;
 }
 
-void Connection::read(Lock& lock) {
+void Connection::read() {
   if (peerMustWait() || awaits_release_.load()) return watchForWriting();
   Round round;
   if (exported_interface_ != nullptr) {
@@ -57,22 +57,22 @@ void Connection::read(Lock& lock) {
       return awaitRelease(wire::Resource::calls);
     }
   }
-  const Outcome outcome =
+  const Progress progress =
       transport_->receive([this, &round](Received& received) { return take(round, received); });
-  if (!round.broken.empty() || outcome == Outcome::ended) {
-    finish(lock, Cause::interruption, round.broken.empty() ? transport_->reason() : round.broken);
+  if (!round.broken.empty() || progress == Progress::ended) {
+    finish(Cause::interruption, round.broken.empty() ? transport_->reason() : round.broken);
     return;
   }
   updateDeadlines(round.took_message);
   unread_replies_.noteQueued(transport_->queuedBytes());
   watchForWriting();
-  goOnAfter(outcome);
+  goOnAfter(progress);
 }
 
-void Connection::goOnAfter(Outcome outcome) {
-  if (outcome == Outcome::no_room) {
+void Connection::goOnAfter(Progress progress) {
+  if (progress == Progress::no_room) {
     awaitRelease(transport_->missing());
-  } else if (outcome == Outcome::more || hung_up_) {
+  } else if (progress == Progress::more || hung_up_) {
     if (!peerMustWait()) source_.again();
   }
 }

@@ -52,8 +52,7 @@ std::optional<Endpoint> Endpoint::adopt(FileDescriptor descriptor, std::shared_p
 
 FileDescriptor Endpoint::open() const {
   std::array<int, 2> pair{-1, -1};
-  if (!handle_ ||
-      ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) {
+  if (!handle_ || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) {
     return {};
   }
   FileDescriptor ours(pair[0]);

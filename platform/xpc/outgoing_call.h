@@ -33,7 +33,8 @@ class OutgoingCall {
   virtual void read(wire::Reader& in) = 0;
   void fail(Error error) { error_ = std::move(error); }
 
-  /// On the connection's queue, once: calls the error handler after `fail`, else the reply with what was read.
+  /// On the connection's queue, once: calls the error handler after `fail`, else the reply with what was
+  /// read.
   void finish() {
     if (!error_) {
       deliver();

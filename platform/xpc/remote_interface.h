@@ -146,18 +146,17 @@ class TypedCall final : public IncomingCall {
   TypedCall(std::shared_ptr<Protocol> object, wire::Reader& in) : object_(std::move(object)) {
     readValues(in, arguments_);
   }
-  void run() override {
-    // Neither outlives the call of the method, whoever keeps the reply.
-    const std::shared_ptr<Protocol> object = std::move(object_);
-    auto arguments = std::move(arguments_);
-    std::apply(
-        [&](auto&... each) {
-          ((*object).*Method)(std::move(each)..., Traits::Replies::answering(shared_from_this()));
-        },
-        arguments);
-  }
+  void run() override { run(typename Traits::Indices()); }
 
  private:
+  template <std::size_t... I>
+  void run(std::index_sequence<I...>) {
+    // Neither outlives the call of the method, whoever keeps the reply.
+    const std::shared_ptr<Protocol> object = std::move(object_);
+    [[maybe_unused]] auto arguments = std::move(arguments_);
+    ((*object).*Method)(std::move(std::get<I>(arguments))..., Traits::Replies::answering(shared_from_this()));
+  }
+
   std::shared_ptr<Protocol> object_;
   typename Traits::Values arguments_;
 };
@@ -186,12 +185,15 @@ template <auto Method>
 MethodDescription method(const char* name, std::vector<const char*> in_names,
                          std::vector<const char*> out_names) {
   using Traits = details::MethodTraits<decltype(Method)>;
-  return {name, Traits::signature(), Traits::Replies::signature(),
+  return {name,
+          Traits::signature(),
+          Traits::Replies::signature(),
           [](const std::shared_ptr<void>& object, wire::Reader& arguments) -> std::shared_ptr<IncomingCall> {
             return std::make_shared<details::TypedCall<Method>>(
                 std::static_pointer_cast<typename Traits::Protocol>(object), arguments);
           },
-          std::move(in_names), std::move(out_names)};
+          std::move(in_names),
+          std::move(out_names)};
 }
 
 }  // namespace kelvane::xpc

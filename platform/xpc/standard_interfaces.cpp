@@ -195,17 +195,15 @@ void listNames(const Question& question) {
 }
 
 const std::vector<const Standard*>& standards() {
-  static const Standard peer{isEverywhere,
-                             {nullptr,
-                              "org.freedesktop.DBus.Peer",
-                              {{"Ping", "", "", nullptr, {}, {}},
-                               {"GetMachineId", "", "s", nullptr, {}, {"machine_uuid"}}}},
-                             {[](const Question& question) { question.replyNothing(); }, getMachineID}};
+  static const Standard peer{
+      isEverywhere,
+      {nullptr,
+       "org.freedesktop.DBus.Peer",
+       {{"Ping", "", "", nullptr, {}, {}}, {"GetMachineId", "", "s", nullptr, {}, {"machine_uuid"}}}},
+      {[](const Question& question) { question.replyNothing(); }, getMachineID}};
   static const Standard introspectable{
       isNode,
-      {nullptr,
-       "org.freedesktop.DBus.Introspectable",
-       {{"Introspect", "", "s", nullptr, {}, {"xml_data"}}}},
+      {nullptr, "org.freedesktop.DBus.Introspectable", {{"Introspect", "", "s", nullptr, {}, {"xml_data"}}}},
       {introspect}};
   static const Standard properties{
       isObject,
@@ -215,29 +213,29 @@ const std::vector<const Standard*>& standards() {
         {"GetAll", "s", "a{sv}", nullptr, {"interface_name"}, {"properties"}},
         {"Set", "ssv", "", nullptr, {"interface_name", "property_name", "value"}, {}}}},
       {getProperty, getAllProperties, setProperty}};
-  static const Standard bus{
-      isTheBus,
-      {nullptr,
-       bus_name,
-       {{"Hello", "", "s", nullptr, {}, {"unique_name"}},
-        {"AddMatch", "s", "", nullptr, {"rule"}, {}},
-        {"RemoveMatch", "s", "", nullptr, {"rule"}, {}},
-        {"GetNameOwner", "s", "s", nullptr, {"name"}, {"unique_name"}},
-        {"NameHasOwner", "s", "b", nullptr, {"name"}, {"has_owner"}},
-        {"StartServiceByName", "su", "u", nullptr, {"name", "flags"}, {"result"}},
-        {"ListNames", "", "as", nullptr, {}, {"names"}},
-        {"ListActivatableNames", "", "as", nullptr, {}, {"names"}}}},
-      {[](const Question& question) { question.replyText(":1.1"); },
-       [](const Question& question) { question.replyNothing(); },
-       [](const Question& question) { question.replyNothing(); },
-       [](const Question& question) { question.replyText(":1.0"); },
-       [](const Question& question) {
-         question.reply("b", [](wire::Writer& out) { out.writeBoolean(true); });
-       },
-       [](const Question& question) {
-         question.reply("u", [](wire::Writer& out) { out.writeUint32(2); });  // it runs already
-       },
-       listNames, listNames}};
+  static const Standard bus{isTheBus,
+                            {nullptr,
+                             bus_name,
+                             {{"Hello", "", "s", nullptr, {}, {"unique_name"}},
+                              {"AddMatch", "s", "", nullptr, {"rule"}, {}},
+                              {"RemoveMatch", "s", "", nullptr, {"rule"}, {}},
+                              {"GetNameOwner", "s", "s", nullptr, {"name"}, {"unique_name"}},
+                              {"NameHasOwner", "s", "b", nullptr, {"name"}, {"has_owner"}},
+                              {"StartServiceByName", "su", "u", nullptr, {"name", "flags"}, {"result"}},
+                              {"ListNames", "", "as", nullptr, {}, {"names"}},
+                              {"ListActivatableNames", "", "as", nullptr, {}, {"names"}}}},
+                            {[](const Question& question) { question.replyText(":1.1"); },
+                             [](const Question& question) { question.replyNothing(); },
+                             [](const Question& question) { question.replyNothing(); },
+                             [](const Question& question) { question.replyText(":1.0"); },
+                             [](const Question& question) {
+                               question.reply("b", [](wire::Writer& out) { out.writeBoolean(true); });
+                             },
+                             [](const Question& question) {
+                               question.reply(
+                                   "u", [](wire::Writer& out) { out.writeUint32(2); });  // it runs already
+                             },
+                             listNames, listNames}};
   static const std::vector<const Standard*> all{&peer, &introspectable, &properties, &bus};
   return all;
 }
@@ -274,12 +272,13 @@ void answerUnknown(const Question& question) {
   const auto interfaces = interfacesAt(question.exported, call.path);
   if (std::none_of(interfaces.begin(), interfaces.end(),
                    [&](const InterfaceDescription* each) { return isFor(call, *each); })) {
-    return question.error(error_unknown_interface, "Unknown interface " + quoted(call.interface) +
-                                                       " of object " + quoted(call.path));
+    return question.error(error_unknown_interface,
+                          "Unknown interface " + quoted(call.interface) + " of object " + quoted(call.path));
   }
-  question.error(error_unknown_method, "Unknown method " + quoted(call.member) +
-                                           (call.interface.empty() ? " of object " + quoted(call.path)
-                                                                   : " of interface " + quoted(call.interface)));
+  question.error(error_unknown_method,
+                 "Unknown method " + quoted(call.member) +
+                     (call.interface.empty() ? " of object " + quoted(call.path)
+                                             : " of interface " + quoted(call.interface)));
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #pragma once
 
 // What stock tools expect of every peer, whatever it exports: org.freedesktop.DBus.Peer, Introspectable and
-// Properties, and the few calls to a message bus that they make before they speak to anybody else. Source: the
-// D-Bus specification, "Standard Interfaces".
+// Properties, and the few calls to a message bus that they make before they speak to anybody else. Source:
+// the D-Bus specification, "Standard Interfaces".
 
 #include <string>
 
@@ -15,7 +15,7 @@ namespace kelvane::xpc {
 /// What a connection exports.
 struct Exported {
   const InterfaceDescription* interface = nullptr;  // null: nothing
-  bool is_server = false;  // answers as a message bus would at /org/freedesktop/DBus
+  bool is_server = false;                           // answers as a message bus would at /org/freedesktop/DBus
 };
 
 /// The exported method that the call is for; null when it is for none. A call without an interface is for the

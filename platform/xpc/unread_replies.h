@@ -20,7 +20,7 @@ class UnreadReplies {
   [[nodiscard]] std::size_t count() const { return ends_.size(); }
 
  private:
-  std::uint64_t sent_ = 0;           // bytes, of all messages
+  std::uint64_t sent_ = 0;          // bytes, of all messages
   std::deque<std::uint64_t> ends_;  // where, among these, each reply that waits ends
 };
 

@@ -25,8 +25,8 @@ struct Anything {
   Value value;
 };
 
-/// `signature`; `write` writes one value, and leaves the writer with a fault when it cannot travel (nested too
-/// deep); `read` reads one, and leaves the reader with a fault when the message holds something else
+/// `signature`; `write` writes one value, and leaves the writer with a fault when it cannot travel (nested
+/// too deep); `read` reads one, and leaves the reader with a fault when the message holds something else
 /// (mismatched), something that no property list can hold (unusable), or too much (excessive).
 template <class T>
 struct Wire;
