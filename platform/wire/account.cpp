@@ -73,10 +73,21 @@ void Account::release(Resource resource, std::uint64_t amount) {
 void Account::whenReleased(Resource resource, std::weak_ptr<void> owner, std::function<void()> wake) {
   {
     const std::lock_guard lock(mutex_);
+    if (waiters_.size() >= sweep_at_) sweepWaiters();
     waiters_.push_back({resource, std::move(owner), std::move(wake)});
     waiting_.at(indexOf(resource)).fetch_add(1);
   }
   if (used(resource) < limit(resource)) wakeWaiters(resource);
+}
+
+// Peers may come and go as long as nothing is released.
+void Account::sweepWaiters() {
+  std::erase_if(waiters_, [this](const Waiter& waiter) {
+    if (!waiter.owner.expired()) return false;
+    waiting_.at(indexOf(waiter.resource)).fetch_sub(1);
+    return true;
+  });
+  sweep_at_ = std::max<std::size_t>(64, 2 * waiters_.size());
 }
 
 void Account::wakeWaiters(Resource resource) {
@@ -168,6 +179,11 @@ std::shared_ptr<Account> Accounts::of(uid_t user) {
   auto account = std::make_shared<Account>(user, privileged ? privileged_ : ordinary_);
   known = account;
   return account;
+}
+
+std::size_t Accounts::size() {
+  const std::lock_guard lock(mutex_);
+  return accounts_.size();
 }
 
 }  // namespace kelvane::wire

@@ -71,6 +71,7 @@ class Account : public std::enable_shared_from_this<Account> {
   };
 
   void wakeWaiters(Resource resource);
+  void sweepWaiters();
   std::vector<Waiter> takeWaiters(Resource resource);
 
   const uid_t user_;
@@ -80,6 +81,7 @@ class Account : public std::enable_shared_from_this<Account> {
       waiting_{};  // how many of waiters_; changed under mutex_
   std::mutex mutex_;
   std::vector<Waiter> waiters_;  // guarded by mutex_
+  std::size_t sweep_at_ = 64;    // guarded by mutex_; with so many those whose owner is gone are dropped
 };
 
 /// An amount that is charged as long as this lives. Movable; may be empty.
@@ -129,6 +131,8 @@ class Accounts {
 
   /// The user's account; made when there is none.
   [[nodiscard]] std::shared_ptr<Account> of(uid_t user);
+  /// How many users are remembered, some of them perhaps for a while longer than they need be.
+  [[nodiscard]] std::size_t size();
 
  private:
   const Limits ordinary_;
