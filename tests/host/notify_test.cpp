@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -18,6 +19,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "platform/foundation/file_descriptor.h"
 #include "tests/foundation/temporary_directory.h"
@@ -61,13 +63,19 @@ TEST_F(Notification, ACounterThatIsNoneBeginsAnew) {
 }
 
 TEST_F(Notification, PostsFromSeveralThreadsAreAllCounted) {
-  const auto post = [] {
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(notify_post("name"), 0U);
-  };
-  std::thread other(post);
-  post();
-  other.join();
-  EXPECT_EQ(number("name"), "200");
+  constexpr int threads = 4;
+  constexpr int posts = 2000;
+  std::atomic<int> ready = 0;
+  std::vector<std::thread> posting;
+  for (int i = 0; i < threads; ++i) {
+    posting.emplace_back([&ready] {
+      ++ready;
+      while (ready < threads) continue;
+      for (int post = 0; post < posts; ++post) EXPECT_EQ(notify_post("name"), 0U);
+    });
+  }
+  for (std::thread& thread : posting) thread.join();
+  EXPECT_EQ(number("name"), std::to_string(threads * posts));
 }
 
 TEST_F(Notification, ANameThatIsAPathIsRefused) {

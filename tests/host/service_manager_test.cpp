@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -32,6 +33,9 @@ class Manager {
     const std::size_t size = is_abstract ? offsetof(sockaddr_un, sun_path) + address.size() : sizeof place;
     EXPECT_EQ(::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&place), static_cast<socklen_t>(size)),
               0);
+  }
+  /// From now on messages come with the credentials that they were sent with. Before, the kernel adds none.
+  void askForCredentials() const {
     const int on = 1;
     EXPECT_EQ(::setsockopt(socket_.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on), 0);
   }
@@ -112,6 +116,7 @@ TEST_F(ServiceManager, IsFoundAtTheLongestPathAndName) {
 TEST_F(ServiceManager, LearnsWhichProcessTellsIt) {
   const Manager manager(directory_ / "notify");
   ASSERT_TRUE(notifyReady());
+  manager.askForCredentials();
   const ucred sender = manager.received().sender;
   EXPECT_EQ(sender.pid, ::getpid());
   EXPECT_EQ(sender.uid, ::getuid());
@@ -149,11 +154,14 @@ TEST_F(ServiceManager, ThatReadsNothingIsNotWaitedForWithASignOfLife) {
 TEST_F(ServiceManager, ThatIsBusyIsWaitedForWithReadiness) {
   const Manager manager(directory_ / "notify");
   while (notifyAlive()) continue;
-  bool told = false;
-  std::thread telling([&] { told = notifyReady(); });
-  while (manager.received().text != "READY=1") std::this_thread::yield();
-  telling.join();
-  EXPECT_TRUE(told);
+  std::atomic<bool> begun = false;
+  std::thread reader([&] {
+    while (!begun) continue;
+    static_cast<void>(manager.received());
+  });
+  begun = true;
+  EXPECT_TRUE(notifyReady());
+  reader.join();
 }
 
 class Patience : public testing::Test {

@@ -113,9 +113,8 @@ TEST_F(HangingVolumes, SeveralAreWaitedForAtTheSameTimeAndOnlyOnce) {
   EXPECT_LT(std::chrono::steady_clock::now() - again, std::chrono::seconds(20)) << "half a second each time";
 }
 
-TEST_F(HangingVolumes, APartOfOneMountedElsewhereIsNotLookedInto) {
+TEST_F(HangingVolumes, ASecondViewOfOneIsWaitedForAsLittle) {
   hang(hung_);
-  // Its root, bound: what is below it cannot be looked up without an answer.
   const PrivateMount view("none", hung_, directory_ / "view", MS_BIND);
   EXPECT_THAT(soon(getLocalVolumes), Optional(Contains(hung_)));
   EXPECT_EQ(soon([&] { return volumeFreespace(directory_ / "view"); }), 0U);
