@@ -2,7 +2,10 @@
 //
 // clientGetState, in turns: of the daemon; of a stand-in that answers the same from a single-threaded bus
 // loop and does nothing else; of the same stand-in through a dbus-daemon of this program's own; and as many
-// bytes to and fro on a plain socket. Then the same with eight clients at once, each a process.
+// bytes to and fro on a plain socket: all by a client of the bus library. Also of the daemon by this
+// project's own client, on a connection that is open, and by its library, whose every request has a
+// connection of its own; the latter's peer is the bus library that connects, calls the stand-in and closes.
+// Before that, eight clients of the bus library at once, each a process.
 
 #include <poll.h>
 #include <sys/prctl.h>
@@ -23,6 +26,9 @@
 #include "bench/support/program.h"
 #include "bench/support/rounds.h"
 #include "bench/support/temporary_folder.h"
+#include "kelvane/client.h"
+#include "platform/dispatch/group.h"
+#include "support/protocols.h"
 
 namespace kelvane::bench {
 namespace {
@@ -31,13 +37,18 @@ constexpr const char* key = "com.example.bench";
 constexpr std::size_t clients = 8;
 constexpr int warm_up = 10;  // calls, before those that count
 
-enum Way : std::size_t { daemon, bare, bus, raw, ways };
-constexpr std::array<const char*, ways> way_names = {"the daemon", "bare sd-bus echo", "through dbus-daemon",
-                                                     "raw AF_UNIX ping-pong"};
+enum Way : std::size_t { daemon, bare, bus, raw, own_client, library, bare_fresh, ways };
+constexpr std::array<const char*, ways> way_names = {"the daemon",
+                                                     "bare sd-bus echo",
+                                                     "through dbus-daemon",
+                                                     "raw AF_UNIX ping-pong",
+                                                     "own client",
+                                                     "getState of the library",
+                                                     "bare sd-bus connect, call, close"};
 
 /// All that answers.
 struct Servers {
-  Servers() : process(daemonBesideThisProgram()) {
+  explicit Servers(const std::string& program) : process(program) {
     DaemonClient(process.socket()).setState("value", key);
     direct.standInAt(echo_socket);
     on_bus.standInOnBus(message_bus.socket());
@@ -60,6 +71,30 @@ Call callOf(std::shared_ptr<DaemonClient> client) {
   };
 }
 
+/// On an open connection of this project's own. It makes threads.
+Call callOfOwnClient(const std::string& socket) {
+  const auto connection = xpc::Connection::initWithSocketPath(socket);
+  connection->resume();
+  auto proxy = connection->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>(
+      [](const xpc::Error& /*error*/) { std::exit(1); });
+  return [proxy = std::move(proxy), answered = dispatch_semaphore_create(0)] {
+    proxy->clientGetState(xpc::Anything{std::string(key)}, [&answered](const Value& value) {
+      if (value != Value("value")) std::exit(1);
+      dispatch_semaphore_signal(answered);
+    });
+    static_cast<void>(dispatch_semaphore_wait(answered, DISPATCH_TIME_FOREVER));
+  };
+}
+
+Call callOfLibrary(const std::string& socket) {
+  client::ClientOptions options;
+  options.daemon_socket = socket;
+  return [client = std::make_shared<client::Client>(options)] {
+    const auto value = client->getState(key);
+    if (!value || *value != Value("value")) std::exit(1);
+  };
+}
+
 Call connect(Servers& servers, Way way) {
   switch (way) {
     case daemon:
@@ -68,6 +103,14 @@ Call connect(Servers& servers, Way way) {
       return callOf(std::make_shared<DaemonClient>(servers.echo_socket));
     case bus:
       return callOf(std::make_shared<DaemonClient>(servers.message_bus.socket(), echo_name));
+    case own_client:
+      return callOfOwnClient(servers.process.socket());
+    case library:
+      return callOfLibrary(servers.process.socket());
+    case bare_fresh:
+      return [&servers] {
+        if (DaemonClient(servers.echo_socket).state(key) != "value") std::exit(1);
+      };
     default:
       return [socket = rawConnection(servers.plain.addService(Speech::raw))] { rawRoundTrip(socket); };
   }
@@ -75,7 +118,7 @@ Call connect(Servers& servers, Way way) {
 
 // --- one client
 
-enum Thing : std::size_t { to_bare = ways, to_bus, to_raw, things };
+enum Thing : std::size_t { to_bare = ways, to_bus, to_raw, own_to_bare, library_to_bare, things };
 
 struct Trips {
   std::array<Quartiles, things> found;
@@ -102,6 +145,8 @@ Trips measureTrips(Servers& servers, int rounds, int calls) {
     took[to_bare] = took[daemon] / took[bare];
     took[to_bus] = took[daemon] / took[bus];
     took[to_raw] = took[daemon] / took[raw];
+    took[own_to_bare] = took[own_client] / took[bare];
+    took[library_to_bare] = took[library] / took[bare_fresh];
     return took;
   });
   return trips;
@@ -109,13 +154,15 @@ Trips measureTrips(Servers& servers, int rounds, int calls) {
 
 void reportTrips(Report& report, const Trips& trips, int rounds) {
   const auto& found = trips.found;
-  const auto beside = [&](const char* name, Way way, Thing ratio, std::optional<Goal> goal) {
+  const auto beside = [&](const char* name, Way what, Way way, Thing ratio, std::optional<Goal> goal) {
     report.figures.push_back(
-        {name, "us", rounds, found[daemon], Peer{way_names[way], found[way], found[ratio]}, goal});
+        {name, "us", rounds, found[what], Peer{way_names[way], found[way], found[ratio]}, goal});
   };
-  beside("clientGetState round trip", bare, to_bare, ratioAtMost(1.3));
-  beside("clientGetState round trip, beside a message bus", bus, to_bus, ratioAtMost(0.75));
-  beside("clientGetState round trip, beside a raw socket", raw, to_raw, std::nullopt);
+  beside("clientGetState round trip", daemon, bare, to_bare, ratioAtMost(1.15));
+  beside("clientGetState round trip, beside a message bus", daemon, bus, to_bus, ratioAtMost(0.2));
+  beside("clientGetState round trip, beside a raw socket", daemon, raw, to_raw, std::nullopt);
+  beside("clientGetState round trip by the own client", own_client, bare, own_to_bare, std::nullopt);
+  beside("getState of the library, with its connection", library, bare_fresh, library_to_bare, std::nullopt);
   for (std::size_t way = 0; way < ways; ++way)
     report.series.push_back(distributionOf(std::string("round trip, ") + way_names[way], trips.samples[way]));
 }
@@ -176,16 +223,19 @@ void measureCrowd(Report& report, Servers& servers, int rounds, int calls) {
     return {daemons, through, direct, daemons / through, daemons / direct};
   });
   report.add({{"8 clients at once, calls per second", "1/s", rounds, found[0],
-               Peer{way_names[bus], found[1], found[3]}, ratioAtLeast(1.5)},
+               Peer{way_names[bus], found[1], found[3]}, ratioAtLeast(2)},
               {"8 clients at once, calls per second, beside a bare echo", "1/s", rounds, found[0],
                Peer{way_names[bare], found[2], found[4]}}});
 }
 
-Report measure(int rounds, int calls) {
-  Servers servers;
+Report measure(const std::string& program, int rounds, int calls) {
+  Servers servers(program);
+  Report crowd;
+  measureCrowd(crowd, servers, rounds,
+               calls);  // it forks, and comes before the own client, which has threads
   Report report;
   reportTrips(report, measureTrips(servers, rounds, calls), rounds);
-  measureCrowd(report, servers, rounds, calls);
+  report.add(std::move(crowd.figures));
   return report;
 }
 
@@ -193,6 +243,7 @@ Report measure(int rounds, int calls) {
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
+  std::string daemon = kelvane::bench::daemonBesideThisProgram();
   int rounds = 31;
   int calls = 300;
   return kelvane::bench::runProgram(
@@ -200,8 +251,9 @@ int main(int argc, char** argv) {
       {"call_bench",
        "Measures one small call, by one client and by eight at once, against the wire and a bus.",
        [&](CLI::App& app) {
+         kelvane::bench::addDaemonOption(app, daemon);
          app.add_option("--rounds", rounds, "rounds in which all take turns")->check(CLI::Range(3, 1000));
          app.add_option("--calls", calls, "calls of each client in a round")->check(CLI::Range(1, 100000));
        },
-       [&] { return kelvane::bench::measure(rounds, calls); }});
+       [&] { return kelvane::bench::measure(daemon, rounds, calls); }});
 }

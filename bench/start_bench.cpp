@@ -1,7 +1,8 @@
 // What it costs to start, and how soon the daemon is gone and back.
 //
 // In turns: the daemon's start, from its creation to the launched notification, without descriptors and with
-// so many, the very first one and one that finds the settings file of the one before; reading and parsing the
+// so many, the very first one and one that finds the settings file of the one before; without descriptors
+// also that of another daemon, when one is given with --beside; reading and parsing the
 // same files with nothing but the property-list library; and the end by SIGTERM in the middle of a purge,
 // then the start to the first answer.
 //
@@ -47,6 +48,8 @@ enum Thing : std::size_t {
   added_ratio,
   gone,
   back,
+  beside,  // 0 without another daemon
+  beside_ratio,
   things
 };
 
@@ -166,32 +169,54 @@ EndAndStart endAndStart(const std::string& program) {
   return took;
 }
 
-std::array<double, things> round(const std::string& program) {
+struct Programs {
+  std::string daemon = daemonBesideThisProgram();
+  std::string beside;  // may be empty
+};
+
+std::array<double, things> round(const Programs& programs) {
+  const std::string& program = programs.daemon;
   const Starts without = withoutDescriptors([&] { return startsOf(program); });
+  const Starts other =
+      programs.beside.empty() ? Starts{} : withoutDescriptors([&] { return startsOf(programs.beside); });
   const Starts with = startsOf(program);
   const double parsed = microsecondsOf(parseBare);
   const EndAndStart ended = endAndStart(program);
   const double more = with.usual - without.usual;
-  return {without.usual,       with.usual,          with.first,    more,       parsed,
-          with.usual / parsed, with.first / parsed, more / parsed, ended.gone, ended.back};
+  return {without.usual,
+          with.usual,
+          with.first,
+          more,
+          parsed,
+          with.usual / parsed,
+          with.first / parsed,
+          more / parsed,
+          ended.gone,
+          ended.back,
+          other.usual,
+          other.usual > 0 ? without.usual / other.usual : 0};
 }
 
-Report measure(std::size_t count, int rounds) {
+Report measure(const Programs& programs, std::size_t count, int rounds) {
   allowManyDescriptors();
   writeDescriptors(count);
-  const std::string program = daemonBesideThisProgram();
-  const auto found = quartilesOfRounds<things>(rounds, [&] { return round(program); });
+  const auto found = quartilesOfRounds<things>(rounds, [&] { return round(programs); });
   constexpr double ms = 1e-3;
   const auto beside_parsing = [&](Thing which) {
     return Peer{"reading and parsing them bare", found[parsing] * ms, found[which]};
   };
+  Figure empty_start{"start to the launched notification, no descriptors", "ms", rounds, found[empty] * ms};
+  if (!programs.beside.empty()) {
+    empty_start.peer = Peer{"the daemon of --beside", found[beside] * ms, found[beside_ratio]};
+    empty_start.goal = ratioAtMost(0.8);
+  }
   return {{{fmt::format("start to the launched notification, {} descriptors", count), "ms", rounds,
             found[full] * ms, beside_parsing(ratio), ratioAtMost(1.5)},
            {fmt::format("the very first start, {} descriptors", count), "ms", rounds, found[first_full] * ms,
             beside_parsing(first_ratio)},
            {fmt::format("what {} descriptors add to the start", count), "ms", rounds, found[added] * ms,
             beside_parsing(added_ratio)},
-           {"start to the launched notification, no descriptors", "ms", rounds, found[empty] * ms},
+           empty_start,
            {"SIGTERM in the middle of a purge to the end", "ms", rounds, found[gone] * ms},
            {"start to the first answer after that", "ms", rounds, found[back] * ms}}};
 }
@@ -200,15 +225,19 @@ Report measure(std::size_t count, int rounds) {
 }  // namespace kelvane::bench
 
 int main(int argc, char** argv) {
+  kelvane::bench::Programs programs;
   std::size_t count = 1000;
   int rounds = 21;
   return kelvane::bench::runProgram(
       argc, argv,
       {"start_bench", "Measures the daemon's start and end. Run it in script/lib/private-root.sh.",
        [&](CLI::App& app) {
+         kelvane::bench::addDaemonOption(app, programs.daemon);
+         app.add_option("--beside", programs.beside, "another daemon, for the start without descriptors")
+             ->check(CLI::ExistingFile);
          app.add_option("--descriptors", count, "how many services are declared")
              ->check(CLI::Range(1, 100000));
          app.add_option("--rounds", rounds, "how often each is measured")->check(CLI::PositiveNumber);
        },
-       [&] { return kelvane::bench::measure(count, rounds); }});
+       [&] { return kelvane::bench::measure(programs, count, rounds); }});
 }

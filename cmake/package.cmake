@@ -55,8 +55,8 @@ set(CPACK_DEBIAN_LIBKELVANE1_PACKAGE_CONTROL_EXTRA
 set(CPACK_DEBIAN_LIBKELVANE-DEV_PACKAGE_NAME libkelvane-dev)
 set(CPACK_DEBIAN_LIBKELVANE-DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_LIBKELVANE-DEV_DESCRIPTION "storage-reclamation daemon: development files
-The headers of libkelvane, and what pkg-config and CMake need to build
-programs with it.")
+The headers of libkelvane, what pkg-config and CMake need to build programs
+with it, and the descriptions of its D-Bus interfaces for code generators.")
 
 set(CPACK_DEBIAN_PYTHON3-KELVANE_PACKAGE_NAME python3-kelvane)
 set(CPACK_DEBIAN_PYTHON3-KELVANE_PACKAGE_SECTION python)

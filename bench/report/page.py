@@ -19,10 +19,14 @@ def growth(run):
     """Curves of what is measured for several numbers of services: the figure's and its peer's."""
     found = {}
     for figure in run["figures"]:
-        match = re.fullmatch(r"(purge, per service call|uncached query, per service), (\d+) services", figure["name"])
-        if match:
-            for name, value in ((match[1], figure), (f"{figure['peer']['name']} ({match[1].split(',')[0]})", figure["peer"])):
-                found.setdefault(name, []).append((int(match[2]), value["median"]))
+        match = re.fullmatch(r"(purge, per service call|uncached query, per service), (\d+) services( of .*)?", figure["name"])
+        if not match:
+            continue
+        kind = match[3] or ""
+        found.setdefault(match[1] + (f", services{kind}" if kind else ""), []).append((int(match[2]), figure["median"]))
+        if kind != " of libkelvane":  # the peer is the same as beside the others
+            peer = f"{figure['peer']['name']} ({match[1].split(',')[0]})"
+            found.setdefault(peer, []).append((int(match[2]), figure["peer"]["median"]))
     return [(name, *zip(*sorted(points))) for name, points in found.items()]
 
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "bench/support/placement.h"
+#include "bench/support/program.h"
 
 namespace kelvane::bench {
 namespace {
@@ -17,7 +18,7 @@ int run(int argc, char** argv, Comparison& comparison) {
   Setting setting{daemonBesideThisProgram(), "/", comparison.rounds};
   std::string json;
   bool unplaced = false;
-  app.add_option("--daemon", setting.daemon, "the daemon's program")->check(CLI::ExistingFile);
+  addDaemonOption(app, setting.daemon);
   app.add_option("--volume", setting.volume, "a local volume; nothing is written to it");
   app.add_option("--rounds", setting.rounds, "rounds for each number of services")
       ->check(CLI::Range(3, 1000));
@@ -28,10 +29,11 @@ int run(int argc, char** argv, Comparison& comparison) {
 
   allowManyDescriptors();
   ServiceHost host;
-  const bool apart = !unplaced && place(host.ID(), Side::far) && place(0, Side::near);
-  std::printf("microseconds, medians of %d rounds; ratios with their quartiles; %s\n\n%s\n", setting.rounds,
-              apart ? "the services have a processor to themselves" : "the scheduler places the services",
-              comparison.heading);
+  setting.apart = !unplaced && place(host.ID(), Side::far) && place(0, Side::near);
+  std::printf(
+      "microseconds, medians of %d rounds; ratios with their quartiles; %s\n\n%s\n", setting.rounds,
+      setting.apart ? "the services have a processor to themselves" : "the scheduler places the services",
+      comparison.heading);
   Report report;
   for (const std::size_t services : comparison.services) {
     const Row row = comparison.measure(host, setting, services);
@@ -70,12 +72,18 @@ std::string daemonBesideThisProgram() {
   return std::filesystem::canonical("/proc/self/exe").parent_path() / "kelvaned";
 }
 
-PopulatedDaemon::PopulatedDaemon(const std::string& program, ServiceHost& host, std::size_t services)
-    : process_(program), client_(process_.socket()) {
+const char* nameOf(ServiceKind kind) {
+  return kind == ServiceKind::bus_library ? "services of sd-bus" : "services of libkelvane";
+}
+
+PopulatedDaemon::PopulatedDaemon(const Setting& setting, ServiceHost& host, std::size_t services,
+                                 ServiceKind kind)
+    : host_(host.ID()), process_(setting.daemon), client_(process_.socket()) {
   for (std::size_t i = 0; i < services; ++i) {
     endpoints_.push_back(host.addService(Speech::dbus));
-    client_.checkIn("com.example.bench" + std::to_string(i), endpoints_.back());
+    if (kind == ServiceKind::bus_library) client_.checkIn(serviceID(i), endpoints_.back());
   }
+  if (kind == ServiceKind::own_library) services_.emplace(process_.socket(), services, setting.apart);
 }
 
 PopulatedDaemon::~PopulatedDaemon() {

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <sys/types.h>
+#include <array>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "bench/support/daemon_client.h"
 #include "bench/support/daemon_process.h"
+#include "bench/support/library_services.h"
 #include "bench/support/report.h"
 #include "bench/support/service_host.h"
 
@@ -16,6 +20,7 @@ struct Setting {
   std::string daemon;  // the program
   std::string volume = "/";
   int rounds = 0;
+  bool apart = false;  // services have a processor to themselves (see placement.h)
 };
 
 /// What was found for one number of services.
@@ -46,22 +51,37 @@ void allowManyDescriptors();
 /// Path of the daemon that was built with this program.
 std::string daemonBesideThisProgram();
 
-/// A daemon of its own with so many services checked in, and a client of it.
+/// What the services are made with: the bus library, one thread for all of them, or this project's library.
+enum class ServiceKind { bus_library, own_library };
+inline constexpr std::array<ServiceKind, 2> service_kinds = {ServiceKind::bus_library,
+                                                             ServiceKind::own_library};
+/// As figures name it.
+[[nodiscard]] const char* nameOf(ServiceKind kind);
+
+/// A daemon of its own with so many services checked in, and a client of it. Beside them there are as many
+/// services of the bus library for bare loops: the same ones, or, when the daemon has those of this project's
+/// library, others.
 class PopulatedDaemon {
  public:
-  PopulatedDaemon(const std::string& program, ServiceHost& host, std::size_t services);
+  PopulatedDaemon(const Setting& setting, ServiceHost& host, std::size_t services,
+                  ServiceKind kind = ServiceKind::bus_library);
   ~PopulatedDaemon();
   PopulatedDaemon(const PopulatedDaemon&) = delete;
   PopulatedDaemon& operator=(const PopulatedDaemon&) = delete;
 
   [[nodiscard]] const DaemonProcess& process() const { return process_; }
   [[nodiscard]] DaemonClient& client() { return client_; }
+  /// Of the services for bare loops.
   [[nodiscard]] const std::vector<int>& endpoints() const { return endpoints_; }
+  /// The process of the services that have checked in.
+  [[nodiscard]] pid_t servicesID() const { return services_ ? services_->ID() : host_; }
 
  private:
+  const pid_t host_;
   const DaemonProcess process_;
   DaemonClient client_;
   std::vector<int> endpoints_;
+  std::optional<LibraryServices> services_;
 };
 
 }  // namespace kelvane::bench

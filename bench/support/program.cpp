@@ -22,6 +22,10 @@ int run(int argc, char** argv, const Program& program) {
 
 }  // namespace
 
+void addDaemonOption(CLI::App& app, std::string& daemon) {
+  app.add_option("--daemon", daemon, "the daemon's program")->check(CLI::ExistingFile);
+}
+
 int runProgram(int argc, char** argv, const Program& program) {
   try {
     return run(argc, argv, program);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 #include "bench/support/report.h"
 
@@ -21,6 +22,9 @@ struct Program {
   /// Whether all figures are printed at the end; else the measuring does that.
   bool prints = true;
 };
+
+/// --daemon: another program than the daemon beside this one. `daemon` has that one until then.
+void addDaemonOption(CLI::App& app, std::string& daemon);
 
 /// The whole run, from the command line to the exit status.
 int runProgram(int argc, char** argv, const Program& program);

@@ -109,6 +109,13 @@ class Page(unittest.TestCase):
         self.assertEqual(page.growth(run_of(*figures)),
                          [("purge, per service call", (1, 100), (20.0, 20.0)), ("bare (purge)", (1, 100), (1, 100))])
 
+    def test_services_of_two_kinds_are_two_curves_with_one_peer(self):
+        figures = [figure(f"purge, per service call, {n} services of {kind}", **beside(median=n))
+                   for n in (100, 1) for kind in ("sd-bus", "libkelvane")]
+        self.assertEqual([name for name, _, _ in page.growth(run_of(*figures))],
+                         ["purge, per service call, services of sd-bus", "bare (purge)",
+                          "purge, per service call, services of libkelvane"])
+
     def test_only_curves_that_were_measured_are_drawn(self):
         fill = {"name": "fill, 500 MB/s, the watcher", "x": [-1.0, 2.0, 900.0], "y": [300.0, 200.0, 500.0]}
         drawn = page.drawings(run_of(series=[fill]))
