@@ -26,7 +26,7 @@ bool holds(const std::string& mount, const std::string& path) {
 }
 
 std::string refusalOfMount(const MountEntry& mount) {
-  if (mount.type != "autofs" && foldersThatMayNotAnswer({mount}).empty()) return {};
+  if (!mayNotAnswer(mount)) return {};
   return fmt::format("{} is a mount of type {}, which may not answer", mount.target, mount.type);
 }
 

@@ -100,7 +100,7 @@ bool VolumeView::isOn(const MountEntry& holder, const std::string& volume) const
 
 bool VolumeView::mayNotAnswer(const std::string& path) const {
   const MountEntry* const holder = holderByName(path);
-  return holder != nullptr && (holder->type == "autofs" || !foldersThatMayNotAnswer({*holder}).empty());
+  return holder != nullptr && kelvane::mayNotAnswer(*holder);
 }
 
 /// Not O_DIRECTORY, which would wake an automounter.

@@ -8,12 +8,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <functional>
+#include <utility>
 
 #include "common/keys.h"
 #include "platform/foundation/file_descriptor.h"
 #include "platform/foundation/property_list.h"
+#include "support/grant_directory.h"
 #include "support/log.h"
 
 namespace kelvane {
@@ -23,25 +24,10 @@ constexpr const char* speaker = "loadEntitlementGrants";
 constexpr std::size_t largest_file = std::size_t{1} << 20;
 constexpr std::size_t largest_record = std::size_t{1} << 20;  // of a user or group
 
-/// The *.plist files of a folder, in the order of their names.
-std::vector<std::string> grantFiles(const std::string& folder) {
-  std::vector<std::string> files;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator(folder, error); !error && it != decltype(it)();
-       it.increment(error)) {
-    if (it->path().extension() == ".plist") files.push_back(it->path().string());
-  }
-  if (error && error != std::errc::no_such_file_or_directory) {
-    KVLog(3, "%s unable to read %s: %s", speaker, folder, error.message());
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
 /// The file's bytes, or why there are none.
-std::string readTrusted(const std::string& path, Data::Bytes& bytes) {
+std::string readTrusted(int directory, const std::string& name, Data::Bytes& bytes) {
   // Owner and mode are asked of what was opened, not of what the path may lead to a moment later.
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const FileDescriptor file(::openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) return std::strerror(errno);
   if (const char* reason = whyDistrusted(status)) return reason;
@@ -84,11 +70,13 @@ std::optional<id_t> identity(const Value& number) {
 /// The property list of a file becoming a grant. `problem` says why it cannot.
 class GrantReader {
  public:
-  explicit GrantReader(const std::string& path) : path_(path) {}
+  /// `path` is what the file is called in the log.
+  GrantReader(int directory, const std::string& name, std::string path)
+      : directory_(directory), name_(name), path_(std::move(path)) {}
 
   std::optional<Grant> read() {
     Data::Bytes bytes;
-    problem_ = readTrusted(path_, bytes);
+    problem_ = readTrusted(directory_, name_, bytes);
     if (problem_.empty()) {
       const PropertyListResult parsed = propertyListWithData(bytes);
       if (!parsed.error) readRoot(parsed.value);
@@ -154,7 +142,9 @@ class GrantReader {
     if (problem_.empty()) problem_ = std::move(problem);
   }
 
-  const std::string& path_;
+  const int directory_;
+  const std::string& name_;
+  const std::string path_;
   Grant grant_;
   bool matches_nobody_ = false;
   std::string problem_;  // the first one; empty for none
@@ -181,9 +171,15 @@ bool Grant::matches(const xpc::PeerCredentials& peer) const {
 Grants readGrants(const std::vector<std::string>& folders) {
   Grants result;
   for (const std::string& folder : folders) {
-    for (const std::string& path : grantFiles(folder)) {
+    const GrantDirectory directory = openGrantDirectory(folder);
+    if (!directory.problem.empty()) {
+      KVLog(3, "%s ignoring %s: %s", speaker, folder, directory.problem);
+      result.any_file = true;  // what the administrator wanted is unknown
+    }
+    for (const std::string& name : directory.files) {
       result.any_file = true;
-      if (std::optional<Grant> grant = GrantReader(path).read()) result.grants.push_back(std::move(*grant));
+      GrantReader reader(directory.directory.get(), name, folder + "/" + name);
+      if (std::optional<Grant> grant = reader.read()) result.grants.push_back(std::move(*grant));
     }
   }
   return result;

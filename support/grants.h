@@ -24,7 +24,7 @@ struct Grant {
 
 struct Grants {
   std::vector<Grant> grants;
-  bool any_file = false;  ///< also when none of them could be used
+  bool any_file = false;  ///< also when none of them, or their directory, could be used
 };
 
 /// Reads every *.plist of the folders; see entitlements.h.

@@ -14,19 +14,37 @@ bool isBelow(const std::string& path, std::string_view folder) {
   return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
-/// Somebody else's space: a server's, a host's, or whatever a program makes of it.
+template <std::size_t count>
+bool isOneOf(const std::array<std::string_view, count>& types, const std::string& type) {
+  return std::find(types.begin(), types.end(), type) != types.end();
+}
+
+/// The kernel appends to "fuse" and "fuseblk" what the program calls its file system.
+bool isServedByAProgram(const std::string& type) {
+  return type == "fuse" || type == "fuseblk" || type.starts_with("fuse.") || type.starts_with("fuseblk.");
+}
+
+/// Somebody else's space: a server's or a host's.
 bool isForeign(const std::string& type) {
-  static constexpr std::array<std::string_view, 18> types = {
-      "9p",  "afs", "beegfs", "ceph",  "cifs",     "coda", "davfs", "fuse",  "lustre",
-      "ncp", "nfs", "nfs4",   "ncpfs", "orangefs", "smb3", "smbfs", "sshfs", "virtiofs"};
-  return std::find(types.begin(), types.end(), type) != types.end() || type.starts_with("fuse.");
+  static constexpr std::array<std::string_view, 21> types = {
+      "9p",  "afs",  "beegfs", "ceph",  "cifs",     "coda",  "davfs", "glusterfs", "gpfs",  "lustre",  "ncp",
+      "nfs", "nfs4", "ncpfs",  "panfs", "orangefs", "pvfs2", "smb3",  "smbfs",     "sshfs", "virtiofs"};
+  return isOneOf(types, type);
+}
+
+bool hasBlockDeviceNumber(const MountEntry& mount) {
+  return !mount.device.empty() && !mount.device.starts_with("0:");
 }
 
 bool isOnBlockDevice(const MountEntry& mount) {
-  return mount.source.starts_with("/dev/") || !(mount.device.empty() || mount.device.starts_with("0:"));
+  // What a program serves it calls as it likes, "/dev/sda1" for one; any user may be behind it.
+  if (isServedByAProgram(mount.type)) return hasBlockDeviceNumber(mount);
+  return mount.source.starts_with("/dev/") || hasBlockDeviceNumber(mount);
 }
 
-bool isLocal(const MountEntry& mount) {
+}  // namespace
+
+bool isLocalVolume(const MountEntry& mount) {
   if (!mount.writable || isForeign(mount.type) || !isMessageText(mount.target)) return false;
   if (mount.type == "overlay" || mount.type == "btrfs" || mount.type == "zfs") return true;
   if (mount.type == "tmpfs") {
@@ -36,6 +54,8 @@ bool isLocal(const MountEntry& mount) {
   }
   return isOnBlockDevice(mount);
 }
+
+namespace {
 
 /// Whether `a` stands for the device rather than `b`, which comes before it in the table.
 bool isBetter(const MountEntry& a, const MountEntry& b) {
@@ -51,7 +71,7 @@ std::vector<MountEntry> localVolumesAmong(const std::vector<MountEntry>& mounts)
 
   std::map<std::string, std::size_t> best_of;  // device to place in the table
   for (std::size_t i = 0; i < mounts.size(); ++i) {
-    if (last_at[mounts[i].target] != i || !isLocal(mounts[i])) continue;
+    if (last_at[mounts[i].target] != i || !isLocalVolume(mounts[i])) continue;
     const auto [place, is_first] = best_of.try_emplace(mounts[i].device, i);
     if (!is_first && isBetter(mounts[i], mounts[place->second])) place->second = i;
   }
@@ -66,12 +86,16 @@ std::vector<MountEntry> localVolumesAmong(const std::vector<MountEntry>& mounts)
   return result;
 }
 
-std::vector<std::string> foldersThatMayNotAnswer(const std::vector<MountEntry>& mounts) {
-  std::vector<std::string> folders;
-  for (const MountEntry& mount : mounts) {
-    if (isForeign(mount.type) || mount.type == "fuseblk") folders.push_back(mount.target);
-  }
-  return folders;
+bool mayNotAnswer(const MountEntry& mount) {
+  // An automounter, and the locks that machines share a device by, may be waited for just as a server.
+  static constexpr std::array<std::string_view, 3> others = {"autofs", "gfs2", "ocfs2"};
+  return isForeign(mount.type) || isServedByAProgram(mount.type) || isOneOf(others, mount.type);
+}
+
+bool answersAtOnce(const MountEntry& mount) {
+  static constexpr std::array<std::string_view, 8> types = {"btrfs", "ext2",  "ext3",  "ext4",
+                                                            "f2fs",  "ramfs", "tmpfs", "xfs"};
+  return isOneOf(types, mount.type);
 }
 
 bool isInOneOf(const std::vector<std::string>& folders, const std::string& path) {

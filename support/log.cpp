@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 #include "common/keys.h"
-#include "platform/host/service_manager.h"
+#include "platform/host/journal.h"
 #include "support/standard_log.h"
 
 namespace kelvane {

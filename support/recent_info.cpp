@@ -12,6 +12,13 @@ namespace {
 
 std::uint64_t distance(std::uint64_t a, std::uint64_t b) { return a > b ? a - b : b - a; }
 
+std::vector<std::string> namesOf(const RecentVolumes& volumes) {
+  std::vector<std::string> names;
+  names.reserve(volumes.size());
+  for (const auto& [name, volume] : volumes) names.push_back(name);
+  return names;
+}
+
 bool isReliable(Date timestamp, double threshold, Date now) {
   return timestamp <= now && now.secondsSince(timestamp) <= threshold;
 }
@@ -70,9 +77,11 @@ KelvaneRecentInfo::Status KelvaneRecentInfo::validate(std::uint64_t number, doub
     volumes_.clear();
   const Date now = currentDate();
   bool dropped = false;
-  for (auto entry = volumes_.begin(); entry != volumes_.end();) {
+  const std::vector<std::uint64_t> freespaces = volumeFreespaces(namesOf(volumes_));
+  auto freespace = freespaces.begin();
+  for (auto entry = volumes_.begin(); entry != volumes_.end(); ++freespace) {
     auto& [name, volume] = *entry;
-    const bool moved = distance(volumeFreespace(name), volume.freespace()) > number;
+    const bool moved = distance(*freespace, volume.freespace()) > number;
     if (!moved && volume.dropServicesOlderThan(threshold, now)) dropped = true;
     const bool goes = moved || volume.services().empty();
     if (goes) dropped = true;

@@ -1,6 +1,6 @@
 #include "support/token.h"
 
-#include "platform/host/service_manager.h"
+#include "platform/host/random_identifier.h"
 
 namespace kelvane {
 

@@ -1,85 +1,18 @@
 #include "support/volumes.h"
 
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
-#include <set>
 #include <utility>
 
 #include "common/keys.h"
 #include "support/local_volumes.h"
-#include "support/mount_table.h"
-#include "support/quota.h"
 #include "support/space_level.h"
-#include "support/space_probe.h"
+#include "support/system_volumes.h"
 
 namespace kelvane {
 namespace {
-
-class SystemVolumeSource final : public VolumeSource {
- public:
-  std::vector<MountEntry> mounts() override {
-    const std::lock_guard lock(mutex_);  // so that what was read last is kept
-    std::vector<MountEntry> all = readMountTable().value_or(std::vector<MountEntry>());
-    const std::vector<std::string> doubtful = foldersThatMayNotAnswer(all);
-    std::set<std::string> prompt;
-    std::erase_if(all, [&](const MountEntry& mount) {
-      if (localVolumesAmong({mount}).empty() || isInOneOf(doubtful, mount.target)) return false;
-      if (!isDirectory(mount)) return true;
-      prompt.insert(mount.target);
-      return false;
-    });
-    prompt_ = std::move(prompt);
-    return all;
-  }
-
-  std::uint64_t mountsGeneration() override { return watch_.generation(); }
-
-  std::optional<VolumeSpace> space(const std::string& path) override {
-    const std::string plain = plainPath(path);
-    return isPrompt(plain) ? ask(plain) : probe_.ask(plain);
-  }
-
-  std::optional<std::vector<std::string>> overQuota(uid_t user) override {
-    bool any_answered = false;
-    std::vector<std::string> over;
-    for (const MountEntry& volume : localVolumesAmong(mounts())) {
-      if (!isPrompt(volume.target)) continue;
-      const std::optional<QuotaUsage> usage = quotaUsage(volume.target, user);
-      any_answered |= usage.has_value();
-      if (usage && isOverQuota(*usage)) over.push_back(volume.target);
-    }
-    if (!any_answered) return std::nullopt;
-    return over;
-  }
-
- private:
-  /// A part of a file system may be a single file, mounted over another file: that is no volume.
-  static bool isDirectory(const MountEntry& mount) {
-    struct stat status {};
-    return mount.root == "/" || ::stat(mount.target.c_str(), &status) != 0 || S_ISDIR(status.st_mode);
-  }
-
-  static std::optional<VolumeSpace> ask(const std::string& path) {
-    struct statvfs status {};
-    if (::statvfs(path.c_str(), &status) != 0) return std::nullopt;
-    return VolumeSpace{status.f_bavail * status.f_frsize, status.f_blocks * status.f_frsize, status.f_favail,
-                       status.f_files};
-  }
-
-  bool isPrompt(const std::string& path) {
-    const std::lock_guard lock(mutex_);
-    return prompt_.contains(path);
-  }
-
-  MountTableWatch watch_;
-  SpaceProbe probe_{ask};
-  std::mutex mutex_;
-  std::set<std::string> prompt_;  // volumes that always answer; guarded by mutex_
-};
 
 /// What this file keeps between calls.
 class Volumes {
@@ -109,13 +42,11 @@ class Volumes {
     return std::find(volumes.begin(), volumes.end(), path) != volumes.end();
   }
 
-  std::optional<VolumeLook> look(const std::string& volume) {
-    const std::optional<VolumeSpace> space = source().space(volume);  // outside the lock
-    if (!space) return std::nullopt;
+  VolumeLook judge(const std::string& volume, const VolumeSpace& space) {
     const std::lock_guard lock(mutex_);
     SpaceLevel& level = levels_[volume];
-    level = spaceLevel(*space, level, thresholds_);
-    return VolumeLook{*space, level};
+    level = spaceLevel(space, level, thresholds_);
+    return VolumeLook{space, level};
   }
 
   const SpaceThresholds& thresholds() const { return thresholds_; }
@@ -137,7 +68,7 @@ class Volumes {
     return local_;
   }
 
-  SystemVolumeSource system_;
+  SystemVolumes system_;
   std::atomic<VolumeSource*> source_{&system_};
   SpaceThresholds thresholds_;  // constant once volumes are asked for
 
@@ -149,6 +80,12 @@ class Volumes {
 
 }  // namespace
 
+std::vector<std::optional<VolumeSpace>> VolumeSource::spaces(const std::vector<std::string>& paths) {
+  std::vector<std::optional<VolumeSpace>> result;
+  for (const std::string& path : paths) result.push_back(space(path));
+  return result;
+}
+
 VolumeSource& VolumeSource::current() { return Volumes::shared().source(); }
 void VolumeSource::install(VolumeSource* source) { Volumes::shared().install(source); }
 
@@ -157,14 +94,20 @@ std::vector<std::string> getLocalVolumes() { return Volumes::shared().local(); }
 void setSpaceThresholds(const SpaceThresholds& thresholds) { Volumes::shared().setThresholds(thresholds); }
 const SpaceThresholds& spaceThresholds() { return Volumes::shared().thresholds(); }
 
-std::optional<VolumeLook> lookAtVolume(const std::string& volume) { return Volumes::shared().look(volume); }
+std::optional<VolumeLook> lookAtVolume(const std::string& volume) {
+  const std::optional<VolumeSpace> space = VolumeSource::current().space(volume);
+  if (!space) return std::nullopt;
+  return Volumes::shared().judge(volume, *space);
+}
 
 std::optional<std::vector<std::string>> lowSpaceVolumes() {
-  std::vector<std::string> low = getLocalVolumes();
-  std::erase_if(low, [](const std::string& volume) {
-    const std::optional<VolumeLook> look = lookAtVolume(volume);
-    return !look || look->level == SpaceLevel::plenty;
-  });
+  const std::vector<std::string> volumes = getLocalVolumes();
+  const std::vector<std::optional<VolumeSpace>> spaces = VolumeSource::current().spaces(volumes);
+  std::vector<std::string> low;
+  for (std::size_t i = 0; i < volumes.size(); ++i) {
+    if (spaces[i] && Volumes::shared().judge(volumes[i], *spaces[i]).level != SpaceLevel::plenty)
+      low.push_back(volumes[i]);
+  }
   return low;
 }
 
@@ -182,6 +125,13 @@ bool validateVolume(const Dictionary& info) {
 std::uint64_t volumeFreespace(const std::string& volume) {
   const std::optional<VolumeSpace> space = VolumeSource::current().space(volume);
   return space ? space->bytes_free : 0;
+}
+
+std::vector<std::uint64_t> volumeFreespaces(const std::vector<std::string>& volumes) {
+  std::vector<std::uint64_t> result;
+  for (const std::optional<VolumeSpace>& space : VolumeSource::current().spaces(volumes))
+    result.push_back(space ? space->bytes_free : 0);
+  return result;
 }
 
 }  // namespace kelvane

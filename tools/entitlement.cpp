@@ -73,6 +73,12 @@ const char* lackedBy(const xpc::PeerCredentials& process) {
   return nullptr;
 }
 
+/// The daemon believes what root owns, and what its own user does.
+bool isRoots(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) != 0 || status.st_uid == 0;
+}
+
 }  // namespace
 
 Holders holdersOf(const std::set<std::string>& inodes, const std::string& proc) {
@@ -90,12 +96,12 @@ std::string doubtAboutGrants(const std::vector<std::string>& folders) {
     std::error_code error;
     for (auto it = fs::directory_iterator(folder, error); !error && it != fs::directory_iterator();
          it.increment(error)) {
-      struct stat status {};
       const std::string path = it->path();
       if (it->path().extension() != ".plist") continue;
       if (::access(path.c_str(), R_OK) != 0) return "this user cannot read " + path;
-      if (::stat(path.c_str(), &status) == 0 && status.st_uid != 0)
-        return "only the daemon knows whether it believes " + path;
+      for (const std::string& each : {path, folder, fs::path(folder).parent_path().string()}) {
+        if (!isRoots(each)) return "only the daemon knows whether it believes " + each;
+      }
     }
     if (error && error != std::errc::no_such_file_or_directory) return "this user cannot read " + folder;
   }

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/host/service_manager.h"
+#include "platform/host/journal.h"
 
 namespace kelvane::caches {
 

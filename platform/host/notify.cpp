@@ -1,11 +1,11 @@
 #include "platform/host/notify.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -21,6 +21,13 @@ std::string& directory() {
 
 bool isFileName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+
+/// Waits for nobody: what other processes do with a file that they can read, or put in its place, must not
+/// hold up whoever posts. A lock is not asked for, and a lease or a FIFO fails instead of being waited for.
+FileDescriptor openCounter(const std::string& path) {
+  constexpr int flags = O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+  return FileDescriptor(::open(path.c_str(), flags, 0644));
 }
 
 /// Adds one to the number that the file holds; anything else in it counts as 0.
@@ -45,8 +52,10 @@ std::uint32_t notify_post(const char* name) {
   }
   if (::mkdir(directory().c_str(), 0755) != 0 && errno != EEXIST) return 1;
   const std::string path = directory() + "/" + name;
-  const FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
-  if (!file || ::flock(file.get(), LOCK_EX) != 0) return 1;
+  const FileDescriptor file = openCounter(path);
+  if (!file) return 1;
+  static std::mutex mutex;  // one process at a time posts a name; its threads take turns
+  const std::lock_guard lock(mutex);
   return bump(file.get()) ? 0 : 1;
 }
 

@@ -1,87 +1,98 @@
-#define SD_JOURNAL_SUPPRESS_LOCATION  // ours would name this file for every entry
 #include "platform/host/service_manager.h"
 
-#include <fmt/format.h>
-#include <sys/stat.h>
-#include <sys/uio.h>
-#include <systemd/sd-daemon.h>
-#include <systemd/sd-id128.h>
-#include <systemd/sd-journal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <algorithm>
 #include <array>
-#include <charconv>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <set>
-#include <vector>
+#include <limits>
 
-#include "platform/dispatch/fatal.h"
+#include "platform/host/environment_number.h"
+#include "platform/host/local_address.h"
 
 namespace kelvane {
 namespace {
 
-bool isSocket(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+constexpr std::size_t longest_status = 1024;
+constexpr time_t ready_patience = 5;  // seconds
+
+enum class Wait : bool { no, yes };
+
+/// Where the service manager listens: a path, or "@" and a name in the abstract name space.
+std::optional<LocalAddress> managersAddress() {
+  const char* const value = std::getenv("NOTIFY_SOCKET");
+  if (value == nullptr) return std::nullopt;
+  const std::string_view text = value;
+  return text.starts_with('@') ? LocalAddress::ofAbstractName(text.substr(1)) : LocalAddress::ofPath(text);
+}
+
+/// One datagram with this process's credentials, by which the service manager knows whose it is.
+class Message {
+ public:
+  explicit Message(std::string_view text) : text_(text) {
+    const ucred sender{::getpid(), ::getuid(), ::getgid()};
+    header_.msg_iov = &part_;
+    header_.msg_iovlen = 1;
+    header_.msg_control = control_.data();
+    header_.msg_controllen = control_.size();
+    cmsghdr* const credentials = CMSG_FIRSTHDR(&header_);
+    credentials->cmsg_level = SOL_SOCKET;
+    credentials->cmsg_type = SCM_CREDENTIALS;
+    credentials->cmsg_len = CMSG_LEN(sizeof sender);
+    std::memcpy(CMSG_DATA(credentials), &sender, sizeof sender);
+  }
+
+  bool send(int socket, const LocalAddress& to, int flags) {
+    header_.msg_name = const_cast<sockaddr*>(to.get());
+    header_.msg_namelen = to.size();
+    ssize_t sent = -1;
+    do {
+      sent = ::sendmsg(socket, &header_, MSG_NOSIGNAL | flags);
+    } while (sent < 0 && errno == EINTR);
+    return sent == static_cast<ssize_t>(text_.size());
+  }
+
+ private:
+  std::string text_;
+  iovec part_{text_.data(), text_.size()};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control_{};
+  msghdr header_{};
+};
+
+bool tell(std::string_view text, Wait wait) {
+  const std::optional<LocalAddress> manager = managersAddress();
+  if (!manager) return false;
+  const FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!socket) return false;
+  const timeval patience{ready_patience, 0};
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  return Message(text).send(socket.get(), *manager, wait == Wait::yes ? 0 : MSG_DONTWAIT);
 }
 
 }  // namespace
 
-std::vector<std::string> passedSocketNames() {
-  char** names = nullptr;
-  const int count = sd_listen_fds_with_names(0, &names);
-  std::vector<std::string> result;
-  for (int i = 0; i < count; ++i) {
-    result.emplace_back(names[i]);
-    std::free(names[i]);
-  }
-  std::free(names);
-  return result;
-}
+bool notifyReady() { return tell("READY=1", Wait::yes); }
 
-bool notifyReady() { return sd_notify(0, "READY=1") > 0; }
+bool notifyStatus(std::string_view text) {
+  // A line break would begin another assignment.
+  std::string line = "STATUS=" + std::string(text.substr(0, longest_status));
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return c == '\n' || c == '\0'; }, ' ');
+  return tell(line, Wait::no);
+}
 
 std::optional<std::uint64_t> serviceManagerPatience() {
-  std::uint64_t microseconds = 0;
-  if (sd_watchdog_enabled(0, &microseconds) <= 0) return std::nullopt;
-  return microseconds;
+  const auto patience = environmentNumber("WATCHDOG_USEC");
+  if (!patience || *patience == 0 || *patience == std::numeric_limits<std::uint64_t>::max())
+    return std::nullopt;
+  // Without WATCHDOG_PID it is for whoever reads it.
+  const bool is_ours = std::getenv("WATCHDOG_PID") == nullptr ||
+                       environmentNumber("WATCHDOG_PID") == static_cast<std::uint64_t>(::getpid());
+  return is_ours ? patience : std::nullopt;
 }
 
-bool notifyAlive() { return sd_notify(0, "WATCHDOG=1") > 0; }
-
-FileDescriptor takePassedSocket(const std::string& name) {
-  static std::mutex mutex;
-  static std::set<int>& taken = *new std::set<int>;  // guarded by mutex
-  const std::lock_guard lock(mutex);
-  const std::vector<std::string> names = passedSocketNames();
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    const int descriptor = SD_LISTEN_FDS_START + static_cast<int>(i);
-    if (names[i] == name && taken.insert(descriptor).second) return FileDescriptor(descriptor);
-  }
-  return {};
-}
-
-std::string randomIdentifier() {
-  sd_id128_t id{};
-  if (sd_id128_randomize(&id) < 0) fatal("the kernel gives no random numbers");
-  std::array<char, SD_ID128_STRING_MAX> text{};
-  return sd_id128_to_string(id, text.data());
-}
-
-bool isJournalStream(int descriptor, const char* journal_stream, const std::string& journal_socket) {
-  struct stat status {};
-  if (journal_stream == nullptr || ::fstat(descriptor, &status) != 0) return false;
-  return journal_stream == fmt::format("{}:{}", status.st_dev, status.st_ino) && isSocket(journal_socket);
-}
-
-bool sendToJournal(JournalPriority priority, int level, const std::string& identifier,
-                   std::string_view message) {
-  std::array<std::string, 4> fields = {
-      fmt::format("MESSAGE={}", message), fmt::format("PRIORITY={}", static_cast<int>(priority)),
-      fmt::format("SYSLOG_IDENTIFIER={}", identifier), fmt::format("KELVANE_LEVEL={}", level)};
-  std::array<iovec, fields.size()> parts{};
-  for (std::size_t i = 0; i < fields.size(); ++i) parts[i] = {fields[i].data(), fields[i].size()};
-  return sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) == 0;
-}
+bool notifyAlive() { return tell("WATCHDOG=1", Wait::no); }
 
 }  // namespace kelvane

@@ -1,7 +1,8 @@
 #pragma once
 
-// What the service manager and the journal give a process, apart from messages. Without a service manager
-// everything here answers "none". Any thread.
+// What a service manager gives a process and hears from it, by the protocols of sd_notify(3),
+// sd_watchdog_enabled(3) and sd_listen_fds(3). Without a service manager, and where its environment variables
+// are malformed, everything here answers "none". Any thread.
 
 #include <cstdint>
 #include <optional>
@@ -13,38 +14,24 @@
 
 namespace kelvane {
 
-/// Tells the service manager that start-up is over. False when nobody asked to be told.
+/// Tells the service manager that start-up is over. False when nobody asked to be told, or it did not take
+/// the message. Waits for a service manager that is busy for at most five seconds.
 bool notifyReady();
+/// A line for people about what the process does, shown by `systemctl status`. Line breaks become spaces.
+/// Does not wait; false as above.
+bool notifyStatus(std::string_view text);
 
 /// For how many microseconds the service manager waits for a sign of life of this process before it starts
 /// another one; nothing when it does not wait for any.
 [[nodiscard]] std::optional<std::uint64_t> serviceManagerPatience();
-/// That sign. False when nobody asked for it.
+/// That sign. Does not wait; false as above.
 bool notifyAlive();
 
 /// The names of the descriptors that socket activation handed over, in their order, including those that were
-/// taken.
+/// taken. One that the service manager did not name is "unknown".
 [[nodiscard]] std::vector<std::string> passedSocketNames();
 /// The descriptor that socket activation handed over under that name; empty when there is none. Each is given
 /// away once, the first of several of one name first, and closes on execution.
 [[nodiscard]] FileDescriptor takePassedSocket(const std::string& name);
-
-/// A random 128-bit number as 32 hexadecimal digits.
-[[nodiscard]] std::string randomIdentifier();
-
-inline constexpr const char* journal_socket_path = "/run/systemd/journal/socket";
-
-/// Whether the descriptor is the stream of which `journal_stream` ("device:inode", as in $JOURNAL_STREAM; may
-/// be null) says that the journal reads it, and the journal's own socket is there to be written to.
-[[nodiscard]] bool isJournalStream(int descriptor, const char* journal_stream,
-                                   const std::string& journal_socket = journal_socket_path);
-
-/// Syslog's priorities, as far as they are used here.
-enum class JournalPriority { warning = 4, debug = 7 };
-
-/// One entry of the journal. `level` is the writer's own, kept in the field KELVANE_LEVEL. False when the
-/// journal did not take it.
-bool sendToJournal(JournalPriority priority, int level, const std::string& identifier,
-                   std::string_view message);
 
 }  // namespace kelvane

@@ -34,6 +34,8 @@ class Daemon:
         self._at = pathlib.Path(directory.name)
         for name in "run", "state", "etc/entitlements.d":
             (self._at / name).mkdir(parents=True)
+        for name in "etc", "etc/entitlements.d":
+            (self._at / name).chmod(0o755)
         grants = self._at / "etc/entitlements.d/tests.plist"
         grants.write_text(GRANTS)
         grants.chmod(0o644)

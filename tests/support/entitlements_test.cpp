@@ -41,7 +41,9 @@ class Entitlements : public testing::Test {
   void load() const { loadEntitlementGrants({directory_ / "shipped", directory_ / "own"}); }
   void write(const std::string& name, const std::string& text) const {
     directory_.write(name, text);
-    ::chmod((directory_ / name).c_str(), 0644);  // whatever the umask is
+    // Whatever the umask is.
+    ::chmod((directory_ / name).c_str(), 0644);
+    for (const char* const folder : {"shipped", "own"}) ::chmod((directory_ / folder).c_str(), 0755);
   }
   /// Loads one file and says whether user 1234 then holds CLIENT_ENTITLEMENT.
   [[nodiscard]] bool grantsClient(const std::string& text,

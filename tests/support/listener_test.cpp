@@ -35,6 +35,7 @@ class DaemonListener : public testing::Test {
                          "</integer><key>com.orvel.private.Kelvane</key><array><string>" + name +
                          "</string></array></dict></plist>");
     ::chmod((directory_ / "entitlements.d/test.plist").c_str(), 0644);
+    ::chmod((directory_ / "entitlements.d").c_str(), 0755);
     loadEntitlementGrants({directory_ / "entitlements.d"});
   }
   bool listen() {

@@ -164,6 +164,34 @@ TEST(LocalVolumes, ATmpfsBesideASystemFolderIsOne) {
   EXPECT_EQ(chosenAmong({{"tmpfs", "/", "/dev/shm", "tmpfs", "0:50", true}}), "0 volumes");
 }
 
+TEST(LocalVolumes, WhatAProgramServesIsOneWhenTheKernelSaysThatItIsOnABlockDevice) {
+  for (const char* const type : {"fuseblk", "fuseblk.ntfs-3g", "fuse.exfat"}) {
+    EXPECT_EQ(chosenAmong({{"/dev/sdb1", "/", "/stick", type, "8:17", true}}), "/stick") << type;
+  }
+  // The program chooses the name of its source.
+  for (const char* const type : {"fuse", "fuse.forged", "fuseblk", "fuseblk.forged"}) {
+    EXPECT_EQ(chosenAmong({{"/dev/sdb1", "/", "/stick", type, "0:50", true}}), "0 volumes") << type;
+  }
+}
+
+TEST(Mounts, BehindWhichSomebodyElseIsMayNotAnswer) {
+  for (const char* const type : {"fuse", "fuse.sshfs", "fuseblk", "fuseblk.ntfs-3g", "nfs4", "cifs", "9p",
+                                 "virtiofs", "autofs", "gfs2", "ocfs2"}) {
+    EXPECT_TRUE(mayNotAnswer({"/dev/sdb1", "/", "/stick", type, "8:17", true})) << type;
+  }
+  for (const char* const type : {"ext4", "xfs", "btrfs", "zfs", "tmpfs", "overlay", "vfat", "fusectl"})
+    EXPECT_FALSE(mayNotAnswer({"/dev/sdb1", "/", "/stick", type, "8:17", true})) << type;
+}
+
+TEST(Mounts, OnlyThoseOfKnownTypesAnswerAtOnce) {
+  for (const char* const type : {"ext2", "ext3", "ext4", "xfs", "btrfs", "f2fs", "tmpfs"})
+    EXPECT_TRUE(answersAtOnce({"/dev/sdb1", "/", "/stick", type, "8:17", true})) << type;
+  for (const char* const type :
+       {"fuse", "fuseblk", "fuseblk.ntfs-3g", "vfat", "overlay", "zfs", "nfs", "gfs2", "unheard-of", ""}) {
+    EXPECT_FALSE(answersAtOnce({"/dev/sdb1", "/", "/stick", type, "8:17", true})) << type;
+  }
+}
+
 TEST(PlainPath, DropsDoubledAndTrailingSlashes) {
   EXPECT_EQ(plainPath("/"), "/");
   EXPECT_EQ(plainPath("//"), "/");

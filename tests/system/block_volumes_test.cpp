@@ -9,9 +9,11 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <filesystem>
+#include <optional>
 
 #include "common/keys.h"
 #include "platform/foundation/file_descriptor.h"
+#include "tests/support/hanging_volume.h"
 #include "tests/system/services.h"
 
 namespace kelvane::tests {
@@ -115,34 +117,23 @@ TEST_P(OnABlockDevice, AVolumeThatIsUnmountedWhileTheDaemonRunsIsNoneAndOneAgain
 
 INSTANTIATE_TEST_SUITE_P(BlockVolumes, OnABlockDevice, testing::Values("ext4", "xfs"));
 
-/// A block device whose file system is served by a program, this one, which answers nothing: whoever asks it
-/// something waits until the program lets go of it.
 class HungVolume {
  public:
-  HungVolume() {
-    const Finished made = run({"losetup", "--find", "--show", imageFile(folder_, 1 << 20)});
-    EXPECT_EQ(made.status, 0) << made.output;
-    device_ = made.output.substr(0, made.output.find('\n'));
+  explicit HungVolume(const std::string& type) {
     fs::create_directory(path());
-    const std::string options =
-        "fd=" + std::to_string(program_.get()) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
-    EXPECT_EQ(::mount(device_.c_str(), path().c_str(), "fuseblk", 0, options.c_str()), 0) << device_;
-  }
-  ~HungVolume() {
-    program_.reset();  // everybody who waits is told that the program has gone
-    ::umount2(path().c_str(), MNT_DETACH);
-    succeed({"losetup", "--detach", device_});
+    volume_.emplace(type, folder_.path() + "/image", path());
   }
   [[nodiscard]] std::string path() const { return folder_.path() + "/hung"; }
 
  private:
   const Folder folder_;
-  FileDescriptor program_{::open("/dev/fuse", O_RDWR | O_CLOEXEC)};
-  std::string device_;
+  std::optional<HangingVolume> volume_;
 };
 
-TEST(HungVolumes, OneThatDoesNotAnswerKeepsNobodyElseFromBeingServed) {
-  const HungVolume hung;
+class HungVolumes : public testing::TestWithParam<const char*> {};
+
+TEST_P(HungVolumes, OneThatDoesNotAnswerKeepsNobodyElseFromBeingServed) {
+  const HungVolume hung(GetParam());
   const Volume volume(64);
   Daemon daemon(built("kelvaned"), {"KELVANE_LOW_SPACE=10%"});
   ASSERT_TRUE(daemon.isReady());
@@ -158,8 +149,8 @@ TEST(HungVolumes, OneThatDoesNotAnswerKeepsNobodyElseFromBeingServed) {
   EXPECT_EQ(daemon.process().count("does not answer"), 1U);
 }
 
-TEST(HungVolumes, AVolumeThatIsUnmountedInTheMiddleIsForgotten) {
-  auto hung = std::make_unique<HungVolume>();
+TEST_P(HungVolumes, AVolumeThatIsUnmountedInTheMiddleIsForgotten) {
+  auto hung = std::make_unique<HungVolume>(GetParam());
   const std::string path = hung->path();
   Daemon daemon(built("kelvaned"), {"KELVANE_LOW_SPACE=10%"});
   EXPECT_TRUE(daemon.logged("volumeFreespace " + path + " does not answer, going on without it"));
@@ -167,6 +158,9 @@ TEST(HungVolumes, AVolumeThatIsUnmountedInTheMiddleIsForgotten) {
   EXPECT_TRUE(daemon.logged("volumeFreespace " + path + " answers again"));
   EXPECT_FALSE(purge(daemon, path, mebibyte));
 }
+
+INSTANTIATE_TEST_SUITE_P(OfAProgram, HungVolumes, testing::Values("fuseblk", "fuseblk.ntfs-3g"),
+                         [](const auto& type) { return std::string(type.index == 0 ? "Plain" : "Named"); });
 
 }  // namespace
 }  // namespace kelvane::tests

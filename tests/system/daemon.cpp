@@ -33,8 +33,10 @@ FileDescriptor notificationSocket(const std::string& path) {
 Daemon::Daemon(std::string program, std::vector<std::string> environment)
     : program_(std::move(program)), environment_(std::move(environment)) {
   const std::string& at = folder_.path();
-  for (const char* part : {"/run", "/state", "/etc/entitlements.d"})
-    std::filesystem::create_directories(at + part);
+  for (const char* part : {"/run", "/state", "/etc", "/etc/entitlements.d"}) {
+    std::filesystem::create_directory(at + part);
+    std::filesystem::permissions(at + part, std::filesystem::perms(0755));  // whatever the umask is
+  }
   writeFile(at + "/etc/entitlements.d/tests.plist",
             propertyList("<key>user</key><integer>" + std::to_string(::getuid()) +
                          "</integer><key>com.orvel.private.Kelvane</key><array>"

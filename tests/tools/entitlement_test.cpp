@@ -95,6 +95,17 @@ TEST_F(Holding, DoubtsGrantsThatAreNotRoots) {
             "only the daemon knows whether it believes " + strangers);
 }
 
+TEST_F(Holding, DoubtsGrantsInADirectoryThatIsNotRoots) {
+  const std::string own = folder / "etc/entitlements.d";
+  folder.write("etc/entitlements.d/a.plist", grant("user", 1000, ""));
+  EXPECT_EQ(tools::doubtAboutGrants({own}), "");
+  for (const std::string& directory : {own, folder / "etc"}) {
+    ASSERT_EQ(::chown(directory.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(tools::doubtAboutGrants({own}), "only the daemon knows whether it believes " + directory);
+    ASSERT_EQ(::chown(directory.c_str(), 0, 0), 0);
+  }
+}
+
 TEST_F(Holding, DoubtsGrantsThatCannotBeRead) {
   EXPECT_EQ(tools::doubtAboutGrants({folder / "none"}), "") << "a missing folder has no grants";
   std::filesystem::create_directories(folder / "others");

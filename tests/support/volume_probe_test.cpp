@@ -1,6 +1,6 @@
 // Asking file systems that may never answer, with one that answers when the test says so.
 
-#include "support/space_probe.h"
+#include "support/volume_probe.h"
 
 #include <gtest/gtest.h>
 #include <condition_variable>
@@ -8,7 +8,9 @@
 #include <thread>
 #include <vector>
 
+#include "platform/dispatch/executor.h"
 #include "platform/dispatch/manual_clock.h"
+#include "support/volumes.h"
 #include "tests/support/log_capture.h"
 
 namespace kelvane::tests {
@@ -47,20 +49,24 @@ class Probe : public testing::Test {
  protected:
   /// Asks and gives up when the patience is over.
   void giveUpOn(const std::string& path) {
-    std::thread asking([&] { EXPECT_FALSE(probe_.ask(path)); });
+    std::thread asking([&] { EXPECT_FALSE(ask(path)); });
     while (file_system_.asked() == 0) std::this_thread::yield();
-    clock_.advanceToWaiterFor(SpaceProbe::patience);
+    clock_.advanceToWaiterFor(probe_patience);
     asking.join();
+  }
+
+  std::optional<VolumeSpace> ask(const std::string& path, std::uint64_t mount = 0) {
+    return probe_.answerTo(probe_.put({path, mount}, [this, path] { return file_system_.ask(path); }));
   }
 
   LogCapture log_;
   ManualClock clock_;
   Reluctant file_system_;
-  SpaceProbe probe_{[this](const std::string& path) { return file_system_.ask(path); }};
+  VolumeProbe<VolumeSpace> probe_{"volumeFreespace"};
 };
 
 TEST_F(Probe, PassesAnAnswerOn) {
-  const auto space = probe_.ask("/quick");
+  const auto space = ask("/quick");
   ASSERT_TRUE(space);
   EXPECT_EQ(space->bytes_free, some.bytes_free);
   EXPECT_EQ(space->files_total, some.files_total);
@@ -68,10 +74,10 @@ TEST_F(Probe, PassesAnAnswerOn) {
 
 TEST_F(Probe, GivesUpAfterHalfASecondSaysSoOnceAndAsksNoSecondTime) {
   giveUpOn("/hung");
-  for (int i = 0; i < 100; ++i) EXPECT_FALSE(probe_.ask("/hung"));
+  for (int i = 0; i < 100; ++i) EXPECT_FALSE(ask("/hung"));
   EXPECT_EQ(file_system_.asked(), 1);
   EXPECT_EQ(log_.count(3, "volumeFreespace /hung does not answer, going on without it"), 1U);
-  EXPECT_TRUE(probe_.ask("/quick"));
+  EXPECT_TRUE(ask("/quick"));
   file_system_.answer();
   while (!log_.contains(3, "volumeFreespace /hung answers again")) std::this_thread::yield();
 }
@@ -80,17 +86,17 @@ TEST_F(Probe, AsksAgainOnceItWasAnswered) {
   giveUpOn("/hung");
   file_system_.answer();
   while (!log_.contains("answers again")) std::this_thread::yield();
-  EXPECT_TRUE(probe_.ask("/hung"));
+  EXPECT_TRUE(ask("/hung"));
   EXPECT_EQ(log_.count("does not answer"), 1U);
 }
 
 TEST_F(Probe, WhoAsksWhileAQuestionIsOutWaitsForThatOne) {
   std::optional<VolumeSpace> first;
   std::optional<VolumeSpace> second;
-  std::thread one([&] { first = probe_.ask("/slow"); });
+  std::thread one([&] { first = ask("/slow"); });
   while (file_system_.asked() == 0) std::this_thread::yield();
-  std::thread other([&] { second = probe_.ask("/slow"); });
-  clock_.awaitWaiterFor(SpaceProbe::patience, 2);
+  std::thread other([&] { second = ask("/slow"); });
+  clock_.awaitWaiterFor(probe_patience, 2);
   file_system_.answer();
   one.join();
   other.join();
@@ -101,17 +107,39 @@ TEST_F(Probe, WhoAsksWhileAQuestionIsOutWaitsForThatOne) {
 
 TEST_F(Probe, PutsNoMoreQuestionsThanItHasThreadsToSpare) {
   std::vector<std::thread> asking;
-  for (std::size_t i = 0; i < SpaceProbe::most_questions; ++i) {
-    asking.emplace_back([this, i] { EXPECT_FALSE(probe_.ask("/hung" + std::to_string(i))); });
+  for (std::size_t i = 0; i < most_probes; ++i) {
+    asking.emplace_back([this, i] { EXPECT_FALSE(ask("/hung" + std::to_string(i))); });
   }
-  while (file_system_.asked() < static_cast<int>(SpaceProbe::most_questions)) std::this_thread::yield();
-  EXPECT_FALSE(probe_.ask("/one more"));
-  EXPECT_EQ(file_system_.asked(), static_cast<int>(SpaceProbe::most_questions));
-  clock_.awaitWaiterFor(SpaceProbe::patience, SpaceProbe::most_questions);
-  clock_.advance(SpaceProbe::patience);
+  while (file_system_.asked() < static_cast<int>(most_probes)) std::this_thread::yield();
+  EXPECT_FALSE(ask("/one more"));
+  EXPECT_EQ(file_system_.asked(), static_cast<int>(most_probes));
+  clock_.awaitWaiterFor(probe_patience, most_probes);
+  clock_.advance(probe_patience);
   for (std::thread& thread : asking) thread.join();
   file_system_.answer();
-  while (log_.count("answers again") < SpaceProbe::most_questions) std::this_thread::yield();
+  while (log_.count("answers again") < most_probes) std::this_thread::yield();
+}
+
+TEST_F(Probe, ANewMountAtThePathOfOneThatHangsIsAskedByItself) {
+  giveUpOn("/hung");
+  std::optional<VolumeSpace> space;
+  std::thread asking([&] { space = ask("/hung", 7); });
+  while (file_system_.asked() < 2) std::this_thread::yield();
+  EXPECT_FALSE(ask("/hung"));
+  file_system_.answer();
+  asking.join();
+  EXPECT_TRUE(space);
+}
+
+TEST_F(Probe, QuestionsThatHangKeepNoThreadOfThePool) {
+  std::vector<std::shared_ptr<VolumeProbe<VolumeSpace>::Question>> questions;
+  const unsigned before = dispatch_statistics().threads;
+  for (std::uint64_t mount = 1; mount <= 32; ++mount)
+    questions.push_back(probe_.put({"/hung", mount}, [this] { return file_system_.ask("/hung"); }));
+  while (file_system_.asked() < 32) std::this_thread::yield();
+  EXPECT_EQ(dispatch_statistics().threads, before);
+  file_system_.answer();
+  for (const auto& question : questions) EXPECT_TRUE(probe_.answerTo(question));
 }
 
 }  // namespace
