@@ -30,6 +30,7 @@ struct Elements {
   unsigned first;
   unsigned others;
 };
+constexpr Elements of_paths{letter | digit, letter | digit};
 constexpr Elements of_identifiers{letter, letter | digit};
 constexpr Elements of_well_known_names{letter | hyphen, letter | digit | hyphen};
 constexpr Elements of_unique_names{letter | digit | hyphen, letter | digit | hyphen};
@@ -37,25 +38,26 @@ constexpr Elements of_unique_names{letter | digit | hyphen, letter | digit | hyp
 /// How many elements, divided by `separator`, `text` consists of; 0 when one is empty or has a character that
 /// is not allowed.
 std::size_t countElements(std::string_view text, char separator, const Elements& elements) {
-  std::size_t count = 1;
-  unsigned allowed = elements.first;
+  std::size_t count = 0;
+  bool in_element = false;
   for (const char c : text) {
-    if (isOf(c, allowed)) {
-      allowed = elements.others;
-      continue;
+    if (in_element && c == separator) {
+      in_element = false;
+    } else if (isOf(c, in_element ? elements.others : elements.first)) {
+      count += in_element ? 0 : 1;
+      in_element = true;
+    } else {
+      return 0;
     }
-    if (c != separator || allowed != elements.others || text.back() == separator) return 0;
-    allowed = elements.first;
-    ++count;
   }
-  return text.empty() ? 0 : count;
+  return in_element ? count : 0;
 }
 
 }  // namespace
 
 bool isObjectPath(std::string_view path) {
   if (path.empty() || path.front() != '/') return false;
-  return path.size() == 1 || countElements(path.substr(1), '/', of_identifiers) > 0;
+  return path.size() == 1 || countElements(path.substr(1), '/', of_paths) > 0;
 }
 
 bool isInterfaceName(std::string_view name) {
