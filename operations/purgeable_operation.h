@@ -9,12 +9,15 @@
 // `startOperation` blocks its thread: 10 seconds for the services, and a short polling tail for stragglers.
 // Each service is asked from an item of the global queue; replies come on the threads of their connections.
 // The record is used on the state's `defaults_queue` only, in the order in which it was asked for, so the
-// count sees every answer that came before it.
+// count sees every answer that came before it. Answers that come while others wait there are recorded with
+// them: what is free on the volume, and which figures have become old, is then asked once for all.
 
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "operations/operation.h"
 #include "operations/persistent_state.h"
@@ -60,9 +63,17 @@ class KelvanePurgeableOperation final : public KelvaneOperation {
   void awaitStragglers();
   [[nodiscard]] Dictionary count(const Dictionary& figures) const;
   [[nodiscard]] Array inFlightNames() const;
+  void recordAnswers();
+
+  struct Answer {
+    std::string identifier;
+    Dictionary entry;
+  };
 
   const std::shared_ptr<PersistentState> state_;
   OptOuts opt_outs_;  // only on collection_queue
+  std::mutex answers_mutex_;
+  std::vector<Answer> answers_;  // to be recorded; guarded by answers_mutex_
 };
 
 }  // namespace kelvane

@@ -1,5 +1,6 @@
 // The two operations on the recent-info record: which figures it still holds, and a fresh answer into it.
 
+#include <map>
 #include <utility>
 
 #include "common/keys.h"
@@ -41,10 +42,22 @@ Array missingFrom(const Dictionary& figures, const Services& services) {
   return missing;
 }
 
+/// What is free on volumes, each asked once.
+class Freespaces {
+ public:
+  std::uint64_t of(const std::string& volume) {
+    const auto known = freespaces_.find(volume);
+    if (known != freespaces_.end()) return known->second;
+    return freespaces_.emplace(volume, volumeFreespace(volume)).first->second;
+  }
+
+ private:
+  std::map<std::string, std::uint64_t> freespaces_;
+};
+
 /// The volume's free space and timestamp go with every answer of any service on it.
 void enter(RecentVolumes& volumes, const std::string& volume, const std::string& identifier,
-           const KelvaneRecentServiceInfo& info) {
-  const std::uint64_t freespace = volumeFreespace(volume);
+           const KelvaneRecentServiceInfo& info, std::uint64_t freespace) {
   const Date now = currentDate();
   auto found = volumes.find(volume);
   if (found == volumes.end()) {
@@ -91,16 +104,36 @@ Dictionary KelvanePurgeableOperation::cachedInfo(const Dictionary& info) {
 void KelvanePurgeableOperation::updateServiceStats(const std::string& identifier, const Dictionary& entry) {
   // An answer without an amount says nothing; what was known before stays.
   if (!entry.contains(KELVANE_AMOUNT) || !entry[KELVANE_VOLUME].isString()) return;
-  dispatch_async(state_->defaults_queue(), [state = state_, identifier, entry] {
-    auto record = recordOf(*state);
+  {
+    const std::lock_guard lock(answers_mutex_);
+    answers_.push_back({identifier, entry});
+    if (answers_.size() > 1) return;  // recorded with those that wait already
+  }
+  const auto self = std::static_pointer_cast<KelvanePurgeableOperation>(shared_from_this());
+  dispatch_async(state_->defaults_queue(), [self] { self->recordAnswers(); });
+}
+
+void KelvanePurgeableOperation::recordAnswers() {
+  std::vector<Answer> answers;
+  {
+    const std::lock_guard lock(answers_mutex_);
+    answers.swap(answers_);
+  }
+  Freespaces freespaces;
+  std::shared_ptr<KelvaneRecentInfo> record;
+  for (const auto& [identifier, entry] : answers) {
+    record = recordOf(*state_);
     KVLog(5, "%s ^^^ENTRY, serviceID: %@ : %@, recentInfo: %@", update_selector, identifier, entry,
           record ? record->description() : "(null)");
     if (record == nullptr) record = KelvaneRecentInfo::kelvaneRecentInfo({});
-    enter(record->volumes(), *entry[KELVANE_VOLUME].string(), identifier,
-          KelvaneRecentServiceInfo::kelvaneRecentServiceInfo(entry[KELVANE_AMOUNT], currentDate()));
-    static_cast<void>(record->validate(freespace_change, figure_age));
-    state->clientSetStateSync(record, KELVANE_RECENT_SERVICE_STATS);
-  });
+    const std::string& volume = *entry[KELVANE_VOLUME].string();
+    enter(record->volumes(), volume, identifier,
+          KelvaneRecentServiceInfo::kelvaneRecentServiceInfo(entry[KELVANE_AMOUNT], currentDate()),
+          freespaces.of(volume));
+    state_->clientSetStateSync(record, KELVANE_RECENT_SERVICE_STATS);
+  }
+  static_cast<void>(record->validate(freespace_change, figure_age));
+  state_->clientSetStateSync(record, KELVANE_RECENT_SERVICE_STATS);
 }
 
 }  // namespace kelvane

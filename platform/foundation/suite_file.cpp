@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -147,13 +148,37 @@ bool SuiteFile::prepare() {
   return true;
 }
 
+/// Nothing where the index is not in shared memory. SQLite hands it out in pages of this size, and changes
+/// one copy of the header after the other with every commit (https://www.sqlite.org/walformat.html, 2.1).
+std::optional<SuiteFile::IndexHeader> SuiteFile::indexHeader() const {
+  constexpr int index_page_size = 32768;
+  sqlite3_file* file = nullptr;
+  if (sqlite3_file_control(connection_.get(), "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+      file == nullptr || file->pMethods == nullptr || file->pMethods->iVersion < 2) {
+    return std::nullopt;
+  }
+  volatile void* page = nullptr;
+  if (file->pMethods->xShmMap(file, 0, index_page_size, 0, &page) != SQLITE_OK || page == nullptr)
+    return std::nullopt;
+  IndexHeader header;
+  std::copy_n(static_cast<volatile const std::uint32_t*>(page), header.size(), header.begin());
+  return header;
+}
+
+/// A question to SQLite takes locks, so it is asked only when somebody has committed since the last time. The
+/// header is read before it is asked: a commit in between is found out next time.
 bool SuiteFile::changedElsewhere() {
   error_.clear();
+  const std::optional<IndexHeader> header = indexHeader();
+  if (header && header == seen_header_) return false;
+  seen_header_.reset();
   const int result = version_.step();
   const std::int64_t version = version_.integer(0);
   const int rewound = version_.rewind();
   if (result != SQLITE_ROW) return worked(rewound);
-  return version != seen_version_;
+  if (version != seen_version_) return true;
+  seen_header_ = header;
+  return false;
 }
 
 bool SuiteFile::load(Dictionary& contents, std::size_t& unreadable) {

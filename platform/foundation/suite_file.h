@@ -11,8 +11,10 @@
 // The application id is "KLVN", the user version is the version of this layout, 1, and pages have 4,096
 // bytes.
 
+#include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,6 +69,9 @@ class SuiteFile {
   [[nodiscard]] const std::string& error() const { return error_; }
 
  private:
+  /// Both copies of the header of the log's index, which all connections share in memory.
+  using IndexHeader = std::array<std::uint32_t, 24>;
+
   explicit SuiteFile(Connection connection) : connection_(std::move(connection)) {}
   bool layOut(bool& begun);
   bool recognise(bool& empty);
@@ -79,6 +84,7 @@ class SuiteFile {
   bool single(const char* sql, std::string& text);
   bool worked(int result);
   bool spoiled(std::string why);
+  [[nodiscard]] std::optional<IndexHeader> indexHeader() const;
 
   // Only the thread that uses the object. The connection outlives its statements.
   Connection connection_;
@@ -86,6 +92,7 @@ class SuiteFile {
   Statement put_key_, put_entry_, remove_key_, remove_entry_, remove_entries_;
   Statement keys_, entries_, version_;
   std::int64_t seen_version_ = -1;
+  std::optional<IndexHeader> seen_header_;  // when nothing had changed
   bool durable_ = true;
   bool damaged_ = false;
   std::string error_;

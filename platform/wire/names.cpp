@@ -38,19 +38,15 @@ constexpr Elements of_unique_names{letter | digit | hyphen, letter | digit | hyp
 /// How many elements, divided by `separator`, `text` consists of; 0 when one is empty or has a character that
 /// is not allowed.
 std::size_t countElements(std::string_view text, char separator, const Elements& elements) {
-  std::size_t count = 0;
-  bool in_element = false;
-  for (const char c : text) {
-    if (in_element && c == separator) {
-      in_element = false;
-    } else if (isOf(c, in_element ? elements.others : elements.first)) {
-      count += in_element ? 0 : 1;
-      in_element = true;
-    } else {
-      return 0;
-    }
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  for (std::size_t count = 1;; ++count) {
+    if (at == end || !isOf(*at, elements.first)) return 0;
+    do ++at;
+    while (at != end && isOf(*at, elements.others));
+    if (at == end) return count;
+    if (*at++ != separator) return 0;
   }
-  return in_element ? count : 0;
 }
 
 }  // namespace

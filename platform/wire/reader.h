@@ -20,6 +20,8 @@
 
 namespace kelvane::wire {
 
+class FieldReader;
+
 enum class Fault : std::uint8_t {
   none,
   malformed,   // the bytes break the protocol; the connection that sent them should end
@@ -85,6 +87,7 @@ class Reader {
 
  private:
   friend std::optional<Message> parseMessage(Bytes);
+  friend class FieldReader;  // of a header
   friend bool isBodyValid(const Message&, std::size_t);
 
   /// The body, or a container that was entered.

@@ -32,7 +32,13 @@ bool takesDescriptors(const InterfaceDescription* interface) {
                                              });
 }
 
-std::shared_ptr<wire::Account> ownAccount() { return wire::Accounts::shared().of(::geteuid()); }
+/// It does not change: the daemon is started as its user.
+uid_t ownUser() {
+  static const uid_t user = ::geteuid();
+  return user;
+}
+
+std::shared_ptr<wire::Account> ownAccount() { return wire::Accounts::shared().of(ownUser()); }
 
 }  // namespace
 
@@ -113,8 +119,7 @@ bool Connection::open() {
   options.takes_descriptors = takesDescriptors(exported_interface_);
   options.longest_message = limits_.message_bytes;
   const bool accepts = side_ == wire::Transport::Side::server;
-  transport_.emplace(std::move(unopened_), side_, accepts ? credentials_->uid : ::geteuid(), account_,
-                     options);
+  transport_.emplace(std::move(unopened_), side_, accepts ? credentials_->uid : ownUser(), account_, options);
   const std::weak_ptr<Connection> weak = weak_from_this();
   deadline_ = Timer(dispatch_time(DISPATCH_TIME_NOW, limits_.handshake_nanoseconds),
                     dispatch_get_global_queue(0, 0), [weak] {

@@ -1,10 +1,13 @@
 #include "platform/foundation/user_defaults.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <limits>
 #include <string>
@@ -164,6 +167,57 @@ TEST_F(UserDefaultsTest, WhatAnotherStoredIsTakenInBySynchronize) {
   other->setObject(Value(), "key");
   EXPECT_TRUE(one->synchronize());
   EXPECT_TRUE(one->objectForKey("key").isNothing());
+}
+
+/// A process that stores a number, with so much beside it that the log is begun anew now and then.
+class OtherProcess {
+ public:
+  explicit OtherProcess(const std::string& directory) {
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair_.data()) != 0) std::abort();
+    child_ = ::fork();
+    if (child_ == 0) serve(directory);
+    ::close(pair_[1]);
+  }
+  ~OtherProcess() {
+    ::close(pair_[0]);
+    ::waitpid(child_, nullptr, 0);
+  }
+  OtherProcess(const OtherProcess&) = delete;
+  OtherProcess& operator=(const OtherProcess&) = delete;
+
+  [[nodiscard]] bool store(int number) const {
+    int stored = -1;
+    return ::send(pair_[0], &number, sizeof number, MSG_NOSIGNAL) == sizeof number &&
+           ::recv(pair_[0], &stored, sizeof stored, 0) == sizeof stored && stored == number;
+  }
+
+ private:
+  [[noreturn]] void serve(const std::string& directory) const {
+    ::close(pair_[0]);
+    const auto defaults = UserDefaults::initWithSuiteName("suite", directory);
+    for (int number = 0; ::recv(pair_[1], &number, sizeof number, 0) == sizeof number;) {
+      defaults->setObject(std::string(100'000, static_cast<char>('a' + number % 26)), "bulk");
+      defaults->setObject(number, "key");
+      if (::send(pair_[1], &number, sizeof number, MSG_NOSIGNAL) != sizeof number) break;
+    }
+    ::_exit(0);
+  }
+
+  std::array<int, 2> pair_{};
+  pid_t child_ = -1;
+};
+
+TEST_F(UserDefaultsTest, EachChangeOfAnotherProcessIsTakenInByTheNextSynchronize) {
+  const OtherProcess other(directory_.path());
+  ASSERT_TRUE(other.store(0));
+  const auto defaults = openSuite();
+  for (int number = 1; number <= 100; ++number) {
+    for (int again = number % 3; again > 0; --again) ASSERT_TRUE(defaults->synchronize());
+    ASSERT_TRUE(other.store(number));
+    ASSERT_TRUE(defaults->synchronize());
+    ASSERT_EQ(defaults->objectForKey("key"), Value(number));
+    if (number % 10 == 0) defaults->setObject(number, "own");
+  }
 }
 
 TEST_F(UserDefaultsTest, SettingAValueReplacesWhatAnotherStoredSince) {
