@@ -7,9 +7,8 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <utility>
 
-#include "platform/foundation/file_descriptor.h"
+struct nl_sock;
 
 namespace kelvane {
 
@@ -27,15 +26,18 @@ class QuotaWarnings {
   static std::unique_ptr<QuotaWarnings> listen();
 
   /// Readable when a warning has come; to be watched only, and closed with this object.
-  [[nodiscard]] int descriptor() const { return socket_.get(); }
+  [[nodiscard]] int descriptor() const;
   /// The next warning; nothing when there is none for now. When so many came that the kernel dropped some,
   /// one of them is taken to have been for the own user.
   [[nodiscard]] std::optional<QuotaWarning> next();
 
  private:
-  explicit QuotaWarnings(FileDescriptor socket) : socket_(std::move(socket)) {}
+  struct Close {
+    void operator()(nl_sock* socket) const;
+  };
+  explicit QuotaWarnings(std::unique_ptr<nl_sock, Close> socket) : socket_(std::move(socket)) {}
 
-  const FileDescriptor socket_;
+  const std::unique_ptr<nl_sock, Close> socket_;
 };
 
 /// What a netlink message says; nothing when it is no quota warning.
