@@ -1,82 +1,53 @@
-// The kernel's mountinfo form, a mount on each line (proc_pid_mountinfo(5)):
-//
-//   36 35 98:0 /mnt1 /mnt2 rw,noatime master:1 - ext3 /dev/root rw,errors=continue
-//   id    device root target options fields... - type source options of the file system
-
 #include "support/mount_table.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <libmount/libmount.h>
 #include <poll.h>
-#include <charconv>
-#include <fstream>
-#include <string_view>
+#include <sys/sysmacros.h>
+#include <memory>
 
 namespace kelvane {
 namespace {
 
-bool isOctal(char digit) { return digit >= '0' && digit <= '7'; }
+struct Release {
+  void operator()(libmnt_table* table) const { mnt_unref_table(table); }
+  void operator()(libmnt_iter* iterator) const { mnt_free_iter(iterator); }
+};
+using Table = std::unique_ptr<libmnt_table, Release>;
+using Iterator = std::unique_ptr<libmnt_iter, Release>;
 
-/// Blanks, tabs, line ends and backslashes are written as a backslash and three octal digits.
-std::string unescaped(std::string_view text) {
-  std::string result;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool escape = text[i] == '\\' && text.size() - i > 3 && isOctal(text[i + 1]) &&
-                        isOctal(text[i + 2]) && isOctal(text[i + 3]);
-    if (!escape) {
-      result += text[i];
-      continue;
-    }
-    result += static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + (text[i + 3] - '0'));
-    i += 3;
-  }
-  return result;
+std::string text(const char* maybe) { return maybe != nullptr ? maybe : ""; }
+
+bool saysReadOnly(const char* options) {
+  return options != nullptr && mnt_optstr_get_option(options, "ro", nullptr, nullptr) == 0;
 }
 
-/// Takes what stands before the next separator; the rest stays in `text`.
-std::string_view take(std::string_view& text, char separator) {
-  const std::size_t end = text.find(separator);
-  const std::string_view first = text.substr(0, end);
-  text = end == text.npos ? std::string_view() : text.substr(end + 1);
-  return first;
-}
-
-bool saysReadOnly(std::string_view options) {
-  while (!options.empty()) {
-    if (take(options, ',') == "ro") return true;
-  }
-  return false;
-}
-
-/// Nothing for a line of another form.
-std::optional<MountEntry> mountIn(std::string_view line) {
-  MountEntry mount;
-  const std::string_view id = take(line, ' ');
-  if (std::from_chars(id.data(), id.data() + id.size(), mount.id).ec != std::errc()) return std::nullopt;
-  take(line, ' ');  // the parent's
-  mount.device = take(line, ' ');
-  mount.root = unescaped(take(line, ' '));
-  mount.target = unescaped(take(line, ' '));
-  const std::string_view options = take(line, ' ');
-  while (!line.empty() && take(line, ' ') != "-") continue;
-  mount.type = unescaped(take(line, ' '));
-  mount.source = unescaped(take(line, ' '));
+MountEntry entry(libmnt_fs* mount) {
+  MountEntry result;
+  result.source = text(mnt_fs_get_source(mount));
+  result.root = text(mnt_fs_get_root(mount));
+  result.target = text(mnt_fs_get_target(mount));
+  result.type = text(mnt_fs_get_fstype(mount));
+  const dev_t device = mnt_fs_get_devno(mount);
+  result.device = fmt::format("{}:{}", major(device), minor(device));
+  result.id = static_cast<std::uint64_t>(mnt_fs_get_id(mount));
   // The mount and the file system below it each have a say.
-  mount.writable = !saysReadOnly(options) && !saysReadOnly(line);
-  if (mount.target.empty() || mount.type.empty()) return std::nullopt;
-  return mount;
+  result.writable =
+      !saysReadOnly(mnt_fs_get_vfs_options(mount)) && !saysReadOnly(mnt_fs_get_fs_options(mount));
+  return result;
 }
 
 }  // namespace
 
 std::optional<std::vector<MountEntry>> readMountTable(const std::string& path) {
-  std::ifstream file(path);
-  if (!file) return std::nullopt;
-  std::vector<MountEntry> mounts;
-  for (std::string line; std::getline(file, line);) {
-    if (auto mount = mountIn(line)) mounts.push_back(*std::move(mount));
-  }
-  if (file.bad()) return std::nullopt;
-  return mounts;
+  const Table table(mnt_new_table());
+  const Iterator iterator(mnt_new_iter(MNT_ITER_FORWARD));
+  if (!table || !iterator || mnt_table_parse_file(table.get(), path.c_str()) != 0) return std::nullopt;
+  std::vector<MountEntry> result;
+  libmnt_fs* mount = nullptr;
+  while (mnt_table_next_fs(table.get(), iterator.get(), &mount) == 0) result.push_back(entry(mount));
+  return result;
 }
 
 MountTableWatch::MountTableWatch() : table_(::open(mount_table_path, O_RDONLY | O_CLOEXEC)) {

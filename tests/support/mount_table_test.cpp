@@ -86,40 +86,6 @@ TEST_F(MountTable, TheLocalVolumesAreTheWritableLocalMountsOncePerDevice) {
                                    "/pool", "/media/stick", "/mnt/mapped", "/run/media/user/disk"));
 }
 
-TEST_F(MountTable, SourceAndRootAreUnescapedToo) {
-  directory_.write("escapes", "7 1 0:9 /a\\040b /c\\\\040 rw - fuse.x source\\040of\\134it rw\n");
-  const auto mounts = readMountTable(directory_ / "escapes");
-  ASSERT_TRUE(mounts);
-  ASSERT_EQ(mounts->size(), 1U);
-  EXPECT_EQ(mounts->front().root, "/a b");
-  EXPECT_EQ(mounts->front().source, "source of\\it");
-  EXPECT_EQ(mounts->front().id, 7U);
-}
-
-TEST_F(MountTable, ASourceMayBeEmptyAndThereMayBeManyOptionalFields) {
-  directory_.write("fields",
-                   "7 1 0:9 / /a rw shared:1 master:2 propagate_from:3 - tmpfs  rw\n"
-                   "8 1 0:9 / /b rw,ro - tmpfs none rw\n"
-                   "9 1 0:9 / /c rw,errors=ro - tmpfs none rw,ro=1\n");
-  const auto mounts = readMountTable(directory_ / "fields");
-  ASSERT_TRUE(mounts);
-  ASSERT_EQ(mounts->size(), 3U);
-  EXPECT_EQ((*mounts)[0].source, "");
-  EXPECT_EQ((*mounts)[0].type, "tmpfs");
-  EXPECT_TRUE((*mounts)[0].writable);
-  EXPECT_FALSE((*mounts)[1].writable);
-  EXPECT_TRUE((*mounts)[2].writable);
-}
-
-TEST_F(MountTable, LinesOfAnotherFormAreLeftOut) {
-  directory_.write(
-      "lines", "no mount\n\n7 1 0:9 / /short rw\n7 1 0:9 / /open rw -\n8 1 0:9 / /whole rw - ext4 /dev/a rw");
-  const auto mounts = readMountTable(directory_ / "lines");
-  ASSERT_TRUE(mounts);
-  ASSERT_EQ(mounts->size(), 1U);
-  EXPECT_EQ(mounts->front().target, "/whole");
-}
-
 TEST_F(MountTable, AMissingTableIsNothing) { EXPECT_FALSE(readMountTable(directory_ / "missing")); }
 
 TEST_F(MountTable, TheSystemsOwnTableHoldsTheRoot) {
