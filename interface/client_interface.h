@@ -99,8 +99,14 @@ class ClientInterface : public KelvaneClientProtocol,
                const Reply<std::optional<Dictionary>>& reply);
   void connect(const std::shared_ptr<KVService>& service);
   Block recordRemoval(const std::shared_ptr<KVService>& service, const char* log_text);
-  void answerPurgeableSpace(const Dictionary& info, const char* entitlement, const char* selector,
-                            const Reply<std::optional<Dictionary>>& reply);
+  void answerPurgeableSpace(Dictionary info, const char* entitlement, const char* selector,
+                            Reply<std::optional<Dictionary>> reply);
+  std::optional<Dictionary> countAvailable(const Dictionary& info);
+  void purgeServices(Services services, Dictionary info, PurgeCallback finished);
+  std::optional<Dictionary> runPurge(const Dictionary& info,
+                                     const std::shared_ptr<KelvanePurgeOperation>& operation,
+                                     const PurgeCallback& callback);
+  std::shared_ptr<KelvanePurgeOperation> operationOf(const Value& token);
   void store(const Value& value, const std::string& key);
   [[nodiscard]] StateObject unarchived(const Data& archive);
 

@@ -28,6 +28,7 @@ class AnotherUser {
 
  private:
   void ask();
+  [[nodiscard]] bool isAnswered() const;
 
   RawPeer peer_;
   std::atomic<bool> stopping_{false};

@@ -106,6 +106,25 @@ TEST_F(Counts, OfServicesAreBoundedForOneUserAndTheRestIsRefusedWithAReason) {
   EXPECT_EQ(answerTo(attacker, "com.example.after").type, 2);
 }
 
+TEST_F(Counts, OfCallsThatWaitDoNotHoldUpAnotherUser) {
+  // The registry waits for a service that does not answer its ping, and who asks it for something waits too.
+  RawService mute;
+  RawPeer registrar = peerOf(daemon_, attacker);
+  registrar.send(checkIn(1, "com.example.mute").bytes(), {mute.endpoint()});
+  const auto kept = mute.nextConnection();
+  ASSERT_TRUE(kept);
+  AnotherUser user(daemon_);
+  RawMessage cancel = request("clientCancelPurge", 1);
+  cancel.signature = "a{sv}";
+  cancel.body = RawWriter().number(0).align(8).take();
+  std::vector<RawPeer> waiting;
+  for (unsigned i = 0; i < scale.waiting_calls; ++i) {
+    waiting.emplace_back(connectedAs(attacker, daemon_.socket()));
+    waiting.back().send(authentication(attacker) + "BEGIN\r\n" + cancel.bytes());  // waits for nothing
+  }
+  expectUnharmed(user, daemon_);
+}
+
 TEST_F(Counts, OfAnIDsBytesEndAt255) {
   AnotherUser user(daemon_);
   EXPECT_EQ(answerTo(attacker, std::string(255, 'x')).type, 2);
