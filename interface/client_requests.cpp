@@ -61,6 +61,7 @@ class Waiting {
 }  // namespace
 
 void ClientInterface::clientPurge(Dictionary info, ResultReply reply) {
+  const Transaction transaction;
   if (!callerIsEntitled(PURGE_ENTITLEMENT, "clientPurge:replyBlock:")) {
     replyLater(reply, std::nullopt);
     return;
@@ -99,6 +100,7 @@ void ClientInterface::clientItemizedPurgeableSpace(Dictionary info, ResultReply 
 /// Both forms get the same answer; they differ in who may ask.
 void ClientInterface::answerPurgeableSpace(Dictionary info, const char* entitlement, const char* selector,
                                            ResultReply reply) {
+  const Transaction transaction;
   if (!callerIsEntitled(entitlement, selector)) {
     replyLater(reply, std::nullopt);
     return;
