@@ -78,26 +78,8 @@ bool outOfDescriptors(int error) {
 
 }  // namespace
 
-/// How many connections each user has open. Shared with the connections, which may outlive the listener.
-struct Listener::UserCounts {
-  std::mutex mutex;
-  std::unordered_map<uid_t, unsigned> open;  // guarded by mutex
-
-  bool add(uid_t user, unsigned most) {
-    const std::scoped_lock lock(mutex);
-    unsigned& count = open[user];
-    if (user != 0 && count >= most) return false;
-    ++count;
-    return true;
-  }
-  void remove(uid_t user) {
-    const std::scoped_lock lock(mutex);
-    if (--open[user] == 0) open.erase(user);
-  }
-};
-
 Listener::Listener(FileDescriptor socket, bool anonymous)
-    : anonymous_(anonymous), counts_(std::make_shared<UserCounts>()), socket_(std::move(socket)) {}
+    : anonymous_(anonymous), socket_(std::move(socket)) {}
 
 Listener::~Listener() { invalidate(); }
 
@@ -235,9 +217,14 @@ bool Listener::receiveOne() {
 void Listener::admit(FileDescriptor socket) {
   const std::optional<PeerCredentials> peer = PeerCredentials::ofSocket(socket.get());
   if (!peer || (may_connect_ && !may_connect_(*peer))) return;
-  if (!counts_->add(peer->uid, connections_per_user_)) return;
-  const auto connection = Connection::initAccepting(std::move(socket), *peer);
-  connection->setClosedHandler([counts = counts_, user = peer->uid] { counts->remove(user); });
+  auto account = accounts_->of(peer->uid);
+  wire::Charge cost = wire::Charge::of(account, wire::Resource::connections, 1);
+  if (!cost) {
+    if (refused_) refused_(*peer);
+    return;
+  }
+  const auto connection =
+      Connection::initAccepting(std::move(socket), *peer, std::move(account), std::move(cost));
   if (configure_) configure_(connection);
 }
 
