@@ -77,6 +77,14 @@ std::size_t entrySize(const std::string& key, const Value& value) {
   return value.isNothing() ? 0 : foundation::entry_footprint + key.size() + foundation::footprint(value);
 }
 
+/// Why no user may store this; empty when it may.
+std::string excessOf(const std::string& key, const Value& value) {
+  const std::size_t size = entrySize(key, value);
+  if (size <= largest_state_entry) return {};
+  return fmt::format("the value and its key take {} bytes of memory: expected at most {}", size,
+                     largest_state_entry);
+}
+
 bool isPrivileged(uid_t user) { return user == 0 || user == ::geteuid(); }
 
 /// Already signalled when it comes here, since reads and writes answer before they return.
@@ -96,15 +104,13 @@ void ClientInterface::takeTurn(Block item) {
 
 void ClientInterface::clientSetState(Value value, std::string key, Reply<> reply) {
   auto call = xpc::currentCall();
-  if (const std::size_t size = entrySize(key, value); size > largest_state_entry) {
-    call.refuse(xpc::error_limits_exceeded,
-                fmt::format("the value and its key take {} bytes of memory: expected at most {}", size,
-                            largest_state_entry));
+  if (const std::string excess = call ? excessOf(key, value) : std::string(); !excess.empty()) {
+    call.refuse(xpc::error_limits_exceeded, excess);
     return;
   }
   takeTurn([self = shared_from_this(), user = callingUser(), call = std::move(call), value = std::move(value),
             key = std::move(key), reply = std::move(reply)] {
-    const std::string excess = self->excessOfState(value, key, user);
+    const std::string excess = call ? self->excessOfState(value, key, user) : std::string();
     if (excess.empty()) {
       self->_clientSetState(value, key, reply, call);
     } else {

@@ -8,7 +8,7 @@ namespace kelvane::foundation {
 
 /// How much memory a value takes, in bytes; what it shares with copies of it counts in full. An estimate from
 /// the sizes of what is allocated. Takes time in proportion to the number of values in it, whatever the size
-/// of texts and data.
+/// of texts and data. Recursive: for values that came from a peer or a file, whose depth is bounded.
 [[nodiscard]] std::size_t footprint(const Value& value);
 
 /// The parts of the estimate, for whoever counts while building.

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <thread>
 #include <utility>
 
@@ -51,9 +52,12 @@ void as(uid_t user, Work work) {
 AttackedDaemon::AttackedDaemon() : daemon_(built("kelvaned"), environmentWith(settings_.path())) {
   fs::permissions(fs::path(daemon_.runtimeFolder()).parent_path(), fs::perms(0755));
   // What opens with the first request only is not to be taken for what an attack left behind.
-  Client warm_up(daemon_);
-  warm_up.setState("warm", "com.example.warm-up");
-  EXPECT_TRUE(warm_up.isServed());
+  auto warm_up = std::make_unique<Client>(daemon_);
+  warm_up->setState("warm", "com.example.warm-up");
+  EXPECT_TRUE(warm_up->isServed());
+  const std::size_t without_it = descriptors() - 1;
+  warm_up.reset();
+  EXPECT_EQ(descriptorsWhenSettled(without_it), without_it);
 }
 
 std::size_t AttackedDaemon::descriptors() const {

@@ -3,6 +3,7 @@
 
 #include "platform/foundation/archive.h"
 #include "platform/foundation/user_defaults.h"
+#include "platform/xpc/wire.h"
 #include "tests/interface/interface_fixture.h"
 #include "tests/support/scoped_environment.h"
 
@@ -11,6 +12,9 @@ namespace {
 
 using tests::Answer;
 using tests::FakeService;
+
+// With the whole state around it.
+constexpr int deepest = static_cast<int>(xpc::most_nested) - 1;
 
 class StateStore : public tests::InterfaceFixture {
  protected:
@@ -114,11 +118,11 @@ TEST_F(StateStore, AValueThatNestsTooDeepForTheWholeStateToTravelIsNotTakenAndSa
     for (int array = 0; array < arrays; ++array) value = Array{value};
     return value;
   };
-  write(nested(30), "k");
+  write(nested(deepest), "k");
   EXPECT_EQ(log_.count(3, ""), 0u);
-  write(nested(31), "k");
-  EXPECT_EQ(log_.count(3, "_clientSetState:key:replyBlock: value for key: k nests deeper than 30"), 1u);
-  EXPECT_EQ(read("k"), nested(30));
+  write(nested(deepest + 1), "k");
+  EXPECT_EQ(log_.count(3, "_clientSetState:key:replyBlock: value for key: k nests deeper than 19"), 1u);
+  EXPECT_EQ(read("k"), nested(deepest));
 }
 
 TEST_F(StateStore, WhatWasWrittenIsThereForWhoeverOpensTheSuiteNext) {
@@ -243,7 +247,7 @@ TEST_F(RecordStore, ReadingAnUnwrittenRecordLogsAsAnyOtherReading) {
 
 TEST_F(StateStore, ValuesOfEveryTypeComeBackAsTheyWere) {
   Value deep = "innermost";
-  for (int i = 0; i < 30; ++i) deep = i % 2 == 0 ? Value(Array{deep}) : Value(Dictionary{{"k", deep}});
+  for (int i = 0; i < deepest; ++i) deep = i % 2 == 0 ? Value(Array{deep}) : Value(Dictionary{{"k", deep}});
   const std::vector<Value> values = {true,
                                      0,
                                      -1,
