@@ -21,25 +21,6 @@ bool isRefusal(const RawReply& reply) {
   return reply.type == 3 && reply.bytes.find(limits_exceeded) != std::string::npos;
 }
 
-/// Answers the ping of every connection that comes through its endpoint, and keeps them open.
-class ManyServices {
- public:
-  ~ManyServices() {
-    service_.close();
-    thread_.join();
-  }
-  [[nodiscard]] int endpoint() const { return service_.endpoint(); }
-
- private:
-  void serve() {
-    std::vector<RawPeer> open;
-    while (auto connection = service_.nextAnsweredConnection()) open.push_back(std::move(*connection));
-  }
-
-  RawService service_;
-  std::thread thread_{[this] { serve(); }};
-};
-
 class Counts : public testing::Test {
  protected:
   static void SetUpTestSuite() { ASSERT_GT(raiseDescriptorLimit(), scale.connections + 1'000); }

@@ -3,6 +3,9 @@
 #include <array>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "platform/foundation/file_descriptor.h"
 #include "tests/attack/requests.h"
@@ -29,6 +32,25 @@ class RawService {
  private:
   FileDescriptor kept_;
   FileDescriptor given_;
+};
+
+/// Answers the ping of every connection that comes through its endpoint, and keeps them open.
+class ManyServices {
+ public:
+  ~ManyServices() {
+    service_.close();
+    thread_.join();
+  }
+  [[nodiscard]] int endpoint() const { return service_.endpoint(); }
+
+ private:
+  void serve() {
+    std::vector<RawPeer> open;
+    while (auto connection = service_.nextAnsweredConnection()) open.push_back(std::move(*connection));
+  }
+
+  RawService service_;
+  std::thread thread_{[this] { serve(); }};
 };
 
 }  // namespace kelvane::tests

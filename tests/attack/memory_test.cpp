@@ -133,6 +133,43 @@ TEST_F(Memory, IsNotTakenByWritesToEverNewKeys) {
   expectUnharmed(user, daemon_);
 }
 
+TEST_F(Memory, IsNotTakenByReadingAFullStateAsAWhole) {
+  RawPeer writer = peerOf(daemon_, attacker);
+  for (std::uint32_t serial = 1; serial <= 20; ++serial) {
+    writer.send(setStateToNumbers(serial, "com.example." + std::to_string(serial), 60'000).bytes());
+    ASSERT_TRUE(writer.receive());
+  }
+  AnotherUser user(daemon_);
+  RawPeer peer = peerOf(daemon_, attacker);
+  const auto end = Clock::now() + scale.flood;
+  constexpr std::uint32_t ahead = 16;
+  std::size_t answered = 0;
+  std::size_t bytes = 0;
+  for (std::uint32_t serial = 1; Clock::now() < end; ++serial) {
+    ASSERT_TRUE(peer.send(getState(serial, "KELVANE_USER_DEFAULTS").bytes()));
+    if (serial <= ahead) continue;
+    const auto reply = peer.receive();
+    ASSERT_TRUE(reply);
+    ++answered;
+    bytes = std::max(bytes, reply->bytes.size());
+  }
+  std::printf("[  figures ] %zu answers of at most %zu bytes\n", answered, bytes);
+  expectUnharmed(user, daemon_);
+}
+
+TEST_F(Memory, IsNotTakenByWhatServicesWantToBeNotifiedOf) {
+  ManyServices services;
+  AnotherUser user(daemon_);
+  RawPeer peer = peerOf(daemon_, attacker);
+  const std::string name(megabyte, 'n');
+  const auto end = Clock::now() + scale.flood;
+  for (std::uint32_t serial = 1; Clock::now() < end && serial < 400; ++serial) {
+    peer.send(checkIn(serial, "com.example." + std::to_string(serial), name).bytes(), {services.endpoint()});
+    ASSERT_TRUE(peer.receive());
+  }
+  expectUnharmed(user, daemon_);
+}
+
 TEST_F(Memory, IsNotTakenByNotificationsToAServiceThatReadsNone) {
   RawService service;
   RawPeer peer = peerOf(daemon_, attacker);

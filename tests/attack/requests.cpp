@@ -33,6 +33,17 @@ RawMessage setState(std::uint32_t serial, const std::string& key, std::size_t by
   return message;
 }
 
+RawMessage setStateToNumbers(std::uint32_t serial, const std::string& key, std::size_t count) {
+  RawWriter body;
+  body.number(0).signature("an").number(2 * count).raw(std::string(2 * count, '\1'));
+  body.set(0, static_cast<std::uint32_t>(body.size() - 4));
+  body.text(key);
+  RawMessage message = request("clientSetState", serial);
+  message.signature = "avs";
+  message.body = body.take();
+  return message;
+}
+
 RawMessage checkIn(std::uint32_t serial, const std::string& ID, const std::string& notification) {
   RawWriter body;
   body.text(ID).number(0);
