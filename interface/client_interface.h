@@ -112,11 +112,15 @@ class ClientInterface : public KelvaneClientProtocol,
                                      const PurgeCallback& callback);
   std::shared_ptr<KelvanePurgeOperation> operationOf(const Value& token);
   void takeTurn(Block item);
+  void answerState(const Value& value, const Reply<Value>& reply, uid_t user);
   [[nodiscard]] std::string excessOfState(const Value& value, const std::string& key, uid_t user) const;
   void store(const Value& value, const std::string& key);
   [[nodiscard]] StateObject unarchived(const Data& archive);
 
-  Turns turns_;             // on defaults_queue
+  Turns turns_;  // at defaults_queue
+  // One at a time, since each may take as much memory as a message may.
+  const dispatch_queue_t large_answers_queue_ = dispatch_queue_create("com.orvel.kelvane_large_answers");
+  Turns large_answers_;
   HeldRecord held_record_;  // only on defaults_queue
 };
 

@@ -17,4 +17,7 @@ inline constexpr std::size_t largest_state_entry = std::size_t{1} << 20;
 inline constexpr std::size_t largest_state = std::size_t{16} << 20;
 inline constexpr std::size_t largest_privileged_state = std::size_t{20} << 20;
 
+/// A value up to this is answered from the queue of the state; a larger one would hold up other users.
+inline constexpr std::size_t small_answer = std::size_t{16} << 10;
+
 }  // namespace kelvane

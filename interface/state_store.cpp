@@ -120,9 +120,19 @@ void ClientInterface::clientSetState(Value value, std::string key, Reply<> reply
 }
 
 void ClientInterface::clientGetState(xpc::Anything key, Reply<Value> reply) {
-  takeTurn([self = shared_from_this(), key = std::move(key), reply = std::move(reply)] {
-    self->_clientGetState(key.value, reply);
+  takeTurn([self = shared_from_this(), user = callingUser(), key = std::move(key), reply = std::move(reply)] {
+    self->_clientGetState(key.value, [&](const Value& value) { self->answerState(value, reply, user); });
   });
+}
+
+/// To write out a large value takes longer than everything else that is done here.
+void ClientInterface::answerState(const Value& value, const Reply<Value>& reply, uid_t user) {
+  if (!foundation::footprintExceeds(value, small_answer)) {
+    reply(value);
+    return;
+  }
+  large_answers_.add(user, [reply, value] { reply(value); });
+  dispatch_async(large_answers_queue_, [self = shared_from_this()] { self->large_answers_.runNext(); });
 }
 
 /// Why the state cannot take this value from that user; empty when it can. Making it smaller is always

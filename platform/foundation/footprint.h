@@ -11,6 +11,9 @@ namespace kelvane::foundation {
 /// of texts and data. Recursive: for values that came from a peer or a file, whose depth is bounded.
 [[nodiscard]] std::size_t footprint(const Value& value);
 
+/// Whether that is more than `bytes`. Looks at so many values only as can be in these.
+[[nodiscard]] bool footprintExceeds(const Value& value, std::size_t bytes);
+
 /// The parts of the estimate, for whoever counts while building.
 inline constexpr std::size_t allocation_footprint = 16;  // what the heap adds
 inline constexpr std::size_t text_footprint = 3 * allocation_footprint + 32;

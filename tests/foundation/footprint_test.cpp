@@ -33,6 +33,13 @@ TEST(Footprint, OfADictionaryCountsItsKeys) {
   EXPECT_EQ(footprint(Dictionary{{std::string(1000, 'k'), 1}}), footprint(Dictionary{{"", 1}}) + 1000);
 }
 
+TEST(Footprint, IsComparedWithoutLookingAtAllOfALargeValue) {
+  const Value value = arrayOf([] { return Value(1); });
+  EXPECT_FALSE(footprintExceeds(value, footprint(value)));
+  EXPECT_TRUE(footprintExceeds(value, footprint(value) - 1));
+  EXPECT_TRUE(footprintExceeds(Dictionary{{"k", value}}, footprint(value)));
+}
+
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose heap tells nothing
 TEST(Footprint, IsAtLeastHalfOfWhatManyValuesReallyTakeAndAtMostTwiceThat) {
   const auto expectNear = [](auto element, const char* what) {
