@@ -1,9 +1,14 @@
 #pragma once
 
+#include <sys/types.h>
+
 namespace kelvane {
 
 /// Whether the process whose message the calling thread is handling holds the entitlement. When not, that is
 /// logged at level 3 under the name of the method it called. A call that no connection brought holds none.
 [[nodiscard]] bool callerIsEntitled(const char* entitlement, const char* selector);
+
+/// The user of that process; this process's own for a call that no connection brought.
+[[nodiscard]] uid_t callingUser();
 
 }  // namespace kelvane

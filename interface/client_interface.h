@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "interface/held_record.h"
+#include "interface/turns.h"
 #include "operations/persistent_state.h"
 #include "operations/purge_operation.h"
 #include "platform/dispatch/queue.h"
@@ -51,8 +52,9 @@ class ClientInterface : public KelvaneClientProtocol,
   /// Waits until the service has answered a ping: true then, and false when its connection ended instead.
   /// There is no time limit for a service that lives and stays silent.
   static bool pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy);
-  /// Tells every service that asked for that name. Returns at once; nothing is reported back.
-  void notifyRecipients(const std::string& name, const Value& value);
+  /// Tells every service that asked for that name. Returns at once; nothing is reported back. `call` is the
+  /// one that has this done, if any, and counts until it is.
+  void notifyRecipients(const std::string& name, const Value& value, const xpc::CurrentCall& call = {});
 
   // --- purging ---
 
@@ -69,7 +71,9 @@ class ClientInterface : public KelvaneClientProtocol,
 
   // --- the state store, for callers that run on `defaults_queue`; a call from elsewhere is fatal ---
 
-  void _clientSetState(const Value& value, const std::string& key, const Reply<>& reply);
+  /// `call` is the one that brought the value, if any, and counts until all is done.
+  void _clientSetState(const Value& value, const std::string& key, const Reply<>& reply,
+                       const xpc::CurrentCall& call = {});
   void _clientGetState(const Value& key, const Reply<Value>& reply);
   void clientSetStateSync(const StateObject& value, const std::string& key) override;
   [[nodiscard]] StateObject clientGetStateSync(const std::string& key) override;
@@ -95,15 +99,28 @@ class ClientInterface : public KelvaneClientProtocol,
   [[nodiscard]] virtual Services copyServices() = 0;
 
  private:
-  void checkIn(const std::string& serviceID, const xpc::Endpoint& endpoint, const Dictionary& info,
-               const Reply<std::optional<Dictionary>>& reply);
+  void checkIn(const xpc::CurrentCall& call, const std::string& serviceID, const xpc::Endpoint& endpoint,
+               const Dictionary& info, const Reply<std::optional<Dictionary>>& reply);
   void connect(const std::shared_ptr<KVService>& service);
   Block recordRemoval(const std::shared_ptr<KVService>& service, const char* log_text);
-  void answerPurgeableSpace(const Dictionary& info, const char* entitlement, const char* selector,
-                            const Reply<std::optional<Dictionary>>& reply);
+  void answerPurgeableSpace(Dictionary info, const char* entitlement, const char* selector,
+                            Reply<std::optional<Dictionary>> reply);
+  std::optional<Dictionary> countAvailable(const Dictionary& info);
+  void purgeServices(Services services, Dictionary info, PurgeCallback finished);
+  std::optional<Dictionary> runPurge(const Dictionary& info,
+                                     const std::shared_ptr<KelvanePurgeOperation>& operation,
+                                     const PurgeCallback& callback);
+  std::shared_ptr<KelvanePurgeOperation> operationOf(const Value& token);
+  void takeTurn(Block item);
+  void answerState(const Value& value, const Reply<Value>& reply, uid_t user);
+  [[nodiscard]] std::string excessOfState(const Value& value, const std::string& key, uid_t user) const;
   void store(const Value& value, const std::string& key);
   [[nodiscard]] StateObject unarchived(const Data& archive);
 
+  Turns turns_;  // at defaults_queue
+  // One at a time, since each may take as much memory as a message may.
+  const dispatch_queue_t large_answers_queue_ = dispatch_queue_create("com.orvel.kelvane_large_answers");
+  Turns large_answers_;
   HeldRecord held_record_;  // only on defaults_queue
 };
 

@@ -4,6 +4,7 @@
 // The connection's handlers outlive the record at times, and the ID may by then belong to a new record: they
 // remove the very record that they were made for, or nothing.
 
+#include <fmt/format.h>
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -14,7 +15,9 @@
 #include "common/keys.h"
 #include "interface/caller.h"
 #include "interface/client_interface.h"
+#include "interface/limits.h"
 #include "platform/dispatch/group.h"
+#include "platform/foundation/footprint.h"
 #include "support/log.h"
 #include "support/service_calls.h"
 
@@ -60,14 +63,46 @@ class Pong {
   const std::shared_ptr<std::atomic<bool>> pong_;
 };
 
-void notify(const std::shared_ptr<KVService>& service, const std::string& name, const Value& value) {
+/// Sends one that is under way and, in its place, those that had to wait. On `queue`.
+void notify(const std::shared_ptr<KVService>& service, const NotificationOutbox::Notification& notification,
+            const dispatch_queue_t& queue) {
   CallServiceAsync(
       service,
       [&](const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) {
         KVLog(5, "%s %d serviceID: %@", notify_selector, 369, service->ID());
-        proxy->serviceNotify(Dictionary{{name, value}}, [done] { done(); });
+        proxy->serviceNotify(Dictionary{{notification.name, notification.value}}, [done] { done(); });
       },
-      [] { KVLog(5, "%s connection invalidated", notify_selector); });
+      [service, queue] {
+        KVLog(5, "%s connection invalidated", notify_selector);
+        if (auto next = service->notifications().finish())
+          dispatch_async(queue, [service, queue, next = *std::move(next)] { notify(service, next, queue); });
+      });
+}
+
+/// Why the user cannot have what a check-in asks for; empty when it can.
+std::string excessIn(const std::string& serviceID, const Dictionary& info) {
+  if (serviceID.size() > longest_service_ID) {
+    return fmt::format("the ID of the service has {} bytes: expected at most {}", serviceID.size(),
+                       longest_service_ID);
+  }
+  if (foundation::footprint(info[KELVANE_NOTIFICATIONS]) > largest_wishes)
+    return fmt::format("the names of the notifications take more than {} bytes of memory", largest_wishes);
+  return {};
+}
+
+/// Charges the user for the record; false, and the call is refused, when that would exceed the limit.
+bool payFor(KVService& service, const xpc::CurrentCall& call) {
+  const auto account = call.account();
+  if (account == nullptr) return true;
+  wire::Charge cost = wire::Charge::of(account, wire::Resource::services, 1);
+  if (!cost) {
+    call.refuse(xpc::error_limits_exceeded,
+                fmt::format("user {} has {} services registered, which is the limit", account->user(),
+                            account->limit(wire::Resource::services)));
+    return false;
+  }
+  service.setCost(std::move(cost));
+  return true;
 }
 
 }  // namespace
@@ -80,20 +115,27 @@ void ClientInterface::clientCheckin(std::string serviceID, xpc::Endpoint endpoin
     return;
   }
   if (!callerIsEntitled(SERVICE_ENTITLEMENT, checkin_selector)) return;  // no answer at all
+  auto call = xpc::currentCall();
+  if (const std::string excess = excessIn(serviceID, info); !excess.empty()) {
+    call.refuse(xpc::error_limits_exceeded, excess);
+    return;
+  }
   dispatch_async(collection_queue(),
-                 [self = shared_from_this(), serviceID = std::move(serviceID), endpoint = std::move(endpoint),
-                  info = std::move(info),
-                  reply = std::move(reply)] { self->checkIn(serviceID, endpoint, info, reply); });
+                 [self = shared_from_this(), call = std::move(call), serviceID = std::move(serviceID),
+                  endpoint = std::move(endpoint), info = std::move(info),
+                  reply = std::move(reply)] { self->checkIn(call, serviceID, endpoint, info, reply); });
 }
 
-void ClientInterface::checkIn(const std::string& serviceID, const xpc::Endpoint& endpoint,
-                              const Dictionary& info, const Reply<std::optional<Dictionary>>& reply) {
+void ClientInterface::checkIn(const xpc::CurrentCall& call, const std::string& serviceID,
+                              const xpc::Endpoint& endpoint, const Dictionary& info,
+                              const Reply<std::optional<Dictionary>>& reply) {
   std::shared_ptr<KVService> service;
   if (const auto found = services().find(serviceID); found != services().end()) {
     KVLog(5, "%s operating on an existing service", checkin_selector);
     service = found->second;
   } else {
     service = std::make_shared<KVService>(serviceID);
+    if (!payFor(*service, call)) return;
     service->setEndpoint(endpoint);
     connect(service);
   }
@@ -140,13 +182,20 @@ bool ClientInterface::pingService(const std::shared_ptr<KelvaneServiceProtocol>&
   return pong->load();
 }
 
-void ClientInterface::notifyRecipients(const std::string& name, const Value& value) {
+void ClientInterface::notifyRecipients(const std::string& name, const Value& value,
+                                       const xpc::CurrentCall& call) {
   KVLog(5, "%s name: %@, value: %@", notify_selector, name, value);
-  dispatch_async(notify_queue(), [snapshot = copyServices(), name, value] {
-    for (const auto& [serviceID, service] : snapshot) {
-      if (service->desiresNotification(name)) notify(service, name, value);
-    }
-  });
+  dispatch_async(notify_queue(),
+                 [snapshot = copyServices(), notification = NotificationOutbox::Notification{name, value},
+                  call, queue = notify_queue()] {
+                   for (const auto& [serviceID, service] : snapshot) {
+                     if (!service->desiresNotification(notification.name)) {
+                       service->notifications().drop(notification.name);
+                     } else if (service->notifications().start(notification)) {
+                       notify(service, notification, queue);
+                     }
+                   }
+                 });
 }
 
 }  // namespace kelvane

@@ -9,14 +9,19 @@
 // memory while only the daemon uses it. Whoever else reads or writes the state has it written first, so
 // nobody can tell; only a daemon that is killed loses it, and it can be made again.
 
+#include <fmt/format.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
 #include "common/keys.h"
+#include "interface/caller.h"
 #include "interface/client_interface.h"
+#include "interface/limits.h"
 #include "platform/dispatch/group.h"
 #include "platform/foundation/archive.h"
+#include "platform/foundation/footprint.h"
 #include "platform/foundation/user_defaults.h"
 #include "platform/xpc/wire.h"
 #include "support/log.h"
@@ -68,6 +73,20 @@ Value valueFor(const Value& key, const Value& stored, const Dictionary& default_
   return entryOf(*stored.dictionary(), *key.string(), default_values);
 }
 
+std::size_t entrySize(const std::string& key, const Value& value) {
+  return value.isNothing() ? 0 : foundation::entry_footprint + key.size() + foundation::footprint(value);
+}
+
+/// Why no user may store this; empty when it may.
+std::string excessOf(const std::string& key, const Value& value) {
+  const std::size_t size = entrySize(key, value);
+  if (size <= largest_state_entry) return {};
+  return fmt::format("the value and its key take {} bytes of memory: expected at most {}", size,
+                     largest_state_entry);
+}
+
+bool isPrivileged(uid_t user) { return user == 0 || user == ::geteuid(); }
+
 /// Already signalled when it comes here, since reads and writes answer before they return.
 void awaitAnswer(const dispatch_semaphore_t& semaphore, const char* selector) {
   if (dispatch_semaphore_wait(semaphore, DISPATCH_TIME_FOREVER) == 0) return;
@@ -77,22 +96,66 @@ void awaitAnswer(const dispatch_semaphore_t& semaphore, const char* selector) {
 
 }  // namespace
 
+/// The user's turn comes however many requests others have queued.
+void ClientInterface::takeTurn(Block item) {
+  turns_.add(callingUser(), std::move(item));
+  dispatch_async(defaults_queue(), [self = shared_from_this()] { self->turns_.runNext(); });
+}
+
 void ClientInterface::clientSetState(Value value, std::string key, Reply<> reply) {
-  dispatch_async(defaults_queue(), [self = shared_from_this(), value = std::move(value), key = std::move(key),
-                                    reply = std::move(reply)] { self->_clientSetState(value, key, reply); });
+  auto call = xpc::currentCall();
+  if (const std::string excess = call ? excessOf(key, value) : std::string(); !excess.empty()) {
+    call.refuse(xpc::error_limits_exceeded, excess);
+    return;
+  }
+  takeTurn([self = shared_from_this(), user = callingUser(), call = std::move(call), value = std::move(value),
+            key = std::move(key), reply = std::move(reply)] {
+    const std::string excess = call ? self->excessOfState(value, key, user) : std::string();
+    if (excess.empty()) {
+      self->_clientSetState(value, key, reply, call);
+    } else {
+      call.refuse(xpc::error_limits_exceeded, excess);
+    }
+  });
 }
 
 void ClientInterface::clientGetState(xpc::Anything key, Reply<Value> reply) {
-  dispatch_async(defaults_queue(), [self = shared_from_this(), key = std::move(key),
-                                    reply = std::move(reply)] { self->_clientGetState(key.value, reply); });
+  takeTurn([self = shared_from_this(), user = callingUser(), key = std::move(key), reply = std::move(reply)] {
+    self->_clientGetState(key.value, [&](const Value& value) { self->answerState(value, reply, user); });
+  });
 }
 
-void ClientInterface::_clientSetState(const Value& value, const std::string& key, const Reply<>& reply) {
+/// To write out a large value takes longer than everything else that is done here.
+void ClientInterface::answerState(const Value& value, const Reply<Value>& reply, uid_t user) {
+  if (!foundation::footprintExceeds(value, small_answer)) {
+    reply(value);
+    return;
+  }
+  large_answers_.add(user, [reply, value] { reply(value); });
+  dispatch_async(large_answers_queue_, [self = shared_from_this()] { self->large_answers_.runNext(); });
+}
+
+/// Why the state cannot take this value from that user; empty when it can. Making it smaller is always
+/// possible.
+std::string ClientInterface::excessOfState(const Value& value, const std::string& key, uid_t user) const {
+  const std::size_t most = isPrivileged(user) ? largest_privileged_state : largest_state;
+  const Value stored =
+      userDefaults() != nullptr ? userDefaults()->objectForKey(KELVANE_USER_DEFAULTS) : Value();
+  const std::size_t before = foundation::footprint(stored);
+  const std::size_t replaced = stored.isDictionary() ? entrySize(key, (*stored.dictionary())[key]) : before;
+  const std::size_t added = entrySize(key, value);
+  if (added <= replaced || before - replaced + added <= most) return {};
+  return fmt::format("the state takes {} bytes of memory, and {} more would exceed the limit of {}", before,
+                     added - replaced, most);
+}
+
+void ClientInterface::_clientSetState(const Value& value, const std::string& key, const Reply<>& reply,
+                                      const xpc::CurrentCall& call) {
   dispatch_assert_queue(defaults_queue());
   settleState();
   if (key == KELVANE_RECENT_SERVICE_STATS) held_record_ = {};
   store(value, key);
-  if (key == KELVANE_CACHE_ENABLED) notifyRecipients(key, value);
+  if (key == KELVANE_CACHE_ENABLED) notifyRecipients(key, value, call);
   reply();
 }
 

@@ -4,6 +4,7 @@
 
 #include "common/keys.h"
 #include "operations/timebase.h"
+#include "platform/dispatch/suspension.h"
 #include "platform/host/time.h"
 #include "support/log.h"
 #include "support/statistics.h"
@@ -13,18 +14,6 @@ namespace {
 
 constexpr const char* selector = "queueServiceRequest:info:urgency:operationInfo:group:completion:";
 constexpr double nanoseconds_per_second = 1000000000.0;
-
-/// A queue that starts nothing for as long as this lives.
-class Suspension {
- public:
-  explicit Suspension(dispatch_queue_t queue) : queue_(std::move(queue)) { dispatch_suspend(queue_); }
-  ~Suspension() { dispatch_resume(queue_); }
-  Suspension(const Suspension&) = delete;
-  Suspension& operator=(const Suspension&) = delete;
-
- private:
-  const dispatch_queue_t queue_;
-};
 
 Value objectOf(const std::optional<Dictionary>& reply) { return reply ? Value(*reply) : Value(); }
 

@@ -5,6 +5,7 @@
 
 #include "common/keys.h"
 #include "operations/purgeable_operation.h"
+#include "platform/foundation/footprint.h"
 #include "platform/host/time.h"
 #include "support/log.h"
 #include "support/volumes.h"
@@ -18,6 +19,8 @@ constexpr const char* update_selector = "updateServiceStats:withInfo:";
 // How far a volume's free space may move, in bytes, and how old a figure may be, in seconds.
 constexpr std::uint64_t freespace_change = 5'242'880;
 constexpr double figure_age = 120.0;
+// A figure is a number. Whatever else a service answers is kept and named in the log, as long as it is small.
+constexpr std::size_t largest_figure = 1024;
 
 /// Null for what is no record; anybody may store anything under its key.
 std::shared_ptr<KelvaneRecentInfo> recordOf(PersistentState& state) {
@@ -104,6 +107,11 @@ Dictionary KelvanePurgeableOperation::cachedInfo(const Dictionary& info) {
 void KelvanePurgeableOperation::updateServiceStats(const std::string& identifier, const Dictionary& entry) {
   // An answer without an amount says nothing; what was known before stays.
   if (!entry.contains(KELVANE_AMOUNT) || !entry[KELVANE_VOLUME].isString()) return;
+  if (const std::size_t size = foundation::footprint(entry[KELVANE_AMOUNT]); size > largest_figure) {
+    KVLog(3, "%s %@ answered with an amount that takes %llu bytes: expected a number", update_selector,
+          identifier, size);
+    return;
+  }
   {
     const std::lock_guard lock(answers_mutex_);
     answers_.push_back({identifier, entry});

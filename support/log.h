@@ -46,16 +46,19 @@ namespace logging {
 
 using Argument = std::variant<std::int64_t, std::uint64_t, double, const void*, std::string>;
 
-inline Argument argument(const char* text) { return std::string(text == nullptr ? "(null)" : text); }
-inline Argument argument(std::string_view text) { return std::string(text); }
-inline Argument argument(const std::string& text) { return text; }
+/// What a peer sent may be as long as a message. A line is formatted from the beginning of it only.
+[[nodiscard]] std::string shortened(std::string_view text);
+
+inline Argument argument(const char* text) { return shortened(text == nullptr ? "(null)" : text); }
+inline Argument argument(std::string_view text) { return shortened(text); }
+inline Argument argument(const std::string& text) { return shortened(text); }
 inline Argument argument(std::nullptr_t) { return std::string("(null)"); }
 inline Argument argument(const void* address) { return address; }
 inline Argument argument(const Value& value) {
-  return value.string() != nullptr ? *value.string() : value.description();
+  return shortened(value.string() != nullptr ? *value.string() : value.description());
 }
-inline Argument argument(const Dictionary& dictionary) { return Value(dictionary).description(); }
-inline Argument argument(const Array& array) { return Value(array).description(); }
+inline Argument argument(const Dictionary& dictionary) { return argument(Value(dictionary)); }
+inline Argument argument(const Array& array) { return argument(Value(array)); }
 Argument argument(const std::set<std::string>& strings);
 Argument argument(const std::vector<std::string>& strings);
 template <class T>

@@ -94,6 +94,13 @@ std::string list(const char* open, const Strings& strings, const char* close) {
 
 }  // namespace
 
+std::string shortened(std::string_view text) {
+  constexpr std::size_t longest = std::size_t{24} << 10;  // leaves room for the rest of the line
+  std::string kept(text.substr(0, longest));
+  if (kept.size() < text.size()) kept += fmt::format("... ({} bytes)", text.size());
+  return kept;
+}
+
 Argument argument(const std::set<std::string>& strings) { return list("{(", strings, ")}"); }
 Argument argument(const std::vector<std::string>& strings) { return list("(", strings, ")"); }
 

@@ -7,8 +7,10 @@
 #include <set>
 #include <string>
 
+#include "platform/wire/account.h"
 #include "platform/xpc/connection.h"
 #include "platform/xpc/endpoint.h"
+#include "support/notification_outbox.h"
 
 namespace kelvane {
 
@@ -42,8 +44,14 @@ class KVService {
   [[nodiscard]] std::shared_ptr<xpc::Connection> xpcConn() const;
   void setXpcConn(std::shared_ptr<xpc::Connection> connection);
 
+  [[nodiscard]] NotificationOutbox& notifications() { return notifications_; }
+  /// What its user is charged for it as long as the record lives. Before it is shared.
+  void setCost(wire::Charge cost) { cost_ = std::move(cost); }
+
  private:
   const std::string ID_;
+  wire::Charge cost_;
+  NotificationOutbox notifications_;
   std::atomic<bool> doesPurge_{false};
   std::atomic<bool> doesPeriodic_{false};
   std::atomic<bool> doNotQuery_{false};

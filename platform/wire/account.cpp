@@ -27,7 +27,7 @@ const Limits& ordinaryLimits() {
 }
 
 const Limits& privilegedLimits() {
-  static constexpr Limits limits{65536, 96 * mebibyte, 96 * mebibyte, 512, 16384, 4096};
+  static constexpr Limits limits{16384, 96 * mebibyte, 96 * mebibyte, 512, 16384, 4096};
   return limits;
 }
 

@@ -66,7 +66,10 @@ class Caller {
  public:
   explicit Caller(const std::string& path) : connection_(xpc::Connection::initWithSocketPath(path)) {
     proxy_ = connection_->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>(
-        [errors = errors_](const xpc::Error& error) mutable { errors.come(error.name); });
+        [errors = errors_, failures = failures_](const xpc::Error& error) mutable {
+          failures.come(error.message);
+          errors.come(error.name);
+        });
     connection_->resume();
   }
   ~Caller() { connection_->invalidate(); }
@@ -77,6 +80,8 @@ class Caller {
   void invalidate() { connection_->invalidate(); }
   /// The first call that got no answer.
   [[nodiscard]] const Answer<std::string>& error() const { return errors_; }
+  /// Its text.
+  [[nodiscard]] std::string failure() const { return failures_.await(); }
 
   DictionaryAnswer checkIn(const std::string& ID, const xpc::Endpoint& endpoint, const Dictionary& info) {
     return dictionary([&](auto reply) { proxy_->clientCheckin(ID, endpoint, info, reply); });
@@ -107,6 +112,7 @@ class Caller {
   const std::shared_ptr<xpc::Connection> connection_;
   std::shared_ptr<KelvaneClientProtocol> proxy_;
   Answer<std::string> errors_;
+  Answer<std::string> failures_;
 };
 
 /// The interface behind a real socket, with the entitlements that the test grants to its own user.

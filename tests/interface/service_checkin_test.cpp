@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <thread>
 
+#include "platform/wire/account.h"
 #include "tests/interface/interface_fixture.h"
 
 namespace kelvane {
@@ -43,6 +45,67 @@ TEST_F(Checkin,
   EXPECT_EQ(record("declared"), nullptr);
   EXPECT_EQ(it.pings(), 0);
   EXPECT_FALSE(log_.contains(not_entitled));
+}
+
+TEST_F(Checkin, WithAnIDOf255BytesIsServedAndWithOneMoreIsRefusedWithTheReason) {
+  const std::string longest(255, 'x');
+  FakeService& it = service(longest);
+  EXPECT_EQ(caller().checkIn(longest, it.endpoint(), {}).await(), replyFor(longest));
+  Caller& process = caller();
+  const auto reply = process.checkIn(longest + "x", it.endpoint(), {});
+  EXPECT_EQ(process.error().await(), xpc::error_limits_exceeded);
+  EXPECT_EQ(process.failure(), "the ID of the service has 256 bytes: expected at most 255");
+  EXPECT_FALSE(reply.hasCome());
+  EXPECT_EQ(record(longest + "x"), nullptr);
+}
+
+TEST_F(Checkin, WithAnIDThatIsTooLongByAnUnentitledCallerGetsNoReplyEver) {
+  grant({CLIENT_ENTITLEMENT});
+  FakeService& it = service("cache");
+  Caller& process = caller();
+  const auto reply = process.checkIn(std::string(256, 'x'), it.endpoint(), {});
+  process.cancel({});
+  EXPECT_FALSE(reply.hasCome());
+  EXPECT_FALSE(process.error().hasCome());
+}
+
+TEST_F(Checkin, WithMoreNamesOfNotificationsThanOneServiceMayKeepIsRefused) {
+  Array names;
+  for (int i = 0; i < 300; ++i) names.append("com.example.notification" + std::to_string(i));
+  FakeService& it = service("cache");
+  Caller& process = caller();
+  process.checkIn("cache", it.endpoint(), Dictionary{{"KELVANE_NOTIFICATIONS", names}});
+  EXPECT_EQ(process.error().await(), xpc::error_limits_exceeded);
+  EXPECT_EQ(record("cache"), nullptr);
+}
+
+TEST_F(Checkin, CountsInTheAccountOfItsUserUntilTheRecordGoes) {
+  const auto account = wire::Accounts::shared().of(::getuid());
+  const auto registered = [&] { return account->used(wire::Resource::services); };
+  const std::uint64_t before = registered();
+  FakeService& it = service("cache");
+  Caller& process = caller();
+  process.checkIn("cache", it.endpoint(), {}).await();
+  process.checkIn("cache", it.endpoint(), {}).await();  // again: the same record
+  EXPECT_EQ(registered(), before + 1);
+  it.dropConnections();
+  awaitRemoval("cache");
+  while (registered() != before) std::this_thread::yield();
+}
+
+TEST_F(Checkin, OfOneServiceMoreThanTheUserMayRegisterIsRefusedWithTheReason) {
+  const auto account = wire::Accounts::shared().of(::getuid());
+  const auto others = wire::Charge::adopt(account, wire::Resource::services,
+                                          account->chargeUpTo(wire::Resource::services, UINT64_MAX));
+  FakeService& it = service("cache");
+  Caller& process = caller();
+  process.checkIn("cache", it.endpoint(), {});
+  EXPECT_EQ(process.error().await(), xpc::error_limits_exceeded);
+  EXPECT_EQ(process.failure(), "user " + std::to_string(::getuid()) + " has " +
+                                   std::to_string(account->limit(wire::Resource::services)) +
+                                   " services registered, which is the limit");
+  EXPECT_EQ(record("cache"), nullptr);
+  EXPECT_EQ(it.pings(), 0);
 }
 
 TEST_F(Checkin, ByAnUnentitledCallerGetsNoReplyEverAndTheLevelThreeLogLine) {
@@ -282,6 +345,21 @@ TEST_F(Notification, ThatCannotBeDeliveredIsLoggedAndDropped) {
   dispatch_sync(registry_->collection_queue(), [&] { registry_->services()["gone"] = service; });
   registry_->notifyRecipients("name", 1);
   log_.await("notifyRecipients:value: connection invalidated");
+}
+
+TEST_F(Notification, ToAServiceThatAnswersNoneHasABoundedNumberUnderWayAndThenGetsTheNewest) {
+  FakeService& it = registered("silent");
+  it.answersNotifications(false);
+  record("silent")->setDesiredNotifications(std::set<std::string>{"name"});
+  constexpr unsigned most = NotificationOutbox::most_under_way;
+  for (unsigned i = 1; i <= most + 5; ++i) registry_->notifyRecipients("name", i);
+  it.awaitNotifications(most);
+  dispatch_sync(registry_->notify_queue(), [] {});
+  EXPECT_EQ(it.connectionsOpened(), static_cast<int>(most));
+  it.answersNotifications(true);
+  it.answerKeptNotification();
+  it.awaitNotifications(most + 1);
+  EXPECT_EQ(it.notifications().back(), (Dictionary{{"name", most + 5}}));
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <thread>
 
+#include "interface/limits.h"
 #include "platform/foundation/archive.h"
 #include "platform/foundation/user_defaults.h"
+#include "platform/xpc/wire.h"
 #include "tests/interface/interface_fixture.h"
 #include "tests/support/scoped_environment.h"
 
@@ -10,7 +13,11 @@ namespace kelvane {
 namespace {
 
 using tests::Answer;
+using tests::Caller;
 using tests::FakeService;
+
+// With the whole state around it.
+constexpr int deepest = static_cast<int>(xpc::most_nested) - 1;
 
 class StateStore : public tests::InterfaceFixture {
  protected:
@@ -30,6 +37,19 @@ class StateStore : public tests::InterfaceFixture {
     Value value = answer.await();
     dispatch_sync(registry_->defaults_queue(), [] {});  // the read's last line comes after its answer
     return value;
+  }
+  /// What a client is refused with that writes this; empty when it is stored.
+  std::string written(const std::string& key, const Value& value) {
+    Caller& process = caller();
+    Answer<bool> stored;
+    process.proxy().clientSetState(value, key, [stored]() mutable { stored.come(true); });
+    Answer<Value> read_after;  // is answered later
+    process.proxy().clientGetState(xpc::Anything{key},
+                                   [read_after](const Value& now) mutable { read_after.come(now); });
+    read_after.await();
+    if (stored.hasCome()) return "";
+    EXPECT_EQ(process.error().await(), xpc::error_limits_exceeded);
+    return process.failure();
   }
   StateObject readObject(const std::string& key) {
     return dispatch_sync(registry_->defaults_queue(), [&] { return registry_->clientGetStateSync(key); });
@@ -114,11 +134,11 @@ TEST_F(StateStore, AValueThatNestsTooDeepForTheWholeStateToTravelIsNotTakenAndSa
     for (int array = 0; array < arrays; ++array) value = Array{value};
     return value;
   };
-  write(nested(19), "k");
+  write(nested(deepest), "k");
   EXPECT_EQ(log_.count(3, ""), 0u);
-  write(nested(20), "k");
+  write(nested(deepest + 1), "k");
   EXPECT_EQ(log_.count(3, "_clientSetState:key:replyBlock: value for key: k nests deeper than 19"), 1u);
-  EXPECT_EQ(read("k"), nested(19));
+  EXPECT_EQ(read("k"), nested(deepest));
 }
 
 TEST_F(StateStore, WhatWasWrittenIsThereForWhoeverOpensTheSuiteNext) {
@@ -243,7 +263,7 @@ TEST_F(RecordStore, ReadingAnUnwrittenRecordLogsAsAnyOtherReading) {
 
 TEST_F(StateStore, ValuesOfEveryTypeComeBackAsTheyWere) {
   Value deep = "innermost";
-  for (int i = 0; i < 30; ++i) deep = i % 2 == 0 ? Value(Array{deep}) : Value(Dictionary{{"k", deep}});
+  for (int i = 0; i < deepest; ++i) deep = i % 2 == 0 ? Value(Array{deep}) : Value(Dictionary{{"k", deep}});
   const std::vector<Value> values = {true,
                                      0,
                                      -1,
@@ -309,6 +329,30 @@ TEST_F(StateStore, IsReachedOverTheWire) {
   Answer<Value> got;
   proxy.clientGetState(xpc::Anything{"k"}, [got](const Value& value) mutable { got.come(value); });
   EXPECT_EQ(got.await(), Value(Array{1, 2}));
+}
+
+TEST_F(StateStore, AValueThatTakesMoreThanAMebibyteIsRefusedAndWhatWasThereStays) {
+  EXPECT_EQ(written("k", 1), "");
+  EXPECT_EQ(written("k", std::string((1U << 20) - 1024, 'x')), "");
+  EXPECT_THAT(
+      written("k", std::string(1U << 20, 'x')),
+      testing::MatchesRegex("the value and its key take [0-9]+ bytes of memory: expected at most 1048576"));
+  EXPECT_EQ(read("k"), Value(std::string((1U << 20) - 1024, 'x')));
+  EXPECT_NE(written(std::string(1U << 20, 'k'), 1), "");
+}
+
+TEST_F(StateStore, AFullStateTakesNothingMoreButWhatMakesItSmaller) {
+  const std::string large((1U << 20) - 1024, 'x');
+  const auto key = [](int i) { return "key" + std::to_string(i); };
+  int stored = 0;
+  while (stored < 100 && written(key(stored), large).empty()) ++stored;
+  // The tests' user is a privileged one.
+  EXPECT_EQ(stored, static_cast<int>(largest_privileged_state / large.size()));
+  EXPECT_THAT(written("other", large), testing::HasSubstr("would exceed the limit of 20971520"));
+  EXPECT_EQ(read("other"), Value());
+  EXPECT_EQ(written(key(0), "small"), "");
+  EXPECT_EQ(written(key(1), Value()), "");
+  EXPECT_EQ(written("other", large), "");
 }
 
 TEST_F(StateStore, OutsideItsQueueItStopsTheProcess) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -79,6 +80,16 @@ class FakeService {
   }
   void onPing(std::function<void(const Reply<>& reply)> answer) { state_->on_ping = std::move(answer); }
   void answersCancel(bool answers) { state_->answers_cancel = answers; }
+  void answersNotifications(bool answers) { state_->answers_notifications = answers; }
+  /// Answers the first notification that it has been silent about.
+  void answerKeptNotification() {
+    Reply<> reply;
+    state_->change([&](State& it) {
+      reply = std::move(it.unanswered_plain.front());
+      it.unanswered_plain.erase(it.unanswered_plain.begin());
+    });
+    reply();
+  }
 
   /// Answers the first question that it has been silent about.
   void answerKept(const std::optional<Dictionary>& answer) {
@@ -165,6 +176,7 @@ class FakeService {
     std::function<void(const Question&, const ResultReply&)> on_purgeable;
     std::function<void(const Reply<>&)> on_ping = [](const Reply<>& reply) { reply(); };
     bool answers_cancel = true;
+    std::atomic<bool> answers_notifications = true;
 
     std::mutex mutex;  // guards all below
     std::condition_variable changed;
@@ -232,8 +244,10 @@ class FakeService {
       }
     }
     void serviceNotify(Dictionary notification, Reply<> reply) override {
+      const bool answers = state_->answers_notifications;
+      if (!answers) keep(reply);
       state_->change([&](State& it) { it.notifications.push_back(notification); });
-      reply();
+      if (answers) reply();
     }
     void serviceCallback(Dictionary /*info*/, ResultReply reply) override { keep(reply); }
 

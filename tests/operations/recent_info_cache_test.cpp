@@ -46,6 +46,16 @@ TEST_F(RecentInfoCache, WithoutARecordEverybodyIsAskedAndTheFirstAnswerMakesOneW
                             "{KELVANE_AMOUNT = 5; KELVANE_VOLUME = \"/data\";}, recentInfo: (null)"));
 }
 
+TEST_F(RecentInfoCache, AnAmountThatIsNoNumberAndLargeIsNotKeptAndTheLogSaysSo) {
+  service("one");
+  update("one", 5);
+  update("one", std::string(2000, 'x'));
+  EXPECT_EQ(*state_->record(), KelvaneRecentInfo({{"/data", volume({{"one", figure(5)}})}}));
+  EXPECT_EQ(log_.count(3, "updateServiceStats:withInfo: one answered with an amount that takes "), 1U);
+  update("one", "small");
+  EXPECT_EQ(*state_->record(), KelvaneRecentInfo({{"/data", volume({{"one", figure("small")}})}}));
+}
+
 TEST_F(RecentInfoCache, ARecordWithoutTheVolumeCountsNothingAndIsStoredWhenValidationChangedIt) {
   service("one");
   volumes_.add("/other", {1000, 2000, 0, 0});

@@ -67,6 +67,15 @@ TEST(LogLevels, ALevelFiveLineNeedsAThresholdOfFive) {
   EXPECT_TRUE(five.contains(5, "init traced"));
 }
 
+TEST(LogLines, AreFormattedFromTheBeginningOfALongArgumentOnly) {
+  const LogCapture log(5);
+  KVLog(5, "%s key: %@ value: %@", "init", std::string(1'000'000, 'x'),
+        Value(Array{std::string(50'000, 'y')}));
+  ASSERT_EQ(log.lines().size(), 1U);
+  EXPECT_LT(log.lines().front().text.size(), 50'000U);
+  EXPECT_TRUE(log.contains("xxx... (1000000 bytes) value: (\"yyy"));
+}
+
 TEST(LogLevels, ALevelThreeLineNeedsAThresholdOfThree) {
   const LogCapture two(2);
   KVLog(3, "%s failed", "init");

@@ -12,6 +12,7 @@
 #include "common/keys.h"
 #include "platform/dispatch/group.h"
 #include "platform/foundation/file_descriptor.h"
+#include "platform/xpc/wire.h"
 #include "tests/system/daemon.h"
 
 namespace kelvane::tests {
@@ -85,15 +86,16 @@ TEST(HostilePeers, AValueThatIsStoredNestedAsDeepAsMayBeIsReadWithTheWholeState)
   Daemon daemon;
   Client client(daemon);
   Value nested = "bottom";
-  for (int array = 1; array <= 20; ++array) {
+  constexpr int most = static_cast<int>(xpc::most_nested);
+  for (int array = 1; array <= most; ++array) {
     nested = Array{nested};
     client.setState(nested, "com.example." + std::to_string(array));
   }
   const Value state = client.state(KELVANE_USER_DEFAULTS);
   EXPECT_EQ(client.failure(), "");
   ASSERT_TRUE(state.isDictionary());
-  EXPECT_EQ(Value(Array{(*state.dictionary())["com.example.19"]}), nested);
-  EXPECT_FALSE(state.dictionary()->contains("com.example.20"));
+  EXPECT_EQ(Value(Array{(*state.dictionary())["com.example." + std::to_string(most - 1)]}), nested);
+  EXPECT_FALSE(state.dictionary()->contains("com.example." + std::to_string(most)));
 }
 
 TEST(HostilePeers, CheckInsWithOddIdentifiersAreServedOrRefusedAndHarmNobody) {

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <sys/types.h>
+#include <cstddef>
+#include <string>
+
+#include "platform/foundation/file_descriptor.h"
+#include "tests/system/daemon.h"
+#include "tests/xpc/raw_peer.h"
+
+namespace kelvane::tests {
+
+/// Neither is the daemon's user. Both may connect, register services, and read and write the state.
+inline constexpr uid_t attacker = 60001;
+inline constexpr uid_t bystander = 60002;
+
+/// A real daemon with the log of an installed one, and what it costs.
+class AttackedDaemon {
+ public:
+  AttackedDaemon();
+
+  [[nodiscard]] std::string socket() const { return daemon_.socket(); }
+  [[nodiscard]] Daemon& daemon() { return daemon_; }
+  /// Open now.
+  [[nodiscard]] std::size_t descriptors() const;
+  /// Waits until so many are open; what are open when that takes longer than ten seconds.
+  [[nodiscard]] std::size_t descriptorsWhenSettled(std::size_t expected) const;
+  /// The most that was ever resident.
+  [[nodiscard]] std::size_t peakMegabytes() const;
+
+ private:
+  Folder settings_;
+  Daemon daemon_;
+};
+
+/// A socket that `user` connected to the daemon. Not a byte is sent yet.
+[[nodiscard]] FileDescriptor connectedAs(uid_t user, const std::string& path);
+/// The same, authenticated as that user, and allowed to pass descriptors.
+[[nodiscard]] RawPeer peerOf(const AttackedDaemon& daemon, uid_t user);
+/// "\0AUTH EXTERNAL ..." with that user.
+[[nodiscard]] std::string authentication(uid_t user);
+
+/// Raises this process's limit on descriptors to what it may have, and says what it is.
+std::size_t raiseDescriptorLimit();
+
+}  // namespace kelvane::tests
