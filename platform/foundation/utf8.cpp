@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace kelvane {
 namespace {
@@ -34,16 +35,34 @@ std::size_t sequenceLength(std::string_view text) {
   return point < first.smallest || point > 0x10ffff || surrogate ? 0 : first.continuations + 1;
 }
 
+/// How many bytes at the front are ASCII and not NUL. Most texts are that to their end, so eight bytes are
+/// checked at a time: subtracting one from each byte sets the top bit of a byte that is zero.
+std::size_t plainTextLength(std::string_view text) {
+  constexpr std::uint64_t ones = 0x0101010101010101;
+  constexpr std::uint64_t top_bits = 0x8080808080808080;
+  std::size_t length = 0;
+  for (; text.size() - length >= sizeof(std::uint64_t); length += sizeof(std::uint64_t)) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + length, sizeof word);
+    if ((((word - ones) | word) & top_bits) != 0) break;
+  }
+  while (length < text.size() && static_cast<signed char>(text[length]) > 0) ++length;
+  return length;
+}
+
 }  // namespace
 
-bool isMessageText(std::string_view text) {
-  while (!text.empty()) {
-    const auto byte = static_cast<std::uint8_t>(text.front());
-    const std::size_t length = byte < 0x80 ? (byte != 0 ? 1 : 0) : sequenceLength(text);
-    if (length == 0) return false;
-    text.remove_prefix(length);
+bool isMessageText(std::string_view text) { return messageTextLength(text) == text.size(); }
+
+std::size_t messageTextLength(std::string_view text) {
+  std::size_t length = 0;
+  for (;;) {
+    length += plainTextLength(text.substr(length));
+    if (length == text.size()) return length;
+    const std::size_t sequence = sequenceLength(text.substr(length));
+    if (sequence == 0) return length;
+    length += sequence;
   }
-  return true;
 }
 
 }  // namespace kelvane

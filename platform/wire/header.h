@@ -21,18 +21,22 @@ struct Header {
   std::uint32_t serial = 0;
   std::uint32_t reply_serial = 0;  // 0: absent
   std::uint32_t descriptors = 0;   // how many the message names
-  std::string_view path;
-  std::string_view interface;
-  std::string_view member;
-  std::string_view error_name;
-  std::string_view destination;
-  std::string_view sender;
-  std::string_view signature;  // of the body
+  std::string_view path = {};
+  std::string_view interface = {};
+  std::string_view member = {};
+  std::string_view error_name = {};
+  std::string_view destination = {};
+  std::string_view sender = {};
+  std::string_view signature = {};  // of the body
 
   [[nodiscard]] bool expectsReply() const {
     return type == MessageType::method_call && (flags & flag_no_reply_expected) == 0;
   }
 };
+
+/// Whether the header has what its type requires, its names are valid, none of them is reserved, and the
+/// signature is one. An unknown type requires nothing.
+[[nodiscard]] bool isHeaderValid(const Header& header);
 
 /// The whole size, padding included, that a message claims for itself in its first 16 bytes. Nothing when no
 /// message begins like that: byte order, type 0, version, serial 0, an array or a sum above D-Bus's limits.

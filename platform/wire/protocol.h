@@ -4,12 +4,36 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace kelvane::wire {
 
 enum class MessageType : std::uint8_t { method_call = 1, method_return = 2, error = 3, signal = 4 };
 
+/// The codes of the header's fields.
+enum class HeaderField : std::uint8_t {
+  path = 1,
+  interface = 2,
+  member = 3,
+  error_name = 4,
+  reply_serial = 5,
+  destination = 6,
+  sender = 7,
+  signature = 8,
+  descriptors = 9,
+};
+
 inline constexpr std::uint8_t flag_no_reply_expected = 1;
+
+inline constexpr std::uint8_t protocol_version = 1;
+/// Where the fixed part of a header has what. The array of fields begins behind its length.
+inline constexpr std::size_t body_length_offset = 4;
+inline constexpr std::size_t serial_offset = 8;
+inline constexpr std::size_t fields_length_offset = 12;
+
+/// No message that travels may have these: they are for what a library tells its own process.
+inline constexpr std::string_view reserved_path = "/org/freedesktop/DBus/Local";
+inline constexpr std::string_view reserved_interface = "org.freedesktop.DBus.Local";
 
 inline constexpr std::size_t fixed_header_size = 16;
 inline constexpr std::size_t longest_protocol_message = 128U << 20;

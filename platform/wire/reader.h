@@ -7,14 +7,16 @@
 // empty and `atEnd` is true, so callers check once, after the last value. What it returns points into the
 // message's bytes. One thread at a time.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
-#include <vector>
 
 #include "platform/foundation/file_descriptor.h"
 #include "platform/wire/header.h"
+#include "platform/wire/protocol.h"
 
 namespace kelvane::wire {
 
@@ -76,11 +78,48 @@ class Reader {
   bool finish();
 
  private:
-  // The implementation is the codec's; members here may change freely.
-  void fail(Fault fault) {
-    if (fault_ == Fault::none) fault_ = fault;
-  }
+  friend std::optional<Message> parseMessage(Bytes);
+  friend bool isBodyValid(const Message&, std::size_t);
+
+  /// The body, or a container that was entered.
+  struct Frame {
+    const char* next;         // the next value's type; in an array the type of each element
+    const char* types_end;    // the end of the signature that `next` points into
+    const char* element_end;  // in an array: the end of the element's type, null before it is known
+    std::size_t limit;        // no value reaches beyond this
+    char kind;                // '\0' for the body, 'a', '(', '{' or 'v'
+  };
+
+  Reader(const Message& message, std::span<FileDescriptor> descriptors, std::size_t descriptor_count);
+
+  void fail(Fault fault);
+  [[nodiscard]] Frame& top() { return frames_[depth_]; }
+  [[nodiscard]] bool expect(char type);
+  void passType(const char* end);
+  [[nodiscard]] bool takeBasicType(char type);
+  [[nodiscard]] bool align(std::size_t alignment);
+  [[nodiscard]] bool hasRoom(std::size_t size);
+  [[nodiscard]] std::string_view readText(std::size_t length);
+  [[nodiscard]] std::string_view readLongText(char type);
+  [[nodiscard]] std::string_view readShortText();
+  [[nodiscard]] std::uint32_t readDescriptorIndex();
+  [[nodiscard]] bool beginArray(char element, std::size_t& size);
+  [[nodiscard]] bool push(char kind, const char* types, const char* types_end, std::size_t limit);
+  void skipArray();
+  void skipContainer();
+  template <class Number>
+  [[nodiscard]] Number load();
+  template <class Number>
+  [[nodiscard]] Number readNumber(char type);
+
+  Bytes bytes_;
+  std::span<FileDescriptor> descriptors_;
+  std::size_t descriptor_count_;
+  std::size_t position_ = 0;
+  std::size_t depth_ = 0;
+  bool swapped_;  // the message is not in this machine's byte order
   Fault fault_ = Fault::none;
+  std::array<Frame, deepest_containers + 1> frames_;  // up to `depth_`; left uninitialized beyond
 };
 
 /// Whether the whole body is what its signature says. For messages whose body nobody reads to its end: a

@@ -5,6 +5,7 @@
 // builds), because signatures are derived from C++ types. What D-Bus forbids in values is repaired (text) or
 // makes the message unsendable (`fault`): nothing invalid ever leaves. One thread at a time.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "platform/wire/header.h"
+#include "platform/wire/protocol.h"
 
 namespace kelvane::wire {
 
@@ -24,10 +26,16 @@ struct Outgoing {
 
 class Writer {
  public:
-  enum class Fault : std::uint8_t { none, too_long, too_deep };
+  enum class Fault : std::uint8_t {
+    none,
+    too_long,  // an array, the message, or the number of descriptors
+    too_deep,  // containers
+    invalid,   // a path, a signature or a name in the header that D-Bus forbids
+  };
 
   /// `header.serial`, `header.descriptors` and `header.big_endian` are ignored; the signature is copied.
-  /// `message` is cleared and written to; it keeps its memory, so that one per thread serves many messages.
+  /// `message` is cleared and written to; it keeps its memory (up to 256 KiB), so that one per thread serves
+  /// many messages.
   Writer(Outgoing& message, const Header& header);
 
   void writeByte(std::uint8_t value);
@@ -56,13 +64,52 @@ class Writer {
   void openVariant(std::string_view type);
   void closeVariant();
 
-  /// Completes the header. Nothing may be written afterwards.
+  /// Completes the header. Nothing may be written afterwards. After a fault the message is empty and must
+  /// not be sent.
   Fault finish();
 
  private:
-  // The implementation is the codec's.
+  /// The body, or a container that is open. Positions count from the message's first byte.
+  struct Frame {
+    std::size_t next;         // the next value's type; in an array the type of each element
+    std::size_t size_at;      // in an array: its length
+    std::size_t elements_at;  // in an array: its first element
+    char kind;                // '\0' for the body, 'a', '(', '{' or 'v'
+  };
+
+  void fail(Fault fault);
+  bool mismatch();
+  [[nodiscard]] Frame& top() { return frames_[depth_]; }
+  [[nodiscard]] char nextType() { return std::to_integer<char>(data_[top().next]); }
+  [[nodiscard]] bool expect(char type);
+  [[nodiscard]] bool expectTypes(std::size_t at, std::string_view types, char end);
+  void passType(std::size_t length);
+  [[nodiscard]] bool push(char kind, std::size_t next);
+  [[nodiscard]] bool makeRoom(std::size_t size);
+  [[nodiscard]] bool align(std::size_t alignment);
+  template <class Number>
+  void store(Number number);
+  template <class Number>
+  void writeNumber(char type, Number number);
+  void append(const void* from, std::size_t size);
+  void appendText(std::string_view text);
+  void appendShortText(std::string_view text);
+  void appendRepaired(std::string_view text);
+  void beginField(HeaderField field, char type);
+  void addTextField(HeaderField field, char type, std::string_view text);
+  void addFields(const Header& header);
+  void addDescriptorsField();
+  void close(char kind, char end);
+
   Outgoing& message_;
+  std::byte* data_ = nullptr;  // of the message's bytes; all zero from `size_` on
+  std::size_t size_ = 0;       // what is written
+  std::size_t room_ = 0;       // the size of the message's bytes
+  std::size_t body_at_ = 0;
+  std::size_t fields_end_ = 0;  // of the header, before its padding
+  std::size_t depth_ = 0;
   Fault fault_ = Fault::none;
+  std::array<Frame, deepest_containers + 1> frames_;  // up to `depth_`; left uninitialized beyond
 };
 
 /// Puts the serial into a finished message.
