@@ -9,6 +9,7 @@
 
 #include <sys/types.h>
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -43,6 +44,8 @@ using Limits = std::array<std::uint64_t, resource_count>;
 class Account : public std::enable_shared_from_this<Account> {
  public:
   Account(uid_t user, const Limits& limits) : user_(user), limits_(limits) {}
+  /// Nothing may be charged any more.
+  ~Account();
   Account(const Account&) = delete;
   Account& operator=(const Account&) = delete;
 
@@ -61,9 +64,24 @@ class Account : public std::enable_shared_from_this<Account> {
   void whenReleased(Resource resource, std::weak_ptr<void> owner, std::function<void()> wake);
 
  private:
+  struct Waiter {
+    Resource resource;
+    std::weak_ptr<void> owner;
+    std::function<void()> wake;
+  };
+
+  void wakeWaiters(Resource resource);
+  void sweepWaiters();
+  std::vector<Waiter> takeWaiters(Resource resource);
+
   const uid_t user_;
   const Limits limits_;
-  // The implementation is the account's.
+  std::array<std::atomic<std::uint64_t>, resource_count> used_{};
+  std::array<std::atomic<std::size_t>, resource_count>
+      waiting_{};  // how many of waiters_; changed under mutex_
+  std::mutex mutex_;
+  std::vector<Waiter> waiters_;  // guarded by mutex_
+  std::size_t sweep_at_ = 64;    // guarded by mutex_; with so many those whose owner is gone are dropped
 };
 
 /// An amount that is charged as long as this lives. Movable; may be empty.
@@ -87,6 +105,17 @@ class Charge {
   [[nodiscard]] std::uint64_t amount() const { return amount_; }
   void reset();
 
+  // These need a charge that is not empty; one of amount 0 is enough.
+
+  /// All or nothing.
+  [[nodiscard]] bool grow(std::uint64_t more);
+  /// As much of `more` as the limit leaves; what was added.
+  [[nodiscard]] std::uint64_t growUpTo(std::uint64_t more);
+  /// Releases a part, which must not exceed the amount.
+  void shrink(std::uint64_t less);
+  /// Gives a part of the amount to another charge.
+  [[nodiscard]] Charge split(std::uint64_t part);
+
  private:
   std::shared_ptr<Account> account_;
   Resource resource_ = Resource::connections;
@@ -102,12 +131,15 @@ class Accounts {
 
   /// The user's account; made when there is none.
   [[nodiscard]] std::shared_ptr<Account> of(uid_t user);
+  /// How many users are remembered, some of them perhaps for a while longer than they need be.
+  [[nodiscard]] std::size_t size();
 
  private:
   const Limits ordinary_;
   const Limits privileged_;
   std::mutex mutex_;
-  std::unordered_map<uid_t, std::weak_ptr<Account>> accounts_;  // guarded by mutex
+  std::unordered_map<uid_t, std::weak_ptr<Account>> accounts_;  // guarded by mutex_
+  std::size_t sweep_at_ = 16;  // guarded by mutex_; with so many entries the unused ones are forgotten
 };
 
 }  // namespace kelvane::wire

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <span>
+
+namespace kelvane::wire {
+
+/// Borrows the buffer that all transports of a thread read into. A handler that reads from another transport
+/// meanwhile gets one of its own.
+class SharedBuffer {
+ public:
+  static constexpr std::size_t size = 64U << 10;
+
+  SharedBuffer();
+  SharedBuffer(const SharedBuffer&) = delete;
+  SharedBuffer& operator=(const SharedBuffer&) = delete;
+  ~SharedBuffer();
+
+  [[nodiscard]] std::span<std::byte> bytes() const { return {memory_.get(), size}; }
+
+ private:
+  std::unique_ptr<std::byte[]> memory_;
+};
+
+}  // namespace kelvane::wire

@@ -1,0 +1,33 @@
+#pragma once
+
+// One system call each, on a connected local stream socket, with descriptors.
+
+#include <cstddef>
+#include <span>
+#include <vector>
+
+#include "platform/foundation/file_descriptor.h"
+
+namespace kelvane::wire {
+
+struct ReadResult {
+  std::size_t bytes = 0;   // 0 and no error: the peer closed
+  int error = 0;           // errno; EAGAIN: nothing there
+  bool dropped = false;    // MSG_CTRUNC: the kernel had no room for descriptors, or could not install them
+  std::size_t passed = 0;  // descriptors that came and were appended
+};
+
+/// Takes at most `most_descriptors`, which are appended and closed on exec. With 0 the kernel drops them all.
+ReadResult readSocket(int socket, std::span<std::byte> room, std::size_t most_descriptors,
+                      std::vector<FileDescriptor>& descriptors);
+
+struct WriteResult {
+  std::size_t bytes = 0;
+  int error = 0;  // errno; EAGAIN: no room
+};
+
+/// Descriptors go with the first byte.
+WriteResult writeSocket(int socket, std::span<const std::span<const std::byte>> parts,
+                        std::span<const int> descriptors);
+
+}  // namespace kelvane::wire
