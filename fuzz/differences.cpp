@@ -25,11 +25,16 @@ std::size_t numberAt(Bytes bytes, std::size_t at) {
 struct Field {
   std::uint8_t code;
   std::string_view type;
-  std::string_view text;  // when the type is "s"
+  std::string_view text;  // when the type is "s" or "g"
 };
 
-/// The fields of a header as they stand there, whatever they say; none when they cannot be read.
-std::vector<Field> fieldsOf(Bytes message) {
+struct Fields {
+  std::vector<Field> list;  // up to the one that is malformed
+  bool malformed = false;
+};
+
+/// The fields of a header as they stand there, whatever they say.
+Fields fieldsOf(Bytes message) {
   // From the serial on, so that positions keep their alignment.
   const std::size_t end = wire::fixed_header_size + numberAt(message, wire::fields_length_offset);
   if (message.size() < end) return {};
@@ -39,23 +44,38 @@ std::vector<Field> fieldsOf(Bytes message) {
   wire::Reader reader({header, message.first(end).subspan(wire::serial_offset)}, {});
   reader.readUint32();
   reader.enterArray("(yv)");
-  std::vector<Field> fields;
+  Fields fields;
   while (!reader.atEnd()) {
     reader.enterStruct();
-    Field& field = fields.emplace_back(Field{reader.readByte(), {}, {}});
+    Field& field = fields.list.emplace_back(Field{reader.readByte(), {}, {}});
     reader.enterVariant();
     field.type = reader.nextCompleteType();
-    field.type == "s" ? static_cast<void>(field.text = reader.readString()) : reader.skip();
+    if (field.type == "s") {
+      field.text = reader.readString();
+    } else if (field.type == "g") {
+      field.text = reader.readSignature();
+    } else {
+      reader.skip();
+    }
     reader.leave();
     reader.leave();
   }
-  return reader.fault() == wire::Fault::none ? fields : std::vector<Field>();
+  fields.malformed = reader.fault() != wire::Fault::none;
+  return fields;
 }
 
 template <class Test>
 bool anyField(const Judged& judged, Test test) {
-  const std::vector<Field> fields = fieldsOf(judged.bytes);
-  return std::any_of(fields.begin(), fields.end(), test);
+  const Fields fields = fieldsOf(judged.bytes);
+  return std::any_of(fields.list.begin(), fields.list.end(), test);
+}
+
+constexpr auto last_known = static_cast<std::uint8_t>(HeaderField::descriptors);
+
+/// The value of a field that nobody knows, such as a variant without a type.
+bool hasAMalformedUnknownField(const Judged& judged) {
+  const Fields fields = fieldsOf(judged.bytes);
+  return fields.malformed && !fields.list.empty() && fields.list.back().code > last_known;
 }
 
 bool bodyBreaksOnly(const Judged& judged, const Overlooked& overlooked) {
@@ -81,7 +101,6 @@ bool hasAFieldThatOnlyLibdbusKnows(const Judged& judged) {
 }
 
 bool hasAnUnknownFieldOfAContainerType(const Judged& judged) {
-  constexpr auto last_known = static_cast<std::uint8_t>(HeaderField::descriptors);
   return anyField(judged, [](const Field& field) {
     return field.code > last_known && !field.type.empty() && !wire::isBasicType(field.type.front());
   });
@@ -97,7 +116,7 @@ std::vector<std::byte> withRepairedHeader(Bytes message) {
   std::fill(repaired.begin() + static_cast<std::ptrdiff_t>(fields_end),
             repaired.begin() + static_cast<std::ptrdiff_t>(body_at), std::byte{0});
   const bool has_signature = anyField(Judged{message, {}, false}, [](const Field& field) {
-    return field.code == static_cast<std::uint8_t>(HeaderField::signature);
+    return field.code == static_cast<std::uint8_t>(HeaderField::signature) && !field.text.empty();
   });
   if (has_signature) return repaired;
   repaired.resize(body_at);
@@ -125,7 +144,8 @@ bool sdBusMayRefuse(const Judged& judged) { return hasAnUnknownFieldOfAContainer
 
 bool sdBusMayAccept(const Judged& judged) {
   constexpr Overlooked by_sd_bus{.booleans = true, .rest = true, .depth = true};
-  return bodyBreaksOnly(judged, by_sd_bus) || headerBreaksOnlyWhatSdBusOverlooks(judged, by_sd_bus);
+  return bodyBreaksOnly(judged, by_sd_bus) || headerBreaksOnlyWhatSdBusOverlooks(judged, by_sd_bus) ||
+         hasAMalformedUnknownField(judged);
 }
 
 }  // namespace kelvane::fuzz

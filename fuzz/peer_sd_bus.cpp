@@ -8,6 +8,7 @@
 #include "fuzz/body_text.h"
 #include "fuzz/peers.h"
 #include "fuzz/target.h"
+#include "platform/wire/writer.h"
 
 namespace kelvane::fuzz {
 namespace {
@@ -110,18 +111,33 @@ class Walk {
   bool failed_ = false;
 };
 
-int takeMessage(sd_bus_message* message, void* opinion, sd_bus_error* /*error*/) {
-  Walk walk(message);
-  std::string body = walk.values();
-  if (!walk.failed()) {
-    *static_cast<std::optional<Opinion>*>(opinion) = Opinion{headerOf(message), std::move(body)};
-  }
-  return 1;
+constexpr const char* marker_member = "BehindTheMessageInQuestion";
+
+std::vector<std::uint8_t> markerMessage() {
+  wire::Outgoing message;
+  wire::Writer writer(message, {.path = "/a", .interface = "i.j", .member = marker_member});
+  require(writer.finish() == wire::Writer::Fault::none, "a message can be written");
+  wire::setSerial(message, 1);
+  std::vector<std::uint8_t> bytes;
+  for (const std::byte byte : message.bytes) bytes.push_back(std::to_integer<std::uint8_t>(byte));
+  return bytes;
 }
 
 }  // namespace
 
-SdBus::SdBus() = default;
+int SdBus::take(sd_bus_message* message, void* inbox, sd_bus_error* /*error*/) {
+  auto* const into = static_cast<Inbox*>(inbox);
+  if (orEmpty(sd_bus_message_get_member(message)) == marker_member) {
+    into->is_in_step = true;
+    return 1;
+  }
+  Walk walk(message);
+  std::string body = walk.values();
+  if (!walk.failed()) into->opinion = Opinion{headerOf(message), std::move(body)};
+  return 1;
+}
+
+SdBus::SdBus() : marker_(markerMessage()) {}
 SdBus::~SdBus() = default;
 
 void SdBus::CloseBus::operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
@@ -135,7 +151,7 @@ void SdBus::connect() {
   require(sd_bus_new(&bus) >= 0, "sd-bus can be used");
   bus_.reset(bus);
   require(sd_bus_set_fd(bus, ends[1], ends[1]) >= 0 && sd_bus_negotiate_fds(bus, 0) >= 0 &&
-              sd_bus_add_filter(bus, nullptr, takeMessage, &opinion_) >= 0 && sd_bus_start(bus) >= 0,
+              sd_bus_add_filter(bus, nullptr, take, &inbox_) >= 0 && sd_bus_start(bus) >= 0,
           "sd-bus can be started");
   constexpr std::string_view answer = "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\n";
   require(::send(socket_.get(), answer.data(), answer.size(), 0) == static_cast<ssize_t>(answer.size()),
@@ -151,18 +167,22 @@ bool SdBus::process() {
   }
 }
 
+void SdBus::send(std::span<const std::uint8_t> message) const {
+  const ssize_t sent = ::send(socket_.get(), message.data(), message.size(), MSG_NOSIGNAL);
+  require(sent == static_cast<ssize_t>(message.size()), "a message fits the socket");
+}
+
 std::optional<Opinion> SdBus::opinion(std::span<const std::uint8_t> message) {
   if (bus_ == nullptr) connect();
-  opinion_.reset();
-  const bool sent =
-      ::send(socket_.get(), message.data(), message.size(), 0) == static_cast<ssize_t>(message.size());
-  require(sent, "a message fits the socket");
+  inbox_ = {};
+  send(message);
+  send(marker_);
   const bool alive = process();
   std::array<char, 4096> unread{};
   while (::recv(socket_.get(), unread.data(), unread.size(), 0) > 0) {
   }
-  if (!alive || !opinion_) bus_.reset();
-  return std::move(opinion_);
+  if (!alive || !inbox_.is_in_step) bus_.reset();
+  return std::move(inbox_.opinion);
 }
 
 }  // namespace kelvane::fuzz
