@@ -35,8 +35,10 @@ std::size_t sequenceLength(std::string_view text) {
   return point < first.smallest || point > 0x10ffff || surrogate ? 0 : first.continuations + 1;
 }
 
-/// How many bytes at the front are ASCII and not NUL. Most texts are that to their end, so eight bytes are
-/// checked at a time: subtracting one from each byte sets the top bit of a byte that is zero.
+}  // namespace
+
+/// Most texts are ASCII to their end, so eight bytes are checked at a time. Subtracting one from each byte
+/// sets the top bit of a byte that is zero.
 std::size_t plainTextLength(std::string_view text) {
   constexpr std::uint64_t ones = 0x0101010101010101;
   constexpr std::uint64_t top_bits = 0x8080808080808080;
@@ -49,8 +51,6 @@ std::size_t plainTextLength(std::string_view text) {
   while (length < text.size() && static_cast<signed char>(text[length]) > 0) ++length;
   return length;
 }
-
-}  // namespace
 
 bool isMessageText(std::string_view text) { return messageTextLength(text) == text.size(); }
 

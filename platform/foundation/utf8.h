@@ -9,6 +9,9 @@ namespace kelvane {
 /// and no NUL, which would end the text for whoever reads it as a C string.
 [[nodiscard]] bool isMessageText(std::string_view text);
 
+/// How many bytes at the front of `text` are ASCII and not NUL.
+[[nodiscard]] std::size_t plainTextLength(std::string_view text);
+
 /// How many bytes at the front of `text` are such text.
 [[nodiscard]] std::size_t messageTextLength(std::string_view text);
 

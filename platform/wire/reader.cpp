@@ -52,21 +52,12 @@ Reader::Reader(const Message& message, std::span<FileDescriptor> descriptors, st
 
 // --- where the cursor stands ---
 
-char Reader::nextType() const {
-  const Frame& frame = frames_[depth_];
-  if (frame.next == frame.types_end || (frame.kind == 'a' && position_ == frame.limit)) return '\0';
-  const char type = *frame.next;
-  return type == ')' || type == '}' ? '\0' : type;
-}
-
 std::string_view Reader::nextCompleteType() const {
   if (atEnd()) return {};
   const Frame& frame = frames_[depth_];
   const std::string_view types(frame.next, static_cast<std::size_t>(frame.types_end - frame.next));
   return types.substr(0, completeTypeLength(types));
 }
-
-bool Reader::atEnd() const { return nextType() == '\0'; }
 
 /// From the first fault on there is an empty body.
 void Reader::fail(Fault fault) {
@@ -75,39 +66,11 @@ void Reader::fail(Fault fault) {
   frames_[0] = {nullptr, nullptr, nullptr, position_, '\0'};
 }
 
-/// Whether the next value is of the type that begins with this code.
-bool Reader::expect(char type) {
-  const Frame& frame = top();
-  const bool at_end = frame.next == frame.types_end || (frame.kind == 'a' && position_ == frame.limit);
-  if (!at_end && *frame.next == type) return true;
-  fail(Fault::mismatched);
-  return false;
-}
-
-/// Goes past the type of a value that was read, which ends at `end`.
-void Reader::passType(const char* end) {
-  Frame& frame = top();
-  (frame.kind == 'a' ? frame.element_end : frame.next) = end;
-}
-
-bool Reader::takeBasicType(char type) {
-  if (!expect(type)) return false;
-  passType(top().next + 1);
-  return true;
-}
-
-bool Reader::align(std::size_t alignment) {
+bool Reader::passPadding(std::size_t alignment) {
   const std::size_t end = aligned(position_, alignment);
   bool valid = end <= top().limit;
   for (; valid && position_ < end; ++position_) valid = bytes_[position_] == std::byte{0};
-  if (!valid) fail(Fault::malformed);
-  return valid;
-}
-
-bool Reader::hasRoom(std::size_t size) {
-  if (top().limit - position_ >= size) return true;
-  fail(Fault::malformed);
-  return false;
+  return valid || failWith(Fault::malformed);
 }
 
 // --- basic values ---
@@ -202,10 +165,7 @@ FileDescriptor Reader::takeDescriptor() {
 // --- containers ---
 
 bool Reader::push(char kind, const char* types, const char* types_end, std::size_t limit) {
-  if (depth_ == deepest_containers) {
-    fail(Fault::malformed);
-    return false;
-  }
+  if (depth_ == deepest_containers) return failWith(Fault::malformed);
   frames_[++depth_] = {types, types_end, nullptr, limit, kind};
   return true;
 }
@@ -214,9 +174,7 @@ bool Reader::push(char kind, const char* types, const char* types_end, std::size
 bool Reader::beginArray(char element, std::size_t& size) {
   size = load<std::uint32_t>();
   if (fault_ != Fault::none || !align(alignmentOf(element))) return false;
-  if (size <= longest_array && size <= top().limit - position_) return true;
-  fail(Fault::malformed);
-  return false;
+  return (size <= longest_array && size <= top().limit - position_) || failWith(Fault::malformed);
 }
 
 bool Reader::enterArray(std::string_view element) {
@@ -224,8 +182,7 @@ bool Reader::enterArray(std::string_view element) {
   const Frame& outer = top();
   const char* const types = outer.next + 1;
   if (!std::string_view(types, static_cast<std::size_t>(outer.types_end - types)).starts_with(element)) {
-    fail(Fault::mismatched);
-    return false;
+    return failWith(Fault::mismatched);
   }
   const char* const types_end = outer.types_end;
   std::size_t size = 0;
@@ -256,10 +213,7 @@ bool Reader::enterVariant() {
   if (!takeBasicType('v')) return false;
   const std::string_view type = readShortText();
   if (fault_ != Fault::none) return false;
-  if (!isCompleteType(type)) {
-    fail(Fault::malformed);
-    return false;
-  }
+  if (!isCompleteType(type)) return failWith(Fault::malformed);
   return push('v', type.data(), type.data() + type.size(), top().limit);
 }
 

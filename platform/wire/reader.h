@@ -34,11 +34,16 @@ class Reader {
   Reader(const Message& message, std::span<FileDescriptor> descriptors);
 
   /// The code of the next value's type: 'y', 'a', '(', '{', 'v' ...; '\0' at the end of the container.
-  [[nodiscard]] char nextType() const;
+  [[nodiscard]] char nextType() const {
+    const Frame& frame = frames_[depth_];
+    if (isExhausted(frame)) return '\0';
+    const char type = *frame.next;
+    return type == ')' || type == '}' ? '\0' : type;
+  }
   /// The next value's complete type, such as "a{sv}"; empty at the end of the container.
   [[nodiscard]] std::string_view nextCompleteType() const;
   /// Whether the innermost container, or the body, has no further value. True after a fault.
-  [[nodiscard]] bool atEnd() const;
+  [[nodiscard]] bool atEnd() const { return nextType() == '\0'; }
 
   // Each reads a value of exactly this type; another one is Fault::mismatched.
   std::uint8_t readByte();
@@ -94,11 +99,35 @@ class Reader {
 
   void fail(Fault fault);
   [[nodiscard]] Frame& top() { return frames_[depth_]; }
-  [[nodiscard]] bool expect(char type);
-  void passType(const char* end);
-  [[nodiscard]] bool takeBasicType(char type);
-  [[nodiscard]] bool align(std::size_t alignment);
-  [[nodiscard]] bool hasRoom(std::size_t size);
+  bool failWith(Fault fault) {
+    fail(fault);
+    return false;
+  }
+  /// Whether no type or no byte is left; a struct or an entry ends with its bracket before that.
+  [[nodiscard]] bool isExhausted(const Frame& frame) const {
+    return frame.next == frame.types_end || (frame.kind == 'a' && position_ == frame.limit);
+  }
+  /// Whether the next value is of the type that begins with this code.
+  [[nodiscard]] bool expect(char type) {
+    return (!isExhausted(top()) && *top().next == type) || failWith(Fault::mismatched);
+  }
+  /// Goes past the type of a value that was read, which ends at `end`.
+  void passType(const char* end) {
+    Frame& frame = top();
+    (frame.kind == 'a' ? frame.element_end : frame.next) = end;
+  }
+  [[nodiscard]] bool takeBasicType(char type) {
+    if (!expect(type)) return false;
+    passType(top().next + 1);
+    return true;
+  }
+  [[nodiscard]] bool align(std::size_t alignment) {
+    return (position_ & (alignment - 1)) == 0 || passPadding(alignment);
+  }
+  [[nodiscard]] bool passPadding(std::size_t alignment);
+  [[nodiscard]] bool hasRoom(std::size_t size) {
+    return top().limit - position_ >= size || failWith(Fault::malformed);
+  }
   [[nodiscard]] std::string_view readText(std::size_t length);
   [[nodiscard]] std::string_view readLongText(char type);
   [[nodiscard]] std::string_view readShortText();

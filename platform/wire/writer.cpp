@@ -71,8 +71,7 @@ void Writer::fail(Fault fault) {
   size_ = fixed_header_size;
 }
 
-bool Writer::makeRoom(std::size_t size) {
-  if (size <= room_ - size_) return true;
+bool Writer::grow(std::size_t size) {
   if (size > longest_protocol_message - size_) {
     fail(Fault::too_long);
     return false;
@@ -80,14 +79,6 @@ bool Writer::makeRoom(std::size_t size) {
   room_ = std::min(std::max(2 * room_, aligned(size_ + size, 8)), longest_protocol_message);
   message_.bytes.resize(room_);
   data_ = message_.bytes.data();
-  return true;
-}
-
-/// The bytes in between are zero already.
-bool Writer::align(std::size_t alignment) {
-  const std::size_t at = aligned(size_, alignment);
-  if (!makeRoom(at - size_)) return false;
-  size_ = at;
   return true;
 }
 
@@ -106,19 +97,12 @@ bool Writer::mismatch() {
   return false;
 }
 
-bool Writer::expect(char type) { return nextType() == type || mismatch(); }
-
 /// Whether the signature has `types` at `at`, and `end` behind them unless that is '\0'.
 bool Writer::expectTypes(std::size_t at, std::string_view types, char end) {
   const std::string_view has(reinterpret_cast<const char*>(data_) + at,
                              std::min(size_ - at, types.size() + 1));
   const bool expected = has.starts_with(types) && (end == '\0' || has.back() == end);
   return (expected && !types.empty()) || mismatch();
-}
-
-void Writer::passType(std::size_t length) {
-  Frame& frame = top();
-  if (frame.kind != 'a') frame.next += length;
 }
 
 bool Writer::push(char kind, std::size_t next) {
@@ -132,7 +116,9 @@ bool Writer::push(char kind, std::size_t next) {
 
 template <class Number>
 void Writer::store(Number number) {
-  if (!align(sizeof number) || !makeRoom(sizeof number)) return;
+  const std::size_t padding = aligned(size_, sizeof number) - size_;
+  if (!makeRoom(padding + sizeof number)) return;
+  size_ += padding;
   std::memcpy(data_ + size_, &number, sizeof number);
   size_ += sizeof number;
 }
@@ -157,14 +143,14 @@ void Writer::writeDouble(double value) { writeNumber('d', value); }
 void Writer::appendText(std::string_view text) {
   if (!align(4) || !makeRoom(4 + text.size() + 1)) return;
   store(static_cast<std::uint32_t>(text.size()));
-  append(text.data(), text.size());
-  ++size_;
+  text.copy(reinterpret_cast<char*>(data_ + size_), text.size());
+  size_ += text.size() + 1;
 }
 
 void Writer::appendShortText(std::string_view text) {
   if (!makeRoom(1 + text.size() + 1)) return;
-  store(static_cast<std::uint8_t>(text.size()));
-  append(text.data(), text.size());
+  data_[size_++] = static_cast<std::byte>(text.size());
+  for (const char c : text) data_[size_++] = static_cast<std::byte>(c);
   ++size_;
 }
 
@@ -190,7 +176,8 @@ void Writer::writeString(std::string_view text) {
   if (!expect('s')) return;
   passType(1);
   if (text.size() > longest_protocol_message) return fail(Fault::too_long);
-  const bool clean = isMessageText(text) && lengthBeforeNoncharacter(text) == text.size();
+  const bool clean = plainTextLength(text) == text.size() ||
+                     (isMessageText(text) && lengthBeforeNoncharacter(text) == text.size());
   clean ? appendText(text) : appendRepaired(text);
 }
 

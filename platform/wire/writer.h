@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/wire/byte_order.h"
 #include "platform/wire/header.h"
 #include "platform/wire/protocol.h"
 
@@ -81,12 +82,21 @@ class Writer {
   bool mismatch();
   [[nodiscard]] Frame& top() { return frames_[depth_]; }
   [[nodiscard]] char nextType() { return std::to_integer<char>(data_[top().next]); }
-  [[nodiscard]] bool expect(char type);
+  [[nodiscard]] bool expect(char type) { return nextType() == type || mismatch(); }
   [[nodiscard]] bool expectTypes(std::size_t at, std::string_view types, char end);
-  void passType(std::size_t length);
+  void passType(std::size_t length) {
+    if (top().kind != 'a') top().next += length;
+  }
   [[nodiscard]] bool push(char kind, std::size_t next);
-  [[nodiscard]] bool makeRoom(std::size_t size);
-  [[nodiscard]] bool align(std::size_t alignment);
+  [[nodiscard]] bool makeRoom(std::size_t size) { return size <= room_ - size_ || grow(size); }
+  [[nodiscard]] bool grow(std::size_t size);
+  /// The bytes in between are zero already.
+  [[nodiscard]] bool align(std::size_t alignment) {
+    const std::size_t at = aligned(size_, alignment);
+    if (!makeRoom(at - size_)) return false;
+    size_ = at;
+    return true;
+  }
   template <class Number>
   void store(Number number);
   template <class Number>

@@ -208,6 +208,8 @@ TEST(Header, WhatIsReservedForLocalUseIsRefused) {
 
 TEST(Header, AReplyToSerialZeroIsRefused) {
   EXPECT_FALSE(Parts(MessageType::method_return).number(5, 0).isAccepted());
+  EXPECT_FALSE(Parts::call().number(5, 0).isAccepted());
+  EXPECT_TRUE(Parts::call().number(5, 1).isAccepted());
 }
 
 TEST(Header, PaddingIsZero) {

@@ -35,6 +35,7 @@ MessageBytes variants(int count) {
 TEST(ReaderContainers, AnArrayEndsWithAnElement) {
   EXPECT_TRUE(isValid(MessageBytes().number32(8).number32(1).number32(2), "au"));
   EXPECT_FALSE(isValid(MessageBytes().number32(6).number32(1).number32(2), "au"));
+  EXPECT_FALSE(isValid(MessageBytes().number32(6).number32(1).zeros(2), "au")) << "the body ends there too";
   EXPECT_TRUE(isValid(MessageBytes().number32(5).text(""), "as"));
   EXPECT_FALSE(isValid(MessageBytes().number32(4).text(""), "as"));
   EXPECT_FALSE(isValid(MessageBytes().number32(6).text("").byte(0), "as"));
@@ -53,6 +54,15 @@ TEST(ReaderContainers, AnArrayEndsInsideTheBody) {
   for (const std::uint32_t size : {5U, 100U, 0xffffffffU}) {
     EXPECT_FALSE(isValid(MessageBytes().number32(size).zeros(4), "ay")) << size;
     EXPECT_FALSE(isValid(MessageBytes().number32(size).zeros(4), "as")) << size;
+  }
+}
+
+TEST(ReaderContainers, BytesPastTheEndAreNotHandedOut) {
+  for (const std::uint32_t size : {5U, 100U, 0xffffffffU}) {
+    const MessageBytes bytes = MessageBytes().number32(size).zeros(4);
+    Reader reader(bytes.asBody("ay"), {});
+    EXPECT_TRUE(reader.readBytes().empty()) << size;
+    EXPECT_EQ(reader.fault(), Fault::malformed) << size;
   }
 }
 
