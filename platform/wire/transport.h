@@ -98,6 +98,8 @@ class Transport {
   [[nodiscard]] bool wantsToWrite() const;
   /// Not yet sent, the handshake left out.
   [[nodiscard]] std::uint64_t queuedBytes() const;
+  /// The next message gets the one behind it; for tests of what happens at the end of the numbers.
+  void setLastSerial(std::uint32_t serial) { last_serial_ = serial; }
   /// After `no_room`: what to wait for, received_bytes or descriptors.
   [[nodiscard]] Resource missing() const { return missing_; }
   /// Why the transport ended; for people. Empty as long as it has not.

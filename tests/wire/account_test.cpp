@@ -94,14 +94,18 @@ TEST(AccountTest, WaiterIsWokenAtOnceWhenSomethingIsFree) {
 TEST(AccountTest, WaiterIsNotWokenForAnotherResource) {
   const auto account = makeAccount();
   const auto owner = std::make_shared<int>();
-  int woken = 0;
+  int for_calls = 0;
+  int for_services = 0;
   EXPECT_TRUE(account->charge(Resource::calls, 5));
   EXPECT_TRUE(account->charge(Resource::services, 6));
-  account->whenReleased(Resource::calls, owner, [&] { ++woken; });
+  account->whenReleased(Resource::calls, owner, [&] { ++for_calls; });
+  account->whenReleased(Resource::services, owner, [&] { ++for_services; });
   account->release(Resource::services, 6);
-  EXPECT_EQ(woken, 0);
+  EXPECT_EQ(for_calls, 0);
+  EXPECT_EQ(for_services, 1);
   account->release(Resource::calls, 5);
-  EXPECT_EQ(woken, 1);
+  EXPECT_EQ(for_calls, 1);
+  EXPECT_EQ(for_services, 1);
 }
 
 TEST(AccountTest, WaiterWhoseOwnerIsGoneIsNotWoken) {

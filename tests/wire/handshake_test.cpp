@@ -195,6 +195,12 @@ TEST(ServerHandshakeTest, AllLinesTogetherAreBounded) {
   EXPECT_EQ(talk.state, HandshakeState::failed);
 }
 
+TEST(ServerHandshakeTest, LinesThatComeAtOnceAreBoundedToo) {
+  Talk talk;
+  talk.say(nul("AUTH X" + std::string(longest_handshake, 'x') + "\r\nAUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n"));
+  EXPECT_EQ(talk.state, HandshakeState::failed);
+}
+
 TEST(ServerHandshakeTest, AttemptsAreBounded) {
   for (const char* const line : {"AUTH\r\n", "WHAT\r\n", "CANCEL\r\n", "AUTH EXTERNAL\r\nDATA 30\r\n"}) {
     Talk talk;

@@ -1,0 +1,290 @@
+#include <gmock/gmock.h>
+
+#include "tests/wire/transport_fixture.h"
+
+namespace kelvane::wire {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class SendTest : public TransportTest {
+ protected:
+  std::uint32_t send(std::string_view member, std::string_view text = "", std::span<const int> named = {}) {
+    Outgoing message = makeCall(member, text, named);
+    return transport_->send(message, error_);
+  }
+  /// Until the socket takes no more.
+  void fillSocket() {
+    while (transport_->queuedBytes() == 0) ASSERT_NE(send("Filling", std::string(10'000, 'x')), 0U);
+  }
+  /// What the peer gets when it reads and we go on writing.
+  std::string readAllFlushing() {
+    std::string all;
+    for (;;) {
+      const std::string some = readFrom(peer_.get());
+      all += some;
+      EXPECT_TRUE(transport_->flush());
+      if (some.empty()) return all;
+    }
+  }
+  void answerHandshake(bool agrees = true) {
+    passTo(peer_.get(), "OK 0123456789abcdef0123456789abcdef\r\n" +
+                            std::string(agrees ? "AGREE_UNIX_FD\r\n" : "ERROR\r\n"));
+  }
+  /// What came in one read.
+  std::string readOnce(std::vector<FileDescriptor>& descriptors) {
+    std::vector<std::byte> buffer(1U << 20);
+    const ReadResult result = readSocket(peer_.get(), buffer, 100, descriptors);
+    return {reinterpret_cast<const char*>(buffer.data()), result.bytes};
+  }
+
+  int error_ = -1;
+};
+
+TEST_F(SendTest, ClientSendsHandshakeAndFirstMessageInOneWrite) {
+  makeTransport(Transport::Side::client, {.takes_descriptors = false, .passes_descriptors = false});
+  Outgoing call = makeCall("First");
+  int error = -1;
+  EXPECT_EQ(transport_->send(call, error), 1U);
+  EXPECT_EQ(error, 0);
+  std::array<char, 4096> buffer{};
+  const ssize_t count = ::recv(peer_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+  EXPECT_EQ(std::string(buffer.data(), static_cast<std::size_t>(count)), opening(false) + bytesOf(call));
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty());
+}
+
+TEST_F(SendTest, ClientWithNothingToSayStartsItsHandshakeAlone) {
+  makeTransport(Transport::Side::client);
+  EXPECT_FALSE(transport_->wantsToWrite());
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty());
+  transport_->startHandshake();
+  EXPECT_EQ(readFrom(peer_.get()), opening());
+  answerHandshake();
+  EXPECT_EQ(receive(), Outcome::drained);
+  EXPECT_TRUE(transport_->isEstablished());
+  EXPECT_EQ(send("One"), 1U);
+  EXPECT_EQ(readFrom(peer_.get()), callBytes("One"));
+}
+
+TEST_F(SendTest, SerialIsNeverZero) {
+  makeServer();
+  transport_->setLastSerial(UINT32_MAX - 1);
+  EXPECT_EQ(send("One"), UINT32_MAX);
+  EXPECT_EQ(send("Two"), 1U);
+  EXPECT_EQ(readFrom(peer_.get()), callBytes("One", "", {}, UINT32_MAX) + callBytes("Two", "", {}, 1));
+}
+
+TEST_F(SendTest, WhatTheSocketDoesNotTakeIsKeptInOrder) {
+  makeServer();
+  fillSocket();
+  std::uint32_t last = 0;
+  for (int i = 0; i < 50; ++i) last = send("Small", std::to_string(i));
+  ASSERT_NE(send("Long", std::string(300'000, 'y')), 0U);
+  EXPECT_TRUE(transport_->wantsToWrite());
+  EXPECT_GE(account_->used(Resource::queued_bytes), transport_->queuedBytes());
+  const std::string all = readAllFlushing();
+  EXPECT_FALSE(transport_->wantsToWrite());
+  EXPECT_EQ(transport_->queuedBytes(), 0U);
+  EXPECT_EQ(account_->used(Resource::queued_bytes), 0U);
+  std::string expected;
+  for (std::uint32_t i = 1; i <= last - 50; ++i)
+    expected += callBytes("Filling", std::string(10'000, 'x'), {}, i);
+  for (std::uint32_t i = 0; i < 50; ++i) expected += callBytes("Small", std::to_string(i), {}, last - 49 + i);
+  expected += callBytes("Long", std::string(300'000, 'y'), {}, last + 1);
+  EXPECT_TRUE(all == expected) << all.size() << " of " << expected.size();
+}
+
+TEST_F(SendTest, LongMessageIsSentInParts) {
+  makeServer();
+  EXPECT_EQ(send("Long", std::string(900'000, 'y')), 1U);
+  EXPECT_GT(transport_->queuedBytes(), 0U);
+  EXPECT_TRUE(readAllFlushing() == callBytes("Long", std::string(900'000, 'y')));
+}
+
+TEST_F(SendTest, MessageIsRefusedWhenThePeersAccountHasNoRoom) {
+  makeServer();
+  fillSocket();
+  Charge others =
+      Charge::of(account_, Resource::queued_bytes, (1U << 20) - account_->used(Resource::queued_bytes));
+  const std::uint64_t queued = transport_->queuedBytes();
+  EXPECT_EQ(send("Refused", std::string(70'000, 'x')), 0U);
+  EXPECT_EQ(error_, ENOBUFS);
+  EXPECT_EQ(transport_->queuedBytes(), queued);
+  others.reset();
+  EXPECT_NE(send("Kept"), 0U);
+  EXPECT_THAT(readAllFlushing(), testing::Not(testing::HasSubstr("Refused")));
+}
+
+TEST_F(SendTest, LongMessageIsRefusedWholeRatherThanCut) {
+  makeServer();
+  const Charge others = Charge::of(account_, Resource::queued_bytes, 500'000);
+  EXPECT_EQ(send("Refused", std::string(700'000, 'x')), 0U);
+  EXPECT_EQ(error_, ENOBUFS);
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty());
+  EXPECT_EQ(account_->used(Resource::queued_bytes), 500'000U);
+}
+
+TEST_F(SendTest, PeerThatReadsIsServedThoughItsAccountIsFull) {
+  makeServer();
+  const Charge others = Charge::of(account_, Resource::queued_bytes, 1U << 20);
+  EXPECT_EQ(send("One", std::string(10'000, 'x')), 1U);
+  EXPECT_EQ(readFrom(peer_.get()), callBytes("One", std::string(10'000, 'x')));
+}
+
+TEST_F(SendTest, ShortMessageThatTheSocketCutsEndsTheOutputWhereTheAccountIsFull) {
+  const int least = 1;
+  ASSERT_EQ(::setsockopt(ours_.get(), SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
+  makeServer();
+  const Charge others = Charge::of(account_, Resource::queued_bytes, 1U << 20);
+  EXPECT_EQ(send("Cut", std::string(15'000, 'x')), 0U);
+  EXPECT_EQ(error_, ENOBUFS);
+  EXPECT_EQ(send("More"), 0U);
+  EXPECT_EQ(error_, EPIPE);
+  EXPECT_FALSE(transport_->flush());
+  const std::string part = readFrom(peer_.get());
+  EXPECT_GT(part.size(), 0U);
+  EXPECT_LT(part.size(), 15'000U);
+  char c = 0;
+  EXPECT_EQ(::recv(peer_.get(), &c, 1, MSG_DONTWAIT), 0) << "the peer must not wait for the rest";
+}
+
+TEST_F(SendTest, PeerThatIsGoneIsReported) {
+  makeServer();
+  peer_.reset();
+  EXPECT_EQ(send("One"), 0U);
+  EXPECT_EQ(error_, EPIPE);
+  EXPECT_FALSE(transport_->flush());
+  EXPECT_FALSE(transport_->wantsToWrite());
+}
+
+TEST_F(SendTest, WhatAPeerThatIsGoneSaidBeforeIsStillRead) {
+  makeServer();
+  passTo(peer_.get(), callBytes("Last"));
+  peer_.reset();
+  EXPECT_EQ(send("One"), 0U);
+  EXPECT_EQ(receive(), Outcome::drained);
+  EXPECT_THAT(members_, ElementsAre("Last"));
+  EXPECT_EQ(receive(), Outcome::ended);
+}
+
+TEST_F(SendTest, QueueIsDroppedWithThePeer) {
+  makeServer();
+  fillSocket();
+  peer_.reset();
+  EXPECT_FALSE(transport_->flush());
+  EXPECT_EQ(transport_->queuedBytes(), 0U);
+  EXPECT_EQ(account_->used(Resource::queued_bytes), 0U);
+}
+
+TEST_F(SendTest, ServersMessagesWaitForTheEndOfTheHandshake) {
+  makeTransport(Transport::Side::server);
+  EXPECT_EQ(send("Early"), 1U);
+  EXPECT_FALSE(transport_->wantsToWrite());
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty());
+  passTo(peer_.get(), opening(false));
+  EXPECT_EQ(receive(), Outcome::drained);
+  const std::string all = readFrom(peer_.get());
+  EXPECT_THAT(all, testing::StartsWith("OK "));
+  EXPECT_EQ(all.substr(all.find('\n') + 1), callBytes("Early"));
+}
+
+TEST_F(SendTest, DescriptorsWaitForTheAgreementAndAllBehindThem) {
+  makeTransport(Transport::Side::client);
+  const std::size_t before = openDescriptors();
+  {
+    const Descriptors passed(2);
+    EXPECT_EQ(send("First"), 1U);
+    EXPECT_EQ(send("With", "", passed.numbers), 2U);
+    EXPECT_EQ(send("Behind"), 3U);
+  }
+  EXPECT_EQ(openDescriptors(), before + 2) << "the caller may close its own";
+  EXPECT_EQ(account_->used(Resource::descriptors), 2U);
+  EXPECT_EQ(readFrom(peer_.get()), opening() + callBytes("First"));
+  EXPECT_FALSE(transport_->wantsToWrite());
+  answerHandshake();
+  EXPECT_EQ(receive(), Outcome::drained);
+  std::vector<FileDescriptor> descriptors;
+  std::string all = readOnce(descriptors);
+  EXPECT_THAT(descriptors, SizeIs(2));
+  all += readFrom(peer_.get());
+  const std::array<int, 2> any{0, 0};
+  EXPECT_EQ(all, callBytes("With", "", any, 2) + callBytes("Behind", "", {}, 3));
+  descriptors.clear();
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(account_->used(Resource::descriptors), 0U);
+}
+
+TEST_F(SendTest, FirstMessageWithDescriptorsLetsTheHandshakeGoAlone) {
+  makeTransport(Transport::Side::client);
+  const Descriptors passed(1);
+  EXPECT_EQ(send("With", "", passed.numbers), 1U);
+  std::vector<FileDescriptor> descriptors;
+  EXPECT_EQ(readOnce(descriptors), opening());
+  EXPECT_THAT(descriptors, IsEmpty());
+}
+
+TEST_F(SendTest, ServerThatTakesNoDescriptorsEndsAClientThatHasSomeWaiting) {
+  makeTransport(Transport::Side::client);
+  const Descriptors passed(1);
+  EXPECT_EQ(send("With", "", passed.numbers), 1U);
+  answerHandshake(false);
+  EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(transport_->reason(), "the peer takes no file descriptors");
+}
+
+TEST_F(SendTest, DescriptorsAreRefusedWhereThePeerTakesNone) {
+  makeTransport(Transport::Side::client);
+  transport_->startHandshake();
+  answerHandshake(false);
+  EXPECT_EQ(receive(), Outcome::drained);
+  const Descriptors passed(1);
+  EXPECT_EQ(send("With", "", passed.numbers), 0U);
+  EXPECT_EQ(error_, EOPNOTSUPP);
+  EXPECT_NE(send("Without"), 0U);
+}
+
+TEST_F(SendTest, DescriptorsAreRefusedWhereTheClientDidNotAsk) {
+  makeTransport(Transport::Side::client, {.takes_descriptors = false, .passes_descriptors = false});
+  const Descriptors passed(1);
+  EXPECT_EQ(send("With", "", passed.numbers), 0U);
+  EXPECT_EQ(error_, EOPNOTSUPP);
+}
+
+TEST_F(SendTest, MoreDescriptorsThanTheKernelPassesAreRefused) {
+  makeServer();
+  const FileDescriptor null = openNull();
+  Outgoing message = makeCall("With");
+  message.descriptors.assign(most_passed_descriptors + 1, null.get());
+  EXPECT_EQ(transport_->send(message, error_), 0U);
+  EXPECT_EQ(error_, EINVAL);
+}
+
+TEST_F(SendTest, DescriptorsThatWaitAreBoundedByTheAccount) {
+  makeServer();
+  fillSocket();
+  const std::size_t before = openDescriptors();
+  const FileDescriptor null = openNull();
+  const std::vector<int> numbers(20, null.get());
+  EXPECT_NE(send("With", "", numbers), 0U);
+  EXPECT_EQ(send("With", "", numbers), 0U);
+  EXPECT_EQ(error_, ENOBUFS);
+  EXPECT_EQ(openDescriptors(), before + 21);
+  peer_.reset();
+  EXPECT_FALSE(transport_->flush());
+  EXPECT_EQ(account_->used(Resource::descriptors), 0U);
+}
+
+TEST_F(SendTest, InvalidDescriptorIsReportedAndNothingSent) {
+  makeServer();
+  Outgoing message = makeCall("With", "", std::array<int, 1>{0});
+  message.descriptors = {-1};
+  EXPECT_EQ(transport_->send(message, error_), 0U);
+  EXPECT_EQ(error_, EBADF);
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty());
+  EXPECT_NE(send("Next"), 0U);
+}
+
+}  // namespace
+}  // namespace kelvane::wire
