@@ -65,29 +65,30 @@ const InterfaceDescription& RemoteInterface<KelvaneClientProtocol>::description(
       "/com/orvel/kelvane",
       "com.orvel.KelvaneClientProtocol",
       {
-          method<&Client::clientCheckin>("clientCheckin"),
-          method<&Client::clientPurgeableSpace>("clientPurgeableSpace"),
-          method<&Client::clientItemizedPurgeableSpace>("clientItemizedPurgeableSpace"),
-          method<&Client::clientPurge>("clientPurge"),
-          method<&Client::clientCancelPurge>("clientCancelPurge"),
-          method<&Client::clientSetState>("clientSetState"),
-          method<&Client::clientGetState>("clientGetState"),
+          method<&Client::clientCheckin>("clientCheckin", {"id", "endpoint", "info"}, {"result"}),
+          method<&Client::clientPurgeableSpace>("clientPurgeableSpace", {"info"}, {"result"}),
+          method<&Client::clientItemizedPurgeableSpace>("clientItemizedPurgeableSpace", {"info"}, {"result"}),
+          method<&Client::clientPurge>("clientPurge", {"info"}, {"result"}),
+          method<&Client::clientCancelPurge>("clientCancelPurge", {"info"}),
+          method<&Client::clientSetState>("clientSetState", {"value", "key"}),
+          method<&Client::clientGetState>("clientGetState", {"key"}, {"value"}),
       }};
   return it;
 }
 
 const InterfaceDescription& RemoteInterface<KelvaneServiceProtocol>::description() {
-  static const InterfaceDescription it{"/com/orvel/kelvane/service",
-                                       "com.orvel.KelvaneServiceProtocol",
-                                       {
-                                           method<&Service::servicePurgeable>("servicePurgeable"),
-                                           method<&Service::servicePurge>("servicePurge"),
-                                           method<&Service::servicePeriodic>("servicePeriodic"),
-                                           method<&Service::serviceCancelPurge>("serviceCancelPurge"),
-                                           method<&Service::servicePing>("servicePing"),
-                                           method<&Service::serviceNotify>("serviceNotify"),
-                                           method<&Service::serviceCallback>("serviceCallback"),
-                                       }};
+  static const InterfaceDescription it{
+      "/com/orvel/kelvane/service",
+      "com.orvel.KelvaneServiceProtocol",
+      {
+          method<&Service::servicePurgeable>("servicePurgeable", {"urgency", "info"}, {"result"}),
+          method<&Service::servicePurge>("servicePurge", {"urgency", "info"}, {"result"}),
+          method<&Service::servicePeriodic>("servicePeriodic", {"urgency", "info"}, {"result"}),
+          method<&Service::serviceCancelPurge>("serviceCancelPurge"),
+          method<&Service::servicePing>("servicePing"),
+          method<&Service::serviceNotify>("serviceNotify", {"notification"}),
+          method<&Service::serviceCallback>("serviceCallback", {"info"}, {"result"}),
+      }};
   return it;
 }
 

@@ -25,6 +25,7 @@ enum class Fault : std::uint8_t {
   malformed,   // the bytes break the protocol; the connection that sent them should end
   mismatched,  // well-formed so far, but of another type than was asked for
   unusable,    // well-formed, and the caller cannot use it (`refuse`)
+  excessive,   // likewise, because it would take more than the caller can give
 };
 
 class Reader {
@@ -76,7 +77,7 @@ class Reader {
   /// Checks the next value and goes past it.
   void skip();
   /// For values that the caller cannot use.
-  void refuse() { fail(Fault::unusable); }
+  void refuse(Fault why = Fault::unusable) { fail(why); }
 
   [[nodiscard]] Fault fault() const { return fault_; }
   /// To be called after the last value: the body must end here. Whether there was no fault.

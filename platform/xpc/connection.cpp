@@ -1,22 +1,17 @@
 #include "platform/xpc/connection.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <systemd/sd-bus.h>
+#include <unistd.h>
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <utility>
 
-#include "platform/xpc/bus_callbacks.h"
-#include "platform/xpc/connection_internal.h"
+#include "platform/xpc/delivery.h"
 
 namespace kelvane::xpc {
 namespace {
-
-constexpr int send_buffer_bytes = 128 << 10;
 
 FileDescriptor connectTo(const std::string& path) {
   sockaddr_un address{};
@@ -37,50 +32,59 @@ bool takesDescriptors(const InterfaceDescription* interface) {
                                              });
 }
 
+std::shared_ptr<wire::Account> ownAccount() { return wire::Accounts::shared().of(::geteuid()); }
+
 }  // namespace
 
 struct Connection::Ending {
-  std::list<PendingCall> outstanding;
+  std::map<std::uint32_t, std::unique_ptr<OutgoingCall>> outstanding;
   std::shared_ptr<void> exported_object;
   std::shared_ptr<Connection> self;
   Block handler;
   Block never_called;
-  Error error;
 };
 
 // --- making and ending ---
 
-Connection::Connection(bool accepting)
-    : accepting_(accepting), queue_(dispatch_queue_create("xpc.connection")) {}
+Connection::Connection(wire::Transport::Side side, FileDescriptor socket)
+    : side_(side), queue_(dispatch_queue_create("xpc.connection")), unopened_(std::move(socket)) {}
 
 std::shared_ptr<Connection> Connection::initWithListenerEndpoint(const Endpoint& endpoint) {
-  std::shared_ptr<Connection> connection(new Connection(false));
-  connection->unopened_ = endpoint.open();
+  std::shared_ptr<wire::Account> account = endpoint.payer();
+  if (account == nullptr) account = ownAccount();
+  wire::Charge cost = wire::Charge::of(account, wire::Resource::connections, 1);
+  std::shared_ptr<Connection> connection(
+      new Connection(wire::Transport::Side::client, cost ? endpoint.open() : FileDescriptor()));
+  connection->account_ = std::move(account);
+  connection->cost_ = std::move(cost);
   return connection;
 }
 
 std::shared_ptr<Connection> Connection::initWithSocketPath(const std::string& path) {
-  std::shared_ptr<Connection> connection(new Connection(false));
-  connection->unopened_ = connectTo(path);
-  if (connection->unopened_)
-    connection->credentials_ = PeerCredentials::ofSocket(connection->unopened_.get());
+  std::shared_ptr<Connection> connection(new Connection(wire::Transport::Side::client, connectTo(path)));
+  if (!connection->unopened_) return connection;
+  connection->credentials_ = PeerCredentials::ofSocket(connection->unopened_.get());
+  if (!connection->credentials_) return connection;
+  connection->account_ = wire::Accounts::shared().of(connection->credentials_->uid);
+  connection->cost_ = wire::Charge::of(connection->account_, wire::Resource::connections, 1);
   return connection;
 }
 
-std::shared_ptr<Connection> Connection::initAccepting(FileDescriptor socket, PeerCredentials credentials) {
-  std::shared_ptr<Connection> connection(new Connection(true));
-  connection->unopened_ = std::move(socket);
+std::shared_ptr<Connection> Connection::initAccepting(FileDescriptor socket, PeerCredentials credentials,
+                                                      std::shared_ptr<wire::Account> account,
+                                                      wire::Charge cost) {
+  std::shared_ptr<Connection> connection(new Connection(wire::Transport::Side::server, std::move(socket)));
   connection->credentials_ = std::move(credentials);
+  connection->account_ = std::move(account);
+  connection->cost_ = std::move(cost);
   return connection;
 }
 
-Connection::~Connection() {
-  if (closed_handler_) closed_handler_();  // never resumed
-}
+Connection::~Connection() = default;
 
 bool Connection::wasEstablished() {
   const Lock lock(mutex_);
-  return ready_;
+  return established_;
 }
 
 // What a handler replaces is destroyed once the lock is released.
@@ -95,123 +99,80 @@ void Connection::setInvalidationHandler(Block handler) {
   std::swap(invalidation_handler_, handler);
 }
 
-void Connection::setClosedHandler(Block handler) {
-  const Lock lock(mutex_);
-  std::swap(closed_handler_, handler);
-}
-
 void Connection::resume() {
-  Lock lock(mutex_);
+  const Lock lock(mutex_);
   if (state_ != State::made) return;
   state_ = State::open;
   self_ = shared_from_this();
-  const int r = unopened_ ? startBus() : -ENOTCONN;
-  if (r < 0) {
-    finish(lock, Cause::invalidation, "cannot be connected");
-    return;
-  }
+  if (!open()) finish(Cause::invalidation, "the connection could not be made");
+}
+
+bool Connection::open() {
+  if (!unopened_ || !cost_) return false;
+  wire::TransportOptions options;
+  options.takes_descriptors = takesDescriptors(exported_interface_);
+  options.longest_message = limits_.message_bytes;
+  const bool accepts = side_ == wire::Transport::Side::server;
+  transport_.emplace(std::move(unopened_), side_, accepts ? credentials_->uid : ::geteuid(), account_,
+                     options);
   const std::weak_ptr<Connection> weak = weak_from_this();
   deadline_ = Timer(dispatch_time(DISPATCH_TIME_NOW, limits_.handshake_nanoseconds),
                     dispatch_get_global_queue(0, 0), [weak] {
                       if (const auto connection = weak.lock()) connection->interrupt(handshake_took_too_long);
                     });
-  source_ = EventSource(socket_, EPOLLIN | EPOLLRDHUP, [weak](std::uint32_t events) {
+  source_ = EventSource(transport_->socket(), EPOLLIN | EPOLLRDHUP, [weak](std::uint32_t events) {
     if (const auto connection = weak.lock()) connection->handleEvents(events);
   });
-  watchForWriting();
-}
-
-int Connection::startBus() {
-  int r = sd_bus_new(&bus_);
-  if (r < 0) return r;
-  FileDescriptor input;
-  if (exported_interface_ != nullptr) {
-    input = FileDescriptor(::fcntl(unopened_.get(), F_DUPFD_CLOEXEC, 3));
-    if (!input || emptySocket() < 0) return -errno;
-  }
-  const int reading = input ? input.get() : unopened_.get();
-  r = sd_bus_set_fd(bus_, reading, unopened_.get());
-  if (r < 0) return r;
-  socket_ = unopened_.release();  // the bus closes both
-  input_ = input.release();
-  // The library loses the descriptors of a message that it drops. So who never needs any gets none.
-  sd_bus_negotiate_fds(bus_, !accepting_ || takesDescriptors(exported_interface_) ? 1 : 0);
-  r = sd_bus_add_filter(bus_, nullptr, BusCallbacks::anything, this);
-  if (r < 0) return r;
-  if (accepting_) {
-    sd_id128_t server{};
-    sd_id128_randomize(&server);
-    sd_bus_set_server(bus_, 1, server);
-    r = sd_bus_add_object(bus_, nullptr, "/org/freedesktop/DBus", answerBusDriver, nullptr);
-  }
-  if (r >= 0 && exported_interface_ != nullptr) {
-    r = sd_bus_add_object_vtable(bus_, nullptr, exported_interface_->path, exported_interface_->name,
-                                 vtableOf(*exported_interface_, BusCallbacks::call, BusCallbacks::read),
-                                 this);
-  }
-  if (r < 0 || !accepting_) return r < 0 ? r : sd_bus_start(bus_);
-  // Whoever accepts reads at once.
-  intake_.lookAtHandshake(socket_);
-  r = sd_bus_start(bus_);
-  if (r >= 0) intake_.noteHandshake(intake_.counted(socket_));
-  // Starting enlarges the buffer beyond what a peer that does not read its replies should cost.
-  if (r >= 0) ::setsockopt(socket_, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes);
-  return r;
+  if (accepts) return true;
+  // The handshake goes out with the first call, which most likely follows at once; else in this round.
+  greeting_ = Greeting::due;
+  source_.again();
+  return true;
 }
 
 void Connection::invalidate() {
-  Lock lock(mutex_);
+  const Lock lock(mutex_);
   if (invalidated_) return;
   invalidated_ = true;
-  finish(lock, Cause::invalidation, "the connection was invalidated");
+  finish(Cause::invalidation, "the connection was invalidated");
 }
 
 void Connection::interrupt(const char* why) {
-  Lock lock(mutex_);
-  finish(lock, Cause::interruption, why);
+  const Lock lock(mutex_);
+  finish(Cause::interruption, why);
 }
 
 /// Closes what is open and has the queue do the rest. Nothing of the user's is destroyed under the lock.
-void Connection::finish(Lock& lock, Cause cause, const char* why) {
+void Connection::finish(Cause cause, const std::string& why) {
   const bool first = state_ != State::ended;
   if (cause == Cause::interruption && !first) return;
   if (cause == Cause::invalidation) invalidated_ = true;
   Ending ending;
-  Block closed;
   ending.self = std::move(self_);
   ending.handler = std::move(cause == Cause::invalidation ? invalidation_handler_ : interruption_handler_);
   // Kept, it could keep the connection.
   if (cause == Cause::invalidation) ending.never_called = std::move(interruption_handler_);
   if (first) {
     state_ = State::ended;
-    // The bus closes the only descriptor, unless there is one for input too.
-    if (input_ < 0) {
-      source_.cancelBeforeClose();
-    } else {
-      source_.cancel();
-    }
+    source_.cancelBeforeClose();  // nobody has a copy of the socket
     deadline_.cancel();
+    for (auto& [serial, call] : outstanding_) call->fail({error_disconnected, why});
     ending.outstanding = std::move(outstanding_);
     ending.exported_object = std::move(exported_object_);
-    if (!ending.outstanding.empty()) ending.error = {error_disconnected, why};
-    for (PendingCall& pending : ending.outstanding) sd_bus_slot_unref(std::exchange(pending.slot, nullptr));
-    for (const auto& [call, message] : unanswered_) sd_bus_message_unref(message);
-    unanswered_.clear();
-    if (bus_ != nullptr) sd_bus_close_unref(std::exchange(bus_, nullptr));
-    socket_ = -1;
-    input_ = -1;
+    transport_.reset();
     unopened_.reset();
-    closed = std::move(closed_handler_);
+    cost_.reset();
   }
   // Under the lock, so that the interruption comes before the invalidation.
   dispatch_async(queue_, [ending = std::make_unique<Ending>(std::move(ending))] {
-    for (const PendingCall& pending : ending->outstanding) {
-      if (pending.on_error) pending.on_error(ending->error);
-    }
+    for (const auto& [serial, call] : ending->outstanding) call->finish();
     if (ending->handler) ending->handler();
   });
-  lock.unlock();
-  if (closed) closed();
+}
+
+std::shared_ptr<Connection> Connection::current() {
+  const Delivery* const delivery = Delivery::current();
+  return delivery != nullptr ? delivery->connection : nullptr;
 }
 
 }  // namespace kelvane::xpc

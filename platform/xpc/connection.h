@@ -16,31 +16,35 @@
 //  * A call before `resume` fails as one does after the end.
 //  * A reply comes at most once. A call whose connection ends gets no reply but an error.
 //
-// What the peer may cost: five seconds for the handshake, ten for a message under way, 32 MiB for a message.
-// Nothing more is read from it while more than 64 of its calls wait for their handler or have a reply that it
-// has not read, or more than 32 MiB of calls wait. Whatever it sends costs its own connection only. A message
-// that is none ends the connection.
+// What the peer may cost. Its user's account pays for all: the connection, what was read and is not done,
+// what was sent and is not read, descriptors, calls. Over a limit of the account the connection is read no
+// further until something is released. Of each connection: five seconds for the handshake, ten for a message
+// under way, 32 MiB for a message, and nothing more is read while more than 64 of its calls wait for their
+// handler or have a reply that it has not read. A message that is none ends the connection.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
-#include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "platform/dispatch/block.h"
 #include "platform/dispatch/queue.h"
 #include "platform/dispatch/source.h"
 #include "platform/foundation/file_descriptor.h"
+#include "platform/foundation/function_ref.h"
+#include "platform/wire/account.h"
+#include "platform/wire/transport.h"
 #include "platform/xpc/credentials.h"
 #include "platform/xpc/endpoint.h"
 #include "platform/xpc/error.h"
-#include "platform/xpc/intake.h"
+#include "platform/xpc/incoming_call.h"
+#include "platform/xpc/outgoing_call.h"
 #include "platform/xpc/remote_interface.h"
-
-struct sd_bus;
+#include "platform/xpc/unread_replies.h"
 
 namespace kelvane::xpc {
 
@@ -53,13 +57,16 @@ struct ConnectionLimits {
 
 class Connection final : public std::enable_shared_from_this<Connection> {
  public:
-  using ErrorHandler = std::function<void(const Error&)>;
+  using ErrorHandler = xpc::ErrorHandler;
 
-  // Each may fail; the connection is then made all the same, and is invalidated as soon as it is resumed.
+  // Each may fail; the connection is then made all the same, and is invalidated as soon as it is resumed. One
+  // through an endpoint is paid by whoever handed that in, one to a path by the user who listens there.
   static std::shared_ptr<Connection> initWithListenerEndpoint(const Endpoint& endpoint);
   static std::shared_ptr<Connection> initWithSocketPath(const std::string& path);
-  /// The side that answers the handshake, on a socket that somebody else has connected.
-  static std::shared_ptr<Connection> initAccepting(FileDescriptor socket, PeerCredentials credentials);
+  /// The side that answers the handshake, on a socket that somebody else has connected. `cost` is what its
+  /// user was charged for it (Resource::connections), of `account`.
+  static std::shared_ptr<Connection> initAccepting(FileDescriptor socket, PeerCredentials credentials,
+                                                   std::shared_ptr<wire::Account> account, wire::Charge cost);
 
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -73,8 +80,6 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   }
   void setInterruptionHandler(Block handler);
   void setInvalidationHandler(Block handler);
-  /// For listeners: called once when the socket is closed, on any thread. It must not use the connection.
-  void setClosedHandler(Block handler);
   void setLimits(const ConnectionLimits& limits) { limits_ = limits; }
   void resume();
 
@@ -94,6 +99,8 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   /// Who is at the other end: who connected, or, on a connection to a socket path, who listens there. Empty
   /// for a connection through an endpoint, and for one that could not be made.
   [[nodiscard]] const std::optional<PeerCredentials>& credentials() const { return credentials_; }
+  /// Who pays for this connection; null for one that could not be made.
+  [[nodiscard]] const std::shared_ptr<wire::Account>& account() const { return account_; }
   /// Whether the handshake was ever completed. A peer that refuses to be connected to ends it before.
   [[nodiscard]] bool wasEstablished();
   [[nodiscard]] const dispatch_queue_t& queue() const { return queue_; }
@@ -101,95 +108,88 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   /// The connection that delivered the message which the calling thread is handling; null elsewhere.
   static std::shared_ptr<Connection> current();
 
-  /// For proxies. `write` appends the arguments and is called before this returns; `read` makes the block
-  /// that delivers the reply.
-  using Write = std::function<int(sd_bus_message*)>;
-  using Read = std::function<int(sd_bus_message*, Block& made)>;
-  void call(const InterfaceDescription& interface, const char* member, const char* reply_signature,
-            const Write& write, Read read, ErrorHandler on_error);
+  /// For proxies. `write` writes the arguments, which have this signature, and is called before this returns.
+  void call(const InterfaceDescription& interface, const std::string& signature,
+            FunctionRef<void(wire::Writer&)> write, std::unique_ptr<OutgoingCall> call);
+  /// For IncomingCall: sends the reply or error to a call that came in, unless the connection has ended.
+  void sendAnswer(wire::Outgoing& answer, std::uint32_t serial);
 
  private:
-  class Incoming;
-  struct PendingCall;
   struct Ending;  // what is left to do once the lock is released
-  friend struct BusCallbacks;
+  struct Round;   // of reading
   enum class State { made, open, ended };
   enum class Cause { interruption, invalidation };
+  /// Whether a client's handshake has been seen to, so that it goes out also when nobody calls.
+  enum class Greeting { none_due, due };
   using Lock = std::unique_lock<std::mutex>;
+  using Received = wire::Transport::Received;
 
-  explicit Connection(bool accepting);
+  Connection(wire::Transport::Side side, FileDescriptor socket);
 
   // All with mutex_ held.
-  int startBus();
-  int step();
-  int stepHandshake();
-  [[nodiscard]] std::uint64_t queuedMessages() const;
+  [[nodiscard]] bool open();
+  void finish(Cause cause, const std::string& why);
+  void deliver(std::unique_ptr<OutgoingCall> answered);
+  void deliver(std::shared_ptr<IncomingCall> call);
+
+  void read();
   [[nodiscard]] bool peerMustWait() const;
-  int lookAhead(bool& hold);
-  int process(bool hold);
-  std::uint64_t takenBesides(std::uint64_t queued_before);
-  [[nodiscard]] bool somethingMayBeLeft() const;
-  int processLastLine(std::size_t bytes);
-  int processHolding(bool hold);
-  void noteTaken(sd_bus_message* message);
-  int judge(Intake::Progress progress);
-  void startMessageDeadline();
+  [[nodiscard]] bool hasNothingLeft() const;
+  void endOfInput();
+  void awaitRelease(wire::Resource resource);
+  void goOnAfter(wire::Transport::Outcome progress);
+  void updateDeadlines(bool took_message);
   void watchForWriting();
-  void deliver(Block block);
-  void deliverError(ErrorHandler handler, Error error);
-  int acceptCall(sd_bus_message* message);
-  int acceptReply(PendingCall& pending, sd_bus_message* message);
-  void finish(Lock& lock, Cause cause, const char* why);
+
+  [[nodiscard]] bool take(Round& round, Received& received);
+  void takeCall(Round& round, Received& received);
+  void prepareCall(Round& round, Received& received, const MethodDescription& method);
+  void takeReply(Round& round, Received& received);
+  void answerStandardCall(Round& round, const Received& received);
+  [[nodiscard]] bool sendAnswerOrRefusal(wire::Outgoing& answer, std::uint32_t serial);
 
   void handleEvents(std::uint32_t events);
   void interrupt(const char* why);
-  void answer(std::uint64_t call, const std::function<int(sd_bus_message*)>& write);
-  void answerError(std::uint64_t call, const std::string& name, const std::string& message);
-  void forget(std::uint64_t call);
-  void noteHandled(std::uint64_t bytes);
+  void noteHandled();
 
   // Constant after `resume`.
-  const bool accepting_;
+  const wire::Transport::Side side_;
   const dispatch_queue_t queue_;
   std::optional<PeerCredentials> credentials_;
+  std::shared_ptr<wire::Account> account_;
   ConnectionLimits limits_;
   const InterfaceDescription* exported_interface_ = nullptr;
+  EventSource source_;
 
-  std::mutex mutex_;  // guards all below, the bus and every message of it included
+  std::atomic<bool> awaits_release_{false};  // of something of the account's; the connection is not read
+
+  std::mutex mutex_;  // guards all below
   State state_ = State::made;
   bool invalidated_ = false;
-  FileDescriptor unopened_;  // the socket, until the bus owns it
-  int socket_ = -1;
-  sd_bus* bus_ = nullptr;
-  int input_ = -1;          // a copy of the socket to be read from, when an object is exported
-  bool ready_ = false;      // the handshake is over
-  bool under_way_ = false;  // the bus or the socket holds part of a message
-  bool hung_up_ = false;    // nothing more will come than what the socket holds
+  bool established_ = false;
+  wire::Charge cost_;                         // Resource::connections
+  FileDescriptor unopened_;                   // the socket, until the transport owns it
+  std::optional<wire::Transport> transport_;  // while open
+  Greeting greeting_ = Greeting::none_due;
+  bool hung_up_ = false;  // nothing more will come than what the socket holds
+  bool goes_on_ = true;   // the transport was not told to keep messages that it has read
   bool out_watched_ = false;
-  bool took_message_ = false;  // the bus handed out a message when it was last told to process
-  std::uint64_t taken_serial_ = 0;
-  bool writes_first_ = false;  // the handshake has just ended; what waited for that goes out first
-  bool took_whole_ = false;    // and it took nothing but that, as had been foreseen
-  Intake intake_;
   std::uint64_t waiting_calls_ = 0;  // handed to the queue, and not yet handled
-  std::uint64_t waiting_bytes_ = 0;
-  EventSource source_;
-  Timer deadline_;
+  UnreadReplies unread_replies_;
+  Timer deadline_;  // of the handshake, then of a message under way
   std::shared_ptr<void> exported_object_;
   Block interruption_handler_;
   Block invalidation_handler_;
-  Block closed_handler_;
-  std::list<PendingCall> outstanding_;
-  std::unordered_map<std::uint64_t, sd_bus_message*> unanswered_;
-  std::uint64_t next_call_ = 1;
-  std::shared_ptr<Connection> self_;  // while open
+  std::map<std::uint32_t, std::unique_ptr<OutgoingCall>> outstanding_;  // by serial, so in order
+  std::shared_ptr<Connection> self_;                                    // while open
 };
 
 /// What every proxy is made of.
 class ProxyBase {
  public:
-  ProxyBase(std::shared_ptr<Connection> connection, Connection::ErrorHandler on_error)
-      : connection_(std::move(connection)), on_error_(std::move(on_error)) {}
+  ProxyBase(std::shared_ptr<Connection> connection, ErrorHandler on_error)
+      : connection_(std::move(connection)),
+        on_error_(std::make_shared<const ErrorHandler>(std::move(on_error))) {}
 
  protected:
   template <auto Method, class ReplyFunction, class... Arguments>
@@ -197,23 +197,15 @@ class ProxyBase {
     using Traits = details::MethodTraits<decltype(Method)>;
     static_assert(std::is_same_v<typename Traits::All, std::tuple<Arguments..., ReplyFunction>>,
                   "the proxy sends what the method takes");
-    static const std::string reply_signature = Traits::Replies::signature();
     connection_->call(
-        RemoteInterface<typename Traits::Protocol>::description(), name, reply_signature.c_str(),
-        [&]([[maybe_unused]] sd_bus_message* message) {
-          int r = 0;
-          ((r = r < 0 ? r : Wire<Arguments>::write(message, arguments)), ...);
-          return r;
-        },
-        [reply = std::move(reply)](sd_bus_message* message, Block& made) mutable {
-          return Traits::Replies::read(message, std::move(reply), made);
-        },
-        on_error_);
+        RemoteInterface<typename Traits::Protocol>::description(), Traits::signature(),
+        [&]([[maybe_unused]] wire::Writer& out) { (Wire<Arguments>::write(out, arguments), ...); },
+        std::make_unique<details::TypedReply<ReplyFunction>>(name, on_error_, std::move(reply)));
   }
 
  private:
   const std::shared_ptr<Connection> connection_;
-  const Connection::ErrorHandler on_error_;
+  const std::shared_ptr<const ErrorHandler> on_error_;
 };
 
 }  // namespace kelvane::xpc

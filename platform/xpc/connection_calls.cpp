@@ -1,234 +1,239 @@
-#include <systemd/sd-bus.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
+#include "platform/xpc/answer.h"
 #include "platform/xpc/connection_internal.h"
+#include "platform/xpc/decoding.h"
+#include "platform/xpc/delivery.h"
+#include "platform/xpc/standard_interfaces.h"
 
 namespace kelvane::xpc {
 namespace {
 
-thread_local const std::shared_ptr<Connection>* delivering = nullptr;
+constexpr const char* malformed_body = "the peer sent a message whose body is not what its signature says";
 
-/// Marks the connection whose message the thread is handling.
-class Delivery {
- public:
-  explicit Delivery(const std::shared_ptr<Connection>& connection)
-      : outer_(std::exchange(delivering, &connection)) {}
-  ~Delivery() { delivering = outer_; }
-  Delivery(const Delivery&) = delete;
-  Delivery& operator=(const Delivery&) = delete;
+/// After reading: whether the body breaks the protocol, also where nobody has read it.
+bool isMalformed(const wire::Reader& reader, const wire::Transport::Received& received) {
+  if (reader.fault() == wire::Fault::none) return false;
+  return reader.fault() == wire::Fault::malformed ||
+         !wire::isBodyValid(received.message, received.descriptors.size());
+}
 
- private:
-  const std::shared_ptr<Connection>* const outer_;
-};
+Error errorOf(const wire::Message& message) {
+  Error error{std::string(message.header.error_name), ""};
+  wire::Reader reader(message, {});
+  if (reader.nextType() == 's') error.message = reader.readString();
+  return error;
+}
 
-Error errorOf(sd_bus_message* message) {
-  const sd_bus_error* const error = sd_bus_message_get_error(message);
-  if (error == nullptr || error->name == nullptr)
-    return {error_failed, "the peer sent an error without a name"};
-  return {error->name, error->message != nullptr ? error->message : ""};
+const char* textOf(wire::Fault fault) {
+  return fault == wire::Fault::excessive ? "it takes more memory than its user has left, or too many values"
+                                         : "it holds something that has no place there";
 }
 
 }  // namespace
 
-class Connection::Incoming final : public IncomingCall {
- public:
-  Incoming(std::weak_ptr<Connection> connection, std::uint64_t call)
-      : connection_(std::move(connection)), call_(call) {}
-  ~Incoming() override {
-    if (call_ == 0) return;
-    if (const auto connection = connection_.lock()) connection->forget(call_);
+// --- messages that come in ---
+
+/// Returns whether to go on with the next message.
+bool Connection::take(Round& round, Received& received) {
+  round.took_message = true;
+  switch (received.message.header.type) {
+    case wire::MessageType::method_call:
+      takeCall(round, received);
+      break;
+    case wire::MessageType::method_return:
+    case wire::MessageType::error:
+      takeReply(round, received);
+      break;
+    default:
+      if (!wire::isBodyValid(received.message, received.descriptors.size())) round.broken = malformed_body;
   }
-  void reply(const std::function<int(sd_bus_message*)>& write) override {
-    if (const auto connection = connection_.lock()) connection->answer(call_, write);
+  const bool next_is_paid = exported_interface_ == nullptr || round.next_call;
+  return round.broken.empty() && next_is_paid && !peerMustWait();
+}
+
+void Connection::takeCall(Round& round, Received& received) {
+  const wire::Header& header = received.message.header;
+  const MethodDescription* const method =
+      exportedMethod({exported_interface_, side_ == wire::Transport::Side::server}, header);
+  if (method != nullptr && header.signature == method->in) {
+    prepareCall(round, received, *method);
+  } else if (!wire::isBodyValid(received.message, received.descriptors.size())) {
+    round.broken = malformed_body;
+  } else if (!header.expectsReply()) {
+    return;
+  } else if (method != nullptr) {
+    makeError(scratchMessage(), header.serial, error_invalid_arguments, wrongArguments(header, method->in));
+    if (!sendAnswerOrRefusal(scratchMessage(), header.serial)) round.broken = "no answer can be sent";
+  } else {
+    answerStandardCall(round, received);
   }
-  void replyError(const std::string& name, const std::string& message) override {
-    if (const auto connection = connection_.lock()) connection->answerError(call_, name, message);
+}
+
+void Connection::answerStandardCall(Round& round, const Received& received) {
+  wire::Outgoing& answer = scratchMessage();
+  xpc::answerStandardCall({exported_interface_, side_ == wire::Transport::Side::server}, received.message,
+                          answer);
+  if (!sendAnswerOrRefusal(answer, received.message.header.serial)) round.broken = "no answer can be sent";
+}
+
+void Connection::prepareCall(Round& round, Received& received, const MethodDescription& method) {
+  const wire::Header& header = received.message.header;
+  Decoding decoding(account_, received.message.body.size());
+  wire::Reader reader(received.message, received.descriptors);
+  std::shared_ptr<IncomingCall> call = method.prepare(exported_object_, reader);
+  if (reader.finish()) {
+    call->account_ = account_;
+    call->return_address_ = {weak_from_this(), header.expectsReply() ? header.serial : 0};
+    call->cost_ = {std::move(round.next_call), std::move(received.bytes), decoding.takeCharge(),
+                   std::move(received.descriptor_charge)};
+    round.next_call = wire::Charge::of(account_, wire::Resource::calls, 1);
+    deliver(std::move(call));
+    return;
   }
-  /// The connection has dealt with the call itself.
-  void disown() { call_ = 0; }
-
- private:
-  const std::weak_ptr<Connection> connection_;
-  std::uint64_t call_;
-};
-
-int BusCallbacks::call(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
-  return static_cast<Connection*>(userdata)->acceptCall(message);
-}
-
-int BusCallbacks::anything(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
-  static_cast<Connection*>(userdata)->noteTaken(message);
-  return 0;
-}
-
-int BusCallbacks::read(sd_bus* /*bus*/, const char* /*path*/, const char* /*interface*/, const char* name,
-                       sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
-  for (const PropertyDescription& known :
-       static_cast<Connection*>(userdata)->exported_interface_->properties) {
-    if (std::strcmp(known.name, name) == 0) return sd_bus_message_append(reply, "u", known.read());
+  if (isMalformed(reader, received)) {
+    round.broken = malformed_body;
+  } else if (header.expectsReply()) {
+    const bool excessive = reader.fault() == wire::Fault::excessive;
+    makeError(scratchMessage(), header.serial, excessive ? error_limits_exceeded : error_invalid_arguments,
+              std::string("the call of ").append(header.member).append(" cannot be used: ") +
+                  textOf(reader.fault()));
+    if (!sendAnswerOrRefusal(scratchMessage(), header.serial)) round.broken = "no answer can be sent";
   }
-  return -ENOENT;
 }
 
-int BusCallbacks::reply(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
-  auto& pending = *static_cast<Connection::PendingCall*>(userdata);
-  pending.connection->noteTaken(message);
-  return pending.connection->acceptReply(pending, message);
-}
-
-std::shared_ptr<Connection> Connection::current() { return delivering != nullptr ? *delivering : nullptr; }
-
-/// Runs `block` as the handling of a message that the peer sent.
-void Connection::deliver(Block block) {
-  dispatch_async(queue_, [self = shared_from_this(), block = std::move(block)]() mutable {
-    const Delivery delivery(self);
-    block();
-    block = Block();
-  });
-}
-
-void Connection::deliverError(ErrorHandler handler, Error error) {
-  if (!handler) return;
-  dispatch_async(queue_, [handler = std::move(handler), error = std::move(error)] { handler(error); });
-}
-
-// --- calls that come in ---
-
-int Connection::acceptCall(sd_bus_message* message) {
-  const char* const member = sd_bus_message_get_member(message);
-  const auto& methods = exported_interface_->methods;
-  const auto method = std::find_if(methods.begin(), methods.end(), [&](const MethodDescription& known) {
-    return std::strcmp(known.name, member) == 0;
-  });
-  if (method == methods.end()) return 0;
-  const std::uint64_t call = next_call_++;
-  const auto incoming = std::make_shared<Incoming>(weak_from_this(), call);
-  Block made;
-  const int r = method->prepare(exported_object_, message, incoming, made);
-  if (r < 0) {
-    incoming->disown();
-    return sd_bus_reply_method_errorf(message, error_invalid_arguments, "%s: an argument cannot be used: %s",
-                                      member, std::strerror(-r));
+void Connection::takeReply(Round& round, Received& received) {
+  const wire::Header& header = received.message.header;
+  const auto found = outstanding_.find(header.reply_serial);
+  Decoding decoding(account_, received.message.body.size());
+  wire::Reader reader(received.message, received.descriptors);
+  if (found == outstanding_.end() || header.type == wire::MessageType::error ||
+      header.signature != found->second->replySignature()) {
+    if (!wire::isBodyValid(received.message, received.descriptors.size())) {
+      round.broken = malformed_body;
+      return;
+    }
+    if (found == outstanding_.end()) return;
   }
-  unanswered_.emplace(call, sd_bus_message_ref(message));
-  const std::uint64_t bytes = intake_.claimed();
+  OutgoingCall& call = *found->second;
+  if (header.type == wire::MessageType::error) {
+    call.fail(errorOf(received.message));
+  } else if (header.signature != call.replySignature()) {
+    call.fail({error_invalid_arguments, "the reply has another signature than " + call.replySignature()});
+  } else {
+    call.read(reader);
+    if (!reader.finish()) {
+      if (isMalformed(reader, received)) {
+        round.broken = malformed_body;
+        return;
+      }
+      call.fail({reader.fault() == wire::Fault::excessive ? error_limits_exceeded : error_invalid_arguments,
+                 std::string("the reply cannot be used: ") + textOf(reader.fault())});
+    }
+  }
+  std::unique_ptr<OutgoingCall> answered = std::move(found->second);
+  outstanding_.erase(found);
+  deliver(std::move(answered));
+}
+
+// --- what runs on the queue ---
+
+void Connection::deliver(std::shared_ptr<IncomingCall> call) {
   ++waiting_calls_;
-  waiting_bytes_ += bytes;
-  deliver([this, bytes, made = std::move(made)]() mutable {
-    made();
-    made = Block();
-    noteHandled(bytes);
+  dispatch_async(queue_, [self = shared_from_this(), call = std::move(call)]() mutable {
+    {
+      const Delivery delivery(self, call);
+      call->run();
+    }
+    call.reset();
+    self->noteHandled();
   });
-  return 1;
+}
+
+void Connection::deliver(std::unique_ptr<OutgoingCall> answered) {
+  dispatch_async(queue_, [self = shared_from_this(), answered = std::move(answered)]() mutable {
+    static const std::shared_ptr<IncomingCall> no_call;
+    const Delivery delivery(self, no_call);
+    answered->finish();
+    answered.reset();
+  });
 }
 
 /// Goes on reading when that had stopped for calls that waited.
-void Connection::noteHandled(std::uint64_t bytes) {
+void Connection::noteHandled() {
   const Lock lock(mutex_);
   const bool waited = peerMustWait();
   --waiting_calls_;
-  waiting_bytes_ -= bytes;
   if (waited && !peerMustWait()) source_.again();
 }
 
-void Connection::answer(std::uint64_t call, const std::function<int(sd_bus_message*)>& write) {
+// --- answers ---
+
+void Connection::sendAnswer(wire::Outgoing& answer, std::uint32_t serial) {
   const Lock lock(mutex_);
-  const auto found = unanswered_.find(call);
-  if (found == unanswered_.end()) return;
-  sd_bus_message* const question = found->second;
-  unanswered_.erase(found);
-  sd_bus_message* answer = nullptr;
-  int r = sd_bus_message_new_method_return(question, &answer);
-  if (r >= 0) r = write(answer);
-  if (r >= 0) r = sd_bus_send(bus_, answer, nullptr);
-  if (r < 0) {
-    sd_bus_reply_method_errorf(question, error_limits_exceeded, "the answer cannot be sent: %s",
-                               std::strerror(-r));
+  if (!transport_) return;
+  if (sendAnswerOrRefusal(answer, serial)) {
+    watchForWriting();
+    if (peerMustWait()) deadline_.cancel();
+  } else {
+    finish(Cause::interruption, "the peer does not read its answers");
   }
-  sd_bus_message_unref(answer);
-  sd_bus_message_unref(question);
-  watchForWriting();
 }
 
-void Connection::answerError(std::uint64_t call, const std::string& name, const std::string& message) {
-  const Lock lock(mutex_);
-  const auto found = unanswered_.find(call);
-  if (found == unanswered_.end()) return;
-  sd_bus_reply_method_errorf(found->second, name.c_str(), "%s", message.c_str());
-  sd_bus_message_unref(found->second);
-  unanswered_.erase(found);
-  watchForWriting();
-}
-
-void Connection::forget(std::uint64_t call) {
-  const Lock lock(mutex_);
-  const auto found = unanswered_.find(call);
-  if (found == unanswered_.end()) return;
-  sd_bus_message_unref(found->second);
-  unanswered_.erase(found);
+/// An answer for which the account has no room becomes an error. False when there is no room for that either.
+bool Connection::sendAnswerOrRefusal(wire::Outgoing& answer, std::uint32_t serial) {
+  int error = 0;
+  const auto send = [&] {
+    const std::size_t bytes = answer.bytes.size();
+    if (transport_->send(answer, error) != 0) {
+      unread_replies_.noteSent(bytes, true, transport_->queuedBytes());
+    }
+  };
+  send();
+  if (error == 0 || error == EPIPE) return true;  // what is gone is told by the socket
+  makeError(answer, serial, error_limits_exceeded,
+            std::string("the answer cannot be sent: ") + std::strerror(error));
+  send();
+  return error == 0 || error == EPIPE;
 }
 
 // --- calls that go out ---
 
-void Connection::call(const InterfaceDescription& interface, const char* member, const char* reply_signature,
-                      const Write& write, Read read, ErrorHandler on_error) {
-  const Lock lock(mutex_);
-  if (bus_ == nullptr) {
-    deliverError(std::move(on_error), {error_disconnected, "the connection has ended"});
-    return;
-  }
-  std::list<PendingCall> made(1);
-  PendingCall& pending = made.front();
-  pending.connection = this;
-  pending.place = made.begin();
-  pending.reply_signature = reply_signature;
-  pending.read = std::move(read);
-  pending.on_error = std::move(on_error);
-  sd_bus_message* message = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &message, nullptr, interface.path, interface.name, member);
-  if (r >= 0) r = write(message);
-  if (r >= 0) r = sd_bus_call_async(bus_, &pending.slot, message, BusCallbacks::reply, &pending, UINT64_MAX);
-  sd_bus_message_unref(message);
-  if (r < 0) {
-    const bool gone = r == -EPIPE || r == -ECONNRESET || r == -ENOTCONN;
-    Error error{gone ? error_disconnected : error_limits_exceeded,
-                std::string(member) + " cannot be sent: " + std::strerror(-r)};
-    // The reply goes with the error, to be destroyed on the queue.
-    dispatch_async(queue_, [made = std::move(made), error = std::move(error)] {
-      if (made.front().on_error) made.front().on_error(error);
-    });
-    return;
-  }
-  outstanding_.splice(outstanding_.end(), made);
-  watchForWriting();
-}
+void Connection::call(const InterfaceDescription& interface, const std::string& signature,
+                      FunctionRef<void(wire::Writer&)> write, std::unique_ptr<OutgoingCall> call) {
+  wire::Outgoing& message = scratchMessage();
+  wire::Header header;
+  header.path = interface.path;
+  header.interface = interface.name;
+  header.member = call->member();
+  header.signature = signature;
+  wire::Writer out(message, header);
+  write(out);
+  const wire::Writer::Fault fault = out.finish();
+  const auto cannotBeSent = [&](const char* name, std::string_view why) {
+    call->fail({name, std::string(call->member()).append(" cannot be sent: ").append(why)});
+    deliver(std::move(call));
+  };
 
-int Connection::acceptReply(PendingCall& pending, sd_bus_message* message) {
-  std::list<PendingCall> answered;
-  answered.splice(answered.end(), outstanding_, pending.place);
-  sd_bus_slot_unref(std::exchange(pending.slot, nullptr));
-  Error error;
-  if (sd_bus_message_is_method_error(message, nullptr) > 0) {
-    error = errorOf(message);
-  } else if (sd_bus_message_has_signature(message, pending.reply_signature.c_str()) <= 0) {
-    error = {error_invalid_arguments, "the reply has another signature than " + pending.reply_signature};
-  } else if (const int r = pending.read(message, pending.answered); r < 0) {
-    error = {error_invalid_arguments, std::string("the reply cannot be used: ") + std::strerror(-r)};
+  const Lock lock(mutex_);
+  if (!transport_) return cannotBeSent(error_disconnected, "the connection has ended");
+  if (fault != wire::Writer::Fault::none) return cannotBeSent(error_limits_exceeded, textOf(fault));
+  if (std::any_of(message.descriptors.begin(), message.descriptors.end(),
+                  [](int descriptor) { return descriptor < 0; })) {
+    return cannotBeSent(error_invalid_arguments, "an endpoint is empty");
   }
-  if (!pending.answered && pending.on_error) {
-    pending.answered = [on_error = std::move(pending.on_error), error = std::move(error)] {
-      on_error(error);
-    };
+  int error = 0;
+  const std::size_t bytes = message.bytes.size();
+  const std::uint32_t serial = transport_->send(message, error);
+  if (serial == 0) {
+    return cannotBeSent(error == EPIPE ? error_disconnected : error_limits_exceeded, std::strerror(error));
   }
-  dispatch_async(queue_, [self = shared_from_this(), answered = std::move(answered)]() mutable {
-    const Delivery delivery(self);
-    if (answered.front().answered) answered.front().answered();
-    answered.clear();
-  });
-  return 1;
+  unread_replies_.noteSent(bytes, false, transport_->queuedBytes());
+  outstanding_.emplace_hint(outstanding_.end(), serial, std::move(call));
+  watchForWriting();
 }
 
 }  // namespace kelvane::xpc

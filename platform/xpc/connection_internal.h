@@ -1,36 +1,20 @@
 #pragma once
 
-// What connection.cpp, connection_calls.cpp and connection_stream.cpp share.
+// What connection_stream.cpp and connection_calls.cpp share.
 
-#include <systemd/sd-bus.h>
-#include <list>
 #include <string>
 
+#include "platform/wire/account.h"
 #include "platform/xpc/connection.h"
 
 namespace kelvane::xpc {
 
-/// A call that waits for its reply.
-struct Connection::PendingCall {
-  Connection* connection;
-  std::list<PendingCall>::iterator place;
-  sd_bus_slot* slot = nullptr;
-  std::string reply_signature;
-  Read read;
-  ErrorHandler on_error;
-  Block answered;  // once there is an answer: what is to run on the queue
-};
-
-/// A socket out of which nothing ever comes; -1 (and errno) when it cannot be made. Shared by all.
-int emptySocket();
-
-/// What the bus library calls, with the connection's mutex held.
-struct BusCallbacks {
-  static int anything(sd_bus_message* message, void* userdata, sd_bus_error* error);
-  static int call(sd_bus_message* message, void* userdata, sd_bus_error* error);
-  static int read(sd_bus* bus, const char* path, const char* interface, const char* name,
-                  sd_bus_message* reply, void* userdata, sd_bus_error* error);
-  static int reply(sd_bus_message* message, void* userdata, sd_bus_error* error);
+/// One read of the socket, and what is done with the messages that came with it.
+struct Connection::Round {
+  /// Paid before the call is taken, so that a call that cannot be paid is not read at all.
+  wire::Charge next_call;
+  bool took_message = false;
+  std::string broken;  // why the connection is to end; empty when it is not
 };
 
 }  // namespace kelvane::xpc

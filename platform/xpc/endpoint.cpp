@@ -39,26 +39,25 @@ bool sendDescriptor(int through, int sent) {
 
 }  // namespace
 
-std::optional<Endpoint> Endpoint::adopt(FileDescriptor descriptor) {
+std::optional<Endpoint> Endpoint::adopt(FileDescriptor descriptor, std::shared_ptr<wire::Account> payer) {
   const int number = descriptor.get();
   if (option(number, SO_DOMAIN) != AF_UNIX || option(number, SO_TYPE) != SOCK_SEQPACKET ||
       !isConnected(number)) {
     return std::nullopt;
   }
   Endpoint endpoint;
-  endpoint.descriptor_ = std::make_shared<const FileDescriptor>(std::move(descriptor));
+  endpoint.handle_ = std::make_shared<const Handle>(Handle{std::move(descriptor), std::move(payer)});
   return endpoint;
 }
 
 FileDescriptor Endpoint::open() const {
   std::array<int, 2> pair{-1, -1};
-  if (!descriptor_ ||
-      ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) {
+  if (!handle_ || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) {
     return {};
   }
   FileDescriptor ours(pair[0]);
   const FileDescriptor theirs(pair[1]);
-  if (!sendDescriptor(descriptor_->get(), theirs.get())) ours.reset();
+  if (!sendDescriptor(descriptor(), theirs.get())) ours.reset();
   return ours;
 }
 

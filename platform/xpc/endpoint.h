@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "platform/foundation/file_descriptor.h"
+#include "platform/wire/account.h"
 
 namespace kelvane::xpc {
 
@@ -14,20 +15,28 @@ class Endpoint {
  public:
   Endpoint() = default;
   /// Takes a descriptor that came from outside; nothing when it is not a connected local SOCK_SEQPACKET
-  /// socket.
-  static std::optional<Endpoint> adopt(FileDescriptor descriptor);
+  /// socket. `payer` is who handed it in and pays for the connections opened through it; null for this
+  /// process itself.
+  static std::optional<Endpoint> adopt(FileDescriptor descriptor,
+                                       std::shared_ptr<wire::Account> payer = nullptr);
 
   /// Makes a stream socket pair, hands one end to the listener and returns the other. Empty when the listener
   /// is gone or does not read. Never blocks.
   [[nodiscard]] FileDescriptor open() const;
 
-  [[nodiscard]] int descriptor() const { return descriptor_ ? descriptor_->get() : -1; }
-  explicit operator bool() const { return descriptor_ != nullptr; }
+  [[nodiscard]] int descriptor() const { return handle_ ? handle_->descriptor.get() : -1; }
+  /// Null for this process itself.
+  [[nodiscard]] std::shared_ptr<wire::Account> payer() const { return handle_ ? handle_->payer : nullptr; }
+  explicit operator bool() const { return handle_ != nullptr; }
   /// True when both are copies of one handle.
   friend bool operator==(const Endpoint&, const Endpoint&) = default;
 
  private:
-  std::shared_ptr<const FileDescriptor> descriptor_;
+  struct Handle {
+    FileDescriptor descriptor;
+    std::shared_ptr<wire::Account> payer;
+  };
+  std::shared_ptr<const Handle> handle_;
 };
 
 }  // namespace kelvane::xpc

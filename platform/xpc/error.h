@@ -16,6 +16,12 @@ inline constexpr const char* error_disconnected = "org.freedesktop.DBus.Error.Di
 inline constexpr const char* error_invalid_arguments = "org.freedesktop.DBus.Error.InvalidArgs";
 inline constexpr const char* error_limits_exceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 inline constexpr const char* error_failed = "org.freedesktop.DBus.Error.Failed";
+inline constexpr const char* error_unknown_object = "org.freedesktop.DBus.Error.UnknownObject";
+inline constexpr const char* error_unknown_interface = "org.freedesktop.DBus.Error.UnknownInterface";
+inline constexpr const char* error_unknown_method = "org.freedesktop.DBus.Error.UnknownMethod";
+inline constexpr const char* error_unknown_property = "org.freedesktop.DBus.Error.UnknownProperty";
+inline constexpr const char* error_property_read_only = "org.freedesktop.DBus.Error.PropertyReadOnly";
+inline constexpr const char* error_file_not_found = "org.freedesktop.DBus.Error.FileNotFound";
 
 /// The message of the disconnection from a peer that lets the handshake wait.
 inline constexpr const char* handshake_took_too_long = "the handshake took too long";

@@ -59,11 +59,12 @@ class LaunchSocket final : public LaunchProtocol {
 template <>
 struct RemoteInterface<LaunchProtocol> {
   static const InterfaceDescription& description() {
-    static const InterfaceDescription it{"/com/orvel/launch",
-                                         "com.orvel.Launch",
-                                         {method<&LaunchProtocol::RunActivity>("RunActivity"),
-                                          method<&LaunchProtocol::PostEvent>("PostEvent")},
-                                         {{"Transactions", xpc_transaction_count}}};
+    static const InterfaceDescription it{
+        "/com/orvel/launch",
+        "com.orvel.Launch",
+        {method<&LaunchProtocol::RunActivity>("RunActivity", {"name"}),
+         method<&LaunchProtocol::PostEvent>("PostEvent", {"stream", "event"})},
+        {{"Transactions", xpc_transaction_count}}};
     return it;
   }
 };

@@ -6,11 +6,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "platform/dispatch/block.h"
 #include "platform/dispatch/source.h"
 #include "platform/foundation/file_descriptor.h"
+#include "platform/wire/account.h"
 #include "platform/xpc/connection.h"
 #include "platform/xpc/endpoint.h"
 
@@ -40,8 +40,14 @@ class Listener final : public std::enable_shared_from_this<Listener> {
   }
   /// Anonymous listeners: called once when nobody holds the endpoint any more. On a thread of the pool.
   void setEndpointClosedHandler(Block handler) { endpoint_closed_ = std::move(handler); }
-  /// How many connections one user other than root may have open at a time.
-  void setConnectionsPerUser(unsigned most) { connections_per_user_ = most; }
+  /// Who pays for the connections, instead of the accounts that the process shares. They must live on while
+  /// the listener does.
+  void setAccounts(wire::Accounts& accounts) { accounts_ = &accounts; }
+  /// Called for each peer that is closed right after accept because its user has as many connections as it
+  /// may. On a thread of the pool; as often as such peers come.
+  void setRefusalHandler(std::function<void(const PeerCredentials&)> handler) {
+    refused_ = std::move(handler);
+  }
   void resume();
 
   // --- any time ---
@@ -56,21 +62,20 @@ class Listener final : public std::enable_shared_from_this<Listener> {
   void invalidate();
 
  private:
-  struct UserCounts;
-
   explicit Listener(FileDescriptor socket, bool anonymous);
   void handleEvents();
   bool acceptOne();
-  bool receiveOne();
+  bool receiveSome();
+  void endpointClosed();
   void admit(FileDescriptor socket);
 
   // Constant after `resume`.
   const bool anonymous_;
   std::function<bool(const PeerCredentials&)> may_connect_;
   std::function<void(const std::shared_ptr<Connection>&)> configure_;
-  unsigned connections_per_user_ = 2048;
+  std::function<void(const PeerCredentials&)> refused_;
+  wire::Accounts* accounts_ = &wire::Accounts::shared();
   std::string path_;  // to be removed with the listener; empty for none
-  const std::shared_ptr<UserCounts> counts_;
 
   std::mutex mutex_;  // guards all below
   FileDescriptor socket_;

@@ -10,25 +10,28 @@
 //   template <> struct RemoteInterface<Greeter> {
 //     static const InterfaceDescription& description() {
 //       static const InterfaceDescription it{"/example", "org.example.Greeter",
-//       {method<&Greeter::greet>("greet")}}; return it;
+//       {method<&Greeter::greet>("greet", {"name"}, {"greeting"})}}; return it;
 //     }
 //     using Proxy = GreeterProxy;  // implements Greeter by ProxyBase::send
 //   };
 //
 // The object that serves a connection and the proxy that stands for it at the other end are both a Greeter.
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "platform/dispatch/block.h"
+#include "platform/wire/reader.h"
+#include "platform/wire/writer.h"
+#include "platform/xpc/incoming_call.h"
+#include "platform/xpc/outgoing_call.h"
 #include "platform/xpc/wire.h"
-
-struct sd_bus_message;
 
 namespace kelvane::xpc {
 
@@ -38,23 +41,15 @@ namespace kelvane::xpc {
 template <class... Results>
 using Reply = std::function<void(Results...)>;
 
-/// A method call that came in and is not yet answered. Any thread.
-class IncomingCall {
- public:
-  virtual ~IncomingCall() = default;
-  /// `write` appends the results; called before this returns, or not at all.
-  virtual void reply(const std::function<int(sd_bus_message*)>& write) = 0;
-  virtual void replyError(const std::string& name, const std::string& message) = 0;
-};
-
 struct MethodDescription {
   const char* name;
   std::string in;  // D-Bus signatures
   std::string out;
-  /// Reads the arguments and makes the block that calls the object; negative when the arguments are not such
-  /// as the method takes.
-  int (*prepare)(const std::shared_ptr<void>& object, sd_bus_message* message,
-                 std::shared_ptr<IncomingCall> call, Block& made);
+  /// Reads the arguments and makes the call of the object. Of no use when the reader has a fault afterwards.
+  std::shared_ptr<IncomingCall> (*prepare)(const std::shared_ptr<void>& object, wire::Reader& arguments);
+  // For introspection; as many as there are arguments and results, or none.
+  std::vector<const char*> in_names;
+  std::vector<const char*> out_names;
 };
 
 struct PropertyDescription {
@@ -73,43 +68,32 @@ template <class Protocol>
 struct RemoteInterface;
 
 template <auto Method>
-MethodDescription method(const char* name);
+MethodDescription method(const char* name, std::vector<const char*> in_names = {},
+                         std::vector<const char*> out_names = {});
 
 // --- implementation ---
 
 namespace details {
 
+template <class... Types>
+const std::string& signatureOf() {
+  static const std::string it = (std::string() + ... + Wire<Types>::signature);
+  return it;
+}
+
 template <class Function>
 struct ReplyTraits;
 template <class... Results>
 struct ReplyTraits<std::function<void(Results...)>> {
-  static std::string signature() { return (std::string() + ... + Wire<std::decay_t<Results>>::signature); }
+  using Values = std::tuple<std::decay_t<Results>...>;
+  static const std::string& signature() { return signatureOf<std::decay_t<Results>...>(); }
 
   static std::function<void(Results...)> answering(std::shared_ptr<IncomingCall> call) {
     return [call = std::move(call)](const Results&... results) {
-      call->reply([&]([[maybe_unused]] sd_bus_message* message) {
-        int r = 0;
-        ((r = r < 0 ? r : Wire<std::decay_t<Results>>::write(message, results)), ...);
-        return r;
+      call->reply(signature(), [&]([[maybe_unused]] wire::Writer& out) {
+        (Wire<std::decay_t<Results>>::write(out, results), ...);
       });
     };
-  }
-
-  /// Reads the results and makes the block that calls `reply` with them.
-  static int read([[maybe_unused]] sd_bus_message* message, std::function<void(Results...)> reply,
-                  Block& made) {
-    std::tuple<std::decay_t<Results>...> results;
-    int r = 0;
-    std::apply(
-        [&](auto&... each) {
-          ((r = r < 0 ? r : Wire<std::decay_t<decltype(each)>>::read(message, each)), ...);
-        },
-        results);
-    if (r < 0) return r;
-    made = [reply = std::move(reply), results = std::move(results)]() mutable {
-      if (reply) std::apply(reply, std::move(results));
-    };
-    return r;
   }
 };
 
@@ -118,7 +102,7 @@ inline std::function<void(Outcome)> ReplyTraits<std::function<void(Outcome)>>::a
     std::shared_ptr<IncomingCall> call) {
   return [call = std::move(call)](const Outcome& outcome) {
     if (outcome.error_name.empty()) {
-      call->reply([](sd_bus_message*) { return 0; });
+      call->reply("", [](wire::Writer&) {});
     } else {
       call->replyError(outcome.error_name, outcome.error_message);
     }
@@ -132,40 +116,84 @@ struct MethodTraits<void (P::*)(Arguments...)> {
   using Protocol = P;
   using All = std::tuple<std::decay_t<Arguments>...>;
   static constexpr std::size_t count = sizeof...(Arguments) - 1;  // the last is the reply
-  using Replies = ReplyTraits<std::tuple_element_t<count, All>>;
   using ReplyFunction = std::tuple_element_t<count, All>;
+  using Replies = ReplyTraits<ReplyFunction>;
+  using Indices = std::make_index_sequence<count>;
 
   template <std::size_t... I>
-  static std::string signature(std::index_sequence<I...>) {
-    return (std::string() + ... + Wire<std::tuple_element_t<I, All>>::signature);
+  static auto valuesOf(std::index_sequence<I...>) -> std::tuple<std::tuple_element_t<I, All>...>;
+  using Values = decltype(valuesOf(Indices()));
+
+  template <std::size_t... I>
+  static const std::string& signature(std::index_sequence<I...>) {
+    return signatureOf<std::tuple_element_t<I, All>...>();
+  }
+  static const std::string& signature() { return signature(Indices()); }
+};
+
+template <class Values>
+void readValues([[maybe_unused]] wire::Reader& in, Values& values) {
+  std::apply([&](auto&... each) { (Wire<std::decay_t<decltype(each)>>::read(in, each), ...); }, values);
+}
+
+/// A call of one method, with its arguments.
+template <auto Method>
+class TypedCall final : public IncomingCall {
+  using Traits = MethodTraits<decltype(Method)>;
+  using Protocol = typename Traits::Protocol;
+
+ public:
+  TypedCall(std::shared_ptr<Protocol> object, wire::Reader& in) : object_(std::move(object)) {
+    readValues(in, arguments_);
+  }
+  void run() override { run(typename Traits::Indices()); }
+
+ private:
+  template <std::size_t... I>
+  void run(std::index_sequence<I...>) {
+    // Neither outlives the call of the method, whoever keeps the reply.
+    const std::shared_ptr<Protocol> object = std::move(object_);
+    [[maybe_unused]] auto arguments = std::move(arguments_);
+    ((*object).*Method)(std::move(std::get<I>(arguments))..., Traits::Replies::answering(shared_from_this()));
   }
 
-  template <auto Method, std::size_t... I>
-  static int prepare(const std::shared_ptr<void>& object, [[maybe_unused]] sd_bus_message* message,
-                     std::shared_ptr<IncomingCall> call, Block& made, std::index_sequence<I...>) {
-    std::tuple<std::tuple_element_t<I, All>...> arguments;
-    int r = 0;
-    ((r = r < 0 ? r : Wire<std::tuple_element_t<I, All>>::read(message, std::get<I>(arguments))), ...);
-    if (r < 0) return r;
-    made = [object = std::static_pointer_cast<P>(object), arguments = std::move(arguments),
-            call = std::move(call)]() mutable {
-      ((*object).*Method)(std::move(std::get<I>(arguments))..., Replies::answering(std::move(call)));
-    };
-    return r;
+  std::shared_ptr<Protocol> object_;
+  typename Traits::Values arguments_;
+};
+
+/// The reply to a call that goes out.
+template <class ReplyFunction>
+class TypedReply final : public OutgoingCall {
+  using Traits = ReplyTraits<ReplyFunction>;
+
+ public:
+  TypedReply(const char* member, std::shared_ptr<const ErrorHandler> on_error, ReplyFunction reply)
+      : OutgoingCall(member, Traits::signature(), std::move(on_error)), reply_(std::move(reply)) {}
+  void read(wire::Reader& in) override { readValues(in, results_); }
+  void deliver() override {
+    if (reply_) std::apply(reply_, std::move(results_));
   }
+
+ private:
+  ReplyFunction reply_;
+  typename Traits::Values results_;
 };
 
 }  // namespace details
 
 template <auto Method>
-MethodDescription method(const char* name) {
+MethodDescription method(const char* name, std::vector<const char*> in_names,
+                         std::vector<const char*> out_names) {
   using Traits = details::MethodTraits<decltype(Method)>;
-  using Indices = std::make_index_sequence<Traits::count>;
-  return {name, Traits::signature(Indices()), Traits::Replies::signature(),
-          [](const std::shared_ptr<void>& object, sd_bus_message* message, std::shared_ptr<IncomingCall> call,
-             Block& made) {
-            return Traits::template prepare<Method>(object, message, std::move(call), made, Indices());
-          }};
+  return {name,
+          Traits::signature(),
+          Traits::Replies::signature(),
+          [](const std::shared_ptr<void>& object, wire::Reader& arguments) -> std::shared_ptr<IncomingCall> {
+            return std::make_shared<details::TypedCall<Method>>(
+                std::static_pointer_cast<typename Traits::Protocol>(object), arguments);
+          },
+          std::move(in_names),
+          std::move(out_names)};
 }
 
 }  // namespace kelvane::xpc

@@ -9,74 +9,75 @@
 #include <string>
 
 #include "kelvane/value.h"
+#include "platform/wire/reader.h"
+#include "platform/wire/writer.h"
 #include "platform/xpc/endpoint.h"
 #include "platform/xpc/error.h"
 
-struct sd_bus_message;
-
 namespace kelvane::xpc {
 
-/// So many arrays and dictionaries may stand one within the other in a value that travels. Deeper than any
-/// property list in use, and far above the end of any thread's stack.
-inline constexpr std::size_t most_nested = 31;
+/// So many arrays and dictionaries may stand one within the other in a value that travels: D-Bus allows 64
+/// containers, and a dictionary in a dictionary is three (a variant, an array and an entry).
+inline constexpr std::size_t most_nested = 20;
 
 /// A value of any kind, but never nothing, as one D-Bus variant.
 struct Anything {
   Value value;
 };
 
-/// `signature`; `write` returns a negative errno-style code when the value cannot travel (nested too deep);
-/// `read` likewise when the message holds something else or something that no property list can hold.
+/// `signature`; `write` writes one value, and leaves the writer with a fault when it cannot travel (nested
+/// too deep); `read` reads one, and leaves the reader with a fault when the message holds something else
+/// (mismatched), something that no property list can hold (unusable), or too much (excessive).
 template <class T>
 struct Wire;
 
 template <>
 struct Wire<std::int32_t> {
   static constexpr const char* signature = "i";
-  static int write(sd_bus_message* message, std::int32_t number);
-  static int read(sd_bus_message* message, std::int32_t& number);
+  static void write(wire::Writer& out, std::int32_t number) { out.writeInt32(number); }
+  static void read(wire::Reader& in, std::int32_t& number) { number = in.readInt32(); }
 };
 template <>
 struct Wire<std::uint32_t> {
   static constexpr const char* signature = "u";
-  static int write(sd_bus_message* message, std::uint32_t number);
-  static int read(sd_bus_message* message, std::uint32_t& number);
+  static void write(wire::Writer& out, std::uint32_t number) { out.writeUint32(number); }
+  static void read(wire::Reader& in, std::uint32_t& number) { number = in.readUint32(); }
 };
 template <>
 struct Wire<std::string> {
   static constexpr const char* signature = "s";
-  static int write(sd_bus_message* message, const std::string& text);
-  static int read(sd_bus_message* message, std::string& text);
+  static void write(wire::Writer& out, const std::string& text) { out.writeString(text); }
+  static void read(wire::Reader& in, std::string& text) { text = in.readString(); }
 };
 template <>
 struct Wire<Endpoint> {
   static constexpr const char* signature = "h";
-  static int write(sd_bus_message* message, const Endpoint& endpoint);
-  static int read(sd_bus_message* message, Endpoint& endpoint);
+  static void write(wire::Writer& out, const Endpoint& endpoint);
+  static void read(wire::Reader& in, Endpoint& endpoint);
 };
 template <>
 struct Wire<Dictionary> {
   static constexpr const char* signature = "a{sv}";
-  static int write(sd_bus_message* message, const Dictionary& dictionary);
-  static int read(sd_bus_message* message, Dictionary& dictionary);
+  static void write(wire::Writer& out, const Dictionary& dictionary);
+  static void read(wire::Reader& in, Dictionary& dictionary);
 };
 template <>
 struct Wire<std::optional<Dictionary>> {
   static constexpr const char* signature = "aa{sv}";
-  static int write(sd_bus_message* message, const std::optional<Dictionary>& dictionary);
-  static int read(sd_bus_message* message, std::optional<Dictionary>& dictionary);
+  static void write(wire::Writer& out, const std::optional<Dictionary>& dictionary);
+  static void read(wire::Reader& in, std::optional<Dictionary>& dictionary);
 };
 template <>
 struct Wire<Anything> {
   static constexpr const char* signature = "v";
-  static int write(sd_bus_message* message, const Anything& anything);
-  static int read(sd_bus_message* message, Anything& anything);
+  static void write(wire::Writer& out, const Anything& anything);
+  static void read(wire::Reader& in, Anything& anything);
 };
 template <>
 struct Wire<Value> {  // may be nothing
   static constexpr const char* signature = "av";
-  static int write(sd_bus_message* message, const Value& value);
-  static int read(sd_bus_message* message, Value& value);
+  static void write(wire::Writer& out, const Value& value);
+  static void read(wire::Reader& in, Value& value);
 };
 template <>
 struct Wire<Outcome> {

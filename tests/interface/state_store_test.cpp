@@ -114,11 +114,11 @@ TEST_F(StateStore, AValueThatNestsTooDeepForTheWholeStateToTravelIsNotTakenAndSa
     for (int array = 0; array < arrays; ++array) value = Array{value};
     return value;
   };
-  write(nested(30), "k");
+  write(nested(19), "k");
   EXPECT_EQ(log_.count(3, ""), 0u);
-  write(nested(31), "k");
-  EXPECT_EQ(log_.count(3, "_clientSetState:key:replyBlock: value for key: k nests deeper than 30"), 1u);
-  EXPECT_EQ(read("k"), nested(30));
+  write(nested(20), "k");
+  EXPECT_EQ(log_.count(3, "_clientSetState:key:replyBlock: value for key: k nests deeper than 19"), 1u);
+  EXPECT_EQ(read("k"), nested(19));
 }
 
 TEST_F(StateStore, WhatWasWrittenIsThereForWhoeverOpensTheSuiteNext) {

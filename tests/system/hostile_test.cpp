@@ -85,15 +85,15 @@ TEST(HostilePeers, AValueThatIsStoredNestedAsDeepAsMayBeIsReadWithTheWholeState)
   Daemon daemon;
   Client client(daemon);
   Value nested = "bottom";
-  for (int array = 1; array <= 31; ++array) {
+  for (int array = 1; array <= 20; ++array) {
     nested = Array{nested};
     client.setState(nested, "com.example." + std::to_string(array));
   }
   const Value state = client.state(KELVANE_USER_DEFAULTS);
   EXPECT_EQ(client.failure(), "");
   ASSERT_TRUE(state.isDictionary());
-  EXPECT_EQ(Value(Array{(*state.dictionary())["com.example.30"]}), nested);
-  EXPECT_FALSE(state.dictionary()->contains("com.example.31"));
+  EXPECT_EQ(Value(Array{(*state.dictionary())["com.example.19"]}), nested);
+  EXPECT_FALSE(state.dictionary()->contains("com.example.20"));
 }
 
 TEST(HostilePeers, CheckInsWithOddIdentifiersAreServedOrRefusedAndHarmNobody) {

@@ -148,7 +148,6 @@ TEST_F(ConnectionEnd, NothingThatTheConnectionHeldOutlivesIt) {
     // Each keeps the connection, which keeps each.
     connection->setInterruptionHandler([held, connection] {});
     connection->setInvalidationHandler([held, connection] {});
-    connection->setClosedHandler([held, connection] {});
     connection->setExportedObject<EchoProtocol>(std::make_shared<Echo>());
     connection->resume();
     const auto remote =

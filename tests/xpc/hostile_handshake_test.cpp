@@ -36,7 +36,7 @@ TEST_P(HostileHandshake, AnotherUsersNumberIsRefused) {
   EchoServer server(GetParam());
   RawPeer peer = server.rawPeer();
   peer.send("\0AUTH EXTERNAL 3132333435\r\n"s);
-  EXPECT_EQ(peer.readLine(), "REJECTED\r\n");
+  EXPECT_EQ(peer.readLine(), "REJECTED EXTERNAL\r\n");
   peer.send("BEGIN\r\n" + echoCall(1, 8).bytes());
   server.expectOthersAreServed();
   clock.advance(5 * second);

@@ -229,10 +229,31 @@ TEST_P(HostileMessage, AWrongEndiannessFlagEndsTheConnection) {
   expectEnd(peer);
 }
 
-TEST_P(HostileMessage, ABodyThatContradictsItsSignatureIsAnswered) {
+TEST_P(HostileMessage, ABodyThatContradictsItsSignatureEndsTheConnection) {
+  RawPeer peer = servedPeer();
   RawMessage call = echoCall(2, 8);
   call.body = call.body.substr(0, 9);  // the array claims more
-  expectError(call, "InvalidArgs");
+  peer.send(call.bytes());
+  expectEnd(peer);
+}
+
+TEST_P(HostileMessage, ABodyThatContradictsItsSignatureEndsTheConnectionWhoeverItIsFor) {
+  for (const char* member : {"noSuchMethod", "greet"}) {
+    RawPeer peer = servedPeer();
+    RawMessage call = echoCall(2, 8);
+    call.member = member;
+    call.body = call.body.substr(0, 9);
+    peer.send(call.bytes());
+    expectEnd(peer);
+  }
+}
+
+TEST_P(HostileMessage, ABodyThatIsMalformedBehindWhatIsRefusedEndsTheConnection) {
+  RawPeer peer = servedPeer();
+  RawMessage call = echoCallOf(2, "(s)", [](RawWriter& out) { out.align(8).text("x"); });
+  call.body.back() = 'y';  // the text's terminator
+  peer.send(call.bytes());
+  expectEnd(peer);
 }
 
 TEST_P(HostileMessage, AWrongSignatureIsAnswered) {
@@ -250,7 +271,7 @@ TEST_P(HostileMessage, AnUnknownMethodInterfaceOrObjectIsAnswered) {
   expectError(method, "UnknownMethod");
   RawMessage interface = echoCall(2, 8);
   interface.interface = "no.such.Interface";
-  expectError(interface, "UnknownMethod");
+  expectError(interface, "UnknownInterface");
   RawMessage object = echoCall(2, 8);
   object.path = "/no/such/object";
   expectError(object, "UnknownObject");
@@ -268,7 +289,11 @@ TEST_P(HostileMessage, AReplyThatNobodyAskedForIsIgnored) {
   server_.expectOthersAreServed();
 }
 
-TEST_P(HostileMessage, NoDescriptorForAnEndpointIsAnswered) { expectError(openBackCall(0), "InvalidArgs"); }
+TEST_P(HostileMessage, NoDescriptorForAnEndpointEndsTheConnection) {
+  RawPeer peer = servedPeer();
+  peer.send(openBackCall(0).bytes());
+  expectEnd(peer);
+}
 
 TEST_P(HostileMessage, ARegularFileForAnEndpointIsAnswered) {
   const FileDescriptor file(::open("/proc/self/stat", O_RDONLY | O_CLOEXEC));

@@ -130,7 +130,7 @@ TEST(Listener, ARefusedPeerIsClosedBeforeAByteIsRead) {
   EXPECT_EQ(configured, 0);
 }
 
-TEST(Listener, OneUserOtherThanRootHasSoManyConnectionsAndNoMore) {
+TEST(Listener, AUserHasAsManyConnectionsAsTheAccountAllowsAndNoMore) {
   const test::TemporaryDirectory folder;
   ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
   const std::string path = folder / "capped.sock";
@@ -138,7 +138,12 @@ TEST(Listener, OneUserOtherThanRootHasSoManyConnectionsAndNoMore) {
   const auto listener = xpc::Listener::initWithSocketPath(path, 0666, reason);
   ASSERT_TRUE(listener) << reason;
   const auto echo = std::make_shared<Echo>();
-  listener->setConnectionsPerUser(3);
+  wire::Limits limits = wire::ordinaryLimits();
+  limits.at(static_cast<std::size_t>(wire::Resource::connections)) = 3;
+  wire::Accounts accounts(limits, limits);
+  std::atomic<int> refused{0};
+  listener->setAccounts(accounts);
+  listener->setRefusalHandler([&](const xpc::PeerCredentials&) { ++refused; });
   listener->setConnectionHandler([&](const std::shared_ptr<xpc::Connection>& accepted) {
     accepted->setExportedObject<EchoProtocol>(echo);
     accepted->resume();
@@ -167,6 +172,7 @@ print("again", end="")
   const ProgramResult result = runProgram(as_nobody + "/usr/bin/python3 -c " + quoted(script) + " " + path);
   EXPECT_EQ(result.status, 0) << result.output;
   EXPECT_EQ(result.output, "3 again");
+  EXPECT_GE(refused, 3);
   listener->invalidate();
 }
 

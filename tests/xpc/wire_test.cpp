@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <limits>
 #include <mutex>
 
@@ -119,20 +120,26 @@ TEST_F(Wire, WhatIsNoUnicodeTravelsAsTheReplacementCharacterAndCostsNothingElse)
 }
 
 TEST_F(Wire, WhatIsNestedTooDeepToTravelCallsTheErrorHandlerOfItsCallOnly) {
-  for (const int levels : {32, 200, 2000}) {
+  std::vector<Value> values;
+  for (const int levels : {31, 64, 200, 2000}) {
     Value deep = "bottom";
     for (int level = 0; level < levels; ++level) deep = Array{deep};
+    values.push_back(deep);
+  }
+  values.emplace_back("bottom");
+  for (int level = 0; level < 21; ++level) values.back() = Dictionary{{"inner", values.back()}};
+  for (const Value& deep : values) {
     const Answer answer = ask(connection_, {{"value", deep}});
     EXPECT_FALSE(answer.reply);
     ASSERT_TRUE(answer.error);
-    EXPECT_EQ(answer.error->name, xpc::error_limits_exceeded) << levels;
+    EXPECT_EQ(answer.error->name, xpc::error_limits_exceeded);
     EXPECT_TRUE(ask(connection_, {}).reply);
   }
 }
 
-TEST_F(Wire, WhatIsNestedAsDeepAsAPropertyListIsEverTravels) {
+TEST_F(Wire, WhatIsNestedAsDeepAsDBusAllowsTravels) {
   Value deep = "bottom";
-  for (int level = 0; level < 31; ++level) deep = Dictionary{{"inner", deep}};
+  for (int level = 0; level < 20; ++level) deep = Dictionary{{"inner", deep}};
   EXPECT_EQ(roundTrip(deep), deep);
 }
 
@@ -177,8 +184,11 @@ class ForeignWire : public testing::Test {
     const std::string back = "value\0"s + static_cast<char>(written_as.size()) + written_as + "\0"s;
     EXPECT_NE(reply->bytes.find(back), std::string::npos) << signature;
   }
-  void expectRefused(const std::string& signature, const std::function<void(RawWriter&)>& write) {
-    peer_.send(echoCallOf(++serial_, signature, write).bytes());
+  void expectRefused(const std::string& signature, const std::function<void(RawWriter&)>& write,
+                     const std::vector<int>& descriptors = {}) {
+    RawMessage call = echoCallOf(++serial_, signature, write);
+    call.descriptors = static_cast<std::uint32_t>(descriptors.size());
+    peer_.send(call.bytes(), descriptors);
     const auto reply = peer_.receive();
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->type, 3) << signature;
@@ -265,14 +275,17 @@ TEST_F(ForeignWire, WhatNoPropertyListHoldsIsRefused) {
   expectRefused("(xx)", [](RawWriter& out) { out.align(8).number(1, 8).number(2, 8); });
   expectRefused("(s)", [](RawWriter& out) { out.align(8).text("x"); });
   expectRefused("a{us}", [](RawWriter& out) { out.number(10).align(8).number(1).text("x"); });
-  expectRefused("h", number(0, 4));
+  const FileDescriptor file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  expectRefused("h", number(0, 4), {file.get()});
 }
 
-TEST_F(ForeignWire, WhatIsNestedTooDeepIsRefused) {
-  expectRefused("v", [](RawWriter& out) {
-    for (int level = 0; level < 100; ++level) out.signature("v");
-    out.signature("y").raw("\1");
-  });
+TEST_F(ForeignWire, WhatIsNestedDeeperThanDBusAllowsEndsTheConnection) {
+  peer_.send(echoCallOf(1, "v", [](RawWriter& out) {
+               for (int level = 0; level < 100; ++level) out.signature("v");
+               out.signature("y").raw("\1");
+             }).bytes());
+  EXPECT_FALSE(peer_.receive());
+  server_.awaitAnEnd();
 }
 
 }  // namespace

@@ -1,0 +1,59 @@
+#include "platform/xpc/answer.h"
+
+#include <string>
+
+#include "platform/wire/header.h"
+#include "platform/wire/names.h"
+#include "platform/wire/protocol.h"
+#include "platform/xpc/error.h"
+
+namespace kelvane::xpc {
+
+wire::Outgoing& scratchMessage() {
+  thread_local wire::Outgoing message;
+  return message;
+}
+
+void makeReply(wire::Outgoing& answer, std::uint32_t serial, std::string_view signature,
+               FunctionRef<void(wire::Writer&)> write) {
+  wire::Header header;
+  header.type = wire::MessageType::method_return;
+  header.flags = wire::flag_no_reply_expected;
+  header.reply_serial = serial;
+  header.signature = signature;
+  wire::Writer out(answer, header);
+  write(out);
+  const wire::Writer::Fault fault = out.finish();
+  if (fault == wire::Writer::Fault::none) return;
+  makeError(answer, serial, error_limits_exceeded,
+            std::string("the answer cannot be sent: ").append(textOf(fault)));
+}
+
+void makeError(wire::Outgoing& answer, std::uint32_t serial, std::string_view name,
+               std::string_view message) {
+  wire::Header header;
+  header.type = wire::MessageType::error;
+  header.flags = wire::flag_no_reply_expected;
+  header.reply_serial = serial;
+  header.error_name = wire::isErrorName(name) ? name : error_failed;
+  header.signature = "s";
+  wire::Writer out(answer, header);
+  out.writeString(message);
+  static_cast<void>(out.finish());  // a text and two short fields: it always travels
+}
+
+std::string_view textOf(wire::Writer::Fault fault) {
+  switch (fault) {
+    case wire::Writer::Fault::none:
+      return "nothing is wrong";
+    case wire::Writer::Fault::too_long:
+      return "it is longer than D-Bus allows";
+    case wire::Writer::Fault::too_deep:
+      return "it is nested deeper than D-Bus allows";
+    case wire::Writer::Fault::invalid:
+      return "D-Bus has no form for it";
+  }
+  return "";
+}
+
+}  // namespace kelvane::xpc
