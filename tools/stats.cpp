@@ -48,7 +48,16 @@ bool readLine(std::string_view text, Line& line) {
   return std::from_chars(text.data(), text.data() + text.size(), line.value).ec == std::errc();
 }
 
-std::string figure(double value) { return rightAligned(fmt::format("{:.6g}", value), figure_width); }
+std::string figure(double value) {
+  std::string text = fmt::format("{:.6g}", value);
+  if (text.size() > figure_width) text = fmt::format("{:.5g}", value);
+  return rightAligned(text, figure_width);
+}
+
+std::string countText(double count) {
+  const std::string text = fmt::format("{:.0f}", count);
+  return text.size() <= figure_width ? rightAligned(text, figure_width) : figure(count);
+}
 
 }  // namespace
 
@@ -71,8 +80,7 @@ std::string statsScreen(const Stats& stats, const Screen& screen) {
   const std::size_t room = screen.width - figure_width - 1;
   std::string text = coloured(screen, Colour::bold, "Counters") + "\n";
   for (const auto& [key, count] : stats.counters) {
-    text += fitted(screen, printable(screen, key), room) + " " +
-            rightAligned(fmt::format("{:.0f}", count), figure_width) + "\n";
+    text += fitted(screen, printable(screen, key), room) + " " + countText(count) + "\n";
   }
   text += "\n" + coloured(screen, Colour::bold, "Distributions: least, mean, most") + "\n";
   for (const auto& [key, it] : stats.distributions) {

@@ -336,6 +336,24 @@ TEST(DefinitionReader, RefusesWhatIsNotTomlOrNotText) {
   EXPECT_THAT(problemsOf("a = " + std::string(30000, '[') + "\n"), SizeIs(1));
 }
 
+TEST(DefinitionReader, RefusesATableWhoseNameBeginsWithAnInvalidCharacter) {
+  for (const char* text : {"[~npm]", "[(holder]\nname = 3\n", "[[~]]", "[holder.~]", "holder.~ = 1"}) {
+    EXPECT_THAT(problemsOf(std::string(text)), ElementsAre(HasSubstr("npm.toml:1: "))) << text;
+  }
+}
+
+TEST(DefinitionReader, RefusesLettersBeyondAsciiOutsideOfTexts) {
+  for (const char* text : {"\xc3\xa9 = 1", "[holder] \xc3\xa9", "[h\xcd\x9b]", "a = \xe3\x80\x81"}) {
+    EXPECT_THAT(problemsOf(std::string(text)), ElementsAre(HasSubstr("npm.toml:1: "))) << text;
+  }
+}
+
+TEST(DefinitionReader, QuotesNoControlCharacters) {
+  for (const std::string& problem : problemsOf(std::string("a = f\v\033[31m\n\"x\"\n")))
+    EXPECT_EQ(problem.find_first_of("\v\033\n"), std::string::npos) << problem;
+  EXPECT_THAT(problemsOf(std::string("a = f\v\n")), SizeIs(1));
+}
+
 TEST(DefinitionReader, RefusesWhatIsTooLong) {
   EXPECT_THAT(problemsOf(std::string(10U << 20, '#')), ElementsAre("npm.toml: it is larger than 64 KiB"));
 }

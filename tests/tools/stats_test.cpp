@@ -52,5 +52,14 @@ TEST(StatsScreen, FitsEveryWidth) {
             "             1         2.5         5.5\n");
 }
 
+TEST(StatsScreen, FitsFiguresOfAnySize) {
+  tools::Stats stats;
+  for (const double count : {2.5e300, -2.5e300, 1e12, -1e12, 123456789012.0}) {
+    stats.counters["count"] = count;
+    stats.distributions["samples"] = {1, -1.23456e-300, -1.23456e+300, -1.23456e-300};
+    expectFits(tools::statsScreen(stats, plain(40)), plain(40));
+  }
+}
+
 }  // namespace
 }  // namespace kelvane::tests

@@ -1,0 +1,94 @@
+// The same bytes to this system's parser, to libdbus and to sd-bus: they accept the same and read the same
+// values from it, but for the differences in differences.h.
+//
+// Input: flags (bit 0: put the right length of the body into the header first), then the bytes of one
+// message. What is behind its end is cut off.
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "fuzz/body_text.h"
+#include "fuzz/differences.h"
+#include "fuzz/lax_body.h"
+#include "fuzz/peers.h"
+#include "fuzz/target.h"
+
+namespace kelvane::fuzz {
+namespace {
+
+using wire::Bytes;
+
+std::uint32_t numberAt(std::span<const std::uint8_t> bytes, std::size_t at) {
+  std::uint32_t number = 0;
+  const bool big_endian = bytes[0] == 'B';
+  for (std::size_t i = 0; i < 4; ++i) number = number << 8U | bytes[at + (big_endian ? i : 3 - i)];
+  return number;
+}
+
+void putNumberAt(std::span<std::uint8_t> bytes, std::size_t at, std::uint32_t number) {
+  const bool big_endian = bytes[0] == 'B';
+  for (std::size_t i = 0; i < 4; ++i)
+    bytes[at + (big_endian ? 3 - i : i)] = static_cast<std::uint8_t>(number >> (8 * i));
+}
+
+/// The lengths stand in the first 16 bytes; the body begins at a multiple of 8 behind the fields.
+void repairBodyLength(std::span<std::uint8_t> message) {
+  const std::uint64_t fields = numberAt(message, wire::fields_length_offset);
+  const std::uint64_t body_at = (wire::fixed_header_size + fields + 7) / 8 * 8;
+  if (body_at <= message.size())
+    putNumberAt(message, wire::body_length_offset, static_cast<std::uint32_t>(message.size() - body_at));
+}
+
+Judged judge(Bytes bytes) {
+  Judged judged{bytes, wire::parseMessage(bytes), false};
+  judged.accepted =
+      judged.message && judged.message->header.descriptors == 0 && wire::isBodyValid(*judged.message, 0);
+  if (judged.message && judged.message->header.descriptors == 0) {
+    require(judged.accepted == isBodyValidBut(*judged.message, {}),
+            "the simple reader agrees with the fast one");
+  }
+  return judged;
+}
+
+void compareLibdbus(const Judged& judged, std::span<const std::uint8_t> message) {
+  const std::optional<Opinion> opinion = opinionOfLibdbus(message);
+  if (!opinion)
+    return require(!judged.accepted || libdbusMayRefuse(judged), "libdbus accepts what is accepted here");
+  if (!judged.accepted) return require(libdbusMayAccept(judged), "what libdbus accepts is accepted here");
+  require(opinion->header == headerText(judged.message->header), "libdbus reads the same header");
+  require(opinion->body == bodyText(*judged.message), "libdbus reads the same body");
+}
+
+void compareSdBus(const Judged& judged, std::span<const std::uint8_t> message) {
+  static SdBus sd_bus;
+  const std::optional<Opinion> opinion = sd_bus.opinion(message);
+  if (!opinion)
+    return require(!judged.accepted || sdBusMayRefuse(judged), "sd-bus accepts what is accepted here");
+  if (!judged.accepted) return require(sdBusMayAccept(judged), "what sd-bus accepts is accepted here");
+  require(opinion->header == headerText(judged.message->header), "sd-bus reads the same header");
+  require(opinion->body == bodyText(*judged.message), "sd-bus reads the same body");
+}
+
+}  // namespace
+
+void examine(std::span<const std::uint8_t> input) {
+  constexpr std::size_t longest = 64U << 10U;  // fits the socket
+  Choices choices(input);
+  const bool repairs = (choices.byte() & 1U) != 0;
+  const auto left = choices.bytes(longest);
+  if (left.size() < wire::fixed_header_size) return;
+  std::vector<std::uint8_t> message(left.begin(), left.end());
+  if (repairs) repairBodyLength(message);
+  const auto start = std::as_bytes(std::span(message)).first<wire::fixed_header_size>();
+  const std::optional<std::size_t> claimed = wire::claimedSize(start);
+  if (claimed) message.resize(std::min(message.size(), *claimed));
+  message.shrink_to_fit();
+  const Judged judged = judge(std::as_bytes(std::span(message)));
+  compareLibdbus(judged, message);
+  // sd-bus would wait for the rest.
+  const bool has_its_end = !claimed || *claimed == message.size();
+  if (has_its_end) compareSdBus(judged, message);
+}
+
+}  // namespace kelvane::fuzz
