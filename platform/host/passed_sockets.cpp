@@ -25,7 +25,7 @@ struct PassedSocket {
 std::string takeName(std::string_view& names, bool& any_left) {
   if (!any_left) return "unknown";
   const std::size_t colon = names.find(':');
-  const std::string name(names.substr(0, colon));
+  std::string name(names.substr(0, colon));
   any_left = colon != std::string_view::npos;
   if (any_left) names.remove_prefix(colon + 1);
   return name;

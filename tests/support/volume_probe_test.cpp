@@ -106,18 +106,17 @@ TEST_F(Probe, WhoAsksWhileAQuestionIsOutWaitsForThatOne) {
 }
 
 TEST_F(Probe, PutsNoMoreQuestionsThanItHasThreadsToSpare) {
-  std::vector<std::thread> asking;
-  for (std::size_t i = 0; i < most_probes; ++i) {
-    asking.emplace_back([this, i] { EXPECT_FALSE(ask("/hung" + std::to_string(i))); });
-  }
-  while (file_system_.asked() < static_cast<int>(most_probes)) std::this_thread::yield();
-  EXPECT_FALSE(ask("/one more"));
-  EXPECT_EQ(file_system_.asked(), static_cast<int>(most_probes));
-  clock_.awaitWaiterFor(probe_patience, most_probes);
-  clock_.advance(probe_patience);
-  for (std::thread& thread : asking) thread.join();
+  const auto put = [this](std::uint64_t mount) {
+    return probe_.put({"/hung", mount}, [this] { return file_system_.ask("/hung"); });
+  };
+  std::vector<std::shared_ptr<VolumeProbe<VolumeSpace>::Question>> questions;
+  for (std::uint64_t mount = 1; mount <= most_probes; ++mount) questions.push_back(put(mount));
+  const auto one_more = put(most_probes + 1);
+  EXPECT_EQ(one_more, nullptr);
+  EXPECT_FALSE(probe_.answerTo(one_more));
+  EXPECT_EQ(put(1), questions.front()) << "is out already";
   file_system_.answer();
-  while (log_.count("answers again") < most_probes) std::this_thread::yield();
+  for (const auto& question : questions) EXPECT_TRUE(probe_.answerTo(question));
 }
 
 TEST_F(Probe, ANewMountAtThePathOfOneThatHangsIsAskedByItself) {
