@@ -69,6 +69,7 @@ void Registration::end() {
 void Registration::attempt() {
   drop();
   phase_ = Phase::asking;
+  appeared_meanwhile_ = false;
   daemon_ = xpc::Connection::initWithSocketPath(socket_);
   listen(current_);
   if (listener_ == nullptr) {
@@ -172,7 +173,9 @@ void Registration::daemonGone(Attempt attempt, bool established) {
   }
 }
 
+/// During an attempt too: it may have come too early for this socket, and the next may be a minute away.
 void Registration::socketAppeared() {
+  if (phase_ == Phase::asking) appeared_meanwhile_ = true;
   if (phase_ != Phase::waiting) return;
   pause_ = first_pause;
   attempt();
@@ -181,6 +184,7 @@ void Registration::socketAppeared() {
 void Registration::wait(ServiceState state, const std::string& reason) {
   const bool lasted = phase_ == Phase::registered && Clock::current().now() - registered_at_ >= lasting;
   if (lasted) pause_ = 0;
+  if (appeared_meanwhile_) pause_ = first_pause;
   phase_ = Phase::waiting;
   drop();
   report(state, reason);

@@ -185,7 +185,10 @@ void Executor::poll(Lock& lock) {
   after_timer_ = count == 1 && events[0].data.u64 == timer_identity;
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = events[static_cast<std::size_t>(i)];
-    if (event.data.u64 == timer_identity) timers_due = true;
+    if (event.data.u64 == timer_identity) {
+      timers_due = true;
+      armed_ = 0;
+    }
     const auto source = sources_.find(event.data.u64);
     if (source == sources_.end()) continue;
     auto state = source->second.lock();
@@ -350,10 +353,12 @@ void Executor::removeTimer(TimerState& timer) {
   timers_.erase(timer.place);
 }
 
-/// Arms for `deadline` when nothing due before it is armed already; called with it in `timers_`.
-void Executor::armTimerDescriptor(std::uint64_t deadline) const {
+/// Does nothing while the kernel's timer is set to something earlier, be it to a timer that was removed
+/// since: it is armed anew when that is due. So timers that seldom come to their end cost no system calls.
+void Executor::armTimerDescriptor(std::uint64_t deadline) {
   const std::optional<std::uint64_t> delay = Clock::current().realDelay(deadline);
-  if (!delay || timers_.begin()->first < deadline) return;
+  if (!delay || (armed_ != 0 && armed_ <= deadline)) return;
+  armed_ = deadline;
   armTimer(timer_descriptor_, std::chrono::nanoseconds(std::max<std::uint64_t>(*delay, 1)));
 }
 

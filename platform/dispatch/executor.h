@@ -118,7 +118,7 @@ class Executor {
   void callThread();
   void addThread();
   void wakePoller() const;
-  void armTimerDescriptor(std::uint64_t deadline) const;
+  void armTimerDescriptor(std::uint64_t deadline);
   void beginBlocking();
   void endBlocking();
 
@@ -151,6 +151,7 @@ class Executor {
   } seen_{};  // what the watchman last saw, or would have when it was called
   std::unordered_map<std::uint64_t, std::weak_ptr<EventSourceState>> sources_;
   std::multimap<std::uint64_t, std::shared_ptr<TimerState>> timers_;
+  std::uint64_t armed_ = 0;  // what the kernel's timer is set to; 0 when it is not
 };
 
 /// Stands for the time in which the calling thread is blocked in one of this folder's waits.

@@ -134,6 +134,8 @@ class Connection final : public std::enable_shared_from_this<Connection> {
 
   void read();
   [[nodiscard]] bool peerMustWait() const;
+  [[nodiscard]] bool hasNothingLeft() const;
+  void endOfInput();
   void awaitRelease(wire::Resource resource);
   void goOnAfter(wire::Transport::Outcome progress);
   void updateDeadlines(bool took_message);
@@ -170,6 +172,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   std::optional<wire::Transport> transport_;  // while open
   Greeting greeting_ = Greeting::none_due;
   bool hung_up_ = false;  // nothing more will come than what the socket holds
+  bool goes_on_ = true;   // the transport was not told to keep messages that it has read
   bool out_watched_ = false;
   std::uint64_t waiting_calls_ = 0;  // handed to the queue, and not yet handled
   UnreadReplies unread_replies_;

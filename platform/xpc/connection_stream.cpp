@@ -17,7 +17,9 @@
 //
 // A round that is asked for once too often reads nothing and costs one system call.
 
+#include <linux/sockios.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <utility>
 
 #include "platform/xpc/connection_internal.h"
@@ -48,26 +50,36 @@ bool Connection::peerMustWait() const {
 }
 
 void Connection::read() {
-  if (peerMustWait() || awaits_release_.load()) return watchForWriting();
+  if (peerMustWait() || awaits_release_.load()) return hasNothingLeft() ? endOfInput() : watchForWriting();
   Round round;
   if (exported_interface_ != nullptr) {
     round.next_call = wire::Charge::of(account_, wire::Resource::calls, 1);
     if (!round.next_call) {
+      if (hasNothingLeft()) return endOfInput();
       if (established_) deadline_.cancel();
       return awaitRelease(wire::Resource::calls);
     }
   }
   const Progress progress =
-      transport_->receive([this, &round](Received& received) { return take(round, received); });
+      transport_->receive([this, &round](Received& received) { return goes_on_ = take(round, received); });
   if (!round.broken.empty() || progress == Progress::ended) {
     finish(Cause::interruption, round.broken.empty() ? transport_->reason() : round.broken);
     return;
   }
+  if (progress == Progress::no_room && hasNothingLeft()) return endOfInput();
   updateDeadlines(round.took_message);
   unread_replies_.noteQueued(transport_->queuedBytes());
   watchForWriting();
   goOnAfter(progress);
 }
+
+/// Whether reading on would find the end and nothing else: what is not read does not tell it.
+bool Connection::hasNothingLeft() const {
+  int bytes = 0;
+  return hung_up_ && goes_on_ && ::ioctl(transport_->socket(), SIOCINQ, &bytes) == 0 && bytes == 0;
+}
+
+void Connection::endOfInput() { finish(Cause::interruption, "the peer closed the connection"); }
 
 void Connection::goOnAfter(Progress progress) {
   if (progress == Progress::no_room) {

@@ -51,26 +51,43 @@ bool isClosed(int socket) {
   return ::poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLERR)) != 0;
 }
 
-/// The descriptor that came with one message; empty when none did. `closed` when the far end is gone.
-FileDescriptor receiveDescriptor(int socket, bool& closed, bool& again) {
-  char byte = 0;
-  iovec data{&byte, 1};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-  msghdr message{};
-  message.msg_iov = &data;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  // Room for one: the kernel closes what more the sender attached.
-  message.msg_controllen = CMSG_LEN(sizeof(int));
-  const ssize_t length = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  closed = length == 0 ? isClosed(socket) : length < 0 && errno != EAGAIN && errno != EINTR;
-  again = length >= 0;
-  const cmsghdr* const header = length > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
-  if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) return {};
-  int descriptor = -1;
-  std::memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
-  return FileDescriptor(descriptor);
-}
+/// Messages of one byte each, with at most one descriptor each: the kernel closes what more a sender
+/// attached.
+class Packets {
+ public:
+  static constexpr std::size_t most = 8;
+
+  /// How many came; negative, and errno, when none did.
+  int receive(int socket) {
+    for (std::size_t i = 0; i < most; ++i) {
+      data_[i] = {&bytes_[i], 1};
+      headers_[i] = {};
+      headers_[i].msg_hdr.msg_iov = &data_[i];
+      headers_[i].msg_hdr.msg_iovlen = 1;
+      headers_[i].msg_hdr.msg_control = control_[i].data();
+      headers_[i].msg_hdr.msg_controllen = CMSG_LEN(sizeof(int));
+    }
+    return ::recvmmsg(socket, headers_.data(), most, MSG_DONTWAIT | MSG_CMSG_CLOEXEC, nullptr);
+  }
+  /// An empty message may be the end of all.
+  [[nodiscard]] bool isEmpty(std::size_t i) const { return headers_[i].msg_len == 0; }
+  /// Empty when the message brought none.
+  FileDescriptor takeDescriptor(std::size_t i) {
+    const cmsghdr* const header = isEmpty(i) ? nullptr : CMSG_FIRSTHDR(&headers_[i].msg_hdr);
+    if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) return {};
+    int descriptor = -1;
+    std::memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
+    return FileDescriptor(descriptor);
+  }
+
+ private:
+  struct alignas(cmsghdr) Control : std::array<char, CMSG_SPACE(sizeof(int))> {};
+
+  std::array<char, most> bytes_{};
+  std::array<iovec, most> data_{};
+  std::array<mmsghdr, most> headers_{};
+  std::array<Control, most> control_{};
+};
 
 bool outOfDescriptors(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
@@ -150,7 +167,7 @@ void Listener::invalidate() {
 }
 
 void Listener::handleEvents() {
-  while (anonymous_ ? receiveOne() : acceptOne()) {
+  while (anonymous_ ? receiveSome() : acceptOne()) {
   }
 }
 
@@ -193,17 +210,34 @@ void Listener::goOn() {
   if (std::exchange(paused_, false)) source_.again();
 }
 
-bool Listener::receiveOne() {
+/// Returns whether to go on at once. Fewer than could have come are all there were.
+bool Listener::receiveSome() {
+  Packets packets;
+  std::array<FileDescriptor, Packets::most> received;
+  int count = 0;
   bool closed = false;
-  bool again = false;
-  FileDescriptor received;
   {
     const std::scoped_lock lock(mutex_);
     if (!socket_) return false;
-    received = receiveDescriptor(socket_.get(), closed, again);
+    count = packets.receive(socket_.get());
+    if (count < 0 && errno == EINTR) return true;
+    if (count < 0 && errno == EAGAIN) return false;
+    closed = count < 0;
+    for (int i = 0; i < count; ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      received[at] = packets.takeDescriptor(at);
+      closed = closed || (packets.isEmpty(at) && isClosed(socket_.get()));
+    }
   }
-  if (received) admit(std::move(received));
-  if (!closed) return again;
+  for (FileDescriptor& each : received) {
+    if (each) admit(std::move(each));
+  }
+  if (!closed) return count == static_cast<int>(Packets::most);
+  endpointClosed();
+  return false;
+}
+
+void Listener::endpointClosed() {
   Block handler;
   {
     const std::scoped_lock lock(mutex_);
@@ -211,7 +245,6 @@ bool Listener::receiveOne() {
   }
   invalidate();
   if (handler) handler();
-  return false;
 }
 
 void Listener::admit(FileDescriptor socket) {

@@ -65,7 +65,8 @@ class Listener final : public std::enable_shared_from_this<Listener> {
   explicit Listener(FileDescriptor socket, bool anonymous);
   void handleEvents();
   bool acceptOne();
-  bool receiveOne();
+  bool receiveSome();
+  void endpointClosed();
   void admit(FileDescriptor socket);
 
   // Constant after `resume`.

@@ -107,6 +107,10 @@ class Echo final : public EchoProtocol {
     const std::scoped_lock lock(mutex_);
     return last_endpoint_;
   }
+  [[nodiscard]] std::size_t keptCount() const {
+    const std::scoped_lock lock(mutex_);
+    return kept_.size();
+  }
   /// The replies that "never" has not given.
   [[nodiscard]] std::vector<xpc::Reply<>> takeKept() {
     const std::scoped_lock lock(mutex_);
@@ -147,9 +151,12 @@ struct kelvane::xpc::RemoteInterface<kelvane::tests::EchoProtocol> {
     static const InterfaceDescription it{
         "/test/echo",
         "test.Echo",
-        {method<&EchoProtocol::echo>("echo"), method<&EchoProtocol::echoAnything>("echoAnything"),
-         method<&EchoProtocol::openBack>("openBack"), method<&EchoProtocol::greet>("greet"),
-         method<&EchoProtocol::never>("never")}};
+        {method<&EchoProtocol::echo>("echo", {"info"}, {"result"}),
+         method<&EchoProtocol::echoAnything>("echoAnything", {"value"}, {"same"}),
+         method<&EchoProtocol::openBack>("openBack", {"name", "endpoint"}),
+         method<&EchoProtocol::greet>("greet", {"name"}, {"greeting"}),
+         method<&EchoProtocol::never>("never")},
+        {{"Answer", [] { return std::uint32_t{42}; }}}};
     return it;
   }
 };

@@ -1,13 +1,19 @@
 #include "tests/xpc/echo_server.h"
 
+#include <sys/stat.h>
 #include <utility>
 
 namespace kelvane::tests {
 
-EchoServer::EchoServer(Door door, xpc::ConnectionLimits limits) : limits_(limits) {
+EchoServer::EchoServer(Door door, xpc::ConnectionLimits limits, wire::Accounts* accounts) : limits_(limits) {
   std::string reason;
-  listener_ = door == Door::path ? xpc::Listener::initWithSocketPath(path(), 0600, reason)
+  const mode_t mode = accounts != nullptr ? 0666 : 0600;
+  listener_ = door == Door::path ? xpc::Listener::initWithSocketPath(path(), mode, reason)
                                  : xpc::Listener::anonymousListener();
+  if (accounts != nullptr) {
+    ::chmod(folder_.path().c_str(), 0755);
+    listener_->setAccounts(*accounts);
+  }
   endpoint_ = listener_->takeEndpoint();
   listener_->setConnectionHandler(
       [this](const std::shared_ptr<xpc::Connection>& connection) { accept(connection); });

@@ -26,7 +26,8 @@ inline std::string nameOf(const testing::TestParamInfo<Door>& info) {
 /// Serves until it is destroyed, and then waits until every connection it accepted is gone.
 class EchoServer {
  public:
-  explicit EchoServer(Door door, xpc::ConnectionLimits limits = {});
+  /// With accounts of its own it is open to every user.
+  explicit EchoServer(Door door, xpc::ConnectionLimits limits = {}, wire::Accounts* accounts = nullptr);
   ~EchoServer();
   EchoServer(const EchoServer&) = delete;
   EchoServer& operator=(const EchoServer&) = delete;

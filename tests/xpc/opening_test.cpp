@@ -1,0 +1,137 @@
+// How a connection begins, seen from the other end.
+
+#include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <array>
+#include <cstring>
+
+#include "tests/xpc/echo.h"
+#include "tests/xpc/raw_peer.h"
+
+namespace kelvane::tests {
+namespace {
+
+using namespace std::string_literals;
+
+FileDescriptor receiveDescriptor(int socket) {
+  char byte = 0;
+  iovec data{&byte, 1};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  msghdr message{};
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  if (::recvmsg(socket, &message, MSG_CMSG_CLOEXEC) != 1) return {};
+  int descriptor = -1;
+  std::memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof descriptor);
+  return FileDescriptor(descriptor);
+}
+
+/// What lies in the socket.
+std::string waiting(int socket) {
+  int size = 0;
+  EXPECT_EQ(::ioctl(socket, SIOCINQ, &size), 0);
+  std::string bytes(static_cast<std::size_t>(size), '\0');
+  EXPECT_EQ(::recv(socket, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT), size > 0 ? size : -1);
+  return bytes;
+}
+
+class Opening : public testing::Test {
+ protected:
+  Opening() {
+    std::array<int, 2> pair{};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
+    const FileDescriptor far(pair[1]);
+    connection_ = xpc::Connection::initWithListenerEndpoint(*xpc::Endpoint::adopt(FileDescriptor(pair[0])));
+    service_.emplace(receiveDescriptor(far.get()));
+  }
+  ~Opening() override {
+    connection_->invalidate();
+    dispatch_sync(connection_->queue(), [] {});
+  }
+  [[nodiscard]] std::shared_ptr<EchoProtocol> proxy() const {
+    return connection_->remoteObjectProxyWithErrorHandler<EchoProtocol>([](const xpc::Error&) {});
+  }
+  /// Up to BEGIN.
+  void readHandshake() {
+    EXPECT_EQ(service_->readLine(), RawPeer::firstLine());
+    EXPECT_EQ(service_->readLine(), "NEGOTIATE_UNIX_FD\r\n");
+    EXPECT_EQ(service_->readLine(), "BEGIN\r\n");
+  }
+
+  std::shared_ptr<xpc::Connection> connection_;
+  std::optional<RawPeer> service_;
+};
+
+// On a thread of the pool, as in the daemon: nothing else runs before the call is made.
+TEST_F(Opening, TheHandshakeWaitsForTheFirstCallAndGoesOutWithIt) {
+  const Signal called;
+  std::string before;
+  std::string after;
+  dispatch_async(dispatch_get_global_queue(0, 0), [&] {
+    connection_->resume();
+    before = waiting(service_->descriptor());
+    proxy()->greet("you", nullptr);
+    after = waiting(service_->descriptor());
+    called();
+  });
+  called.wait();
+  EXPECT_EQ(before, "");
+  const std::size_t begin = after.find("BEGIN\r\nl\1");
+  EXPECT_NE(begin, std::string::npos);
+  EXPECT_NE(after.find("greet", begin), std::string::npos);
+}
+
+TEST_F(Opening, TheHandshakeGoesOutByItselfWhenNobodyCalls) {
+  connection_->resume();
+  readHandshake();
+  EXPECT_FALSE(connection_->wasEstablished());
+  service_->send("OK 00112233445566778899aabbccddeeff\r\nAGREE_UNIX_FD\r\n");
+  while (!connection_->wasEstablished()) dispatch_sync(connection_->queue(), [] {});
+}
+
+TEST_F(Opening, ACallWithADescriptorWaitsUntilThePeerHasAgreedToTakeIt) {
+  std::array<int, 2> pair{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
+  const FileDescriptor other(pair[1]);
+  connection_->resume();
+  // The endpoint is closed here before it is sent.
+  proxy()->openBack("id", *xpc::Endpoint::adopt(FileDescriptor(pair[0])), nullptr);
+  readHandshake();
+  EXPECT_EQ(waiting(service_->descriptor()), "");
+  service_->send("OK 00112233445566778899aabbccddeeff\r\nAGREE_UNIX_FD\r\n");
+  service_->awaitInput();
+  std::array<char, 4096> bytes{};
+  iovec data{bytes.data(), bytes.size()};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  msghdr message{};
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  ASSERT_GT(::recvmsg(service_->descriptor(), &message, MSG_CMSG_CLOEXEC), 0);
+  ASSERT_NE(CMSG_FIRSTHDR(&message), nullptr);
+  int descriptor = -1;
+  std::memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof descriptor);
+  EXPECT_TRUE(xpc::Endpoint::adopt(FileDescriptor(descriptor)));
+  EXPECT_NE(std::string(bytes.data(), bytes.size()).find("openBack"), std::string::npos);
+}
+
+TEST_F(Opening, APeerThatTakesNoDescriptorsEndsTheConnectionThatHasOneToPass) {
+  std::array<int, 2> pair{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
+  const FileDescriptor other(pair[1]);
+  const Signal interrupted;
+  connection_->setInterruptionHandler([&] { interrupted(); });
+  connection_->resume();
+  proxy()->openBack("id", *xpc::Endpoint::adopt(FileDescriptor(pair[0])), nullptr);
+  readHandshake();
+  service_->send("OK 00112233445566778899aabbccddeeff\r\nERROR\r\n");
+  interrupted.wait();
+}
+
+}  // namespace
+}  // namespace kelvane::tests
