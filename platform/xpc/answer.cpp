@@ -1,6 +1,8 @@
 #include "platform/xpc/answer.h"
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "platform/wire/header.h"
 #include "platform/wire/names.h"
@@ -12,6 +14,11 @@ namespace kelvane::xpc {
 wire::Outgoing& scratchMessage() {
   thread_local wire::Outgoing message;
   return message;
+}
+
+ScratchUse::~ScratchUse() {
+  auto& bytes = scratchMessage().bytes;
+  if (bytes.capacity() > most_kept) std::vector<std::byte>().swap(bytes);
 }
 
 void makeReply(wire::Outgoing& answer, std::uint32_t serial, std::string_view signature,

@@ -134,6 +134,7 @@ void Connection::takeReply(Round& round, Received& received) {
                  std::string("the reply cannot be used: ") + textOf(reader.fault())});
     }
   }
+  call.hold(std::move(received.bytes), decoding.takeCharge());
   std::unique_ptr<OutgoingCall> answered = std::move(found->second);
   outstanding_.erase(found);
   deliver(std::move(answered));
@@ -204,6 +205,7 @@ bool Connection::sendAnswerOrRefusal(wire::Outgoing& answer, std::uint32_t seria
 
 void Connection::call(const InterfaceDescription& interface, const std::string& signature,
                       FunctionRef<void(wire::Writer&)> write, std::unique_ptr<OutgoingCall> call) {
+  const ScratchUse use;
   wire::Outgoing& message = scratchMessage();
   wire::Header header;
   header.path = interface.path;

@@ -27,6 +27,7 @@ void IncomingCall::reply(std::string_view signature, FunctionRef<void(wire::Writ
   const ReturnAddress to = takeReturnAddress();
   if (to.serial != 0) {
     if (const auto connection = to.connection.lock()) {
+      const ScratchUse use;
       wire::Outgoing& answer = scratchMessage();
       makeReply(answer, to.serial, signature, write);
       connection->sendAnswer(answer, to.serial);

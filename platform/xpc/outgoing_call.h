@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/wire/account.h"
 #include "platform/wire/reader.h"
 #include "platform/xpc/error.h"
 
@@ -32,6 +33,12 @@ class OutgoingCall {
   /// Reads the results of a reply of the expected signature. Of no use when the reader has a fault.
   virtual void read(wire::Reader& in) = 0;
   void fail(Error error) { error_ = std::move(error); }
+  /// What the peer's user pays for the reply, until it has been delivered: its bytes, and the memory of its
+  /// values beyond them.
+  void hold(wire::Charge bytes, wire::Charge memory) {
+    bytes_ = std::move(bytes);
+    memory_ = std::move(memory);
+  }
 
   /// On the connection's queue, once: calls the error handler after `fail`, else the reply with what was
   /// read.
@@ -51,6 +58,8 @@ class OutgoingCall {
   const std::string& signature_;
   const std::shared_ptr<const ErrorHandler> on_error_;  // shared by the calls of one proxy
   std::optional<Error> error_;
+  wire::Charge bytes_;
+  wire::Charge memory_;
 };
 
 }  // namespace kelvane::xpc

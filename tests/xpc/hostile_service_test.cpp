@@ -1,9 +1,12 @@
 // The far side of a connection that this process opens may be as hostile as one that comes to it.
 
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <array>
 #include <cstring>
+#include <thread>
 
 #include "platform/dispatch/manual_clock.h"
 #include "tests/xpc/echo.h"
@@ -222,6 +225,27 @@ TEST_F(HostileService, DeathBeforeTheHandshakeInterrupts) {
   interrupted_.wait();
   answered_.wait();
   EXPECT_TRUE(error_);
+}
+
+/// Until the other end has taken all that this one sent.
+void awaitTaken(const RawPeer& peer) {
+  int waiting = 1;
+  while (::ioctl(peer.descriptor(), SIOCOUTQ, &waiting) == 0 && waiting > 0) std::this_thread::yield();
+}
+
+TEST_F(HostileService, AReplyIsPaidByTheServicesUserUntilItHasBeenDelivered) {
+  constexpr std::size_t size = std::size_t{1} << 20;
+  handshake();
+  const auto used = [&] { return connection_->account()->used(wire::Resource::received_bytes); };
+  dispatch_suspend(connection_->queue());
+  service_->send(replyTo(1, std::string(size, 'x')).bytes());
+  awaitTaken(*service_);
+  service_->send(replyTo(99, "to no call").bytes());  // is taken after the reply was handled
+  awaitTaken(*service_);
+  EXPECT_GE(used(), size);
+  dispatch_resume(connection_->queue());
+  answered_.wait();
+  while (used() != 0) std::this_thread::yield();
 }
 
 }  // namespace
