@@ -120,6 +120,17 @@ TEST(Account, OfAPeerThatIsGoneIsPaidOnceTheReplyIsDropped) {
   EXPECT_EQ(limited.used(Resource::calls), 0U);
 }
 
+TEST(Account, DoesNotPayForACallThatIsAnsweredThoughItsReplyIsKept) {
+  Limited limited(Resource::calls, 8);
+  RawPeer peer = limited.peer();
+  peer.send(neverCall(1).bytes());
+  limited.awaitUse(Resource::calls, 1);
+  while (limited.server().echo().keptCount() == 0) limited.server().expectOthersAreServed();
+  const auto kept = limited.server().echo().takeKept();
+  kept.at(0)();
+  EXPECT_EQ(limited.used(Resource::calls), 0U);
+}
+
 TEST(Account, PaysForACallUntilWhatItsHandlerQueuedIsDoneThoughItIsAnswered) {
   Limited limited(Resource::calls, 8);
   std::mutex mutex;
@@ -212,7 +223,7 @@ TEST(Account, PaysForConnectionsThroughAnEndpointThatItsUserHandedIn) {
   call.descriptors = 1;
   peer.send(call.bytes(), {theirs.get()});
   expectReplyTo(peer, 1);
-  EXPECT_EQ(limited.used(Resource::descriptors), 0U);  // it has been handed over
+  limited.awaitUse(Resource::descriptors, 0);  // it has been handed over
   const xpc::Endpoint endpoint = limited.server().echo().lastEndpoint();
   ASSERT_TRUE(endpoint.payer());
   EXPECT_EQ(endpoint.payer()->user(), somebody);
