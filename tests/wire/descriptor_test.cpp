@@ -209,6 +209,43 @@ TEST_F(DescriptorTest, MoreThanNamedWithTheFirstPartEnd) {
   expectNothingKept();
 }
 
+TEST_F(DescriptorTest, MoreThanNamedWithALaterPartEnd) {
+  for (const std::size_t length : {100U, 200'000U}) {
+    auto pair = socketPair();
+    std::tie(ours_, peer_) = std::move(pair);
+    makeServer();
+    const std::string bytes = callBytes("Parts", std::string(length, 'x'), std::array<int, 1>{0});
+    const std::size_t last = bytes.size() - 20;
+    for (std::size_t at = 0; at < last; at += 40'000) {
+      const std::string_view part =
+          std::string_view(bytes).substr(at, std::min<std::size_t>(40'000, last - at));
+      if (at + part.size() == last) {  // the last but one, behind bytes that told the size
+        passTo(peer_.get(), part.substr(0, 20));
+        EXPECT_EQ(receiveAll(), Outcome::drained);
+        pass(part.substr(20), 3);
+      } else {
+        passTo(peer_.get(), part);
+      }
+      EXPECT_EQ(receiveAll(), Outcome::drained) << transport_->reason();
+    }
+    passTo(peer_.get(), bytes.substr(last) + naming(2));
+    EXPECT_EQ(receiveAll(), Outcome::ended);
+    EXPECT_EQ(transport_->reason(), "the peer sent a message that names 1 file descriptors, and passed 3");
+    expectNothingKept();
+  }
+}
+
+TEST_F(DescriptorTest, PeerThatChangesTheOptionsOfOurSocketEndsTheConnection) {
+  makeServer();
+  const int on = 1;
+  ASSERT_EQ(::setsockopt(transport_->socket(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on), 0);
+  pass(naming(2), 2);
+  EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(transport_->reason(), "the peer changed the options of this end's socket");
+  EXPECT_THAT(members_, IsEmpty());
+  expectNothingKept();
+}
+
 TEST_F(DescriptorTest, DescriptorsOfAMessageThatNeverEndsAreClosedWithTheConnection) {
   makeServer();
   const std::string bytes = naming(2);
@@ -280,6 +317,7 @@ TEST_F(DescriptorTest, DescriptorsWhereNoneAreTakenEnd) {
     makeTransport(Transport::Side::server, {.takes_descriptors = false});
     passTo(peer_.get(), opening(negotiates));
     EXPECT_EQ(receive(), Outcome::drained);
+    EXPECT_THAT(readFrom(peer_.get()), testing::Not(testing::HasSubstr("AGREE")));
     pass(naming(1), 1);
     EXPECT_EQ(receive(), Outcome::ended);
     EXPECT_EQ(transport_->reason(),

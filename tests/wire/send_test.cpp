@@ -68,6 +68,37 @@ TEST_F(SendTest, ClientWithNothingToSayStartsItsHandshakeAlone) {
   EXPECT_EQ(readFrom(peer_.get()), callBytes("One"));
 }
 
+TEST_F(SendTest, ClientThatTakesOrPassesDescriptorsAsksForThem) {
+  for (const bool takes : {true, false}) {
+    for (const bool passes : {true, false}) {
+      std::tie(ours_, peer_) = socketPair();
+      makeTransport(Transport::Side::client, {.takes_descriptors = takes, .passes_descriptors = passes});
+      transport_->startHandshake();
+      EXPECT_EQ(readFrom(peer_.get()), opening(takes || passes)) << takes << passes;
+    }
+  }
+}
+
+TEST_F(SendTest, EmptyMessageIsRefused) {
+  makeServer();
+  Outgoing empty;
+  EXPECT_EQ(transport_->send(empty, error_), 0U);
+  EXPECT_EQ(error_, EINVAL);
+  EXPECT_EQ(send("Next"), 1U);
+}
+
+TEST_F(SendTest, InvalidDescriptorThatMustWaitIsReportedToo) {
+  makeServer();
+  fillSocket();
+  const std::uint64_t queued = transport_->queuedBytes();
+  Outgoing message = makeCall("With", "", std::array<int, 1>{0});
+  message.descriptors = {-1};
+  EXPECT_EQ(transport_->send(message, error_), 0U);
+  EXPECT_EQ(error_, EBADF);
+  EXPECT_EQ(transport_->queuedBytes(), queued);
+  EXPECT_EQ(account_->used(Resource::descriptors), 0U);
+}
+
 TEST_F(SendTest, SerialIsNeverZero) {
   makeServer();
   transport_->setLastSerial(UINT32_MAX - 1);

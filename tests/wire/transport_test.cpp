@@ -118,6 +118,27 @@ TEST_F(TransportTest, PeerThatClosesAfterWholeMessagesIsHeardFirst) {
   EXPECT_EQ(receive(), Outcome::ended);
 }
 
+TEST_F(TransportTest, PeerThatLeavesRepliesUnreadIsHeardFirstToo) {
+  makeServer();
+  passTo(transport_->socket(), "unread");
+  passTo(peer_.get(), callBytes("One"));
+  peer_.reset();
+  EXPECT_EQ(receiveAll(), Outcome::drained);
+  EXPECT_THAT(members_, ElementsAre("One"));
+  EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(transport_->reason(), "the peer closed the connection");
+}
+
+TEST_F(TransportTest, NothingIsReadAfterTheEnd) {
+  makeServer();
+  passTo(peer_.get(), std::string(16, 'x'));
+  EXPECT_EQ(receive(), Outcome::ended);
+  passTo(peer_.get(), callBytes("One"));
+  EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(readFrom(transport_->socket()), callBytes("One"));
+  EXPECT_EQ(account_->used(Resource::received_bytes), 0U);
+}
+
 TEST_F(TransportTest, EndInTheMiddleOfAMessageIsSaid) {
   makeServer();
   passTo(peer_.get(), callBytes("One").substr(0, 20));
