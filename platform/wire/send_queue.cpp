@@ -30,7 +30,7 @@ Charge SendQueue::reserve(std::size_t bytes) const {
 }
 
 int SendQueue::push(std::span<const std::byte> bytes, std::span<const int> descriptors, Charge room) {
-  if (!room && descriptors.empty() && extendLast(bytes)) return 0;
+  if (descriptors.empty() && extendLast(bytes)) return 0;
   Segment segment;
   segment.bytes_charge = room ? std::move(room) : reserve(bytes.size());
   if (!segment.bytes_charge) return ENOBUFS;

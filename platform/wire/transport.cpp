@@ -220,7 +220,7 @@ void Transport::establish(bool passes_descriptors) {
 }
 
 void Transport::end(std::string reason) {
-  if (reason_.empty()) reason_ = std::move(reason);
+  reason_ = std::move(reason);
 }
 
 void Transport::dropInput() {
@@ -228,7 +228,6 @@ void Transport::dropInput() {
   received_charge_.shrink(received_charge_.amount());
   descriptors_.clear();
   descriptor_charge_.shrink(descriptor_charge_.amount());
-  stopped_ = false;
 }
 
 bool Transport::isMessageUnderWay() const { return established_ && !stopped_ && !kept_.empty(); }

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <functional>
 
@@ -101,6 +102,30 @@ TEST_F(DescriptorTest, DescriptorsWithTheFirstPartOfAMessageWaitForItsEnd) {
   }
 }
 
+TEST_F(DescriptorTest, EachMessageGetsThoseThatCameWithIt) {
+  makeServer();
+  keeps_ = true;
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
+  const FileDescriptor reading(pipe[0]);
+  const FileDescriptor writing(pipe[1]);
+  const std::string first = naming(2);
+  passTo(peer_.get(), first.substr(0, 30), pipe);
+  EXPECT_EQ(receiveAll(), Outcome::drained);
+  passTo(peer_.get(), first.substr(30) + callBytes("Between"));
+  pass(naming(1), 1);
+  EXPECT_EQ(receiveAll(), Outcome::drained) << transport_->reason();
+  EXPECT_THAT(named_, ElementsAre(2, 0, 1));
+  ASSERT_THAT(taken_, SizeIs(3));
+  std::vector<bool> are_pipes;
+  for (const auto& descriptor : taken_) {
+    struct stat status {};
+    ASSERT_EQ(::fstat(descriptor.get(), &status), 0);
+    are_pipes.push_back(S_ISFIFO(status.st_mode));
+  }
+  EXPECT_THAT(are_pipes, ElementsAre(true, true, false));
+}
+
 TEST_F(DescriptorTest, DescriptorsWithALongMessageWaitForItsEnd) {
   makeServer();
   const std::string bytes = callBytes("Long", std::string(300'000, 'x'), std::array<int, 2>{0, 0});
@@ -114,15 +139,28 @@ TEST_F(DescriptorTest, DescriptorsWithALongMessageWaitForItsEnd) {
   expectNothingKept();
 }
 
+TEST_F(DescriptorTest, MostWithOneMessageAreTakenAndOneMoreEnds) {
+  makeServer();
+  pass(naming(16), 16);
+  EXPECT_EQ(receiveAll(), Outcome::drained);
+  EXPECT_THAT(named_, ElementsAre(16));
+  pass(naming(17), 17);
+  EXPECT_EQ(receiveAll(), Outcome::ended);
+  EXPECT_THAT(named_, ElementsAre(16));
+  expectNothingKept();
+}
+
 TEST_F(DescriptorTest, MessageThatWaitsForItsTurnKeepsItsDescriptors) {
   makeServer();
   goes_on_ = false;
-  passTo(peer_.get(), callBytes("One"));
-  pass(naming(2, "Two"), 2);
+  passTo(peer_.get(), callBytes("One") + callBytes("Two"));
+  pass(naming(2, "Three"), 2);
   EXPECT_EQ(receive(), Outcome::more);
   EXPECT_THAT(named_, ElementsAre(0));
   EXPECT_EQ(receive(), Outcome::more);
-  EXPECT_THAT(named_, ElementsAre(0, 2));
+  EXPECT_THAT(named_, ElementsAre(0, 0));
+  EXPECT_EQ(receive(), Outcome::more);
+  EXPECT_THAT(named_, ElementsAre(0, 0, 2));
   expectNothingKept();
 }
 
@@ -278,6 +316,7 @@ TEST_F(DescriptorTest, DescriptorsWithTheHandshakeEnd) {
   makeTransport(Transport::Side::server);
   pass(opening(), 250);
   EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty()) << "nothing of it is answered";
   expectNothingKept();
 }
 
@@ -335,6 +374,31 @@ TEST_F(DescriptorTest, ServerThatDidNotAgreeMustNotPassAny) {
   EXPECT_EQ(receiveAll(), Outcome::ended);
   EXPECT_THAT(members_, IsEmpty());
   expectNothingKept();
+}
+
+TEST_F(DescriptorTest, ClientThatOnlyPassesDescriptorsTakesNone) {
+  makeTransport(Transport::Side::client, {.takes_descriptors = false, .passes_descriptors = true});
+  transport_->startHandshake();
+  passTo(peer_.get(), "OK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n");
+  EXPECT_EQ(receiveAll(), Outcome::drained);
+  pass(naming(2), 2);
+  EXPECT_EQ(receiveAll(), Outcome::ended);
+  EXPECT_THAT(members_, IsEmpty());
+  expectNothingKept();
+}
+
+TEST_F(DescriptorTest, WhatIsMissingIsSaidEachTime) {
+  makeServer();
+  Charge descriptors = Charge::of(account_, Resource::descriptors, 32);
+  Charge bytes = Charge::of(account_, Resource::received_bytes, 1U << 20);
+  EXPECT_EQ(receive(), Outcome::no_room);
+  EXPECT_EQ(transport_->missing(), Resource::descriptors);
+  descriptors.reset();
+  EXPECT_EQ(receive(), Outcome::no_room);
+  EXPECT_EQ(transport_->missing(), Resource::received_bytes);
+  EXPECT_EQ(account_->used(Resource::descriptors), 0U);
+  bytes.reset();
+  EXPECT_EQ(receive(), Outcome::drained);
 }
 
 TEST_F(DescriptorTest, NothingIsReadWithoutRoomForDescriptors) {

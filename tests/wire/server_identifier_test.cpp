@@ -26,7 +26,10 @@ TEST(ServerIdentifierTest, EachIsThirtyTwoHexadecimalDigitsAndDifferent) {
   }
 }
 
-TEST(ServerIdentifierTest, ProcessHasOne) { EXPECT_EQ(serverIdentifier(), serverIdentifier()); }
+TEST(ServerIdentifierTest, ProcessHasOne) {
+  const std::string first = serverIdentifier();
+  EXPECT_EQ(serverIdentifier(), first);
+}
 
 TEST(ServerIdentifierTest, InterruptedCallIsRepeated) {
   const SystemCallFault fault("getrandom", EINTR, 3);

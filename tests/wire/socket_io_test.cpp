@@ -62,7 +62,7 @@ TEST_F(SocketIoTest, InterruptedWriteIsRepeated) {
 /// The peer can do that where it made the socket pair and kept a copy of our end.
 TEST_F(SocketIoTest, SocketThatWasMadeBlockingBlocksNobody) {
   makeBlocking(ours_.get());
-  ::alarm(60);  // instead of hanging
+  ::alarm(20);  // instead of hanging
   EXPECT_EQ(read().error, EAGAIN);
   WriteResult result;
   const std::string text(10'000, 'x');
