@@ -48,7 +48,8 @@ void KeptBytes::append(std::span<const std::byte> bytes, std::size_t claimed) {
 
 void KeptBytes::removeFront(std::size_t count) {
   begin_ += count;
-  if (begin_ == end_) clear();
+  if (begin_ == end_) return clear();
+  if (size() <= capacity_ / 2) compact();
 }
 
 void KeptBytes::compact() {

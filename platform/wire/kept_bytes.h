@@ -29,12 +29,12 @@ class KeptBytes {
   [[nodiscard]] std::span<std::byte> room(std::size_t claimed);
   void added(std::size_t count) { end_ += count; }
   void append(std::span<const std::byte> bytes, std::size_t claimed);
+  /// Gives memory back as soon as half of it is not needed.
   void removeFront(std::size_t count);
-  /// Gives back the memory that the rest does not need.
-  void compact();
   void clear();
 
  private:
+  void compact();
   void resize(std::size_t capacity);
 
   std::byte* memory_ = nullptr;

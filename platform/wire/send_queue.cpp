@@ -14,14 +14,13 @@ namespace {
 constexpr std::size_t largest_shared_segment = 64U << 10;
 constexpr std::size_t most_segments_at_once = 8;
 
-/// Empty when one could not be made.
-std::vector<FileDescriptor> duplicates(std::span<const int> descriptors) {
-  std::vector<FileDescriptor> made;
+/// 0, or an errno.
+int duplicate(std::span<const int> descriptors, std::vector<FileDescriptor>& made) {
   for (const int descriptor : descriptors) {
     made.emplace_back(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
-    if (!made.back()) return {};
+    if (!made.back()) return errno;
   }
-  return made;
+  return 0;
 }
 
 }  // namespace
@@ -31,7 +30,7 @@ Charge SendQueue::reserve(std::size_t bytes) const {
 }
 
 int SendQueue::push(std::span<const std::byte> bytes, std::span<const int> descriptors, Charge room) {
-  if (!room && descriptors.empty() && extendLast(bytes)) return 0;
+  if (descriptors.empty() && extendLast(bytes)) return 0;
   Segment segment;
   segment.bytes_charge = room ? std::move(room) : reserve(bytes.size());
   if (!segment.bytes_charge) return ENOBUFS;
@@ -39,8 +38,7 @@ int SendQueue::push(std::span<const std::byte> bytes, std::span<const int> descr
   if (!descriptors.empty()) {
     segment.descriptor_charge = Charge::of(account_, Resource::descriptors, descriptors.size());
     if (!segment.descriptor_charge) return ENOBUFS;
-    segment.descriptors = duplicates(descriptors);
-    if (segment.descriptors.empty()) return EMFILE;
+    if (const int error = duplicate(descriptors, segment.descriptors); error != 0) return error;
   }
   segment.bytes.assign(bytes.begin(), bytes.end());
   segments_.push_back(std::move(segment));

@@ -28,8 +28,8 @@ class SendQueue {
 
   /// Charges what keeping so many bytes would cost. Empty when there is no room.
   [[nodiscard]] Charge reserve(std::size_t bytes) const;
-  /// Copies both. 0, or an errno when nothing was kept: ENOBUFS where the account has no room, EMFILE. `room`
-  /// is empty, or was reserved for at least that much.
+  /// Copies both. 0, or an errno when nothing was kept: ENOBUFS where the account has no room, EMFILE,
+  /// EBADF. `room` is empty, or was reserved for at least that much.
   [[nodiscard]] int push(std::span<const std::byte> bytes, std::span<const int> descriptors,
                          Charge room = {});
   /// Writes once; without `with_descriptors` it stops before the first that carries any.

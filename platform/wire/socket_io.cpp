@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/wire/protocol.h"
 
@@ -20,20 +21,25 @@ struct alignas(cmsghdr) Control {
   std::array<std::byte, largest_control> bytes;
 };
 
-/// Returns how many there were. Whatever came is owned from here on.
-std::size_t adoptDescriptors(msghdr& message, std::vector<FileDescriptor>& descriptors) {
-  std::size_t count = 0;
+// Of Linux 6.5, and not yet in the C library's headers: a descriptor of the process that sent.
+constexpr int passed_process = 0x04;  // SCM_PIDFD
+
+/// Whatever came is owned from here on.
+void adoptDescriptors(msghdr& message, ReadResult& result, std::vector<FileDescriptor>& descriptors) {
   for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
-    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
-    const std::size_t here = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-    for (std::size_t i = 0; i < here; ++i) {
-      int descriptor = -1;
-      std::memcpy(&descriptor, CMSG_DATA(part) + i * sizeof(int), sizeof(int));
-      descriptors.emplace_back(descriptor);
+    const bool rights = part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_RIGHTS;
+    const bool process = part->cmsg_level == SOL_SOCKET && part->cmsg_type == passed_process;
+    if (!rights) result.unasked = true;
+    if (!rights && !process) continue;
+    const std::size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (std::size_t i = 0; i < count; ++i) {
+      int number = -1;
+      std::memcpy(&number, CMSG_DATA(part) + i * sizeof(int), sizeof(int));
+      FileDescriptor descriptor(number);
+      if (rights) descriptors.push_back(std::move(descriptor));
     }
-    count += here;
+    if (rights) result.passed += count;
   }
-  return count;
 }
 
 void putDescriptors(msghdr& message, Control& control, std::span<const int> descriptors) {
@@ -59,12 +65,15 @@ ReadResult readSocket(int socket, std::span<std::byte> room, std::size_t most_de
     message.msg_control = control.bytes.data();
     message.msg_controllen = CMSG_LEN(std::min(most_descriptors, most_passed_descriptors) * sizeof(int));
   }
-  const ssize_t count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
-  if (count < 0) return {.error = errno == EWOULDBLOCK || errno == EINTR ? EAGAIN : errno};
-  const std::size_t passed = most_descriptors > 0 ? adoptDescriptors(message, descriptors) : 0;
-  return {.bytes = static_cast<std::size_t>(count),
-          .dropped = (message.msg_flags & MSG_CTRUNC) != 0,
-          .passed = passed};
+  ssize_t count = -1;
+  do {
+    count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) return {.error = errno};
+  ReadResult result{.bytes = static_cast<std::size_t>(count),
+                    .dropped = (message.msg_flags & MSG_CTRUNC) != 0};
+  adoptDescriptors(message, result, descriptors);
+  return result;
 }
 
 WriteResult writeSocket(int socket, std::span<const std::span<const std::byte>> parts,
@@ -77,8 +86,11 @@ WriteResult writeSocket(int socket, std::span<const std::span<const std::byte>> 
     vector.at(message.msg_iovlen++) = {const_cast<std::byte*>(part.data()), part.size()};
   }
   if (!descriptors.empty()) putDescriptors(message, control, descriptors);
-  const ssize_t count = ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (count < 0) return {.error = errno == EWOULDBLOCK || errno == EINTR ? EAGAIN : errno};
+  ssize_t count = -1;
+  do {
+    count = ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) return {.error = errno};
   return {.bytes = static_cast<std::size_t>(count)};
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
-// One system call each, on a connected local stream socket, with descriptors.
+// One system call each, on a connected local stream socket, with descriptors. They never block, whatever the
+// socket's flags say: a peer that made the socket pair may have kept a copy of this end, and so may change
+// its flags and options at any time.
 
 #include <cstddef>
 #include <span>
@@ -14,6 +16,7 @@ struct ReadResult {
   std::size_t bytes = 0;   // 0 and no error: the peer closed
   int error = 0;           // errno; EAGAIN: nothing there
   bool dropped = false;    // MSG_CTRUNC: the kernel had no room for descriptors, or could not install them
+  bool unasked = false;    // other control data came: somebody changed the socket's options
   std::size_t passed = 0;  // descriptors that came and were appended
 };
 

@@ -1,34 +1,17 @@
 #include "platform/wire/transport.h"
 
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
+#include "platform/wire/server_identifier.h"
 #include "platform/wire/shared_buffer.h"
 
 namespace kelvane::wire {
 
 namespace {
-
-/// 32 hexadecimal digits, the same as long as this process lives.
-const std::string& serverIdentifier() {
-  static const std::string identifier = [] {
-    static constexpr std::string_view digits = "0123456789abcdef";
-    std::array<unsigned char, 16> random{};
-    if (::getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) random.fill(1);
-    std::string text;
-    for (const unsigned char byte : random) {
-      text += digits[byte >> 4U];
-      text += digits[byte & 15U];
-    }
-    return text;
-  }();
-  return identifier;
-}
 
 std::string_view textOf(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
@@ -133,11 +116,13 @@ bool Transport::chargeDescriptors(std::size_t& count) {
 // After a short read nothing more is there, unless descriptors came: the kernel stops behind these.
 Transport::Outcome Transport::judge(const ReadResult& result, std::size_t room) {
   if (result.error == EAGAIN) return Outcome::drained;
-  if (result.dropped) {
+  if (result.unasked) {
+    end("the peer changed the options of this end's socket");
+  } else if (result.dropped) {
     end("the peer passed file descriptors where none are taken, or more than are taken");
-  } else if (result.error != 0) {
+  } else if (result.error != 0 && result.error != ECONNRESET) {
     end(std::string("cannot read from the peer: ") + ::strerrordesc_np(result.error));
-  } else if (result.bytes == 0) {
+  } else if (result.bytes == 0) {  // with ECONNRESET the peer has not read everything
     end(kept_.empty() ? "the peer closed the connection"
                       : "the peer closed the connection in the middle of a message");
   }
@@ -148,7 +133,6 @@ void Transport::handOutKept(const Handler& handler) {
   std::span<const std::byte> input = kept_.bytes();
   handOut(input, handler);
   kept_.removeFront(kept_.size() - input.size());
-  if (!stopped_) kept_.compact();
 }
 
 /// Leaves in `input` what is to be kept.
@@ -236,7 +220,7 @@ void Transport::establish(bool passes_descriptors) {
 }
 
 void Transport::end(std::string reason) {
-  if (reason_.empty()) reason_ = std::move(reason);
+  reason_ = std::move(reason);
 }
 
 void Transport::dropInput() {
@@ -244,7 +228,6 @@ void Transport::dropInput() {
   received_charge_.shrink(received_charge_.amount());
   descriptors_.clear();
   descriptor_charge_.shrink(descriptor_charge_.amount());
-  stopped_ = false;
 }
 
 bool Transport::isMessageUnderWay() const { return established_ && !stopped_ && !kept_.empty(); }

@@ -18,8 +18,14 @@
 // until `flush`. A client's handshake goes out with the first message, in one write. Messages that carry
 // descriptors, and all behind them, wait until the peer agreed to take any.
 //
-// Not thread-safe; its owner has a lock. Nothing here blocks, waits or knows of time. Watch the socket
-// level-triggered: `drained` may be said before the kernel was asked a second time.
+// Not thread-safe; its owner has a lock. Nothing here blocks, waits or knows of time. The socket may be
+// watched for changes only (EPOLLET):
+//  * `drained` means that the kernel had nothing more when it was asked; what comes later is a change. The
+//  end
+//    is the exception: it may have been reported together with the last bytes. So once the peer has hung up
+//    (EPOLLRDHUP, EPOLLHUP, EPOLLERR), call `receive` until it says `ended`.
+//  * wantsToWrite() becomes true only when the kernel took less than it was given, or may take more at once:
+//    begin to watch then (EPOLL_CTL_MOD asks the kernel for the present state), and flush on each report.
 
 #include <cstddef>
 #include <cstdint>
@@ -83,7 +89,8 @@ class Transport {
   /// Sends a message, or keeps what the socket does not take; gives it its serial, which is returned. 0 when
   /// nothing was sent and nothing will be; `error` is then EPIPE: the peer is gone; ENOBUFS: its account has
   /// no room for what it does not read; EOPNOTSUPP: it takes no descriptors; EINVAL: more descriptors than
-  /// the kernel passes; or what the system call said (EMFILE, ETOOMANYREFS, EBADF).
+  /// the kernel passes, or a message that the writer refused; or what the system call said (EMFILE,
+  /// ETOOMANYREFS, EBADF).
   std::uint32_t send(Outgoing& message, int& error);
   /// For a client that has nothing to send yet: lets its handshake go out by itself.
   void startHandshake();

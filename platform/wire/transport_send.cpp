@@ -35,6 +35,7 @@ std::uint32_t Transport::send(Outgoing& message, int& error) {
 
 int Transport::refusalOf(const Outgoing& message) const {
   if (!writable_ || !reason_.empty()) return EPIPE;
+  if (message.bytes.empty()) return EINVAL;
   if (message.descriptors.empty()) return 0;
   if (message.descriptors.size() > most_passed_descriptors) return EINVAL;
   const bool asks = options_.takes_descriptors || (side_ == Side::client && options_.passes_descriptors);

@@ -1,4 +1,6 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <memory>
 #include <thread>
@@ -70,6 +72,24 @@ TEST(AccountTest, CounterIsRightAfterManyThreads) {
   EXPECT_EQ(account->used(Resource::received_bytes), 0U);
 }
 
+TEST(AccountTest, ChargesOfManyThreadsAddUp) {
+  const auto account = std::make_shared<Account>(1000, Limits{1, 1U << 30, 1, 1, 1, 1});
+  std::vector<std::thread> threads;
+  std::atomic<std::uint64_t> charged = 0;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 200'000; ++round) {
+        if (account->charge(Resource::received_bytes, 1)) ++charged;
+        charged += account->chargeUpTo(Resource::received_bytes, 2);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(account->used(Resource::received_bytes), 2'400'000U);
+  EXPECT_EQ(charged, 2'400'000U);
+  account->release(Resource::received_bytes, charged);
+}
+
 TEST(AccountTest, WaiterIsWokenOnceWhenSomethingIsReleased) {
   const auto account = makeAccount();
   const auto owner = std::make_shared<int>();
@@ -129,6 +149,36 @@ TEST(AccountTest, WaitersWhoseOwnersAreGoneAreNotKept) {
   EXPECT_EQ(resources.use_count(), 1);
 }
 
+TEST(AccountTest, ManyWaitersAreAllWokenInTheOrderTheyCame) {
+  const auto account = makeAccount();
+  const auto owner = std::make_shared<int>();
+  EXPECT_TRUE(account->charge(Resource::calls, 5));
+  EXPECT_TRUE(account->charge(Resource::services, 6));
+  std::vector<int> woken;
+  std::vector<int> expected;
+  for (int i = 0; i < 1000; ++i) {
+    account->whenReleased(Resource::calls, owner, [&woken, i] { woken.push_back(i); });
+    account->whenReleased(Resource::services, owner, [&woken, i] { woken.push_back(1000 + i); });
+    expected.push_back(i);
+  }
+  account->release(Resource::calls, 5);
+  EXPECT_EQ(woken, expected);
+  woken.clear();
+  for (int& i : expected) i += 1000;
+  account->release(Resource::services, 6);
+  EXPECT_EQ(woken, expected);
+}
+
+TEST(AccountTest, ResourcesAreNamedAsTextsSayThem) {
+  std::vector<std::string_view> names;
+  for (const auto resource : {Resource::connections, Resource::received_bytes, Resource::queued_bytes,
+                              Resource::descriptors, Resource::calls, Resource::services}) {
+    names.push_back(nameOf(resource));
+  }
+  EXPECT_THAT(names, testing::ElementsAre("connections", "bytes received", "bytes queued", "descriptors",
+                                          "calls", "services"));
+}
+
 TEST(AccountTest, ReleaseBetweenLookingAndWaitingIsNotMissed) {
   for (int round = 0; round < 2000; ++round) {
     const auto account = makeAccount();
@@ -169,6 +219,38 @@ TEST(ChargeTest, AssignmentReleasesWhatItHeld) {
   EXPECT_EQ(account->used(Resource::calls), 0U);
 }
 
+TEST(ChargeTest, WhatWasMovedFromIsEmpty) {
+  const auto account = makeAccount();
+  Charge first = Charge::of(account, Resource::calls, 3);
+  Charge second = std::move(first);
+  EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): that is the subject
+  EXPECT_EQ(first.amount(), 0U);
+  first = std::move(second);
+  EXPECT_FALSE(second);  // NOLINT(bugprone-use-after-move): that is the subject
+  EXPECT_EQ(second.amount(), 0U);
+  EXPECT_EQ(first.amount(), 3U);
+  EXPECT_EQ(account->used(Resource::calls), 3U);
+}
+
+TEST(ChargeTest, AssignmentToItselfKeepsTheAmount) {
+  const auto account = makeAccount();
+  Charge charge = Charge::of(account, Resource::calls, 3);
+  Charge& same = charge;
+  charge = std::move(same);
+  EXPECT_TRUE(charge);
+  EXPECT_EQ(charge.amount(), 3U);
+  EXPECT_EQ(account->used(Resource::calls), 3U);
+}
+
+TEST(ChargeTest, AssignmentTakesTheResourceOver) {
+  const auto account = makeAccount();
+  Charge charge = Charge::of(account, Resource::calls, 3);
+  charge = Charge::of(account, Resource::services, 2);
+  EXPECT_EQ(account->used(Resource::calls), 0U);
+  charge.reset();
+  EXPECT_EQ(account->used(Resource::services), 0U);
+}
+
 TEST(ChargeTest, PartsAreReleasedApart) {
   const auto account = makeAccount();
   Charge whole = Charge::of(account, Resource::received_bytes, 10);
@@ -198,6 +280,20 @@ TEST(AccountsTest, RootAndTheOwnUserHaveHigherLimits) {
   EXPECT_EQ(accounts.of(0)->limit(Resource::calls), 50U);
   EXPECT_EQ(accounts.of(::geteuid())->limit(Resource::calls), 50U);
   EXPECT_EQ(accounts.of(::geteuid() + 1)->limit(Resource::calls), 5U);
+}
+
+TEST(AccountsTest, OwnUserHasHigherLimitsThoughNotRoot) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    constexpr uid_t nobody = 65534;
+    if (::geteuid() == 0 && ::seteuid(nobody) != 0) ::_exit(1);
+    constexpr Limits higher{30, 1000, 2000, 40, 50, 60};
+    Accounts accounts(limits, higher);
+    ::_exit(accounts.of(::geteuid())->limit(Resource::calls) == 50 ? 0 : 2);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST(AccountsTest, AccountLivesAsLongAsAnythingIsCharged) {

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <functional>
 
@@ -101,6 +102,30 @@ TEST_F(DescriptorTest, DescriptorsWithTheFirstPartOfAMessageWaitForItsEnd) {
   }
 }
 
+TEST_F(DescriptorTest, EachMessageGetsThoseThatCameWithIt) {
+  makeServer();
+  keeps_ = true;
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
+  const FileDescriptor reading(pipe[0]);
+  const FileDescriptor writing(pipe[1]);
+  const std::string first = naming(2);
+  passTo(peer_.get(), first.substr(0, 30), pipe);
+  EXPECT_EQ(receiveAll(), Outcome::drained);
+  passTo(peer_.get(), first.substr(30) + callBytes("Between"));
+  pass(naming(1), 1);
+  EXPECT_EQ(receiveAll(), Outcome::drained) << transport_->reason();
+  EXPECT_THAT(named_, ElementsAre(2, 0, 1));
+  ASSERT_THAT(taken_, SizeIs(3));
+  std::vector<bool> are_pipes;
+  for (const auto& descriptor : taken_) {
+    struct stat status {};
+    ASSERT_EQ(::fstat(descriptor.get(), &status), 0);
+    are_pipes.push_back(S_ISFIFO(status.st_mode));
+  }
+  EXPECT_THAT(are_pipes, ElementsAre(true, true, false));
+}
+
 TEST_F(DescriptorTest, DescriptorsWithALongMessageWaitForItsEnd) {
   makeServer();
   const std::string bytes = callBytes("Long", std::string(300'000, 'x'), std::array<int, 2>{0, 0});
@@ -114,15 +139,28 @@ TEST_F(DescriptorTest, DescriptorsWithALongMessageWaitForItsEnd) {
   expectNothingKept();
 }
 
+TEST_F(DescriptorTest, MostWithOneMessageAreTakenAndOneMoreEnds) {
+  makeServer();
+  pass(naming(16), 16);
+  EXPECT_EQ(receiveAll(), Outcome::drained);
+  EXPECT_THAT(named_, ElementsAre(16));
+  pass(naming(17), 17);
+  EXPECT_EQ(receiveAll(), Outcome::ended);
+  EXPECT_THAT(named_, ElementsAre(16));
+  expectNothingKept();
+}
+
 TEST_F(DescriptorTest, MessageThatWaitsForItsTurnKeepsItsDescriptors) {
   makeServer();
   goes_on_ = false;
-  passTo(peer_.get(), callBytes("One"));
-  pass(naming(2, "Two"), 2);
+  passTo(peer_.get(), callBytes("One") + callBytes("Two"));
+  pass(naming(2, "Three"), 2);
   EXPECT_EQ(receive(), Outcome::more);
   EXPECT_THAT(named_, ElementsAre(0));
   EXPECT_EQ(receive(), Outcome::more);
-  EXPECT_THAT(named_, ElementsAre(0, 2));
+  EXPECT_THAT(named_, ElementsAre(0, 0));
+  EXPECT_EQ(receive(), Outcome::more);
+  EXPECT_THAT(named_, ElementsAre(0, 0, 2));
   expectNothingKept();
 }
 
@@ -209,6 +247,43 @@ TEST_F(DescriptorTest, MoreThanNamedWithTheFirstPartEnd) {
   expectNothingKept();
 }
 
+TEST_F(DescriptorTest, MoreThanNamedWithALaterPartEnd) {
+  for (const std::size_t length : {100U, 200'000U}) {
+    auto pair = socketPair();
+    std::tie(ours_, peer_) = std::move(pair);
+    makeServer();
+    const std::string bytes = callBytes("Parts", std::string(length, 'x'), std::array<int, 1>{0});
+    const std::size_t last = bytes.size() - 20;
+    for (std::size_t at = 0; at < last; at += 40'000) {
+      const std::string_view part =
+          std::string_view(bytes).substr(at, std::min<std::size_t>(40'000, last - at));
+      if (at + part.size() == last) {  // the last but one, behind bytes that told the size
+        passTo(peer_.get(), part.substr(0, 20));
+        EXPECT_EQ(receiveAll(), Outcome::drained);
+        pass(part.substr(20), 3);
+      } else {
+        passTo(peer_.get(), part);
+      }
+      EXPECT_EQ(receiveAll(), Outcome::drained) << transport_->reason();
+    }
+    passTo(peer_.get(), bytes.substr(last) + naming(2));
+    EXPECT_EQ(receiveAll(), Outcome::ended);
+    EXPECT_EQ(transport_->reason(), "the peer sent a message that names 1 file descriptors, and passed 3");
+    expectNothingKept();
+  }
+}
+
+TEST_F(DescriptorTest, PeerThatChangesTheOptionsOfOurSocketEndsTheConnection) {
+  makeServer();
+  const int on = 1;
+  ASSERT_EQ(::setsockopt(transport_->socket(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on), 0);
+  pass(naming(2), 2);
+  EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(transport_->reason(), "the peer changed the options of this end's socket");
+  EXPECT_THAT(members_, IsEmpty());
+  expectNothingKept();
+}
+
 TEST_F(DescriptorTest, DescriptorsOfAMessageThatNeverEndsAreClosedWithTheConnection) {
   makeServer();
   const std::string bytes = naming(2);
@@ -241,6 +316,7 @@ TEST_F(DescriptorTest, DescriptorsWithTheHandshakeEnd) {
   makeTransport(Transport::Side::server);
   pass(opening(), 250);
   EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty()) << "nothing of it is answered";
   expectNothingKept();
 }
 
@@ -280,6 +356,7 @@ TEST_F(DescriptorTest, DescriptorsWhereNoneAreTakenEnd) {
     makeTransport(Transport::Side::server, {.takes_descriptors = false});
     passTo(peer_.get(), opening(negotiates));
     EXPECT_EQ(receive(), Outcome::drained);
+    EXPECT_THAT(readFrom(peer_.get()), testing::Not(testing::HasSubstr("AGREE")));
     pass(naming(1), 1);
     EXPECT_EQ(receive(), Outcome::ended);
     EXPECT_EQ(transport_->reason(),
@@ -297,6 +374,31 @@ TEST_F(DescriptorTest, ServerThatDidNotAgreeMustNotPassAny) {
   EXPECT_EQ(receiveAll(), Outcome::ended);
   EXPECT_THAT(members_, IsEmpty());
   expectNothingKept();
+}
+
+TEST_F(DescriptorTest, ClientThatOnlyPassesDescriptorsTakesNone) {
+  makeTransport(Transport::Side::client, {.takes_descriptors = false, .passes_descriptors = true});
+  transport_->startHandshake();
+  passTo(peer_.get(), "OK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n");
+  EXPECT_EQ(receiveAll(), Outcome::drained);
+  pass(naming(2), 2);
+  EXPECT_EQ(receiveAll(), Outcome::ended);
+  EXPECT_THAT(members_, IsEmpty());
+  expectNothingKept();
+}
+
+TEST_F(DescriptorTest, WhatIsMissingIsSaidEachTime) {
+  makeServer();
+  Charge descriptors = Charge::of(account_, Resource::descriptors, 32);
+  Charge bytes = Charge::of(account_, Resource::received_bytes, 1U << 20);
+  EXPECT_EQ(receive(), Outcome::no_room);
+  EXPECT_EQ(transport_->missing(), Resource::descriptors);
+  descriptors.reset();
+  EXPECT_EQ(receive(), Outcome::no_room);
+  EXPECT_EQ(transport_->missing(), Resource::received_bytes);
+  EXPECT_EQ(account_->used(Resource::descriptors), 0U);
+  bytes.reset();
+  EXPECT_EQ(receive(), Outcome::drained);
 }
 
 TEST_F(DescriptorTest, NothingIsReadWithoutRoomForDescriptors) {

@@ -74,14 +74,84 @@ TEST(KeptBytesTest, FrontMayBeRemovedAndMemoryGivenBack) {
   kept.append(bytesOf(text), text.size());
   kept.removeFront(200'000);
   EXPECT_EQ(textOf(kept), "rest");
-  kept.compact();
-  EXPECT_EQ(textOf(kept), "rest");
   EXPECT_EQ(kept.capacity(), 4U);
   kept.append(bytesOf(" and more"), 13);
   EXPECT_EQ(textOf(kept), "rest and more");
   kept.removeFront(13);
   EXPECT_TRUE(kept.empty());
   EXPECT_EQ(kept.capacity(), 0U);
+}
+
+TEST(KeptBytesTest, MemoryFollowsWhatIsLeft) {
+  KeptBytes kept;
+  std::string text;
+  for (int i = 0; text.size() < 300'000; ++i) text += std::to_string(i) + ",";
+  kept.append(bytesOf(text), text.size());
+  for (std::size_t removed = 0; removed + 1'000 < text.size(); removed += 1'000) {
+    ASSERT_LE(kept.capacity(), 2 * kept.size());
+    ASSERT_TRUE(textOf(kept) == text.substr(removed)) << "after " << removed;
+    kept.removeFront(1'000);
+  }
+}
+
+TEST(KeptBytesTest, MoreMayComeBehindARemovedFront) {
+  for (const bool in_place : {true, false}) {
+    KeptBytes kept;
+    kept.append(bytesOf("0123456789"), 10);
+    kept.removeFront(3);
+    if (in_place) {
+      const std::span<std::byte> room = kept.room(9);
+      ASSERT_EQ(room.size(), 2U);
+      std::memcpy(room.data(), "ab", 2);
+      kept.added(2);
+    } else {
+      kept.append(bytesOf("ab"), 9);
+    }
+    EXPECT_EQ(textOf(kept), "3456789ab");
+    EXPECT_EQ(kept.capacity(), 9U);
+  }
+}
+
+TEST(KeptBytesTest, RoomIsWorthAReadAndStaysAsLongAsItIs) {
+  constexpr std::size_t claimed = 300'000;
+  constexpr std::size_t worth_a_read = 4U << 10;
+  KeptBytes kept;
+  int changes = 0;
+  while (kept.size() < claimed) {
+    const std::size_t before = kept.capacity();
+    const std::span<std::byte> room = kept.room(claimed);
+    ASSERT_GE(room.size(), std::min(worth_a_read, claimed - kept.size()));
+    if (kept.capacity() != before) ++changes;
+    room.front() = std::byte{0};
+    kept.added(std::min<std::size_t>(room.size(), 10));
+  }
+  EXPECT_LE(changes, 12);
+}
+
+TEST(KeptBytesTest, AppendedBytesMoveSeldomAndNeverTakeMoreThanTheClaim) {
+  constexpr std::size_t claimed = 300'000;
+  KeptBytes kept;
+  int changes = 0;
+  for (std::size_t i = 0; i < claimed; ++i) {
+    const std::size_t before = kept.capacity();
+    kept.append(bytesOf("x"), claimed);
+    ASSERT_LE(kept.capacity(), claimed);
+    if (kept.capacity() != before) ++changes;
+  }
+  EXPECT_LE(changes, 60);
+}
+
+TEST(KeptBytesTest, AllMemoryIsGivenBack) {
+  const std::string small(60'000, 'x');
+  const std::string large(150'000, 'x');
+  const std::size_t before = residentMemory();
+  for (int i = 0; i < 1000; ++i) {
+    KeptBytes kept;
+    kept.append(bytesOf(small), small.size());
+    kept.append(bytesOf(large), small.size() + large.size());
+    kept.removeFront(large.size());
+  }
+  EXPECT_LT(residentMemory(), before + 4 * mebibyte);
 }
 
 class MemoryTest : public TransportTest {};

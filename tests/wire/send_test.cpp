@@ -9,6 +9,13 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
+/// How many a program that is started would get.
+int inheritedDescriptors() {
+  int count = 0;
+  for (int number = 0; number < 1024; ++number) count += ::fcntl(number, F_GETFD) == 0 ? 1 : 0;
+  return count;
+}
+
 class SendTest : public TransportTest {
  protected:
   std::uint32_t send(std::string_view member, std::string_view text = "", std::span<const int> named = {}) {
@@ -68,6 +75,37 @@ TEST_F(SendTest, ClientWithNothingToSayStartsItsHandshakeAlone) {
   EXPECT_EQ(readFrom(peer_.get()), callBytes("One"));
 }
 
+TEST_F(SendTest, ClientThatTakesOrPassesDescriptorsAsksForThem) {
+  for (const bool takes : {true, false}) {
+    for (const bool passes : {true, false}) {
+      std::tie(ours_, peer_) = socketPair();
+      makeTransport(Transport::Side::client, {.takes_descriptors = takes, .passes_descriptors = passes});
+      transport_->startHandshake();
+      EXPECT_EQ(readFrom(peer_.get()), opening(takes || passes)) << takes << passes;
+    }
+  }
+}
+
+TEST_F(SendTest, EmptyMessageIsRefused) {
+  makeServer();
+  Outgoing empty;
+  EXPECT_EQ(transport_->send(empty, error_), 0U);
+  EXPECT_EQ(error_, EINVAL);
+  EXPECT_EQ(send("Next"), 1U);
+}
+
+TEST_F(SendTest, InvalidDescriptorThatMustWaitIsReportedToo) {
+  makeServer();
+  fillSocket();
+  const std::uint64_t queued = transport_->queuedBytes();
+  Outgoing message = makeCall("With", "", std::array<int, 1>{0});
+  message.descriptors = {-1};
+  EXPECT_EQ(transport_->send(message, error_), 0U);
+  EXPECT_EQ(error_, EBADF);
+  EXPECT_EQ(transport_->queuedBytes(), queued);
+  EXPECT_EQ(account_->used(Resource::descriptors), 0U);
+}
+
 TEST_F(SendTest, SerialIsNeverZero) {
   makeServer();
   transport_->setLastSerial(UINT32_MAX - 1);
@@ -100,7 +138,61 @@ TEST_F(SendTest, LongMessageIsSentInParts) {
   makeServer();
   EXPECT_EQ(send("Long", std::string(900'000, 'y')), 1U);
   EXPECT_GT(transport_->queuedBytes(), 0U);
+  EXPECT_LT(account_->used(Resource::queued_bytes), transport_->queuedBytes() + 300)
+      << "what went is not charged";
   EXPECT_TRUE(readAllFlushing() == callBytes("Long", std::string(900'000, 'y')));
+}
+
+TEST_F(SendTest, SmallMessagesThatWaitShareTheCost) {
+  makeServer();
+  fillSocket();
+  for (int i = 0; i < 400; ++i) ASSERT_NE(send("Small"), 0U);
+  ASSERT_LT(transport_->queuedBytes(), 64U << 10);
+  EXPECT_LT(account_->used(Resource::queued_bytes), (64U << 10) + 1000);
+}
+
+TEST_F(SendTest, MessageThatTheKernelMayCutIsRefusedWholeWhereTheAccountIsFull) {
+  makeServer();
+  const Charge others = Charge::of(account_, Resource::queued_bytes, 1U << 20);
+  EXPECT_EQ(send("Refused", std::string(20'000, 'x')), 0U);
+  EXPECT_EQ(error_, ENOBUFS);
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty());
+}
+
+TEST_F(SendTest, HandshakeThatFindsNoRoomWaits) {
+  makeTransport(Transport::Side::client);
+  const std::string noise(1'000, 'n');
+  while (::send(transport_->socket(), noise.data(), noise.size(), MSG_DONTWAIT) > 0) {
+  }
+  EXPECT_EQ(send("One"), 1U);
+  EXPECT_TRUE(transport_->wantsToWrite());
+  EXPECT_THAT(readAllFlushing(), testing::EndsWith(noise + opening() + callBytes("One")));
+}
+
+TEST_F(SendTest, DescriptorsThatWaitPassOnceAndWithTheirOwnMessage) {
+  makeServer();
+  fillSocket();
+  const std::string text(300'000, 'y');
+  const Descriptors passed(2);
+  ASSERT_NE(send("With", text, passed.numbers), 0U);
+  ASSERT_NE(send("Behind"), 0U);
+  std::array<std::byte, 1000> buffer{};
+  std::vector<FileDescriptor> descriptors;
+  std::size_t read = 0;
+  std::size_t read_with_descriptors = 0;
+  for (;;) {
+    const ReadResult result = readSocket(peer_.get(), buffer, 16, descriptors);
+    read += result.bytes;
+    if (result.passed > 0) read_with_descriptors = read;
+    EXPECT_TRUE(transport_->flush());
+    if (transport_->queuedBytes() < text.size()) {
+      EXPECT_EQ(account_->used(Resource::descriptors), 0U);
+    }
+    if (result.bytes == 0 && !transport_->wantsToWrite()) break;
+  }
+  EXPECT_THAT(descriptors, SizeIs(2));
+  const std::array<int, 2> any{0, 0};
+  EXPECT_GT(read_with_descriptors, read - callBytes("Behind").size() - callBytes("With", text, any).size());
 }
 
 TEST_F(SendTest, MessageIsRefusedWhenThePeersAccountHasNoRoom) {
@@ -148,6 +240,9 @@ TEST_F(SendTest, ShortMessageThatTheSocketCutsEndsTheOutputWhereTheAccountIsFull
   EXPECT_LT(part.size(), 15'000U);
   char c = 0;
   EXPECT_EQ(::recv(peer_.get(), &c, 1, MSG_DONTWAIT), 0) << "the peer must not wait for the rest";
+  passTo(peer_.get(), callBytes("Still"));
+  EXPECT_EQ(receive(), Outcome::drained);
+  EXPECT_THAT(members_, ElementsAre("Still"));
 }
 
 TEST_F(SendTest, PeerThatIsGoneIsReported) {
@@ -157,6 +252,15 @@ TEST_F(SendTest, PeerThatIsGoneIsReported) {
   EXPECT_EQ(error_, EPIPE);
   EXPECT_FALSE(transport_->flush());
   EXPECT_FALSE(transport_->wantsToWrite());
+}
+
+TEST_F(SendTest, PeerThatIsGoneWithRepliesUnreadIsReportedAlike) {
+  makeServer();
+  EXPECT_NE(send("Unread"), 0U);
+  peer_.reset();
+  EXPECT_EQ(send("One"), 0U);
+  EXPECT_EQ(error_, EPIPE);
+  EXPECT_FALSE(transport_->flush());
 }
 
 TEST_F(SendTest, WhatAPeerThatIsGoneSaidBeforeIsStillRead) {
@@ -193,6 +297,7 @@ TEST_F(SendTest, ServersMessagesWaitForTheEndOfTheHandshake) {
 TEST_F(SendTest, DescriptorsWaitForTheAgreementAndAllBehindThem) {
   makeTransport(Transport::Side::client);
   const std::size_t before = openDescriptors();
+  const int inherited_before = inheritedDescriptors();
   {
     const Descriptors passed(2);
     EXPECT_EQ(send("First"), 1U);
@@ -200,6 +305,7 @@ TEST_F(SendTest, DescriptorsWaitForTheAgreementAndAllBehindThem) {
     EXPECT_EQ(send("Behind"), 3U);
   }
   EXPECT_EQ(openDescriptors(), before + 2) << "the caller may close its own";
+  EXPECT_EQ(inheritedDescriptors(), inherited_before);
   EXPECT_EQ(account_->used(Resource::descriptors), 2U);
   EXPECT_EQ(readFrom(peer_.get()), opening() + callBytes("First"));
   EXPECT_FALSE(transport_->wantsToWrite());
@@ -234,6 +340,32 @@ TEST_F(SendTest, ServerThatTakesNoDescriptorsEndsAClientThatHasSomeWaiting) {
   EXPECT_EQ(transport_->reason(), "the peer takes no file descriptors");
 }
 
+TEST_F(SendTest, ServerThatTakesNoDescriptorsEndsAClientThatHasSomeWaitingBehindOthers) {
+  makeTransport(Transport::Side::client);
+  fillSocket();
+  const Descriptors passed(1);
+  EXPECT_NE(send("With", "", passed.numbers), 0U);
+  answerHandshake(false);
+  EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(transport_->reason(), "the peer takes no file descriptors");
+}
+
+TEST_F(SendTest, ClientThatAskedMayPassDescriptorsBeforeTheAnswer) {
+  for (const bool takes : {true, false}) {
+    std::tie(ours_, peer_) = socketPair();
+    makeTransport(Transport::Side::client, {.takes_descriptors = takes, .passes_descriptors = !takes});
+    const Descriptors passed(1);
+    EXPECT_EQ(send("With", "", passed.numbers), 1U) << takes;
+  }
+}
+
+TEST_F(SendTest, ServerThatTakesNoDescriptorsPassesNone) {
+  makeTransport(Transport::Side::server, {.takes_descriptors = false});
+  const Descriptors passed(1);
+  EXPECT_EQ(send("With", "", passed.numbers), 0U);
+  EXPECT_EQ(error_, EOPNOTSUPP);
+}
+
 TEST_F(SendTest, DescriptorsAreRefusedWhereThePeerTakesNone) {
   makeTransport(Transport::Side::client);
   transport_->startHandshake();
@@ -259,6 +391,8 @@ TEST_F(SendTest, MoreDescriptorsThanTheKernelPassesAreRefused) {
   message.descriptors.assign(most_passed_descriptors + 1, null.get());
   EXPECT_EQ(transport_->send(message, error_), 0U);
   EXPECT_EQ(error_, EINVAL);
+  message.descriptors.pop_back();
+  EXPECT_NE(transport_->send(message, error_), 0U);
 }
 
 TEST_F(SendTest, DescriptorsThatWaitAreBoundedByTheAccount) {

@@ -107,6 +107,14 @@ TEST_F(TransportTest, HandlerMayStopAfterEachMessage) {
   EXPECT_THAT(members_, ElementsAre("One", "Two", "Three"));
 }
 
+TEST_F(TransportTest, HandlerThatStopsAfterTheLastMessageLeavesNothing) {
+  makeServer();
+  goes_on_ = false;
+  passTo(peer_.get(), callBytes("One"));
+  EXPECT_EQ(receive(), Outcome::drained);
+  EXPECT_THAT(members_, ElementsAre("One"));
+}
+
 TEST_F(TransportTest, PeerThatClosesAfterWholeMessagesIsHeardFirst) {
   makeServer();
   passTo(peer_.get(), callBytes("One") + callBytes("Two"));
@@ -118,6 +126,27 @@ TEST_F(TransportTest, PeerThatClosesAfterWholeMessagesIsHeardFirst) {
   EXPECT_EQ(receive(), Outcome::ended);
 }
 
+TEST_F(TransportTest, PeerThatLeavesRepliesUnreadIsHeardFirstToo) {
+  makeServer();
+  passTo(transport_->socket(), "unread");
+  passTo(peer_.get(), callBytes("One"));
+  peer_.reset();
+  EXPECT_EQ(receiveAll(), Outcome::drained);
+  EXPECT_THAT(members_, ElementsAre("One"));
+  EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(transport_->reason(), "the peer closed the connection");
+}
+
+TEST_F(TransportTest, NothingIsReadAfterTheEnd) {
+  makeServer();
+  passTo(peer_.get(), std::string(16, 'x'));
+  EXPECT_EQ(receive(), Outcome::ended);
+  passTo(peer_.get(), callBytes("One"));
+  EXPECT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(readFrom(transport_->socket()), callBytes("One"));
+  EXPECT_EQ(account_->used(Resource::received_bytes), 0U);
+}
+
 TEST_F(TransportTest, EndInTheMiddleOfAMessageIsSaid) {
   makeServer();
   passTo(peer_.get(), callBytes("One").substr(0, 20));
@@ -125,6 +154,7 @@ TEST_F(TransportTest, EndInTheMiddleOfAMessageIsSaid) {
   EXPECT_EQ(receiveAll(), Outcome::drained);
   EXPECT_EQ(receive(), Outcome::ended);
   EXPECT_EQ(transport_->reason(), "the peer closed the connection in the middle of a message");
+  EXPECT_FALSE(transport_->isMessageUnderWay()) << "nothing is kept";
 }
 
 TEST_F(TransportTest, BytesThatAreNoMessageEndAtOnce) {
@@ -163,6 +193,7 @@ TEST_F(TransportTest, UnfinishedHandshakeIsCharged) {
   passTo(peer_.get(), std::string(1, '\0') + std::string(1000, 'x'));
   EXPECT_EQ(receive(), Outcome::drained);
   EXPECT_EQ(account_->used(Resource::received_bytes), 1000U);
+  EXPECT_FALSE(transport_->isMessageUnderWay());
 }
 
 TEST_F(TransportTest, TransportThatIdlesChargesNothing) {

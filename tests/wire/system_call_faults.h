@@ -1,0 +1,23 @@
+#pragma once
+
+// Lets system calls of this program fail. The definitions in system_call_faults.cpp stand before those of the
+// C library, for this whole program.
+
+#include <string_view>
+
+namespace kelvane::wire {
+
+/// While this lives, the next `times` calls of the function ("recvmsg", "sendmsg" or "getrandom") fail with
+/// `error`; the later ones are the kernel's again. One at a time; any thread's calls count.
+class SystemCallFault {
+ public:
+  SystemCallFault(std::string_view function, int error, int times);
+  SystemCallFault(const SystemCallFault&) = delete;
+  SystemCallFault& operator=(const SystemCallFault&) = delete;
+  ~SystemCallFault();
+
+  /// How many have failed.
+  [[nodiscard]] static int failed();
+};
+
+}  // namespace kelvane::wire
