@@ -154,7 +154,7 @@ bool libdbusMayAccept(const Judged& judged) {
 bool sdBusMayRefuse(const Judged& judged) { return hasAnUnknownFieldOfAContainerType(judged); }
 
 bool sdBusMayAccept(const Judged& judged) {
-  constexpr Overlooked by_sd_bus{.booleans = true, .rest = true, .depth = true};
+  constexpr Overlooked by_sd_bus{.booleans = true, .rest = true, .depth = true, .entries = true};
   return bodyBreaksOnly(judged, by_sd_bus) || headerBreaksOnlyWhatSdBusOverlooks(judged, by_sd_bus) ||
          hasAMalformedUnknownField(judged);
 }
