@@ -106,13 +106,24 @@ bool hasAnUnknownFieldOfAContainerType(const Judged& judged) {
   });
 }
 
-/// What is left of the message when these rules of the header are kept: the padding behind the fields is
-/// zero, and a body has a signature.
+/// Puts a letter where a member begins with a digit.
+void repairMember(Bytes message, std::vector<std::byte>& repaired) {
+  for (const Field& field : fieldsOf(message).list) {
+    const bool is_member = field.code == static_cast<std::uint8_t>(HeaderField::member);
+    if (!is_member || field.text.empty() || field.text[0] < '0' || field.text[0] > '9') continue;
+    const auto* const first = reinterpret_cast<const std::byte*>(field.text.data());
+    repaired[static_cast<std::size_t>(first - message.data())] = std::byte{'M'};
+  }
+}
+
+/// The message with these rules of the header kept: the padding behind the fields is zero, a member begins
+/// with no digit, and a body has a signature.
 std::vector<std::byte> withRepairedHeader(Bytes message) {
   std::vector<std::byte> repaired(message.begin(), message.end());
   const std::size_t fields_end = wire::fixed_header_size + numberAt(message, wire::fields_length_offset);
   const std::size_t body_at = (fields_end + 7) / 8 * 8;
   if (message.size() < body_at) return repaired;
+  repairMember(message, repaired);
   std::fill(repaired.begin() + static_cast<std::ptrdiff_t>(fields_end),
             repaired.begin() + static_cast<std::ptrdiff_t>(body_at), std::byte{0});
   const bool has_signature = anyField(Judged{message, {}, false}, [](const Field& field) {
@@ -124,7 +135,7 @@ std::vector<std::byte> withRepairedHeader(Bytes message) {
   return repaired;
 }
 
-/// The header's padding is not zero, or a body has no signature; and what sdBusMayAccept says of bodies.
+/// The header breaks nothing but these rules, and the body nothing but those that sdBusMayAccept names.
 bool headerBreaksOnlyWhatSdBusOverlooks(const Judged& judged, const Overlooked& overlooked) {
   if (judged.message) return false;
   const std::vector<std::byte> repaired = withRepairedHeader(judged.bytes);
@@ -143,7 +154,7 @@ bool libdbusMayAccept(const Judged& judged) {
 bool sdBusMayRefuse(const Judged& judged) { return hasAnUnknownFieldOfAContainerType(judged); }
 
 bool sdBusMayAccept(const Judged& judged) {
-  constexpr Overlooked by_sd_bus{.booleans = true, .rest = true, .depth = true};
+  constexpr Overlooked by_sd_bus{.booleans = true, .rest = true, .depth = true, .entries = true};
   return bodyBreaksOnly(judged, by_sd_bus) || headerBreaksOnlyWhatSdBusOverlooks(judged, by_sd_bus) ||
          hasAMalformedUnknownField(judged);
 }

@@ -1,5 +1,6 @@
 #include "fuzz/lax_body.h"
 
+#include <string>
 #include <string_view>
 
 #include "platform/foundation/utf8.h"
@@ -10,6 +11,16 @@ namespace kelvane::fuzz {
 namespace {
 
 constexpr unsigned deepest_overlooked = 1000;
+
+/// With an "a" wherever it is missing.
+std::string withArraysForEntries(std::string_view signature) {
+  std::string result;
+  for (const char code : signature) {
+    if (code == '{' && (result.empty() || result.back() != 'a')) result += 'a';
+    result += code;
+  }
+  return result;
+}
 
 class LaxReader {
  public:
@@ -35,7 +46,8 @@ class LaxReader {
       case 'o':
         return text(4) && wire::isObjectPath(text_);
       case 'g':
-        return text(1) && wire::isSignature(text_);
+        return text(1) && (wire::isSignature(text_) ||
+                           (overlooked_.entries && wire::isSignature(withArraysForEntries(text_))));
       case 'b':
         return number(4) && (number_ <= 1 || overlooked_.booleans);
       case 'h':

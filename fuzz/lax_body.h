@@ -12,6 +12,7 @@ struct Overlooked {
   bool rest = false;         // bytes behind the last value
   bool depth = false;        // more than 64 containers
   bool descriptors = false;  // that did not come
+  bool entries = false;      // in a signature that is a value: "{" without the "a" of an array
 };
 
 [[nodiscard]] bool isBodyValidBut(const wire::Message& message, const Overlooked& overlooked);

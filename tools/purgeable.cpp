@@ -40,7 +40,11 @@ std::string bytesText(const Figure& figure) {
 
 std::string ageText(const Figure& figure) {
   if (!figure.age) return "-";
-  return *figure.age < 1 ? "now" : inTime(std::floor(*figure.age));
+  if (*figure.age < 1) return "now";
+  std::string text = inTime(std::floor(*figure.age));
+  if (text.size() > age_width)
+    text = text.substr(0, text.find(" h ") + 2);  // 100 hours and more need no minutes
+  return text.size() > age_width ? "long ago" : text;
 }
 
 /// Narrow screens have the bar and the age on a line of their own.

@@ -65,6 +65,17 @@ TEST(PurgeableScreen, FitsEveryWidth) {
   }
 }
 
+TEST(PurgeableScreen, FitsAgesOfAnyLength) {
+  Purgeable purgeable = threeServices();
+  for (const double age : {99 * 3600.0 + 3599, 100 * 3600.0 + 3599, 1e9, 1e13, 1e300}) {
+    purgeable.figures.front().age = age;
+    for (const unsigned width : {40U, 80U})
+      expectFits(tools::purgeableScreen({purgeable}, plain(width)), plain(width));
+  }
+  purgeable.figures.front().age = 123 * 3600.0 + 3599;
+  EXPECT_THAT(tools::purgeableScreen({purgeable}, plain(80)), testing::HasSubstr("  123 h\n"));
+}
+
 TEST(PurgeableScreen, SaysSoWhenThereIsNothing) {
   EXPECT_EQ(tools::purgeableScreen({Purgeable{"/var", 0, {}}}, plain(80)),
             "/var\nNo service keeps anything here.\n");
