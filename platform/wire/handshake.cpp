@@ -125,10 +125,13 @@ ClientHandshake::ClientHandshake(uid_t self, bool passes_descriptors)
     : self_(self), asks_for_descriptors_(passes_descriptors) {}
 
 std::string ClientHandshake::opening() const {
-  std::string text(1, '\0');
-  text += "AUTH EXTERNAL " + identityOf(self_) + "\r\n";
-  if (asks_for_descriptors_) text += "NEGOTIATE_UNIX_FD\r\n";
-  return text + "BEGIN\r\n";
+  std::string text;
+  text.reserve(80);  // made for every connection
+  text += '\0';
+  text += "AUTH EXTERNAL ";
+  text += identityOf(self_);
+  text += asks_for_descriptors_ ? "\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n" : "\r\nBEGIN\r\n";
+  return text;
 }
 
 HandshakeState ClientHandshake::advance(std::string_view& input) {

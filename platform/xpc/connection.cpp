@@ -59,8 +59,10 @@ std::shared_ptr<Connection> Connection::initWithListenerEndpoint(const Endpoint&
   std::shared_ptr<wire::Account> account = endpoint.payer();
   if (account == nullptr) account = ownAccount();
   wire::Charge cost = wire::Charge::of(account, wire::Resource::connections, 1);
+  Endpoint::Opening opening = cost ? endpoint.begin() : Endpoint::Opening();
   std::shared_ptr<Connection> connection(
-      new Connection(wire::Transport::Side::client, cost ? endpoint.open() : FileDescriptor()));
+      new Connection(wire::Transport::Side::client, std::move(opening.ours)));
+  connection->unpassed_ = {endpoint, std::move(opening.theirs)};
   connection->account_ = std::move(account);
   connection->cost_ = std::move(cost);
   return connection;
@@ -166,6 +168,7 @@ void Connection::finish(Cause cause, const std::string& why) {
     ending.exported_object = std::move(exported_object_);
     transport_.reset();
     unopened_.reset();
+    unpassed_.reset();
     cost_.reset();
   }
   // Under the lock, so that the interruption comes before the invalidation.

@@ -117,6 +117,11 @@ class Connection final : public std::enable_shared_from_this<Connection> {
  private:
   struct Ending;  // what is left to do once the lock is released
   struct Round;   // of reading
+  /// The far end of a connection through an endpoint, until something was written for it to read.
+  struct UnpassedEnd {
+    Endpoint endpoint;
+    FileDescriptor theirs;
+  };
   enum class State { made, open, ended };
   enum class Cause { interruption, invalidation };
   /// Whether a client's handshake has been seen to, so that it goes out also when nobody calls.
@@ -140,6 +145,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   void goOnAfter(wire::Transport::Outcome progress);
   void updateDeadlines(bool took_message);
   void watchForWriting();
+  void passTheirEnd();
 
   [[nodiscard]] bool take(Round& round, Received& received);
   void takeCall(Round& round, Received& received);
@@ -167,8 +173,9 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   State state_ = State::made;
   bool invalidated_ = false;
   bool established_ = false;
-  wire::Charge cost_;                         // Resource::connections
-  FileDescriptor unopened_;                   // the socket, until the transport owns it
+  wire::Charge cost_;        // Resource::connections
+  FileDescriptor unopened_;  // the socket, until the transport owns it
+  std::optional<UnpassedEnd> unpassed_;
   std::optional<wire::Transport> transport_;  // while open
   Greeting greeting_ = Greeting::none_due;
   bool hung_up_ = false;  // nothing more will come than what the socket holds

@@ -236,6 +236,7 @@ void Connection::call(const InterfaceDescription& interface, const std::string& 
   unread_replies_.noteSent(bytes, false, transport_->queuedBytes());
   outstanding_.emplace_hint(outstanding_.end(), serial, std::move(call));
   watchForWriting();
+  passTheirEnd();
 }
 
 }  // namespace kelvane::xpc

@@ -35,7 +35,8 @@ void Connection::handleEvents(std::uint32_t events) {
   if (std::exchange(greeting_, Greeting::none_due) == Greeting::due) {
     transport_->startHandshake();  // unless a call has taken it along
     watchForWriting();
-    if (events == 0) return;
+    passTheirEnd();
+    if (events == 0 || !transport_) return;
   }
   if (transport_->wantsToWrite()) {
     transport_->flush();  // when the peer is gone, what it sent before is still read
@@ -117,6 +118,14 @@ void Connection::updateDeadlines(bool took_message) {
                           connection->interrupt("a message took too long");
                       });
   }
+}
+
+/// After something was written: the listener finds it when it looks at what it was passed.
+void Connection::passTheirEnd() {
+  if (!unpassed_) return;
+  const bool passed = unpassed_->endpoint.pass(unpassed_->theirs);
+  unpassed_.reset();
+  if (!passed) finish(Cause::invalidation, "the connection could not be made");
 }
 
 void Connection::watchForWriting() {

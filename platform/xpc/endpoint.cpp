@@ -50,15 +50,22 @@ std::optional<Endpoint> Endpoint::adopt(FileDescriptor descriptor, std::shared_p
   return endpoint;
 }
 
-FileDescriptor Endpoint::open() const {
+Endpoint::Opening Endpoint::begin() const {
   std::array<int, 2> pair{-1, -1};
   if (!handle_ || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) != 0) {
     return {};
   }
-  FileDescriptor ours(pair[0]);
-  const FileDescriptor theirs(pair[1]);
-  if (!sendDescriptor(descriptor(), theirs.get())) ours.reset();
-  return ours;
+  return {FileDescriptor(pair[0]), FileDescriptor(pair[1])};
+}
+
+bool Endpoint::pass(const FileDescriptor& theirs) const {
+  return theirs && sendDescriptor(descriptor(), theirs.get());
+}
+
+FileDescriptor Endpoint::open() const {
+  Opening opening = begin();
+  if (!pass(opening.theirs)) opening.ours.reset();
+  return std::move(opening.ours);
 }
 
 }  // namespace kelvane::xpc

@@ -20,8 +20,17 @@ class Endpoint {
   static std::optional<Endpoint> adopt(FileDescriptor descriptor,
                                        std::shared_ptr<wire::Account> payer = nullptr);
 
-  /// Makes a stream socket pair, hands one end to the listener and returns the other. Empty when the listener
-  /// is gone or does not read. Never blocks.
+  /// A connection that the listener knows nothing of yet.
+  struct Opening {
+    FileDescriptor ours;
+    FileDescriptor theirs;
+  };
+  /// Makes a stream socket pair. Both are empty when there is no endpoint, or no descriptor left.
+  [[nodiscard]] Opening begin() const;
+  /// Hands the listener its end. False when the listener is gone or does not read. Never blocks.
+  [[nodiscard]] bool pass(const FileDescriptor& theirs) const;
+  /// Both at once: our end, or nothing. What is written before the listener gets its end costs it no wake-up
+  /// of its own, so a connection writes first.
   [[nodiscard]] FileDescriptor open() const;
 
   [[nodiscard]] int descriptor() const { return handle_ ? handle_->descriptor.get() : -1; }

@@ -39,7 +39,6 @@ class HostileService : public testing::Test {
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
     const FileDescriptor far(pair[1]);
     connection_ = xpc::Connection::initWithListenerEndpoint(*xpc::Endpoint::adopt(FileDescriptor(pair[0])));
-    service_.emplace(receiveDescriptor(far.get()));
     connection_->setInterruptionHandler([this] { interrupted_(); });
     connection_->resume();
     remote_ = connection_->remoteObjectProxyWithErrorHandler<EchoProtocol>([this](const xpc::Error& error) {
@@ -50,6 +49,7 @@ class HostileService : public testing::Test {
       reply_ = std::move(reply);
       answered_();
     });
+    service_.emplace(receiveDescriptor(far.get()));
   }
   ~HostileService() override {
     connection_->invalidate();

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 #include "tests/xpc/echo.h"
@@ -44,9 +45,8 @@ class Opening : public testing::Test {
   Opening() {
     std::array<int, 2> pair{};
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
-    const FileDescriptor far(pair[1]);
+    listener_ = FileDescriptor(pair[1]);
     connection_ = xpc::Connection::initWithListenerEndpoint(*xpc::Endpoint::adopt(FileDescriptor(pair[0])));
-    service_.emplace(receiveDescriptor(far.get()));
   }
   ~Opening() override {
     connection_->invalidate();
@@ -55,41 +55,59 @@ class Opening : public testing::Test {
   [[nodiscard]] std::shared_ptr<EchoProtocol> proxy() const {
     return connection_->remoteObjectProxyWithErrorHandler<EchoProtocol>([](const xpc::Error&) {});
   }
+  /// The end that the listener got. It gets it when something was written.
+  RawPeer& service() {
+    if (!service_) service_.emplace(receiveDescriptor(listener_.get()));
+    return *service_;
+  }
+  [[nodiscard]] bool listenerHasNothing() const {
+    char byte = 0;
+    return ::recv(listener_.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
+  }
   /// Up to BEGIN.
   void readHandshake() {
-    EXPECT_EQ(service_->readLine(), RawPeer::firstLine());
-    EXPECT_EQ(service_->readLine(), "NEGOTIATE_UNIX_FD\r\n");
-    EXPECT_EQ(service_->readLine(), "BEGIN\r\n");
+    EXPECT_EQ(service().readLine(), RawPeer::firstLine());
+    EXPECT_EQ(service().readLine(), "NEGOTIATE_UNIX_FD\r\n");
+    EXPECT_EQ(service().readLine(), "BEGIN\r\n");
   }
 
   std::shared_ptr<xpc::Connection> connection_;
+
+ private:
+  FileDescriptor listener_;
   std::optional<RawPeer> service_;
 };
 
 // On a thread of the pool, as in the daemon: nothing else runs before the call is made.
 TEST_F(Opening, TheHandshakeWaitsForTheFirstCallAndGoesOutWithIt) {
   const Signal called;
-  std::string before;
+  bool waited = false;
   std::string after;
   dispatch_async(dispatch_get_global_queue(0, 0), [&] {
     connection_->resume();
-    before = waiting(service_->descriptor());
+    waited = listenerHasNothing();
     proxy()->greet("you", nullptr);
-    after = waiting(service_->descriptor());
+    after = waiting(service().descriptor());
     called();
   });
   called.wait();
-  EXPECT_EQ(before, "");
+  EXPECT_TRUE(waited);
   const std::size_t begin = after.find("BEGIN\r\nl\1");
   EXPECT_NE(begin, std::string::npos);
   EXPECT_NE(after.find("greet", begin), std::string::npos);
+}
+
+TEST_F(Opening, OfAConnectionThatIsNeverResumedTheListenerHearsNothing) {
+  EXPECT_TRUE(listenerHasNothing());
+  connection_->invalidate();
+  EXPECT_TRUE(listenerHasNothing());
 }
 
 TEST_F(Opening, TheHandshakeGoesOutByItselfWhenNobodyCalls) {
   connection_->resume();
   readHandshake();
   EXPECT_FALSE(connection_->wasEstablished());
-  service_->send("OK 00112233445566778899aabbccddeeff\r\nAGREE_UNIX_FD\r\n");
+  service().send("OK 00112233445566778899aabbccddeeff\r\nAGREE_UNIX_FD\r\n");
   while (!connection_->wasEstablished()) dispatch_sync(connection_->queue(), [] {});
 }
 
@@ -101,9 +119,9 @@ TEST_F(Opening, ACallWithADescriptorWaitsUntilThePeerHasAgreedToTakeIt) {
   // The endpoint is closed here before it is sent.
   proxy()->openBack("id", *xpc::Endpoint::adopt(FileDescriptor(pair[0])), nullptr);
   readHandshake();
-  EXPECT_EQ(waiting(service_->descriptor()), "");
-  service_->send("OK 00112233445566778899aabbccddeeff\r\nAGREE_UNIX_FD\r\n");
-  service_->awaitInput();
+  EXPECT_EQ(waiting(service().descriptor()), "");
+  service().send("OK 00112233445566778899aabbccddeeff\r\nAGREE_UNIX_FD\r\n");
+  service().awaitInput();
   std::array<char, 4096> bytes{};
   iovec data{bytes.data(), bytes.size()};
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
@@ -112,7 +130,7 @@ TEST_F(Opening, ACallWithADescriptorWaitsUntilThePeerHasAgreedToTakeIt) {
   message.msg_iovlen = 1;
   message.msg_control = control.data();
   message.msg_controllen = control.size();
-  ASSERT_GT(::recvmsg(service_->descriptor(), &message, MSG_CMSG_CLOEXEC), 0);
+  ASSERT_GT(::recvmsg(service().descriptor(), &message, MSG_CMSG_CLOEXEC), 0);
   ASSERT_NE(CMSG_FIRSTHDR(&message), nullptr);
   int descriptor = -1;
   std::memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof descriptor);
@@ -129,7 +147,7 @@ TEST_F(Opening, APeerThatTakesNoDescriptorsEndsTheConnectionThatHasOneToPass) {
   connection_->resume();
   proxy()->openBack("id", *xpc::Endpoint::adopt(FileDescriptor(pair[0])), nullptr);
   readHandshake();
-  service_->send("OK 00112233445566778899aabbccddeeff\r\nERROR\r\n");
+  service().send("OK 00112233445566778899aabbccddeeff\r\nERROR\r\n");
   interrupted.wait();
 }
 
