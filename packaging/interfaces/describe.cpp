@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "platform/xpc/standard_interfaces.h"
+#include "platform/xpc/introspection.h"
 #include "support/protocols.h"
 
 int main(int argc, char** argv) {
