@@ -120,6 +120,7 @@ TEST_F(SendTest, WhatTheSocketDoesNotTakeIsKeptInOrder) {
   std::uint32_t last = 0;
   for (int i = 0; i < 50; ++i) last = send("Small", std::to_string(i));
   ASSERT_NE(send("Long", std::string(300'000, 'y')), 0U);
+  ASSERT_NE(send("Behind", "text"), 0U);
   EXPECT_TRUE(transport_->wantsToWrite());
   EXPECT_GE(account_->used(Resource::queued_bytes), transport_->queuedBytes());
   const std::string all = readAllFlushing();
@@ -131,6 +132,7 @@ TEST_F(SendTest, WhatTheSocketDoesNotTakeIsKeptInOrder) {
     expected += callBytes("Filling", std::string(10'000, 'x'), {}, i);
   for (std::uint32_t i = 0; i < 50; ++i) expected += callBytes("Small", std::to_string(i), {}, last - 49 + i);
   expected += callBytes("Long", std::string(300'000, 'y'), {}, last + 1);
+  expected += callBytes("Behind", "text", {}, last + 2);
   EXPECT_TRUE(all == expected) << all.size() << " of " << expected.size();
 }
 
