@@ -66,6 +66,7 @@ void Connection::read() {
     finish(Cause::interruption, round.broken.empty() ? transport_->reason() : round.broken);
     return;
   }
+  if (progress != Progress::more) goes_on_ = true;  // nothing was left that it could have kept
   if (progress == Progress::no_room && hasNothingLeft()) return endOfInput();
   updateDeadlines(round.took_message);
   unread_replies_.noteQueued(transport_->queuedBytes());
