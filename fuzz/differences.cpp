@@ -100,6 +100,12 @@ bool hasAFieldThatOnlyLibdbusKnows(const Judged& judged) {
   return anyField(judged, [](const Field& field) { return field.code == container_instance; });
 }
 
+/// "org.freedesktop.DBus.Locally".
+bool hasANameThatBeginsLikeAReservedOne(const Judged& judged) {
+  return judged.message && (judged.message->header.interface.starts_with(wire::reserved_interface) ||
+                            judged.message->header.path.starts_with(wire::reserved_path));
+}
+
 bool hasAnUnknownFieldOfAContainerType(const Judged& judged) {
   return anyField(judged, [](const Field& field) {
     return field.code > last_known && !field.type.empty() && !wire::isBasicType(field.type.front());
@@ -145,7 +151,9 @@ bool headerBreaksOnlyWhatSdBusOverlooks(const Judged& judged, const Overlooked& 
 
 }  // namespace
 
-bool libdbusMayRefuse(const Judged& judged) { return hasAFieldThatOnlyLibdbusKnows(judged); }
+bool libdbusMayRefuse(const Judged& judged) {
+  return hasAFieldThatOnlyLibdbusKnows(judged) || hasANameThatBeginsLikeAReservedOne(judged);
+}
 
 bool libdbusMayAccept(const Judged& judged) {
   return namesADescriptorThatDidNotCome(judged) || hasAUniqueNameOfOneElement(judged);
