@@ -151,6 +151,16 @@ bool headerBreaksOnlyWhatSdBusOverlooks(const Judged& judged, const Overlooked& 
   return message && message->header.descriptors == 0 && isBodyValidBut(*message, overlooked);
 }
 
+/// U+FFFE, U+FDD0 and the like. Texts are UTF-8 here, so the bytes are looked for.
+bool hasANoncharacter(const Judged& judged) {
+  const auto at = [&](std::size_t i) { return std::to_integer<unsigned>(judged.bytes[i]); };
+  for (std::size_t i = 0; i + 2 < judged.bytes.size(); ++i) {
+    if (at(i) == 0xEF && at(i + 1) == 0xB7 && at(i + 2) >= 0x90 && at(i + 2) <= 0xAF) return true;
+    if ((at(i) & 0xFU) == 0xF && at(i + 1) == 0xBF && at(i + 2) >= 0xBE) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool libdbusMayRefuse(const Judged& judged) {
@@ -161,7 +171,9 @@ bool libdbusMayAccept(const Judged& judged) {
   return namesADescriptorThatDidNotCome(judged) || hasAUniqueNameOfOneElement(judged);
 }
 
-bool sdBusMayRefuse(const Judged& judged) { return hasAnUnknownFieldOfAContainerType(judged); }
+bool sdBusMayRefuse(const Judged& judged) {
+  return hasAnUnknownFieldOfAContainerType(judged) || hasANoncharacter(judged);
+}
 
 bool sdBusMayAccept(const Judged& judged) {
   constexpr Overlooked by_sd_bus{.booleans = true, .rest = true, .depth = true, .entries = true};
