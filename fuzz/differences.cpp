@@ -122,14 +122,17 @@ void repairMember(Bytes message, std::vector<std::byte>& repaired) {
   }
 }
 
-/// The message with these rules of the header kept: the version is that of the protocol, the padding behind
-/// the fields is zero, a member begins with no digit, and a body has a signature.
+/// The message with these rules of the header kept: the type is not 0, the version is that of the protocol,
+/// the padding behind the fields is zero, a member begins with no digit, and a body has a signature.
 std::vector<std::byte> withRepairedHeader(Bytes message) {
   std::vector<std::byte> repaired(message.begin(), message.end());
   const std::size_t fields_end = wire::fixed_header_size + numberAt(message, wire::fields_length_offset);
   const std::size_t body_at = (fields_end + 7) / 8 * 8;
   if (message.size() < body_at) return repaired;
   repairMember(message, repaired);
+  constexpr std::size_t type_offset = 1;
+  constexpr std::byte unknown_type{9};
+  if (message[type_offset] == std::byte{0}) repaired[type_offset] = unknown_type;
   constexpr std::size_t version_offset = 3;
   if (message[version_offset] != std::byte{0}) repaired[version_offset] = std::byte{wire::protocol_version};
   std::fill(repaired.begin() + static_cast<std::ptrdiff_t>(fields_end),
