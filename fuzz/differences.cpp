@@ -122,14 +122,19 @@ void repairMember(Bytes message, std::vector<std::byte>& repaired) {
   }
 }
 
-/// The message with these rules of the header kept: the padding behind the fields is zero, a member begins
-/// with no digit, and a body has a signature.
+/// The message with these rules of the header kept: the type is not 0, the version is that of the protocol,
+/// the padding behind the fields is zero, a member begins with no digit, and a body has a signature.
 std::vector<std::byte> withRepairedHeader(Bytes message) {
   std::vector<std::byte> repaired(message.begin(), message.end());
   const std::size_t fields_end = wire::fixed_header_size + numberAt(message, wire::fields_length_offset);
   const std::size_t body_at = (fields_end + 7) / 8 * 8;
   if (message.size() < body_at) return repaired;
   repairMember(message, repaired);
+  constexpr std::size_t type_offset = 1;
+  constexpr std::byte unknown_type{9};
+  if (message[type_offset] == std::byte{0}) repaired[type_offset] = unknown_type;
+  constexpr std::size_t version_offset = 3;
+  if (message[version_offset] != std::byte{0}) repaired[version_offset] = std::byte{wire::protocol_version};
   std::fill(repaired.begin() + static_cast<std::ptrdiff_t>(fields_end),
             repaired.begin() + static_cast<std::ptrdiff_t>(body_at), std::byte{0});
   const bool has_signature = anyField(Judged{message, {}, false}, [](const Field& field) {
@@ -149,6 +154,16 @@ bool headerBreaksOnlyWhatSdBusOverlooks(const Judged& judged, const Overlooked& 
   return message && message->header.descriptors == 0 && isBodyValidBut(*message, overlooked);
 }
 
+/// U+FFFE, U+FDD0 and the like. Texts are UTF-8 here, so the bytes are looked for.
+bool hasANoncharacter(const Judged& judged) {
+  const auto at = [&](std::size_t i) { return std::to_integer<unsigned>(judged.bytes[i]); };
+  for (std::size_t i = 0; i + 2 < judged.bytes.size(); ++i) {
+    if (at(i) == 0xEF && at(i + 1) == 0xB7 && at(i + 2) >= 0x90 && at(i + 2) <= 0xAF) return true;
+    if ((at(i) & 0xFU) == 0xF && at(i + 1) == 0xBF && at(i + 2) >= 0xBE) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool libdbusMayRefuse(const Judged& judged) {
@@ -159,7 +174,9 @@ bool libdbusMayAccept(const Judged& judged) {
   return namesADescriptorThatDidNotCome(judged) || hasAUniqueNameOfOneElement(judged);
 }
 
-bool sdBusMayRefuse(const Judged& judged) { return hasAnUnknownFieldOfAContainerType(judged); }
+bool sdBusMayRefuse(const Judged& judged) {
+  return hasAnUnknownFieldOfAContainerType(judged) || hasANoncharacter(judged);
+}
 
 bool sdBusMayAccept(const Judged& judged) {
   constexpr Overlooked by_sd_bus{.booleans = true, .rest = true, .depth = true, .entries = true};
