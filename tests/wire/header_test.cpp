@@ -161,6 +161,15 @@ TEST(Header, AFieldsVariantHoldsExactlyOneType) {
   }
 }
 
+TEST(Header, TheSignatureOfAFieldsVariantEndsWithNul) {
+  for (const std::size_t at : {19U, 35U, 51U}) {  // of the path, the member and the signature
+    std::vector<std::byte> bytes = fromHex(little_call);
+    ASSERT_TRUE(parseMessage(bytes));
+    bytes.at(at) = std::byte{1};
+    EXPECT_FALSE(parseMessage(bytes)) << at;
+  }
+}
+
 TEST(Header, FieldZeroIsRefused) { EXPECT_FALSE(Parts::call().text(0, "x").isAccepted()); }
 
 TEST(Header, AFieldTwiceIsRefused) {
