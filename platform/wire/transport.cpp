@@ -219,9 +219,7 @@ void Transport::establish(bool passes_descriptors) {
   }
 }
 
-void Transport::end(std::string reason) {
-  reason_ = std::move(reason);
-}
+void Transport::end(std::string reason) { reason_ = std::move(reason); }
 
 void Transport::dropInput() {
   kept_.clear();
