@@ -231,6 +231,11 @@ void RawPeer::awaitEnd() {
   while (read(1)) unread_.clear();
 }
 
+bool RawPeer::hasEnded() const {
+  pollfd state{socket_.get(), POLLRDHUP, 0};
+  return ::poll(&state, 1, 0) > 0;
+}
+
 void RawPeer::awaitRoom() const {
   pollfd state{socket_.get(), POLLOUT, 0};
   ::poll(&state, 1, -1);

@@ -85,6 +85,8 @@ class RawPeer {
   std::optional<RawReply> receive();
   /// Blocks until the other end has closed, throwing away what comes before.
   void awaitEnd();
+  /// Whether the other end has closed.
+  [[nodiscard]] bool hasEnded() const;
   /// Blocks until more can be written.
   void awaitRoom() const;
   /// Blocks until there is something to receive, and leaves it there.
