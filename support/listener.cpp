@@ -6,6 +6,7 @@
 #include "support/entitlements.h"
 #include "support/log.h"
 #include "support/paths.h"
+#include "support/refusal_log.h"
 
 namespace kelvane {
 namespace {
@@ -48,6 +49,11 @@ bool KelvaneListener::resume() {
           required);
     return false;
   });
+  listener_->setAccounts(*accounts_);
+  listener_->setRefusalHandler(
+      [accounts = accounts_, log = std::make_shared<RefusalLog>()](const xpc::PeerCredentials& peer) {
+        log->refused(peer.uid, accounts->of(peer.uid)->limit(wire::Resource::connections));
+      });
   listener_->setConnectionHandler([object = object_](const std::shared_ptr<xpc::Connection>& connection) {
     connection->setExportedObject<KelvaneClientProtocol>(object);
     connection->resume();

@@ -11,6 +11,7 @@
 #include <csignal>
 
 #include "common/keys.h"
+#include "platform/dispatch/manual_clock.h"
 #include "support/entitlements.h"
 #include "tests/foundation/temporary_directory.h"
 #include "tests/support/fake_client_object.h"
@@ -91,6 +92,71 @@ TEST_F(DaemonListener, AClientNeedsEveryRequiredEntitlement) {
   listener_->addRequiredEntitlement(PURGE_ENTITLEMENT);
   ASSERT_TRUE(listener_->resume());
   EXPECT_FALSE(ask(info));
+}
+
+wire::Limits withConnections(std::uint64_t most) {
+  wire::Limits limits = wire::ordinaryLimits();
+  limits.at(static_cast<std::size_t>(wire::Resource::connections)) = most;
+  return limits;
+}
+
+/// Lets each user have two connections.
+class CrowdedListener : public DaemonListener {
+ protected:
+  void SetUp() override {
+    grant(CLIENT_ENTITLEMENT);
+    listener_ = KelvaneListener::daemonListenerWithExportedObject(object_);
+    listener_->setAccounts(accounts_);
+    ASSERT_TRUE(listener_->resume());
+  }
+  void TearDown() override {
+    for (const auto& connection : open_) connection->invalidate();
+    DaemonListener::TearDown();
+  }
+  /// Keeps one connection open that has been accepted.
+  void open() {
+    const Signal answered;
+    open_.push_back(xpc::Connection::initWithSocketPath(socket_));
+    open_.back()->resume();
+    open_.back()
+        ->remoteObjectProxyWithErrorHandler<KelvaneClientProtocol>([&](const xpc::Error& error) {
+          ADD_FAILURE() << error.message;
+          answered();
+        })
+        ->clientCancelPurge({}, [&] { answered(); });
+    answered.wait();
+  }
+  static std::string refusal() {
+    return "refused a connection of user " + std::to_string(::geteuid()) +
+           ": it has 2 open, the most allowed";
+  }
+
+  ManualClock clock_;
+  const LogCapture log_{3};
+  wire::Accounts accounts_{withConnections(2), withConnections(2)};
+  std::vector<std::shared_ptr<xpc::Connection>> open_;
+};
+
+TEST_F(CrowdedListener, AConnectionAboveItsUsersLimitIsRefusedAndLoggedWithTheUserAndTheLimit) {
+  open();
+  open();
+  EXPECT_FALSE(log_.contains("refused"));
+  EXPECT_FALSE(ask(info));
+  EXPECT_EQ(object_->calls, 2);
+  EXPECT_EQ(log_.count(3, "resume " + refusal()), 1U);
+}
+
+TEST_F(CrowdedListener, RefusalsOfAUserAreLoggedOnceInTenSeconds) {
+  open();
+  open();
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(ask(info));
+  EXPECT_EQ(log_.count(refusal()), 1U);
+  clock_.advance(9'999'999'999);
+  EXPECT_FALSE(ask(info));
+  EXPECT_EQ(log_.count(refusal()), 1U);
+  clock_.advance(1);
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(ask(info));
+  EXPECT_EQ(log_.count(refusal()), 2U);
 }
 
 TEST_F(DaemonListener, EveryUserMayConnectToTheSocket) {
