@@ -14,13 +14,14 @@ namespace {
 std::atomic<std::size_t> allocations = 0;
 }
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would see memory of `operator new` being freed.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   ++allocations;
   if (void* const memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace kelvane::wire {
 namespace {
