@@ -1,7 +1,8 @@
 #pragma once
 
 // The reasoned differences between this system's reader of messages, libdbus and sd-bus. Each has a name, and
-// its reason stands in README.md under that name. What differs for any other reason is a finding.
+// its reason stands in README.md under that name. What differs for any other reason is a finding, but for
+// what sd-bus alone accepts.
 
 #include <cstdint>
 #include <optional>
@@ -23,6 +24,5 @@ struct Judged {
 /// Whether libdbus may accept what is refused here.
 [[nodiscard]] bool libdbusMayAccept(const Judged& judged);
 [[nodiscard]] bool sdBusMayRefuse(const Judged& judged);
-[[nodiscard]] bool sdBusMayAccept(const Judged& judged);
 
 }  // namespace kelvane::fuzz

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "fuzz/body_text.h"
+#include "fuzz/descriptor_origins.h"
 #include "fuzz/target.h"
 #include "platform/foundation/file_descriptor.h"
 #include "platform/wire/transport.h"
@@ -171,11 +173,14 @@ class Trial {
     std::span<const std::byte> rest = piece.bytes;
     std::size_t descriptors = piece.descriptors;
     while (!rest.empty()) {
+      const std::size_t unread = unreadBytes();
       const ssize_t sent = sendSome(rest, descriptors);
       if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return;  // the transport closed its end
       const bool is_full = sent < 0;
       if (!is_full) {
         rest = rest.subspan(static_cast<std::size_t>(sent));
+        // The kernel may join what was not yet read with what the descriptors were sent with.
+        origins_.add({sent_ - unread, sent_ + static_cast<std::size_t>(sent)}, descriptors);
         sent_ += static_cast<std::size_t>(sent);
         descriptors = 0;
       }
@@ -216,7 +221,11 @@ class Trial {
       requireBounds();
       readOutput();
       stuck_ = outcome == Outcome::no_room;
-      if (outcome == Outcome::ended) require(!transport_->reason().empty(), "an end has a reason");
+      if (outcome == Outcome::ended) {
+        require(!transport_->reason().empty(), "an end has a reason");
+      } else {
+        require(origins_.allReachBeyond(handed_out_), "descriptors that no message names end the connection");
+      }
       if (outcome != Outcome::more) return;
     }
   }
@@ -226,6 +235,10 @@ class Trial {
     require(received.descriptors.size() == received.message.header.descriptors,
             "a message has as many descriptors as it names");
     require(received.bytes.amount() >= received.message.body.size(), "the bytes of a message are charged");
+    const Stretch message = stretchOf(received);
+    require(handed_out_ == 0 || message.begin == handed_out_, "messages follow one another without a gap");
+    origins_.handOut(message, received.descriptors.size());
+    handed_out_ = message.end;
     const bool is_valid = wire::isBodyValid(received.message, received.descriptors.size());
     course_.messages.push_back(headerText(received.message.header) +
                                (is_valid ? bodyText(received.message) : "invalid"));
@@ -234,12 +247,26 @@ class Trial {
     return !plan_.stops_after_each;
   }
 
+  [[nodiscard]] std::size_t unreadBytes() const {
+    int count = 0;
+    require(::ioctl(transport_->socket(), FIONREAD, &count) == 0, "unread bytes can be counted");
+    return static_cast<std::size_t>(count);
+  }
+
+  /// What was read and is not yet handed out is charged, and begins with this message.
+  [[nodiscard]] Stretch stretchOf(const Transport::Received& received) const {
+    const std::size_t waiting = account_->used(Resource::received_bytes) - kept_bytes_;
+    const std::size_t begin = sent_ - unreadBytes() - waiting;
+    return {begin, begin + received.bytes.amount()};
+  }
+
   void keep(Transport::Received& received) {
     for (FileDescriptor& descriptor : received.descriptors) {
       require(static_cast<bool>(descriptor), "descriptors of a message are open");
       kept_.push_back(std::move(descriptor));
     }
     charges_.push_back(std::move(received.descriptor_charge));
+    kept_bytes_ += received.bytes.amount();
     charges_.push_back(std::move(received.bytes));
   }
 
@@ -287,6 +314,9 @@ class Trial {
   Passed passed_;
   std::vector<FileDescriptor> kept_;
   std::vector<wire::Charge> charges_;
+  std::size_t kept_bytes_ = 0;  // of the charges
+  DescriptorOrigins origins_;
+  std::size_t handed_out_ = 0;  // the stream up to here
   Course course_;
   std::size_t sent_ = 0;
   unsigned answers_ = 0;

@@ -69,11 +69,12 @@ class FieldReader {
     if (!reader_.align(8) || !reader_.hasRoom(start_size)) return false;
     const std::byte* const start = reader_.bytes_.data() + reader_.position_;
     const auto code = static_cast<std::uint8_t>(start[0]);
-    if (code == 0 || seen_[code]) return false;
-    seen_.set(code);
+    if (code == 0) return false;
     const auto field = static_cast<HeaderField>(code);
     const char type = typeOf(field);
     if (type == '\0') return skip();
+    if (seen_[code]) return false;
+    seen_.set(code);
     if (start[1] != std::byte{1} || start[2] != static_cast<std::byte>(type) || start[3] != std::byte{0})
       return false;
     reader_.position_ += start_size;
@@ -134,7 +135,7 @@ class FieldReader {
 
   Reader& reader_;
   Header& header_;
-  std::bitset<256> seen_;
+  std::bitset<256> seen_;  // of the known ones
 };
 
 bool isHeaderValid(const Header& header) {

@@ -44,7 +44,7 @@ struct Header {
 
 /// Reads the header of a whole message and finds its body. Nothing when it breaks a rule of the protocol:
 /// a field of a wrong type or with an invalid name, a required field missing, padding that is not zero, a
-/// field twice. Unknown fields and unknown message types are not errors (callers ignore such messages).
+/// known field twice. Unknown fields and unknown message types are not errors (callers ignore such messages).
 struct Message {
   Header header;
   Bytes body;
