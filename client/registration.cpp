@@ -173,7 +173,7 @@ void Registration::daemonGone(Attempt attempt, bool established) {
   }
 }
 
-/// During an attempt too: it may have come too early for this socket, and the next may be a minute away.
+/// Also during an attempt: it may have started before this socket existed, and the next may be a minute away.
 void Registration::socketAppeared() {
   if (phase_ == Phase::asking) appeared_meanwhile_ = true;
   if (phase_ != Phase::waiting) return;

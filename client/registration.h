@@ -78,7 +78,7 @@ class Registration final : public std::enable_shared_from_this<Registration> {
   std::shared_ptr<xpc::Listener> listener_;
   std::shared_ptr<std::atomic<bool>> called_back_;  // set on any thread
   std::optional<SocketWatcher> watcher_;
-  bool appeared_meanwhile_ = false;  // the socket, since the attempt under way began
+  bool appeared_meanwhile_ = false;  // the socket appeared during the current attempt
   Timer timer_;
   std::int64_t pause_ = 0;  // nanoseconds, before the next attempt
   std::uint64_t registered_at_ = 0;

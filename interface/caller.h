@@ -8,7 +8,7 @@ namespace kelvane {
 /// logged at level 3 under the name of the method it called. A call that no connection brought holds none.
 [[nodiscard]] bool callerIsEntitled(const char* entitlement, const char* selector);
 
-/// The user of that process; this process's own for a call that no connection brought.
+/// The user of that process; this process's own user for a call that came over no connection.
 [[nodiscard]] uid_t callingUser();
 
 }  // namespace kelvane

@@ -52,8 +52,8 @@ class ClientInterface : public KelvaneClientProtocol,
   /// Waits until the service has answered a ping: true then, and false when its connection ended instead.
   /// There is no time limit for a service that lives and stays silent.
   static bool pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy);
-  /// Tells every service that asked for that name. Returns at once; nothing is reported back. `call` is the
-  /// one that has this done, if any, and counts until it is.
+  /// Notifies every service that asked for that name. Returns at once; nothing is reported back. `call`, if
+  /// any, caused this, and counts as unfinished until it is done.
   void notifyRecipients(const std::string& name, const Value& value, const xpc::CurrentCall& call = {});
 
   // --- purging ---
@@ -71,7 +71,7 @@ class ClientInterface : public KelvaneClientProtocol,
 
   // --- the state store, for callers that run on `defaults_queue`; a call from elsewhere is fatal ---
 
-  /// `call` is the one that brought the value, if any, and counts until all is done.
+  /// `call`, if any, carried the value, and counts as unfinished until everything is done.
   void _clientSetState(const Value& value, const std::string& key, const Reply<>& reply,
                        const xpc::CurrentCall& call = {});
   void _clientGetState(const Value& key, const Reply<Value>& reply);

@@ -41,8 +41,8 @@ void storeOperation(std::optional<PurgeOperations>& operations, const Value& tok
   operations->emplace_back(token, operation);
 }
 
-/// A request whose answer takes its time. It holds no thread meanwhile, but the queue of its connection,
-/// which keeps the order there. Ends with its last copy.
+/// A request that takes a while to answer. It holds no thread meanwhile, only the queue of its connection, to
+/// keep the order there. Ends with its last copy.
 class Waiting {
  public:
   Waiting() : state_(std::make_shared<State>(xpc::Connection::current())) {}
@@ -75,7 +75,7 @@ void ClientInterface::clientPurge(Dictionary info, ResultReply reply) {
   });
 }
 
-/// Looking at the volume may block, so neither the registry's queue nor the one of purges does it.
+/// Checking the volume may block, so it runs neither on the registry's queue nor on the queue of purges.
 void ClientInterface::purgeServices(Services services, Dictionary info, PurgeCallback finished) {
   dispatch_async(dispatch_get_global_queue(0, 0), [self = shared_from_this(), services = std::move(services),
                                                    info = std::move(info),

@@ -1,6 +1,6 @@
 #pragma once
 
-// What one user may make the daemon keep, beside what its connections and calls cost
+// Limits on what the daemon stores for one user, in addition to the costs of connections and calls
 // (platform/wire/account.h). docs/limits.md has the reasons. Sizes of values are footprints
 // (platform/foundation/footprint.h), in bytes.
 
@@ -8,16 +8,16 @@
 
 namespace kelvane {
 
-inline constexpr std::size_t longest_service_ID = 255;  // as a file's name
+inline constexpr std::size_t longest_service_ID = 255;  // as for a file name
 /// The names of the notifications that one service wants.
 inline constexpr std::size_t largest_wishes = std::size_t{16} << 10;
 /// One value of the state, with its key.
 inline constexpr std::size_t largest_state_entry = std::size_t{1} << 20;
-/// All of the state. A privileged user can still write when an ordinary one has filled it.
+/// The whole state. A privileged user can still write after an ordinary one has filled it.
 inline constexpr std::size_t largest_state = std::size_t{16} << 20;
 inline constexpr std::size_t largest_privileged_state = std::size_t{20} << 20;
 
-/// A value up to this is answered from the queue of the state; a larger one would hold up other users.
+/// Values up to this size are answered on the state's queue; larger ones would delay other users.
 inline constexpr std::size_t small_answer = std::size_t{16} << 10;
 
 }  // namespace kelvane

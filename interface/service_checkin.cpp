@@ -63,7 +63,7 @@ class Pong {
   const std::shared_ptr<std::atomic<bool>> pong_;
 };
 
-/// Sends one that is under way and, in its place, those that had to wait. On `queue`.
+/// Sends one notification, and after its answer those that had to wait. On `queue`.
 void notify(const std::shared_ptr<KVService>& service, const NotificationOutbox::Notification& notification,
             const dispatch_queue_t& queue) {
   CallServiceAsync(

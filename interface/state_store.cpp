@@ -96,7 +96,7 @@ void awaitAnswer(const dispatch_semaphore_t& semaphore, const char* selector) {
 
 }  // namespace
 
-/// The user's turn comes however many requests others have queued.
+/// The user gets a turn, no matter how many requests others have queued.
 void ClientInterface::takeTurn(Block item) {
   turns_.add(callingUser(), std::move(item));
   dispatch_async(defaults_queue(), [self = shared_from_this()] { self->turns_.runNext(); });
@@ -125,7 +125,7 @@ void ClientInterface::clientGetState(xpc::Anything key, Reply<Value> reply) {
   });
 }
 
-/// To write out a large value takes longer than everything else that is done here.
+/// Encoding a large value takes longer than everything else here.
 void ClientInterface::answerState(const Value& value, const Reply<Value>& reply, uid_t user) {
   if (!foundation::footprintExceeds(value, small_answer)) {
     reply(value);

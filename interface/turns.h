@@ -10,13 +10,13 @@
 namespace kelvane {
 
 /// Work of many users for one serial queue. Users take turns, so that nobody waits for more than one item of
-/// each other user, however many those have queued. The items of one user run in the order in which they were
+/// each other user, no matter how many are queued. The items of one user run in the order in which they were
 /// added. Any thread.
 class Turns {
  public:
-  /// To be followed by one `runNext` on the queue.
+  /// Each call must be followed by one `runNext` on the queue.
   void add(uid_t user, Block item);
-  /// Runs the item whose turn it is, which may be any user's.
+  /// Runs the next item in turn, which may belong to any user.
   void runNext();
 
  private:

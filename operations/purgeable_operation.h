@@ -9,8 +9,8 @@
 // `startOperation` blocks its thread: 10 seconds for the services, and a short polling tail for stragglers.
 // Each service is asked from an item of the global queue; replies come on the threads of their connections.
 // The record is used on the state's `defaults_queue` only, in the order in which it was asked for, so the
-// count sees every answer that came before it. Answers that come while others wait there are recorded with
-// them: what is free on the volume, and which figures have become old, is then asked once for all.
+// count sees every answer that came before it. Answers that arrive while others wait there are recorded
+// together: the volume's free space is then read once for all of them, and outdated figures are removed once.
 
 #include <functional>
 #include <map>

@@ -20,7 +20,7 @@ constexpr unsigned mount_id = STATX_MNT_ID;
 #else
 constexpr unsigned mount_id = 0x1000;
 #endif
-/// A walk also fails when somebody renames in its way.
+/// The lookup also fails if another process renames something on the path meanwhile.
 constexpr int most_tries = 16;
 
 }  // namespace

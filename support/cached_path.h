@@ -1,7 +1,7 @@
 #pragma once
 
-// Paths without waiting: what the kernel can say of a path without asking any file system, so that one that
-// hangs, or that somebody mounts in the very moment, holds nobody up.
+// Paths without waiting: what the kernel knows about a path without asking a file system. So a file system
+// that hangs, even one mounted a moment ago, cannot block the caller.
 
 #include <sys/types.h>
 #include <cstdint>
@@ -20,7 +20,7 @@ struct CachedIdentity {
   std::uint64_t mount;  // the kernel's mount ID, as in MountEntry
   mode_t mode;          // as the kernel remembers it
 };
-/// Nothing where the kernel does not say.
+/// Nothing if the kernel does not report them.
 [[nodiscard]] std::optional<CachedIdentity> cachedIdentity(int descriptor);
 
 }  // namespace kelvane

@@ -7,10 +7,10 @@
 // order of its name; what several grants give adds up. A file that is not owned by root or by this process's
 // user, or that its group or others can write, is ignored with a level-3 line that says which and why, and so
 // is one that is no such dictionary. The directories are judged like the files (grant_directory.h): when one
-// is not trusted, all its files are ignored, and the line names the directory. One that says of nobody whom
-// it is for is no such dictionary: a misspelled "user" must not open the door to all. Names of users and
-// groups are looked up when the grants are read; one that is unknown then matches nobody, and a level-3 line
-// says so. With no *.plist in any folder, and no folder that is ignored, user root holds every name.
+// is not trusted, all its files are ignored, and the line names the directory. A grant that does not state
+// whom it is for is invalid too: a misspelled "user" must not grant rights to everybody. Names of users and
+// groups are looked up when the grants are read; an unknown name matches nobody, and a level-3 line is
+// logged. If no directory has a *.plist file, and none is ignored, user root holds every name.
 //
 // Who the peer is, is what the kernel recorded when it connected. Any thread.
 

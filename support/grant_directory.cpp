@@ -24,7 +24,7 @@ GrantDirectory failure(int error) {
   return error == ENOENT ? GrantDirectory() : failure(std::strerror(error));
 }
 
-/// `what` is the grammatical subject of the answer; an empty answer means that the directory may be believed.
+/// `what` is the grammatical subject of the answer; an empty answer means that the directory is trusted.
 std::string whyDistrusted(const FileDescriptor& directory, const std::string& what) {
   struct stat status {};
   if (::fstat(directory.get(), &status) != 0) return what + ": " + std::strerror(errno);

@@ -1,13 +1,13 @@
 #pragma once
 
-// Opens a directory of grants. What it holds is believed only when nobody but root and this process's user
-// decides what is in it. So the directory and the one that holds it must be owned by root or this process's
-// user, and must not be writable by their group or by others: who can write a directory can replace each file
-// in it, and who can write its parent can replace the directory. Further up are /etc and /usr/lib; who can
-// write those decides who root is, so nothing would be gained by a check. The directory itself must not be a
-// symbolic link.
+// Opens a directory of grants. Its files are trusted only if nobody but root and this process's user can
+// change them. So the directory and the one that holds it must be owned by root or this process's user, and
+// must not be writable by their group or by others: whoever can write a directory can replace each file in
+// it, and whoever can write its parent can replace the directory. Further up are /etc and /usr/lib; whoever
+// can write those can become root anyway, so checking them would gain nothing. The directory itself must not
+// be a symbolic link.
 //
-// What is checked is what was opened, and its files are opened in it, not by a path that may lead elsewhere a
+// The checks use the opened directory, and its files are opened relative to it: a path could lead elsewhere a
 // moment later.
 
 #include <string>
@@ -18,9 +18,9 @@
 namespace kelvane {
 
 struct GrantDirectory {
-  FileDescriptor directory;        // none: it is missing, or there is a problem
+  FileDescriptor directory;        // empty if it is missing, or there is a problem
   std::vector<std::string> files;  // the names of its *.plist, sorted
-  std::string problem;             // why nothing in it counts; empty for none
+  std::string problem;             // why it is ignored; empty if it is not
 };
 
 [[nodiscard]] GrantDirectory openGrantDirectory(const std::string& path);

@@ -37,7 +37,7 @@ bool hasBlockDeviceNumber(const MountEntry& mount) {
 }
 
 bool isOnBlockDevice(const MountEntry& mount) {
-  // What a program serves it calls as it likes, "/dev/sda1" for one; any user may be behind it.
+  // A FUSE program may choose any source name, such as "/dev/sda1", and any user may run it.
   if (isServedByAProgram(mount.type)) return hasBlockDeviceNumber(mount);
   return mount.source.starts_with("/dev/") || hasBlockDeviceNumber(mount);
 }
@@ -87,7 +87,7 @@ std::vector<MountEntry> localVolumesAmong(const std::vector<MountEntry>& mounts)
 }
 
 bool mayNotAnswer(const MountEntry& mount) {
-  // An automounter, and the locks that machines share a device by, may be waited for just as a server.
+  // An automounter, or the locks of a cluster file system, may block just like a server.
   static constexpr std::array<std::string_view, 3> others = {"autofs", "gfs2", "ocfs2"};
   return isForeign(mount.type) || isServedByAProgram(mount.type) || isOneOf(others, mount.type);
 }

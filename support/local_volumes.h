@@ -4,10 +4,9 @@
 //
 //  * writable mounts of a block device (the source is below /dev, or the device number is not an anonymous
 //    one), of an overlay, btrfs or zfs, and of a tmpfs that is not at or below /dev, /proc, /run or /sys;
-//  * never network file systems, those of a virtual machine's host, or those that a program serves (FUSE),
-//  unless
-//    the kernel says by the device number that they are on a block device, as "fuseblk.ntfs-3g" is: the name
-//    of the source is whatever the program says;
+//  * never network file systems, file systems of a virtual machine's host, or FUSE, unless the device number
+//    shows that they are on a block device, as for "fuseblk.ntfs-3g". The name of the source proves nothing:
+//    the program chooses it;
 //  * of several mounts at one path the last, which hides the others;
 //  * none whose path is not UTF-8, since no message could name it;
 //  * of several mounts of one device the one that shows the whole file system (its root is "/"), and of
@@ -26,12 +25,12 @@ namespace kelvane {
 /// Whether this mount, when it is not hidden by another, is a local volume, or stands for one.
 [[nodiscard]] bool isLocalVolume(const MountEntry& mount);
 
-/// Whether a program, a server or another machine is behind the file system, so that a question may never be
+/// Whether a program, a server or another machine serves the file system, so that a request may never be
 /// answered.
 [[nodiscard]] bool mayNotAnswer(const MountEntry& mount);
-/// Whether the file system says from the kernel's memory how much space it has. Others may wait for a
-/// program, for a device (vfat counts its free clusters when it is first asked), or for the file system that
-/// they lie on (overlay). A type that is not known counts among them.
+/// Whether the kernel knows the file system's free space without waiting. Other types may wait for a program,
+/// for a device (vfat counts its free clusters at the first request), or for the file system below (overlay).
+/// Unknown types are treated like these.
 [[nodiscard]] bool answersAtOnce(const MountEntry& mount);
 /// Whether the path is one of the folders, or leads through one.
 [[nodiscard]] bool isInOneOf(const std::vector<std::string>& folders, const std::string& path);

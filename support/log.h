@@ -46,7 +46,7 @@ namespace logging {
 
 using Argument = std::variant<std::int64_t, std::uint64_t, double, const void*, std::string>;
 
-/// What a peer sent may be as long as a message. A line is formatted from the beginning of it only.
+/// Text from a peer may be as long as a message. Only its beginning is formatted into the line.
 [[nodiscard]] std::string shortened(std::string_view text);
 
 inline Argument argument(const char* text) { return shortened(text == nullptr ? "(null)" : text); }

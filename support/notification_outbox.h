@@ -10,9 +10,9 @@
 
 namespace kelvane {
 
-/// The notifications of one service. A service that never answers would collect a connection for each, so a
-/// bounded number is under way at a time. Of the others the newest of each name is kept, and sent in the
-/// place of one that is done: a service that is merely slow learns the last value. Any thread.
+/// The notifications to one service. Each takes a connection until it is answered, so the number of
+/// unanswered ones is limited. Of the others, the newest of each name is kept, and sent once another one is
+/// answered: a service that is merely slow still gets the last value. Any thread.
 class NotificationOutbox {
  public:
   static constexpr unsigned most_under_way = 16;
@@ -22,7 +22,7 @@ class NotificationOutbox {
     Value value;
   };
 
-  /// Whether to send it now. It is then under way until `finish`; otherwise it is kept.
+  /// Whether to send it now. If so, it is in flight until `finish`; otherwise it is kept.
   [[nodiscard]] bool start(const Notification& notification) {
     const std::lock_guard lock(mutex_);
     kept_.erase(notification.name);  // older, whether it is replaced or overtaken
@@ -33,7 +33,7 @@ class NotificationOutbox {
     kept_.emplace(notification.name, notification.value);
     return false;
   }
-  /// One is done. Another one, to be sent in its place and under way from now on, if any was kept.
+  /// One is answered. Returns a kept one to send now, which is then in flight, if there is any.
   [[nodiscard]] std::optional<Notification> finish() {
     const std::lock_guard lock(mutex_);
     if (kept_.empty()) {
@@ -43,7 +43,7 @@ class NotificationOutbox {
     auto next = kept_.extract(kept_.begin());
     return Notification{std::move(next.key()), std::move(next.mapped())};
   }
-  /// What was kept under this name is not wanted any more.
+  /// Drops the notification kept under this name.
   void drop(const std::string& name) {
     const std::lock_guard lock(mutex_);
     kept_.erase(name);

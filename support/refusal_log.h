@@ -8,11 +8,12 @@
 
 namespace kelvane {
 
-/// Logs, at level 3, that a user's connection was refused because the user has as many as it may. At most one
-/// line in ten seconds for each user, so that a peer which goes on trying does not fill the log. Thread-safe.
+/// Logs, at level 3, that a connection was refused because its user is at the limit on connections. At most
+/// one line in ten seconds for each user, so that a peer that keeps trying does not fill the log.
+/// Thread-safe.
 class RefusalLog {
  public:
-  /// So many users have a line in ten seconds; about further ones nothing is logged.
+  /// At most this many users are logged in ten seconds.
   static constexpr std::size_t most_users = 64;
 
   /// `limit`: how many connections that user may have.
@@ -22,7 +23,7 @@ class RefusalLog {
   bool takeLine(uid_t user);
 
   std::mutex mutex_;
-  std::map<uid_t, std::uint64_t> last_lines_;  // guarded by mutex_; when each user's was, by Clock::now
+  std::map<uid_t, std::uint64_t> last_lines_;  // time of the last line (Clock::now); guarded by mutex_
 };
 
 }  // namespace kelvane

@@ -45,7 +45,7 @@ class KVService {
   void setXpcConn(std::shared_ptr<xpc::Connection> connection);
 
   [[nodiscard]] NotificationOutbox& notifications() { return notifications_; }
-  /// What its user is charged for it as long as the record lives. Before it is shared.
+  /// Sets the charge to its user, held as long as the record exists. Call before sharing the record.
   void setCost(wire::Charge cost) { cost_ = std::move(cost); }
 
  private:

@@ -11,8 +11,8 @@
 namespace kelvane {
 namespace {
 
-/// A part of a file system may be a single file, mounted over another file: that is no volume. What cannot be
-/// told without waiting counts as a directory.
+/// A bind mount may be a single file, which is not a volume. If the type cannot be determined without
+/// waiting, it counts as a directory.
 bool isFile(const MountEntry& mount) {
   if (mount.root == "/") return false;
   const FileDescriptor place = openCached(mount.target);
@@ -39,7 +39,7 @@ std::uint64_t mountAt(const std::string& path) {
 
 }  // namespace
 
-/// A question about space: answered when it is made, or put to the probe.
+/// A query for free space: answered at once, or passed to the probe.
 class SystemVolumes::SpaceQuestion {
  public:
   SpaceQuestion(SystemVolumes& volumes, const std::string& path) : probe_(volumes.space_probe_) {
@@ -84,8 +84,8 @@ std::vector<MountEntry> SystemVolumes::readTable() {
 
 bool SystemVolumes::answersAtOnce(std::uint64_t open_mount) {
   const std::lock_guard lock(mutex_);
-  // IDs are given again, but not that of a mount that is open. So a table that has not changed since it was
-  // read, or that is read now, says what this one is.
+  // Mount IDs are reused, but not while the mount is open. So a table that is unchanged since it was read, or
+  // read now, identifies this mount.
   if (prompt_generation_ == 0 || watch_.generation() != prompt_generation_) static_cast<void>(readTable());
   return prompt_.contains(open_mount);
 }

@@ -2,10 +2,10 @@
 
 // The system's mount table, free space and quotas. Any thread.
 //
-// Nothing here waits for a file system, but for those that answer from the kernel's memory (answersAtOnce).
-// Everything else is asked by a probe, for half a second at most; several at the same time. Which mount a
-// path leads to is asked at the very moment, without waiting, so that a file system that was mounted there
-// since the table was read is not taken for the one before.
+// Only file systems that answer from the kernel's memory (answersAtOnce) are asked directly. All others are
+// asked by a probe, several at the same time, for at most half a second. The mount at a path is looked up
+// again just before, without waiting, so that a file system mounted there after the table was read is not
+// mistaken for the earlier one.
 
 #include <set>
 

@@ -1,9 +1,8 @@
 #pragma once
 
-// Asks a file system something that it may never answer: one that a program serves, or that lies on such a
-// one. Each question has a thread of its own, outside the pool, since it may keep it for good. Whoever asks
-// gives up after a while; until the question is answered at last, everybody else who asks the same is told at
-// once that there is no answer.
+// Queries a file system that may never answer, such as one that a program serves. Each query has its own
+// thread outside the pool, because it may block that thread forever. The caller gives up after a time limit.
+// Until the query is answered, every other caller with the same query gets no answer, at once.
 
 #include <atomic>
 #include <cstdint>
@@ -22,25 +21,25 @@
 
 namespace kelvane {
 
-/// What a question is about. Of equals at most one question is out at a time.
+/// What a query is about. Of equal ones at most one is outstanding at a time.
 struct ProbedVolume {
   std::string path;
-  /// The kernel's mount ID, 0 when it is unknown: what is mounted at the path now need not wait for the
-  /// answer of what was mounted there before.
+  /// The kernel's mount ID, 0 if unknown: a new mount at the path need not wait for the answer of an earlier
+  /// one.
   std::uint64_t mount = 0;
-  /// Whom the question concerns, where that matters.
+  /// The user that the query is about, where that matters.
   std::uint64_t user = 0;
   auto operator<=>(const ProbedVolume&) const = default;
 };
 
-/// How long anybody waits for an answer, counted from when the question was put.
+/// How long a caller waits for an answer, counted from the start of the query.
 inline constexpr std::int64_t probe_patience = 500'000'000;  // nanoseconds
 
-/// At most so many questions of one kind are out at a time, since each may keep a thread for good; whoever
-/// would put one more has no answer.
+/// The most outstanding queries of one kind, since each may block a thread forever. A further query gets no
+/// answer.
 inline constexpr std::size_t most_probes = 256;
 
-/// What the log says of a volume that does not answer, and of one that has answered after all.
+/// Log texts for a volume that does not answer, and for one that answers again.
 void noteNoAnswer(const char* speaker, const std::string& path);
 void noteLateAnswer(const char* speaker, const std::string& path);
 
@@ -56,7 +55,7 @@ class VolumeProbe {
   explicit VolumeProbe(const char* speaker)
       : speaker_(speaker), outstanding_(std::make_shared<Outstanding>()) {}
 
-  /// Puts the question, unless it is out already. Does not wait. Null when it cannot be put.
+  /// Starts the query, unless it is already outstanding. Does not wait. Null if it cannot be started.
   [[nodiscard]] std::shared_ptr<Question> put(const ProbedVolume& volume, Ask ask);
   /// Waits for the answer; nothing for null.
   [[nodiscard]] std::optional<Answer> answerTo(const std::shared_ptr<Question>& question) const;
@@ -83,7 +82,7 @@ class VolumeProbe<Answer>::Question {
   const dispatch_group_t asking_ = dispatch_group_create();
   const dispatch_time_t give_up_at_ = dispatch_time(DISPATCH_TIME_NOW, probe_patience);
   std::atomic<bool> given_up_{false};
-  std::optional<Answer> answer_;  // written before the group is left, read after
+  std::optional<Answer> answer_;  // written before the group is left, read afterwards
 };
 
 template <class Answer>

@@ -43,7 +43,7 @@ class VolumeSource {
   [[nodiscard]] virtual std::uint64_t mountsGeneration() { return 0; }
   /// Nothing when the volume cannot be asked, or does not answer within half a second.
   [[nodiscard]] virtual std::optional<VolumeSpace> space(const std::string& path) = 0;
-  /// The same for several, asked at the same time: half a second for all of them together.
+  /// The same for several volumes, asked at the same time: half a second for all of them together.
   [[nodiscard]] virtual std::vector<std::optional<VolumeSpace>> spaces(const std::vector<std::string>& paths);
   /// Volumes on which the user is over quota; nothing when quotas cannot be asked.
   [[nodiscard]] virtual std::optional<std::vector<std::string>> overQuota(uid_t user) = 0;
@@ -69,8 +69,8 @@ struct VolumeLook {
 };
 /// Nothing when the volume cannot be asked or does not answer. Waits for an answer for half a second at most.
 [[nodiscard]] std::optional<VolumeLook> lookAtVolume(const std::string& volume);
-/// Those of the local volumes that are low on space; one that does not answer is not. Waits for all of them
-/// together for half a second at most.
+/// The local volumes that are low on space, without those that do not answer. Waits at most half a second for
+/// all of them together.
 [[nodiscard]] std::optional<std::vector<std::string>> lowSpaceVolumes();
 /// Those on which the user is over quota; nothing when quotas cannot be asked on any.
 [[nodiscard]] std::optional<std::vector<std::string>> quotaVolumes(uid_t user);

@@ -353,8 +353,8 @@ void Executor::removeTimer(TimerState& timer) {
   timers_.erase(timer.place);
 }
 
-/// Does nothing while the kernel's timer is set to something earlier, be it to a timer that was removed
-/// since: it is armed anew when that is due. So timers that seldom come to their end cost no system calls.
+/// Does nothing if the kernel's timer expires earlier, even for a timer that has been removed: it is set
+/// again when it expires. So timers that rarely expire cost no system calls.
 void Executor::armTimerDescriptor(std::uint64_t deadline) {
   const std::optional<std::uint64_t> delay = Clock::current().realDelay(deadline);
   if (!delay || (armed_ != 0 && armed_ <= deadline)) return;

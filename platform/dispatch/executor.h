@@ -151,7 +151,7 @@ class Executor {
   } seen_{};  // what the watchman last saw, or would have when it was called
   std::unordered_map<std::uint64_t, std::weak_ptr<EventSourceState>> sources_;
   std::multimap<std::uint64_t, std::shared_ptr<TimerState>> timers_;
-  std::uint64_t armed_ = 0;  // what the kernel's timer is set to; 0 when it is not
+  std::uint64_t armed_ = 0;  // when the kernel's timer expires; 0 if it is not set
 };
 
 /// Stands for the time in which the calling thread is blocked in one of this folder's waits.

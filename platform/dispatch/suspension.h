@@ -6,7 +6,7 @@
 
 namespace kelvane {
 
-/// A queue that starts nothing for as long as this lives.
+/// Keeps a queue suspended while this object lives.
 class Suspension {
  public:
   explicit Suspension(dispatch_queue_t queue) : queue_(std::move(queue)) { dispatch_suspend(queue_); }

@@ -6,8 +6,8 @@
 
 namespace kelvane {
 
-/// A callable that somebody else owns and that lives longer than this: for functions that call what they are
-/// given before they return. Unlike std::function it never allocates.
+/// Refers to a callable that must outlive it: for parameters that are called before the function returns.
+/// Unlike std::function it never allocates.
 template <class Signature>
 class FunctionRef;
 

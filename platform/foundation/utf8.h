@@ -12,7 +12,7 @@ namespace kelvane {
 /// How many bytes at the front of `text` are ASCII and not NUL.
 [[nodiscard]] std::size_t plainTextLength(std::string_view text);
 
-/// How many bytes at the front of `text` are such text.
+/// How many bytes at the front of `text` are valid in this sense.
 [[nodiscard]] std::size_t messageTextLength(std::string_view text);
 
 }  // namespace kelvane

@@ -8,7 +8,7 @@
 
 namespace kelvane {
 
-/// The number that an environment variable holds: decimal digits only, below 2^64. Nothing for anything else.
+/// The number in an environment variable: only decimal digits, below 2^64. Nothing for any other text.
 [[nodiscard]] inline std::optional<std::uint64_t> environmentNumber(const char* variable) {
   const char* const value = std::getenv(variable);
   if (value == nullptr) return std::nullopt;

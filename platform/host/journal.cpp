@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t longest_name = 64;
 constexpr std::size_t length_size = sizeof(std::uint64_t);
 constexpr std::size_t separators = 2;  // line breaks, or "=" and a line break
-/// Of a line of the log: much longer than a journal that works takes, too short to hold up who logs.
+/// For a line of the log: much longer than a working journal takes, too short to delay the caller noticeably.
 constexpr auto line_patience = std::chrono::milliseconds(100);
 
 bool isName(std::string_view name) {

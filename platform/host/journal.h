@@ -23,8 +23,7 @@ class JournalEntry {
   /// Longer values are cut, at a character's end where they are UTF-8. A line of the log, at most 32 KiB,
   /// fits.
   static constexpr std::size_t longest_value = std::size_t{48} << 10;
-  /// Fields that do not fit any more are cut, or left out. The kernel's default limit of a datagram is 208
-  /// KiB.
+  /// Fields that no longer fit are cut or left out. The kernel's default limit for a datagram is 208 KiB.
   static constexpr std::size_t longest_entry = std::size_t{128} << 10;
   static constexpr std::size_t most_fields = 16;
 
@@ -32,8 +31,7 @@ class JournalEntry {
   void add(std::string_view name, std::string_view value);
   /// The entry in the form of the protocol.
   [[nodiscard]] const std::string& text() const { return text_; }
-  /// False, with errno, when the journal did not accept it. Waits for a journal that is busy for at most
-  /// `patience`.
+  /// False, with errno, if the journal did not accept it. Waits at most `patience` for a busy journal.
   bool send(const std::string& journal_socket = journal_socket_path,
             std::chrono::milliseconds patience = std::chrono::milliseconds(0)) const;
 
@@ -42,17 +40,16 @@ class JournalEntry {
   std::size_t fields_ = 0;
 };
 
-/// Whether the descriptor is the stream of which `journal_stream` ("device:inode", as in $JOURNAL_STREAM; may
-/// be null) says that the journal reads it, and the journal's own socket is there to be written to.
+/// Whether the descriptor is the stream that the journal reads according to `journal_stream` ("device:inode",
+/// as in $JOURNAL_STREAM; may be null), and the journal's own socket accepts entries.
 [[nodiscard]] bool isJournalStream(int descriptor, const char* journal_stream,
                                    const std::string& journal_socket = journal_socket_path);
 
-/// Syslog's priorities, as far as they are used here.
+/// The syslog priorities used here.
 enum class JournalPriority { warning = 4, debug = 7 };
 
-/// One line of the log as an entry. `level` is the writer's own, kept in the field KELVANE_LEVEL. False, with
-/// errno, when the journal did not accept it. Waits for a journal that is busy for at most a tenth of a
-/// second.
+/// One line of the log as an entry. `level` is this project's own level, stored in the field KELVANE_LEVEL.
+/// False, with errno, if the journal did not accept it. Waits at most a tenth of a second for a busy journal.
 bool sendToJournal(JournalPriority priority, int level, const std::string& identifier,
                    std::string_view message, const std::string& journal_socket = journal_socket_path);
 

@@ -26,7 +26,7 @@ class LocalAddress {
     if (name.empty() || name.size() >= sizeof sockaddr_un::sun_path) return std::nullopt;
     LocalAddress result;
     std::copy(name.begin(), name.end(), std::begin(result.address_.sun_path) + 1);
-    // Unlike a path's, its end is said by the address's size only.
+    // Unlike a path, it has no terminator: the address size marks its end.
     result.size_ = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
     return result;
   }

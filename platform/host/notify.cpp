@@ -23,8 +23,8 @@ bool isFileName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
-/// Waits for nobody: what other processes do with a file that they can read, or put in its place, must not
-/// hold up whoever posts. A lock is not asked for, and a lease or a FIFO fails instead of being waited for.
+/// Never waits: other processes can lock this file, or replace it, and must not block the caller. No lock is
+/// taken, and a lease or a FIFO is an error.
 FileDescriptor openCounter(const std::string& path) {
   constexpr int flags = O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
   return FileDescriptor(::open(path.c_str(), flags, 0644));

@@ -1,5 +1,5 @@
-// Socket activation: descriptors from 3 on, which the service manager left open. $LISTEN_PID says for which
-// process, $LISTEN_FDS how many, $LISTEN_FDNAMES how they are called, separated by colons.
+// Socket activation: descriptors from 3 on, which the service manager left open. $LISTEN_PID is the process
+// they are for, $LISTEN_FDS their number, and $LISTEN_FDNAMES their names, separated by colons.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -18,7 +18,7 @@ constexpr int first_descriptor = 3;  // SD_LISTEN_FDS_START
 
 struct PassedSocket {
   std::string name;
-  FileDescriptor descriptor;  // none once it was taken
+  FileDescriptor descriptor;  // empty once it is taken
 };
 
 /// Takes the first name off the list.
@@ -35,7 +35,7 @@ std::string takeName(std::string_view& names, bool& any_left) {
 int countInEnvironment() {
   if (environmentNumber("LISTEN_PID") != static_cast<std::uint64_t>(::getpid())) return 0;
   const std::uint64_t claimed = environmentNumber("LISTEN_FDS").value_or(0);
-  // A number that is too high is wrong as a whole, and then nothing is known of any descriptor.
+  // If the number is too high it is wrong, and none of the descriptors can be trusted.
   for (std::uint64_t i = 0; i < claimed; ++i) {
     if (::fcntl(first_descriptor + static_cast<int>(i), F_GETFD) < 0) return 0;
   }
@@ -56,8 +56,8 @@ std::vector<PassedSocket> readEnvironment() {
   return passed;
 }
 
-/// What this process was given. Read once: when a descriptor was taken and closed, its number may be
-/// another's.
+/// The descriptors passed to this process. Read once: after a descriptor is taken and closed, its number may
+/// be reused.
 class PassedSockets {
  public:
   static PassedSockets& shared() {
@@ -82,7 +82,7 @@ class PassedSockets {
 
  private:
   std::vector<PassedSocket>& read() {
-    // After fork, the child was given nothing; the descriptors it shares with its parent stay open.
+    // After fork, nothing was passed to the child; the descriptors that it shares with its parent stay open.
     if (reader_ == ::getpid()) return passed_;
     for (PassedSocket& passed : passed_) static_cast<void>(passed.descriptor.release());
     passed_ = readEnvironment();

@@ -68,8 +68,8 @@ void Account::release(Resource resource, std::uint64_t amount) {
   wakeWaiters(resource);
 }
 
-// Who waits is noted before it is asked whether something is free, and what is released is released before it
-// is asked whether somebody waits. So one of the two sees the other, in whatever order they come.
+// A waiter registers before it checks for free room, and a release takes effect before it checks for waiters.
+// So at least one of them sees the other, in any order.
 void Account::whenReleased(Resource resource, std::weak_ptr<void> owner, std::function<void()> wake) {
   {
     const std::lock_guard lock(mutex_);

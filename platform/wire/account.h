@@ -1,11 +1,11 @@
 #pragma once
 
-// What each user's peers cost this process, and how much they may.
+// What the peers of each user cost this process, and the limits on that.
 //
-// One account for each user (kernel credentials), shared by all connections of that user. Everything that a
-// peer can make grow is charged before it is taken and released when it is gone. A charge above the limit is
-// refused: the connection is then read no further until something was released, or what was asked for is
-// refused with LimitsExceeded. The limits and their reasons stand in docs/limits.md. Thread-safe.
+// One account for each user (kernel credentials), shared by all connections of that user. Every resource that
+// a peer can use up is charged before it is taken, and released when it is freed. A charge that exceeds the
+// limit is refused: either the connection is not read until something is released, or the request is refused
+// with LimitsExceeded. docs/limits.md has the limits and their reasons. Thread-safe.
 
 #include <sys/types.h>
 #include <array>
@@ -24,27 +24,27 @@ namespace kelvane::wire {
 
 enum class Resource : std::uint8_t {
   connections,
-  received_bytes,  // of messages under way, and of calls that are not yet done
+  received_bytes,  // of partly received messages and unfinished calls
   queued_bytes,    // of messages that the peer has not read
-  descriptors,     // that came in and are not yet handed over to whoever keeps them
-  calls,           // not yet done
+  descriptors,     // received, and not yet handed over to their user
+  calls,           // unfinished
   services,        // registered
 };
 inline constexpr std::size_t resource_count = 6;
-/// As texts name it: "connections", "bytes received", ...
+/// Its name in messages: "connections", "bytes received", ...
 [[nodiscard]] std::string_view nameOf(Resource resource);
 
 using Limits = std::array<std::uint64_t, resource_count>;
 
-/// For everybody but root and this process's own user.
+/// For all users except root and this process's own.
 [[nodiscard]] const Limits& ordinaryLimits();
-/// For root and this process's own user: higher, and still an end.
+/// For root and this process's own user: higher, but still limited.
 [[nodiscard]] const Limits& privilegedLimits();
 
 class Account : public std::enable_shared_from_this<Account> {
  public:
   Account(uid_t user, const Limits& limits) : user_(user), limits_(limits) {}
-  /// Nothing may be charged any more.
+  /// Nothing more can be charged.
   ~Account();
   Account(const Account&) = delete;
   Account& operator=(const Account&) = delete;
@@ -55,12 +55,12 @@ class Account : public std::enable_shared_from_this<Account> {
 
   /// All or nothing.
   [[nodiscard]] bool charge(Resource resource, std::uint64_t amount);
-  /// As much of `amount` as the limit leaves; what was charged.
+  /// Charges as much of `amount` as the limit allows; returns what was charged.
   [[nodiscard]] std::uint64_t chargeUpTo(Resource resource, std::uint64_t amount);
   void release(Resource resource, std::uint64_t amount);
 
-  /// Calls `wake` once, on the thread that releases, when something of the resource is released; at once when
-  /// some is free now. It must not block or call back into this account.
+  /// Calls `wake` once, on the releasing thread, when some of the resource is released; at once if some is
+  /// free now. `wake` must not block or call back into this account.
   void whenReleased(Resource resource, std::weak_ptr<void> owner, std::function<void()> wake);
 
  private:
@@ -81,10 +81,10 @@ class Account : public std::enable_shared_from_this<Account> {
       waiting_{};  // how many of waiters_; changed under mutex_
   std::mutex mutex_;
   std::vector<Waiter> waiters_;  // guarded by mutex_
-  std::size_t sweep_at_ = 64;    // guarded by mutex_; with so many those whose owner is gone are dropped
+  std::size_t sweep_at_ = 64;    // guarded by mutex_; at this size, waiters without an owner are removed
 };
 
-/// An amount that is charged as long as this lives. Movable; may be empty.
+/// An amount that stays charged while this object lives. Movable; may be empty.
 class Charge {
  public:
   Charge() = default;
@@ -95,9 +95,9 @@ class Charge {
   Charge& operator=(Charge&& other) noexcept;
   ~Charge() { reset(); }
 
-  /// Empty, and false as a boolean, when it would exceed the limit.
+  /// Empty, and false as a boolean, if the amount would exceed the limit.
   [[nodiscard]] static Charge of(std::shared_ptr<Account> account, Resource resource, std::uint64_t amount);
-  /// Takes over what was charged already.
+  /// Takes over an amount that is already charged.
   [[nodiscard]] static Charge adopt(std::shared_ptr<Account> account, Resource resource,
                                     std::uint64_t amount);
 
@@ -105,15 +105,15 @@ class Charge {
   [[nodiscard]] std::uint64_t amount() const { return amount_; }
   void reset();
 
-  // These need a charge that is not empty; one of amount 0 is enough.
+  // These require a charge that is not empty; an amount of 0 is enough.
 
   /// All or nothing.
   [[nodiscard]] bool grow(std::uint64_t more);
-  /// As much of `more` as the limit leaves; what was added.
+  /// Adds as much of `more` as the limit allows; returns what was added.
   [[nodiscard]] std::uint64_t growUpTo(std::uint64_t more);
   /// Releases a part, which must not exceed the amount.
   void shrink(std::uint64_t less);
-  /// Gives a part of the amount to another charge.
+  /// Moves a part of the amount to another charge.
   [[nodiscard]] Charge split(std::uint64_t part);
 
  private:
@@ -122,16 +122,16 @@ class Charge {
   std::uint64_t amount_ = 0;
 };
 
-/// The accounts of a process, one for each user with anything charged.
+/// The accounts of a process, one for each user to whom anything is charged.
 class Accounts {
  public:
-  /// The only one of a process; tests make their own.
+  /// The one instance that a process uses; tests create their own.
   static Accounts& shared();
   Accounts(const Limits& ordinary, const Limits& privileged);
 
-  /// The user's account; made when there is none.
+  /// The user's account; created if there is none.
   [[nodiscard]] std::shared_ptr<Account> of(uid_t user);
-  /// How many users are remembered, some of them perhaps for a while longer than they need be.
+  /// The number of users in the table. Unused entries are removed some time later.
   [[nodiscard]] std::size_t size();
 
  private:
@@ -139,7 +139,7 @@ class Accounts {
   const Limits privileged_;
   std::mutex mutex_;
   std::unordered_map<uid_t, std::weak_ptr<Account>> accounts_;  // guarded by mutex_
-  std::size_t sweep_at_ = 16;  // guarded by mutex_; with so many entries the unused ones are forgotten
+  std::size_t sweep_at_ = 16;  // guarded by mutex_; at this size, unused entries are removed
 };
 
 }  // namespace kelvane::wire

@@ -14,7 +14,7 @@ inline std::uint16_t byteSwapped(std::uint16_t number) { return __builtin_bswap1
 inline std::uint32_t byteSwapped(std::uint32_t number) { return __builtin_bswap32(number); }
 inline std::uint64_t byteSwapped(std::uint64_t number) { return __builtin_bswap64(number); }
 
-/// An unsigned number at an address of any alignment; `swapped` when it is not in the machine's byte order.
+/// An unsigned number at an address of any alignment; `swapped` if it is not in the machine's byte order.
 template <class Unsigned>
 Unsigned loadUnsigned(const std::byte* from, bool swapped) {
   Unsigned number = 0;
@@ -22,7 +22,7 @@ Unsigned loadUnsigned(const std::byte* from, bool swapped) {
   return swapped ? byteSwapped(number) : number;
 }
 
-/// The next position, from `position` on, of this alignment: 1, 2, 4 or 8.
+/// Rounds `position` up to a multiple of the alignment: 1, 2, 4 or 8.
 inline std::size_t aligned(std::size_t position, std::size_t alignment) {
   return (position + alignment - 1) & ~(alignment - 1);
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// The SASL handshake with its one mechanism, EXTERNAL, as state machines: bytes in, bytes out. No sockets, no
-// time. Source: the D-Bus specification, "Authentication Protocol".
+// The SASL handshake with the EXTERNAL mechanism, as state machines: bytes in, bytes out. Sockets and time
+// limits are the caller's. Source: the D-Bus specification, "Authentication Protocol".
 
 #include <sys/types.h>
 #include <cstddef>
@@ -11,9 +11,9 @@
 
 namespace kelvane::wire {
 
-/// A handshake may take so many bytes, the line's ends included.
+/// The most bytes that a handshake may take, including line ends.
 inline constexpr std::size_t longest_handshake = 16 << 10;
-/// After so many lines that were answered with REJECTED or ERROR the server gives up.
+/// The server gives up after this many lines that it answered with REJECTED or ERROR.
 inline constexpr unsigned most_refusals = 8;
 
 enum class HandshakeState { going_on, done, failed };
@@ -21,15 +21,15 @@ enum class HandshakeState { going_on, done, failed };
 /// The side that accepts.
 class ServerHandshake {
  public:
-  /// Accepts whoever says to be `peer`, the user that the kernel recorded, or leaves that out. `server` is
-  /// this server's 32 hexadecimal digits.
+  /// Accepts a client that claims to be `peer`, the user that the kernel recorded, or that claims no user.
+  /// `server` is this server's 32 hexadecimal digits.
   ServerHandshake(uid_t peer, std::string server, bool takes_descriptors);
 
-  /// Goes on with what came; `input` is shortened by what was used. A line whose end has not come is left
-  /// in it, to be given again with what follows. After `done` the rest are messages. What is to be sent is
+  /// Continues with the received bytes, and removes from `input` what was used. An incomplete line stays in
+  /// `input`; pass it again with the bytes that follow. After `done` the rest are messages. Bytes to send are
   /// appended to `output`.
   HandshakeState advance(std::string_view& input, std::string& output);
-  /// The peer asked to pass descriptors and was told that it may.
+  /// The peer asked to pass descriptors, and this side agreed.
   [[nodiscard]] bool passesDescriptors() const { return passes_descriptors_; }
 
  private:
@@ -51,16 +51,16 @@ class ServerHandshake {
   unsigned refusals_ = 0;
 };
 
-/// The side that connects. It sends all that it has to say at once, and its first messages right behind.
+/// The side that connects. It sends all its lines at once, and its first messages right after them.
 class ClientHandshake {
  public:
   ClientHandshake(uid_t self, bool passes_descriptors);
 
-  /// What is to be sent, BEGIN included. Messages may follow at once, unless they carry descriptors.
+  /// The bytes to send, including BEGIN. Messages may follow at once, unless they carry descriptors.
   [[nodiscard]] std::string opening() const;
-  /// As the server's.
+  /// Like the server's.
   HandshakeState advance(std::string_view& input);
-  /// After `done`: the server takes descriptors.
+  /// After `done`: the server accepts descriptors.
   [[nodiscard]] bool passesDescriptors() const { return passes_descriptors_; }
 
  private:

@@ -58,8 +58,9 @@ bool isAbsentOr(bool (*is_valid)(std::string_view), std::string_view name) {
 
 }  // namespace
 
-/// The fields of one header, in whatever order they come. Nearly all that a message costs to read is its
-/// header, and all known fields are a code and a variant of one letter: these are read as the bytes they are.
+/// The fields of one header, in whatever order they come. Most of the cost of reading a message is its
+/// header. Every known field is a code and a variant with a one-letter signature, so these are read directly
+/// as bytes.
 class FieldReader {
  public:
   FieldReader(Reader& reader, Header& header) : reader_(reader), header_(header) {}

@@ -12,15 +12,14 @@ namespace kelvane::wire {
 
 using Bytes = std::span<const std::byte>;
 
-/// The header of a message that was received. The texts point into the bytes it was read from; a field that
-/// is absent is empty.
+/// The header of a received message. The strings point into the message's bytes; an absent field is empty.
 struct Header {
   bool big_endian = false;
   MessageType type = MessageType::method_call;
   std::uint8_t flags = 0;
   std::uint32_t serial = 0;
   std::uint32_t reply_serial = 0;  // 0: absent
-  std::uint32_t descriptors = 0;   // how many the message names
+  std::uint32_t descriptors = 0;   // how many the message carries (UNIX_FDS)
   std::string_view path = {};
   std::string_view interface = {};
   std::string_view member = {};
@@ -34,17 +33,18 @@ struct Header {
   }
 };
 
-/// Whether the header has what its type requires, its names are valid, none of them is reserved, and the
-/// signature is one. An unknown type requires nothing.
+/// Whether the header has the fields that its type requires, its names are valid and not reserved, and its
+/// signature is valid. An unknown type requires no fields.
 [[nodiscard]] bool isHeaderValid(const Header& header);
 
-/// The whole size, padding included, that a message claims for itself in its first 16 bytes. Nothing when no
-/// message begins like that: byte order, type 0, version, serial 0, an array or a sum above D-Bus's limits.
+/// The total size, including padding, that a message claims in its first 16 bytes. Nothing if they are
+/// invalid: unknown byte order, type 0, wrong version, serial 0, or an array or total size above D-Bus's
+/// limits.
 [[nodiscard]] std::optional<std::size_t> claimedSize(std::span<const std::byte, fixed_header_size> start);
 
-/// Reads the header of a whole message and finds its body. Nothing when it breaks a rule of the protocol:
-/// a field of a wrong type or with an invalid name, a required field missing, padding that is not zero, a
-/// known field twice. Unknown fields and unknown message types are not errors (callers ignore such messages).
+/// Reads the header of a whole message and finds its body. Nothing if it violates the protocol: a field of
+/// the wrong type or with an invalid name, a missing required field, padding that is not zero, or a duplicate
+/// known field. Unknown fields and unknown message types are not errors (callers ignore such messages).
 struct Message {
   Header header;
   Bytes body;

@@ -1,8 +1,8 @@
 #pragma once
 
-// What a transport keeps of what has come: part of a message, or messages that nobody wanted yet. Memory
-// follows what arrived. Large ones get pages of their own, which grow without a copy and go back to the
-// kernel at once.
+// The received bytes that a transport keeps: part of a message, or messages that its owner does not take yet.
+// Memory grows with what has arrived. Large amounts are mapped as separate pages, which grow without a copy
+// and are returned to the kernel at once.
 
 #include <algorithm>
 #include <cstddef>
@@ -12,7 +12,7 @@ namespace kelvane::wire {
 
 class KeptBytes {
  public:
-  /// Never has room for more than this, or for a quarter more than what came where that is larger.
+  /// The capacity never exceeds this, or 1.25 times what has arrived if that is larger.
   static constexpr std::size_t least_room = 64U << 10;
 
   KeptBytes() = default;
@@ -25,11 +25,12 @@ class KeptBytes {
   [[nodiscard]] std::size_t capacity() const { return capacity_; }
   [[nodiscard]] std::span<const std::byte> bytes() const { return {memory_ + begin_, size()}; }
 
-  /// Room behind what is kept, for a message that claims `claimed` bytes in all; `added` of it was filled.
+  /// Returns room after the kept bytes, for a message that claims `claimed` bytes in total; then report with
+  /// `added` how much was filled.
   [[nodiscard]] std::span<std::byte> room(std::size_t claimed);
   void added(std::size_t count) { end_ += count; }
   void append(std::span<const std::byte> bytes, std::size_t claimed);
-  /// Gives memory back as soon as half of it is not needed.
+  /// Frees memory once half of it is unused.
   void removeFront(std::size_t count);
   void clear();
 

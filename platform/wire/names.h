@@ -1,6 +1,6 @@
 #pragma once
 
-// The rules of names. Source: the D-Bus specification, "Valid Names" and "Valid Object Paths".
+// Rules for names. Source: the D-Bus specification, "Valid Names" and "Valid Object Paths".
 
 #include <string_view>
 

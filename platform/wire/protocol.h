@@ -10,7 +10,7 @@ namespace kelvane::wire {
 
 enum class MessageType : std::uint8_t { method_call = 1, method_return = 2, error = 3, signal = 4 };
 
-/// The codes of the header's fields.
+/// Codes of header fields.
 enum class HeaderField : std::uint8_t {
   path = 1,
   interface = 2,
@@ -26,12 +26,13 @@ enum class HeaderField : std::uint8_t {
 inline constexpr std::uint8_t flag_no_reply_expected = 1;
 
 inline constexpr std::uint8_t protocol_version = 1;
-/// Where the fixed part of a header has what. The array of fields begins behind its length.
+/// Offsets in the fixed part of a header. The array of fields begins after its length.
 inline constexpr std::size_t body_length_offset = 4;
 inline constexpr std::size_t serial_offset = 8;
 inline constexpr std::size_t fields_length_offset = 12;
 
-/// No message that travels may have these: they are for what a library tells its own process.
+/// Reserved for messages that a library creates within its own process; invalid in messages that are
+/// received.
 inline constexpr std::string_view reserved_path = "/org/freedesktop/DBus/Local";
 inline constexpr std::string_view reserved_interface = "org.freedesktop.DBus.Local";
 

@@ -1,10 +1,10 @@
 #pragma once
 
-// Reads the body of a message, strictly: whatever D-Bus forbids is a fault, never repaired.
+// Reads the body of a message strictly: whatever D-Bus forbids is a fault, and nothing is repaired.
 //
-// A reader is one cursor. It goes through the values in the order of the signature; `enter...` goes into a
-// container, `leave` out of it again, at its end only. After the first fault everything reads as zero or
-// empty and `atEnd` is true, so callers check once, after the last value. What it returns points into the
+// A reader is one cursor. It reads the values in the order of the signature; `enter...` enters a container,
+// and `leave` leaves it, only at its end. After the first fault every value reads as zero or empty and
+// `atEnd` is true, so callers check once, after the last value. Returned strings and spans point into the
 // message's bytes. One thread at a time.
 
 #include <array>
@@ -25,15 +25,15 @@ class FieldReader;
 enum class Fault : std::uint8_t {
   none,
   malformed,   // the bytes break the protocol; the connection that sent them should end
-  mismatched,  // well-formed so far, but of another type than was asked for
-  unusable,    // well-formed, and the caller cannot use it (`refuse`)
-  excessive,   // likewise, because it would take more than the caller can give
+  mismatched,  // well-formed so far, but not of the requested type
+  unusable,    // well-formed, but the caller cannot use it (`refuse`)
+  excessive,   // well-formed, but it exceeds what the caller allows
 };
 
 class Reader {
  public:
-  /// `descriptors` are those that came with the message, in order; a value of type "h" takes one of them.
-  /// Everything must outlive the reader.
+  /// `descriptors` are those that came with the message, in order; a value of type "h" refers to one of them.
+  /// All arguments must outlive the reader.
   Reader(const Message& message, std::span<FileDescriptor> descriptors);
 
   /// The code of the next value's type: 'y', 'a', '(', '{', 'v' ...; '\0' at the end of the container.
@@ -48,7 +48,7 @@ class Reader {
   /// Whether the innermost container, or the body, has no further value. True after a fault.
   [[nodiscard]] bool atEnd() const { return nextType() == '\0'; }
 
-  // Each reads a value of exactly this type; another one is Fault::mismatched.
+  // Each reads a value of exactly this type; any other type is Fault::mismatched.
   std::uint8_t readByte();
   bool readBoolean();
   std::int16_t readInt16();
@@ -61,28 +61,29 @@ class Reader {
   std::string_view readString();      // s: UTF-8 without NUL
   std::string_view readObjectPath();  // o
   std::string_view readSignature();   // g
-  /// An array of bytes ("ay") at once.
+  /// Reads a whole array of bytes ("ay").
   std::span<const std::byte> readBytes();
-  /// Takes the descriptor that a value of type "h" names. Empty, and Fault::unusable, when an earlier value
-  /// has taken it; an index that the message has no descriptor for is Fault::malformed.
+  /// Takes the descriptor that a value of type "h" refers to. Empty, with Fault::unusable, if an earlier
+  /// value has taken it. An index without a descriptor is Fault::malformed.
   FileDescriptor takeDescriptor();
 
-  /// `element` is the expected element type, or empty for any. For a dictionary it is such as "{sv}".
+  /// `element` is the expected element type, or empty for any. For a dictionary it is an entry type such as
+  /// "{sv}".
   bool enterArray(std::string_view element = {});
   bool enterStruct();
   bool enterEntry();
-  /// Enters a variant; what it holds is the next value.
+  /// Enters a variant; its content is the next value.
   bool enterVariant();
-  /// At the end of the innermost container only; anything left in it is Fault::mismatched.
+  /// Leaves the innermost container. Values left in it are Fault::mismatched.
   void leave();
 
-  /// Checks the next value and goes past it.
+  /// Validates and skips the next value.
   void skip();
   /// For values that the caller cannot use.
   void refuse(Fault why = Fault::unusable) { fail(why); }
 
   [[nodiscard]] Fault fault() const { return fault_; }
-  /// To be called after the last value: the body must end here. Whether there was no fault.
+  /// Call this after the last value: the body must end here. True if there was no fault.
   bool finish();
 
  private:
@@ -90,12 +91,12 @@ class Reader {
   friend class FieldReader;  // of a header
   friend bool isBodyValid(const Message&, std::size_t);
 
-  /// The body, or a container that was entered.
+  /// The body, or an entered container.
   struct Frame {
     const char* next;         // the next value's type; in an array the type of each element
     const char* types_end;    // the end of the signature that `next` points into
     const char* element_end;  // in an array: the end of the element's type, null before it is known
-    std::size_t limit;        // no value reaches beyond this
+    std::size_t limit;        // no value extends beyond this
     char kind;                // '\0' for the body, 'a', '(', '{' or 'v'
   };
 
@@ -115,7 +116,7 @@ class Reader {
   [[nodiscard]] bool expect(char type) {
     return (!isExhausted(top()) && *top().next == type) || failWith(Fault::mismatched);
   }
-  /// Goes past the type of a value that was read, which ends at `end`.
+  /// Advances past the type of the value just read, which ends at `end`.
   void passType(const char* end) {
     Frame& frame = top();
     (frame.kind == 'a' ? frame.element_end : frame.next) = end;
@@ -155,8 +156,8 @@ class Reader {
   std::array<Frame, deepest_containers + 1> frames_;  // up to `depth_`; left uninitialized beyond
 };
 
-/// Whether the whole body is what its signature says. For messages whose body nobody reads to its end: a
-/// malformed body ends the connection, whoever it was for.
+/// Whether the whole body matches its signature. For messages whose body is not read to its end: a malformed
+/// body ends the connection even if nobody uses the message.
 [[nodiscard]] bool isBodyValid(const Message& message, std::size_t descriptors);
 
 }  // namespace kelvane::wire

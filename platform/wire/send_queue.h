@@ -1,6 +1,6 @@
 #pragma once
 
-// What a socket did not take, in order, until it does: charged to the account that pays for the peer.
+// Data that the socket has not accepted yet, in order, charged to the account of the peer's user.
 
 #include <cstddef>
 #include <list>
@@ -26,20 +26,20 @@ class SendQueue {
   }
   [[nodiscard]] bool carriesDescriptors() const;
 
-  /// Charges what keeping so many bytes would cost. Empty when there is no room.
+  /// Charges the cost of keeping this many bytes. Empty if there is no room.
   [[nodiscard]] Charge reserve(std::size_t bytes) const;
-  /// Copies both. 0, or an errno when nothing was kept: ENOBUFS where the account has no room, EMFILE,
-  /// EBADF. `room` is empty, or was reserved for at least that much.
+  /// Copies both. Returns 0, or an errno if nothing was kept: ENOBUFS (the account has no room), EMFILE or
+  /// EBADF. `room` is empty, or was reserved for at least this much.
   [[nodiscard]] int push(std::span<const std::byte> bytes, std::span<const int> descriptors,
                          Charge room = {});
-  /// Writes once; without `with_descriptors` it stops before the first that carries any.
+  /// Writes once; without `with_descriptors`, stops before the first segment that carries any.
   WriteResult writeTo(int socket, bool with_descriptors);
   void clear();
 
  private:
   struct Segment {
     std::vector<std::byte> bytes;
-    std::vector<FileDescriptor> descriptors;  // pass with the first byte
+    std::vector<FileDescriptor> descriptors;  // sent with the first byte
     Charge bytes_charge;                      // for the capacity
     Charge descriptor_charge;
   };

@@ -4,11 +4,11 @@
 
 namespace kelvane::wire {
 
-/// 32 hexadecimal digits from the kernel's random numbers, different at each call. Ends the process when the
-/// kernel gives none: D-Bus wants an identifier that no other server has.
+/// 32 random hexadecimal digits, different at each call. Ends the process if the kernel provides no random
+/// numbers: D-Bus requires an identifier that no other server has.
 [[nodiscard]] std::string makeServerIdentifier();
 
-/// This process's own, the same as long as it lives. Any thread.
+/// This process's identifier, constant while it runs. Any thread.
 [[nodiscard]] const std::string& serverIdentifier();
 
 }  // namespace kelvane::wire

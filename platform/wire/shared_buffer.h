@@ -6,8 +6,8 @@
 
 namespace kelvane::wire {
 
-/// Borrows the buffer that all transports of a thread read into. A handler that reads from another transport
-/// meanwhile gets one of its own.
+/// Borrows the buffer that all transports of a thread read into. If a handler reads from another transport
+/// meanwhile, that read gets a separate buffer.
 class SharedBuffer {
  public:
   static constexpr std::size_t size = 64U << 10;

@@ -11,7 +11,7 @@ namespace kelvane::wire {
 [[nodiscard]] bool isCompleteType(std::string_view text);
 /// The length of the first complete type of a valid signature that is not empty.
 [[nodiscard]] std::size_t completeTypeLength(std::string_view signature);
-/// How a value of the type that begins with this code is aligned: 1, 2, 4 or 8.
+/// The alignment of the type that begins with this code: 1, 2, 4 or 8.
 [[nodiscard]] std::size_t alignmentOf(char type);
 /// A number, boolean, string, object path, signature or descriptor.
 [[nodiscard]] bool isBasicType(char type);

@@ -102,8 +102,9 @@ Transport::Progress Transport::read(std::span<std::byte> room) {
   return {judge(result, granted), reason_.empty() ? result.bytes : 0};
 }
 
-// A server knows whom it told that descriptors may come. To a client they may come right behind the answer
-// that says so, in one read. Part of a message that carries some already is read on without room for more.
+// A server knows whether it agreed to take descriptors. A client may receive them in the same read as the
+// server's agreement. If a partly received message already carries some, the rest is read without room for
+// more.
 bool Transport::chargeDescriptors(std::size_t& count) {
   const auto* const server = std::get_if<ServerHandshake>(&handshake_);
   const bool agreed = established_ ? passes_descriptors_ : server == nullptr || server->passesDescriptors();
@@ -113,7 +114,7 @@ bool Transport::chargeDescriptors(std::size_t& count) {
   return count > 0 || !descriptors_.empty();
 }
 
-// After a short read nothing more is there, unless descriptors came: the kernel stops behind these.
+// After a short read the socket is empty, unless descriptors came: the kernel stops after these.
 Transport::Outcome Transport::judge(const ReadResult& result, std::size_t room) {
   if (result.error == EAGAIN) return Outcome::drained;
   if (result.unasked) {

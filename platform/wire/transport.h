@@ -3,27 +3,26 @@
 // Messages over one connected local stream socket.
 //
 // Reading. One `recvmsg` at a time goes into a buffer that all transports of a thread share; whole messages
-// are handed out from there without a copy. Only the part of a message that has not yet come to its end is
-// kept by the transport, in memory that grows with what arrives, never with what is claimed. Every byte and
-// descriptor is charged to the account before the kernel is asked for it.
+// are handed out from there without a copy. The transport keeps only incomplete messages, in memory that
+// grows with what arrives, never with what is claimed. Every byte and descriptor is charged to the account
+// before the kernel is asked for it.
 //
-// Descriptors. They belong to the message whose bytes they came with, which must name exactly that many. A
-// message that names fewer or more than came, a descriptor that comes with the handshake, or before the peer
-// was told that it may pass any, and a kernel that had to drop some (MSG_CTRUNC) end the connection. All that
-// came are closed. Where none are taken, the kernel is given no room for them. What is read at once may begin
-// with bytes from before the descriptors (the kernel joins these), but never goes on behind what they came
-// with.
+// Descriptors. They belong to the message whose bytes they came with, and its header must state exactly how
+// many there are. These end the connection, and all received descriptors are closed: a count that is too low
+// or too high; a descriptor during the handshake, or before this side agreed to take any; a descriptor that
+// the kernel had to drop (MSG_CTRUNC). If none are accepted, the kernel is given no room for them. One read
+// may return earlier bytes before those that carry descriptors (the kernel joins them), but never bytes after
+// those.
 //
-// Writing. A message is sent at once as far as the socket takes it; the rest is kept, charged to the account,
-// until `flush`. A client's handshake goes out with the first message, in one write. Messages that carry
-// descriptors, and all behind them, wait until the peer agreed to take any.
+// Writing. As much of a message as the socket accepts is sent at once; the rest is kept, charged to the
+// account, until `flush`. A client's handshake is sent with the first message, in one write. Messages that
+// carry descriptors, and all after them, wait until the peer has agreed to take descriptors.
 //
-// Not thread-safe; its owner has a lock. Nothing here blocks, waits or knows of time. The socket may be
-// watched for changes only (EPOLLET):
-//  * `drained` means that the kernel had nothing more when it was asked; what comes later is a change. The
-//  end
-//    is the exception: it may have been reported together with the last bytes. So once the peer has hung up
-//    (EPOLLRDHUP, EPOLLHUP, EPOLLERR), call `receive` until it says `ended`.
+// Not thread-safe; the owner locks. Nothing here blocks, and there are no time limits. The socket may be
+// watched edge-triggered (EPOLLET):
+//  * `drained` means that the socket was empty; later bytes are reported as a new edge. The end is an
+//    exception: it may have been reported together with the last bytes. So once the peer has hung up
+//    (EPOLLRDHUP, EPOLLHUP, EPOLLERR), call `receive` until it returns `ended`.
 //  * wantsToWrite() becomes true only when the kernel took less than it was given, or may take more at once:
 //    begin to watch then (EPOLL_CTL_MOD asks the kernel for the present state), and flush on each report.
 
@@ -47,8 +46,8 @@
 namespace kelvane::wire {
 
 struct TransportOptions {
-  bool takes_descriptors = false;  // whether a peer may pass any
-  bool passes_descriptors = true;  // whether a client's own messages may carry any; servers go by the above
+  bool takes_descriptors = false;  // whether the peer may pass any
+  bool passes_descriptors = true;  // whether a client may send any; a server uses the above
   std::size_t longest_message = 32U << 20;
   std::size_t most_descriptors = 16;  // with one message
 };
@@ -57,59 +56,59 @@ class Transport {
  public:
   enum class Side { client, server };
 
-  /// A message that came whole. What it points to is gone when the handler returns, but for what the handler
-  /// takes out of `descriptors` and the charges it takes over.
+  /// A complete message. What it points to is valid until the handler returns, except descriptors and charges
+  /// that the handler moves out.
   struct Received {
     Message message;
     std::span<FileDescriptor> descriptors;
-    Charge bytes;  // Resource::received_bytes; dropped by the handler when it is done with the message
-    Charge descriptor_charge;  // Resource::descriptors; for as long as the handler keeps those it took
+    Charge bytes;  // Resource::received_bytes; the handler releases it when it is done with the message
+    Charge descriptor_charge;  // Resource::descriptors; held while the handler keeps those it took
   };
-  /// Returns whether to go on with the next message; after false the rest waits for the next `receive`. It
-  /// may call `send` and `flush`, but not `receive`, and must not destroy the transport.
+  /// Returns whether to continue with the next message; after false the rest waits for the next `receive`.
+  /// The handler may call `send` and `flush`, but not `receive`, and must not destroy the transport.
   using Handler = std::function<bool(Received&)>;
 
   enum class Outcome {
     drained,  // the socket holds nothing more for now
-    more,     // there may be more: call again, after others had their turn
-    no_room,  // the account has none left: call again when some of `missing` was released
-    ended,    // the peer closed, or broke a rule: `reason` says which
+    more,     // there may be more: call again, after other connections had their turn
+    no_room,  // the account is at its limit: call again when some of `missing` is released
+    ended,    // the peer closed, or violated the protocol; see `reason`
   };
 
-  /// `socket` is connected and non-blocking. `account` pays for the peer.
+  /// `socket` is connected and non-blocking. The peer's costs are charged to `account`.
   Transport(FileDescriptor socket, Side side, uid_t peer_or_self, std::shared_ptr<Account> account,
             const TransportOptions& options);
   Transport(const Transport&) = delete;
   Transport& operator=(const Transport&) = delete;
   ~Transport();
 
-  /// Reads once and hands out what is whole.
+  /// Reads once and hands out complete messages.
   Outcome receive(const Handler& handler);
 
-  /// Sends a message, or keeps what the socket does not take; gives it its serial, which is returned. 0 when
-  /// nothing was sent and nothing will be; `error` is then EPIPE: the peer is gone; ENOBUFS: its account has
-  /// no room for what it does not read; EOPNOTSUPP: it takes no descriptors; EINVAL: more descriptors than
-  /// the kernel passes, or a message that the writer refused; or what the system call said (EMFILE,
+  /// Assigns a serial, sends the message or keeps what the socket does not accept, and returns the serial.
+  /// Returns 0 if the message is not sent; `error` is then EPIPE (the peer is gone), ENOBUFS (the account has
+  /// no room for unread data), EOPNOTSUPP (the peer takes no descriptors), EINVAL (more descriptors than the
+  /// kernel can pass, or a message that the writer refused), or the error of the system call (EMFILE,
   /// ETOOMANYREFS, EBADF).
   std::uint32_t send(Outgoing& message, int& error);
-  /// For a client that has nothing to send yet: lets its handshake go out by itself.
+  /// For a client that has nothing to send yet: sends its handshake alone.
   void startHandshake();
-  /// Sends what is kept. False when the peer is gone.
+  /// Sends what is kept. False if the peer is gone.
   bool flush();
 
   [[nodiscard]] int socket() const { return socket_.get(); }
   [[nodiscard]] bool isEstablished() const { return established_; }
-  /// Part of a message has come, and its end has not.
+  /// Whether a message has been received in part.
   [[nodiscard]] bool isMessageUnderWay() const;
   /// Whether to watch for room to write.
   [[nodiscard]] bool wantsToWrite() const;
-  /// Not yet sent, the handshake left out.
+  /// Bytes not yet sent, without the handshake.
   [[nodiscard]] std::uint64_t queuedBytes() const;
-  /// The next message gets the one behind it; for tests of what happens at the end of the numbers.
+  /// The next message gets the serial after this one; for tests of the wrap-around.
   void setLastSerial(std::uint32_t serial) { last_serial_ = serial; }
   /// After `no_room`: what to wait for, received_bytes or descriptors.
   [[nodiscard]] Resource missing() const { return missing_; }
-  /// Why the transport ended; for people. Empty as long as it has not.
+  /// Why the transport ended, as a readable message. Empty before that.
   [[nodiscard]] const std::string& reason() const { return reason_; }
 
  private:
@@ -158,11 +157,11 @@ class Transport {
   bool passes_descriptors_ = false;  // agreed
 
   KeptBytes kept_;
-  bool stopped_ = false;     // a handler did not want what is kept now
-  std::size_t claimed_ = 0;  // by the message that kept_ begins with; 0 as long as that is not known
-  Charge received_charge_;   // for kept_
-  std::vector<FileDescriptor> descriptors_;  // of messages that were not yet handed out
-  std::size_t carried_ = 0;                  // of these, what the message under way must name at least
+  bool stopped_ = false;                     // the handler returned false; messages are kept
+  std::size_t claimed_ = 0;                  // size of the message that kept_ begins with; 0 if unknown
+  Charge received_charge_;                   // for kept_
+  std::vector<FileDescriptor> descriptors_;  // of messages not yet handed out
+  std::size_t carried_ = 0;                  // of these, the least that the current message must state
   Charge descriptor_charge_;                 // for descriptors_
   Resource missing_ = Resource::received_bytes;
 

@@ -10,8 +10,8 @@ namespace kelvane::wire {
 
 namespace {
 
-// The kernel takes such a write whole or not at all. Of a longer one it may take a part; room for the rest
-// must be sure then before the first byte goes.
+// The kernel takes such a write entirely or not at all. It may take part of a longer one, so room for the
+// rest must be reserved before the first byte is sent.
 constexpr std::size_t never_cut = 16U << 10;
 
 std::span<const std::byte> bytesOf(const std::string& text) { return std::as_bytes(std::span(text)); }
@@ -113,8 +113,8 @@ int Transport::failed(int error) {
   return EPIPE;
 }
 
-// What was cut off cannot be completed: the peer must not wait for it. What the peer sent before is still
-// read.
+// A truncated message cannot be completed, so the peer must not wait for the rest. What the peer has already
+// sent is still read.
 void Transport::abandonOutput() {
   writable_ = false;
   handshake_output_.clear();

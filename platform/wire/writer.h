@@ -1,9 +1,9 @@
 #pragma once
 
 // Builds one message, in the machine's byte order. Its signature is given first, and the values are written
-// in that order; writing another type than the signature has next is a programming error (fatal in debug
-// builds), because signatures are derived from C++ types. What D-Bus forbids in values is repaired (text) or
-// makes the message unsendable (`fault`): nothing invalid ever leaves. One thread at a time.
+// in that order; writing a value of another type is a programming error (fatal in debug builds), because
+// signatures are derived from C++ types. Text that D-Bus forbids is repaired; any other forbidden value makes
+// the message unsendable (`fault`). So no invalid message is ever sent. One thread at a time.
 
 #include <array>
 #include <cstddef>
@@ -18,10 +18,10 @@
 
 namespace kelvane::wire {
 
-/// A message that is ready to be sent but for its serial.
+/// A message that is complete except for its serial.
 struct Outgoing {
   std::vector<std::byte> bytes;
-  /// To be passed along, borrowed: the owner keeps them open until the transport has taken the message.
+  /// Descriptors to send, borrowed: the owner keeps them open until the transport has taken the message.
   std::vector<int> descriptors;
 };
 
@@ -35,8 +35,8 @@ class Writer {
   };
 
   /// `header.serial`, `header.descriptors` and `header.big_endian` are ignored; the signature is copied.
-  /// `message` is cleared and written to; it keeps its memory (up to 256 KiB), so that one per thread serves
-  /// many messages.
+  /// `message` is cleared and written to. It keeps up to 256 KiB of memory, so that a thread can reuse one
+  /// message.
   Writer(Outgoing& message, const Header& header);
 
   void writeByte(std::uint8_t value);
@@ -48,8 +48,8 @@ class Writer {
   void writeInt64(std::int64_t value);
   void writeUint64(std::uint64_t value);
   void writeDouble(double value);
-  /// What is not UTF-8, NUL included, and noncharacters (U+FFFE, U+FFFF and the like, which some libraries
-  /// refuse) are written as U+FFFD.
+  /// Invalid UTF-8, NUL, and noncharacters (such as U+FFFE and U+FFFF, which some libraries refuse) are
+  /// written as U+FFFD.
   void writeString(std::string_view text);
   void writeObjectPath(std::string_view path);
   void writeSignature(std::string_view signature);
@@ -65,12 +65,11 @@ class Writer {
   void openVariant(std::string_view type);
   void closeVariant();
 
-  /// Completes the header. Nothing may be written afterwards. After a fault the message is empty and must
-  /// not be sent.
+  /// Completes the header. Write nothing afterwards. After a fault the message is empty and must not be sent.
   Fault finish();
 
  private:
-  /// The body, or a container that is open. Positions count from the message's first byte.
+  /// The body, or an open container. Positions count from the message's first byte.
   struct Frame {
     std::size_t next;         // the next value's type; in an array the type of each element
     std::size_t size_at;      // in an array: its length
@@ -90,7 +89,7 @@ class Writer {
   [[nodiscard]] bool push(char kind, std::size_t next);
   [[nodiscard]] bool makeRoom(std::size_t size) { return size <= room_ - size_ || grow(size); }
   [[nodiscard]] bool grow(std::size_t size);
-  /// The bytes in between are zero already.
+  /// The skipped bytes are already zero.
   [[nodiscard]] bool align(std::size_t alignment) {
     const std::size_t at = aligned(size_, alignment);
     if (!makeRoom(at - size_)) return false;

@@ -11,11 +11,11 @@
 
 namespace kelvane::xpc {
 
-/// A message of the calling thread's, for whoever builds one and gives it to a transport before another is
-/// built on this thread. It keeps its memory.
+/// A message that the calling thread reuses. It must be given to a transport before the thread builds another
+/// one. It keeps its memory.
 [[nodiscard]] wire::Outgoing& scratchMessage();
-/// While it lives the thread's scratch message is in use. Afterwards it keeps its memory only when that is
-/// little: a thread that once built a message of 32 MiB would keep as much for good.
+/// Marks the thread's scratch message as in use. Afterwards the message keeps only a small amount of memory:
+/// otherwise a thread that once built a message of 32 MiB would hold that much forever.
 class ScratchUse {
  public:
   static constexpr std::size_t most_kept = std::size_t{64} << 10;
@@ -26,13 +26,13 @@ class ScratchUse {
   ~ScratchUse();
 };
 
-/// A reply to the call of that serial. Becomes an error (LimitsExceeded) when the results cannot travel.
+/// A reply to the call with that serial. Becomes an error (LimitsExceeded) if the results cannot be sent.
 void makeReply(wire::Outgoing& answer, std::uint32_t serial, std::string_view signature,
                FunctionRef<void(wire::Writer&)> write);
-/// An error that answers the call of that serial. A name that is none becomes Error.Failed.
+/// An error reply to the call with that serial. An invalid error name becomes Error.Failed.
 void makeError(wire::Outgoing& answer, std::uint32_t serial, std::string_view name, std::string_view message);
 
-/// Why a message could not be written; for people.
+/// Why a message could not be written, as a readable message.
 [[nodiscard]] std::string_view textOf(wire::Writer::Fault fault);
 
 }  // namespace kelvane::xpc

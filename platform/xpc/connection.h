@@ -16,11 +16,11 @@
 //  * A call before `resume` fails as one does after the end.
 //  * A reply comes at most once. A call whose connection ends gets no reply but an error.
 //
-// What the peer may cost. Its user's account pays for all: the connection, what was read and is not done,
-// what was sent and is not read, descriptors, calls. Over a limit of the account the connection is read no
-// further until something is released. Of each connection: five seconds for the handshake, ten for a message
-// under way, 32 MiB for a message, and nothing more is read while more than 64 of its calls wait for their
-// handler or have a reply that it has not read. A message that is none ends the connection.
+// Limits. The account of the peer's user is charged for the connection, for received data until it is
+// handled, for sent data until the peer reads it, for descriptors and for calls. While the account is at a
+// limit, the connection is not read. Each connection has five seconds for the handshake, ten for each message
+// from its first byte, and 32 MiB per message. It is not read while more than 64 of its calls wait for their
+// handler or have a reply that the peer has not read. A malformed message ends the connection.
 
 #include <atomic>
 #include <cstdint>
@@ -59,12 +59,13 @@ class Connection final : public std::enable_shared_from_this<Connection> {
  public:
   using ErrorHandler = xpc::ErrorHandler;
 
-  // Each may fail; the connection is then made all the same, and is invalidated as soon as it is resumed. One
-  // through an endpoint is paid by whoever handed that in, one to a path by the user who listens there.
+  // Each may fail. The connection is then created anyway, and is invalidated as soon as it is resumed. A
+  // connection through an endpoint is charged to the user who passed the endpoint, one to a path to the user
+  // who listens there.
   static std::shared_ptr<Connection> initWithListenerEndpoint(const Endpoint& endpoint);
   static std::shared_ptr<Connection> initWithSocketPath(const std::string& path);
-  /// The side that answers the handshake, on a socket that somebody else has connected. `cost` is what its
-  /// user was charged for it (Resource::connections), of `account`.
+  /// The side that answers the handshake, on a socket that the peer connected. `cost` is the charge for it
+  /// (Resource::connections) in `account`.
   static std::shared_ptr<Connection> initAccepting(FileDescriptor socket, PeerCredentials credentials,
                                                    std::shared_ptr<wire::Account> account, wire::Charge cost);
 
@@ -99,7 +100,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   /// Who is at the other end: who connected, or, on a connection to a socket path, who listens there. Empty
   /// for a connection through an endpoint, and for one that could not be made.
   [[nodiscard]] const std::optional<PeerCredentials>& credentials() const { return credentials_; }
-  /// Who pays for this connection; null for one that could not be made.
+  /// The account charged for this connection; null if it could not be created.
   [[nodiscard]] const std::shared_ptr<wire::Account>& account() const { return account_; }
   /// Whether the handshake was ever completed. A peer that refuses to be connected to ends it before.
   [[nodiscard]] bool wasEstablished();
@@ -111,20 +112,20 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   /// For proxies. `write` writes the arguments, which have this signature, and is called before this returns.
   void call(const InterfaceDescription& interface, const std::string& signature,
             FunctionRef<void(wire::Writer&)> write, std::unique_ptr<OutgoingCall> call);
-  /// For IncomingCall: sends the reply or error to a call that came in, unless the connection has ended.
+  /// For IncomingCall: sends the reply or error to a received call, unless the connection has ended.
   void sendAnswer(wire::Outgoing& answer, std::uint32_t serial);
 
  private:
   struct Ending;  // what is left to do once the lock is released
   struct Round;   // of reading
-  /// The far end of a connection through an endpoint, until something was written for it to read.
+  /// The far end of a connection through an endpoint, kept here until there is something for it to read.
   struct UnpassedEnd {
     Endpoint endpoint;
     FileDescriptor theirs;
   };
   enum class State { made, open, ended };
   enum class Cause { interruption, invalidation };
-  /// Whether a client's handshake has been seen to, so that it goes out also when nobody calls.
+  /// Whether it is ensured that a client's handshake is sent even if no call is made.
   enum class Greeting { none_due, due };
   using Lock = std::unique_lock<std::mutex>;
   using Received = wire::Transport::Received;
@@ -167,7 +168,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   const InterfaceDescription* exported_interface_ = nullptr;
   EventSource source_;
 
-  std::atomic<bool> awaits_release_{false};  // of something of the account's; the connection is not read
+  std::atomic<bool> awaits_release_{false};  // until then the connection is not read
 
   std::mutex mutex_;  // guards all below
   State state_ = State::made;
@@ -178,12 +179,12 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   std::optional<UnpassedEnd> unpassed_;
   std::optional<wire::Transport> transport_;  // while open
   Greeting greeting_ = Greeting::none_due;
-  bool hung_up_ = false;  // nothing more will come than what the socket holds
+  bool hung_up_ = false;  // nothing more will arrive than the socket already holds
   bool goes_on_ = true;   // the transport was not told to keep messages that it has read
   bool out_watched_ = false;
   std::uint64_t waiting_calls_ = 0;  // handed to the queue, and not yet handled
   UnreadReplies unread_replies_;
-  Timer deadline_;  // of the handshake, then of a message under way
+  Timer deadline_;  // for the handshake, then for a partly received message
   std::shared_ptr<void> exported_object_;
   Block interruption_handler_;
   Block invalidation_handler_;

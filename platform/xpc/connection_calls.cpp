@@ -14,7 +14,7 @@ namespace {
 
 constexpr const char* malformed_body = "the peer sent a message whose body is not what its signature says";
 
-/// After reading: whether the body breaks the protocol, also where nobody has read it.
+/// After reading: whether the body violates the protocol, including parts that were not read.
 bool isMalformed(const wire::Reader& reader, const wire::Transport::Received& received) {
   if (reader.fault() == wire::Fault::none) return false;
   return reader.fault() == wire::Fault::malformed ||

@@ -9,12 +9,12 @@
 
 namespace kelvane::xpc {
 
-/// One read of the socket, and what is done with the messages that came with it.
+/// One read of the socket, and the handling of the messages it returned.
 struct Connection::Round {
-  /// Paid before the call is taken, so that a call that cannot be paid is not read at all.
+  /// Charged before the call is taken, so that a call that exceeds the limit is not read at all.
   wire::Charge next_call;
   bool took_message = false;
-  std::string broken;  // why the connection is to end; empty when it is not
+  std::string broken;  // why the connection must end; empty if it need not
 };
 
 }  // namespace kelvane::xpc

@@ -75,7 +75,7 @@ void Connection::read() {
   goOnAfter(progress);
 }
 
-/// Whether reading on would find the end and nothing else: what is not read does not tell it.
+/// Whether only the end is left to read. While the socket is not read, the end goes unnoticed.
 bool Connection::hasNothingLeft() const {
   int bytes = 0;
   return hung_up_ && goes_on_ && ::ioctl(transport_->socket(), SIOCINQ, &bytes) == 0 && bytes == 0;
@@ -100,9 +100,9 @@ void Connection::awaitRelease(wire::Resource resource) {
   });
 }
 
-/// A message's time runs from its first byte, and more of it gives no more time. While the peer must wait for
-/// its own calls or replies no time runs. But it does while the account has no room for more bytes: what
-/// takes the room may be nothing but parts of messages, which wait for each other.
+/// The time limit of a message starts at its first byte, and further bytes do not extend it. It is paused
+/// while the peer must wait for its own calls or replies. It is not paused while the account has no room: the
+/// room may be taken by incomplete messages only, which would wait for each other.
 void Connection::updateDeadlines(bool took_message) {
   if (!established_) {
     if (!transport_->isEstablished()) return;
@@ -120,7 +120,7 @@ void Connection::updateDeadlines(bool took_message) {
   }
 }
 
-/// After something was written: the listener finds it when it looks at what it was passed.
+/// Called after data was written, so that the listener finds it in the socket that it receives.
 void Connection::passTheirEnd() {
   if (!unpassed_) return;
   const bool passed = unpassed_->endpoint.pass(unpassed_->theirs);

@@ -8,13 +8,13 @@
 
 namespace kelvane::xpc {
 
-/// So many values may a message hold.
+/// The most values that a message may hold.
 inline constexpr std::size_t most_values = 1U << 20;
 
-/// Stands for the reading of one message on the calling thread: how many values were read, and who pays for
-/// the memory that they take. A value can take 45 times the bytes that it came in, so these are charged as it
-/// is built; the message's own bytes, which go when it has been read, pay for the first of it. What is read
-/// outside of any Decoding is paid by nobody.
+/// The reading of one message on the calling thread: counts its values, and charges their memory to an
+/// account. A value can take 45 times as many bytes as in the message, so the memory is charged while the
+/// value is built. The charge for the message's own bytes, which are freed after reading, covers the first
+/// part. Values read outside of any Decoding are not charged.
 class Decoding {
  public:
   /// `bytes` is the size of the message, which is charged to the payer already.
@@ -27,9 +27,10 @@ class Decoding {
   static Decoding* current();
 
   [[nodiscard]] const std::shared_ptr<wire::Account>& payer() const { return payer_; }
-  /// One more value, of so many bytes; false when it is one too many, or when the payer has no room for it.
+  /// Counts one more value of this many bytes; false if it exceeds the number of values or the account's
+  /// limit.
   [[nodiscard]] bool take(std::size_t bytes);
-  /// What was charged beyond the message's own bytes.
+  /// The charge beyond the message's own bytes.
   [[nodiscard]] wire::Charge takeCharge() { return std::move(charge_); }
 
  private:

@@ -7,7 +7,8 @@ namespace kelvane::xpc {
 class Connection;
 class IncomingCall;
 
-/// Marks, on the calling thread, the connection whose message it is handling, and the call, where it is one.
+/// Marks, on the calling thread, the connection whose message it is handling, and the call if the message is
+/// one.
 class Delivery {
  public:
   Delivery(const std::shared_ptr<Connection>& connection, const std::shared_ptr<IncomingCall>& call);

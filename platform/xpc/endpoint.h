@@ -15,22 +15,22 @@ class Endpoint {
  public:
   Endpoint() = default;
   /// Takes a descriptor that came from outside; nothing when it is not a connected local SOCK_SEQPACKET
-  /// socket. `payer` is who handed it in and pays for the connections opened through it; null for this
-  /// process itself.
+  /// socket. `payer` is the account of the peer that passed it, charged for the connections opened through
+  /// it; null for this process itself.
   static std::optional<Endpoint> adopt(FileDescriptor descriptor,
                                        std::shared_ptr<wire::Account> payer = nullptr);
 
-  /// A connection that the listener knows nothing of yet.
+  /// A connection that the listener has not received yet.
   struct Opening {
     FileDescriptor ours;
     FileDescriptor theirs;
   };
-  /// Makes a stream socket pair. Both are empty when there is no endpoint, or no descriptor left.
+  /// Creates a stream socket pair. Both are empty if there is no endpoint, or no file descriptor left.
   [[nodiscard]] Opening begin() const;
-  /// Hands the listener its end. False when the listener is gone or does not read. Never blocks.
+  /// Sends the listener its end. False if the listener is gone or does not read. Never blocks.
   [[nodiscard]] bool pass(const FileDescriptor& theirs) const;
-  /// Both at once: our end, or nothing. What is written before the listener gets its end costs it no wake-up
-  /// of its own, so a connection writes first.
+  /// Does both; returns our end, or nothing. Data written before the listener gets its end wakes the listener
+  /// only once, so a connection writes first.
   [[nodiscard]] FileDescriptor open() const;
 
   [[nodiscard]] int descriptor() const { return handle_ ? handle_->descriptor.get() : -1; }

@@ -1,6 +1,6 @@
 #pragma once
 
-// A method call that came in, from its arguments to its answer.
+// A received method call, from its arguments to its answer.
 
 #include <cstdint>
 #include <memory>
@@ -15,8 +15,8 @@ namespace kelvane::xpc {
 
 class Connection;
 
-/// Counts in its user's account, with its bytes and descriptors, until it is done: its Reply was called or
-/// dropped, and nobody holds a CurrentCall of it. Any thread.
+/// Charged to its user's account, with its bytes and descriptors, until it is finished: its Reply was called
+/// or dropped, and no CurrentCall refers to it. Any thread.
 class IncomingCall : public std::enable_shared_from_this<IncomingCall> {
  public:
   IncomingCall() = default;
@@ -27,7 +27,8 @@ class IncomingCall : public std::enable_shared_from_this<IncomingCall> {
   /// Calls the object's method. Once, on the connection's queue.
   virtual void run() = 0;
 
-  // The first answer counts. None is sent to a caller who wants none, or whose connection has ended.
+  // Only the first answer counts. Nothing is sent to a caller that expects no reply, or whose connection has
+  // ended.
 
   /// `write` writes the results, which have this signature; it is called before this returns, or not at all.
   void reply(std::string_view signature, FunctionRef<void(wire::Writer&)> write);
@@ -41,10 +42,10 @@ class IncomingCall : public std::enable_shared_from_this<IncomingCall> {
   struct Cost {
     wire::Charge call;
     wire::Charge bytes;
-    wire::Charge memory;  // of what was read, beyond the bytes
+    wire::Charge memory;  // of the values read, beyond the bytes
     wire::Charge descriptors;
   };
-  /// Where the answer goes to; a serial of 0 when none is wanted, or none any more.
+  /// Where to send the answer; serial 0 if no reply is expected, or it was already sent.
   struct ReturnAddress {
     std::weak_ptr<Connection> connection;
     std::uint32_t serial = 0;
@@ -59,11 +60,11 @@ class IncomingCall : public std::enable_shared_from_this<IncomingCall> {
   std::mutex mutex_;  // guards all below; nothing is called and no other is taken while it is held
   ReturnAddress return_address_;
   Cost cost_;
-  std::shared_ptr<Cost> shared_cost_;  // where the cost is once it was shared
+  std::shared_ptr<Cost> shared_cost_;  // holds the cost once it is shared
 };
 
-/// The call that a handler works on, for handlers that queue further work: as long as a copy lives, the call
-/// counts as not done, unless it was answered before the first was made. Any thread.
+/// The call that a handler works on, for handlers that queue further work. While a copy exists the call
+/// counts as unfinished, unless it was answered before the first copy was made. Any thread.
 class CurrentCall {
  public:
   /// No call.

@@ -14,7 +14,7 @@ namespace kelvane::xpc {
 /// The data of one interface, as a document of its own: for code generators.
 [[nodiscard]] std::string introspectionXml(const InterfaceDescription& interface);
 
-/// The data of one object: its interfaces, and the names of the objects right below it.
+/// The data of one object: its interfaces, and the names of its direct children.
 [[nodiscard]] std::string introspectionXml(const std::vector<const InterfaceDescription*>& interfaces,
                                            const std::set<std::string_view>& children);
 

@@ -40,11 +40,11 @@ class Listener final : public std::enable_shared_from_this<Listener> {
   }
   /// Anonymous listeners: called once when nobody holds the endpoint any more. On a thread of the pool.
   void setEndpointClosedHandler(Block handler) { endpoint_closed_ = std::move(handler); }
-  /// Who pays for the connections, instead of the accounts that the process shares. They must live on while
-  /// the listener does.
+  /// The accounts to charge for connections, instead of those that the process shares. They must outlive the
+  /// listener.
   void setAccounts(wire::Accounts& accounts) { accounts_ = &accounts; }
-  /// Called for each peer that is closed right after accept because its user has as many connections as it
-  /// may. On a thread of the pool; as often as such peers come.
+  /// Called for each peer that is closed right after accept because its user is at the limit on connections.
+  /// Runs on a pool thread, once for every such peer.
   void setRefusalHandler(std::function<void(const PeerCredentials&)> handler) {
     refused_ = std::move(handler);
   }

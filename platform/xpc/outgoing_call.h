@@ -1,6 +1,6 @@
 #pragma once
 
-// A method call that goes out, until its answer or its error has been delivered.
+// An outgoing method call, until its reply or error has been delivered.
 
 #include <functional>
 #include <memory>
@@ -16,8 +16,8 @@ namespace kelvane::xpc {
 
 using ErrorHandler = std::function<void(const Error&)>;
 
-/// Made by a proxy and given to the connection, whose lock guards it until it is handed to the connection's
-/// queue; it is destroyed there.
+/// Created by a proxy and passed to the connection, whose lock guards it until it moves to the connection's
+/// queue. It is destroyed there.
 class OutgoingCall {
  public:
   /// `signature` is that of the expected reply and lives as long as the process, as `member` does.
@@ -30,18 +30,18 @@ class OutgoingCall {
   [[nodiscard]] const char* member() const { return member_; }
   [[nodiscard]] const std::string& replySignature() const { return signature_; }
 
-  /// Reads the results of a reply of the expected signature. Of no use when the reader has a fault.
+  /// Reads the results of a reply of the expected signature. Invalid if the reader has a fault.
   virtual void read(wire::Reader& in) = 0;
   void fail(Error error) { error_ = std::move(error); }
-  /// What the peer's user pays for the reply, until it has been delivered: its bytes, and the memory of its
+  /// The charge to the peer's user for the reply until it is delivered: its bytes, and the memory of its
   /// values beyond them.
   void hold(wire::Charge bytes, wire::Charge memory) {
     bytes_ = std::move(bytes);
     memory_ = std::move(memory);
   }
 
-  /// On the connection's queue, once: calls the error handler after `fail`, else the reply with what was
-  /// read.
+  /// On the connection's queue, once: calls the error handler after `fail`, otherwise the reply handler with
+  /// the values read.
   void finish() {
     if (!error_) {
       deliver();

@@ -45,7 +45,7 @@ struct MethodDescription {
   const char* name;
   std::string in;  // D-Bus signatures
   std::string out;
-  /// Reads the arguments and makes the call of the object. Of no use when the reader has a fault afterwards.
+  /// Reads the arguments and creates the call of the object. Invalid if the reader has a fault afterwards.
   std::shared_ptr<IncomingCall> (*prepare)(const std::shared_ptr<void>& object, wire::Reader& arguments);
   // For introspection; as many as there are arguments and results, or none.
   std::vector<const char*> in_names;
@@ -151,7 +151,7 @@ class TypedCall final : public IncomingCall {
  private:
   template <std::size_t... I>
   void run(std::index_sequence<I...>) {
-    // Neither outlives the call of the method, whoever keeps the reply.
+    // Neither outlives the call of the method, even if the reply is kept.
     const std::shared_ptr<Protocol> object = std::move(object_);
     [[maybe_unused]] auto arguments = std::move(arguments_);
     ((*object).*Method)(std::move(std::get<I>(arguments))..., Traits::Replies::answering(shared_from_this()));
@@ -161,7 +161,7 @@ class TypedCall final : public IncomingCall {
   typename Traits::Values arguments_;
 };
 
-/// The reply to a call that goes out.
+/// The reply to an outgoing call.
 template <class ReplyFunction>
 class TypedReply final : public OutgoingCall {
   using Traits = ReplyTraits<ReplyFunction>;

@@ -6,10 +6,10 @@
 
 namespace kelvane::xpc {
 
-/// Counts the replies that a socket has not yet taken whole, among all that is sent through it.
+/// Counts the replies that the socket has not yet accepted in full.
 class UnreadReplies {
  public:
-  /// A message was sent, and so much of all that was ever sent is not yet taken.
+  /// A message was sent; this many of all bytes sent so far are still queued.
   void noteSent(std::size_t bytes, bool is_reply, std::uint64_t queued_bytes) {
     sent_ += bytes;
     if (is_reply && queued_bytes > 0) ends_.push_back(sent_);
@@ -21,7 +21,7 @@ class UnreadReplies {
 
  private:
   std::uint64_t sent_ = 0;          // bytes, of all messages
-  std::deque<std::uint64_t> ends_;  // where, among these, each reply that waits ends
+  std::deque<std::uint64_t> ends_;  // the offset at which each waiting reply ends
 };
 
 }  // namespace kelvane::xpc

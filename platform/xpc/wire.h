@@ -16,8 +16,8 @@
 
 namespace kelvane::xpc {
 
-/// So many arrays and dictionaries may stand one within the other in a value that travels: D-Bus allows 64
-/// containers, and a dictionary in a dictionary is three (a variant, an array and an entry).
+/// The deepest nesting of arrays and dictionaries in a value that is sent: D-Bus allows 64 containers, and a
+/// dictionary in a dictionary takes three (a variant, an array and an entry).
 inline constexpr std::size_t most_nested = 20;
 
 /// A value of any kind, but never nothing, as one D-Bus variant.

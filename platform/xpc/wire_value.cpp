@@ -37,7 +37,8 @@ struct VariantWriter {
   wire::Writer& out;
   unsigned depth;
 
-  // Arrays and dictionaries hold no nothing, and nothing else that may be nothing travels as a variant.
+  // Arrays and dictionaries never hold an empty value, and no other value that may be empty is sent as a
+  // variant.
   void operator()(std::monostate) const { out.openVariant(""); }
   void operator()(bool boolean) const {
     out.openVariant("b");
@@ -88,7 +89,7 @@ struct VariantWriter {
   }
 };
 
-/// Deeper than D-Bus allows the writer has refused already, and nothing is gained by going on.
+/// The writer has already refused nesting deeper than D-Bus allows, so stop.
 void writeVariant(wire::Writer& out, const Value& value, unsigned depth) {
   if (depth <= wire::deepest_containers) std::visit(VariantWriter{out, depth}, value.held());
 }
@@ -100,7 +101,7 @@ constexpr std::size_t plain_bytes = 2 * sizeof(Value);  // an array has up to tw
 constexpr std::size_t shared_bytes = plain_bytes + 64;
 constexpr std::size_t entry_bytes = 80;  // beside its value and its key
 
-/// False, and a fault, when that is more than the message may become.
+/// False, with a fault, if that exceeds what the message's values may take.
 bool mayTake(wire::Reader& in, std::size_t bytes) {
   Decoding* const decoding = Decoding::current();
   if (decoding == nullptr || decoding->take(bytes)) return true;

@@ -8,13 +8,13 @@
 
 namespace kelvane::xpc {
 
-/// Writes a value that is not nothing as one variant.
+/// Writes a value, which must not be empty, as one variant.
 void writeVariant(wire::Writer& out, const Value& value);
 void writeDictionary(wire::Writer& out, const Dictionary& dictionary);
 
-/// Reads whatever value is next.
+/// Reads the next value, whatever its type.
 void readValue(wire::Reader& in, Value& value);
-/// Reads an array of dictionary entries, whatever they hold; adds to what the dictionary has.
+/// Reads an array of dictionary entries of any type, and adds them to the dictionary.
 void readDictionary(wire::Reader& in, Dictionary& dictionary);
 
 }  // namespace kelvane::xpc
