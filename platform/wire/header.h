@@ -42,9 +42,9 @@ struct Header {
 /// limits.
 [[nodiscard]] std::optional<std::size_t> claimedSize(std::span<const std::byte, fixed_header_size> start);
 
-/// Reads the header of a whole message and finds its body. Nothing if it violates the protocol: a field of
-/// the wrong type or with an invalid name, a missing required field, padding that is not zero, or a duplicate
-/// field. Unknown fields and unknown message types are not errors (callers ignore such messages).
+/// Reads the header of a whole message and finds its body. Nothing when it breaks a rule of the protocol:
+/// a field of a wrong type or with an invalid name, a required field missing, padding that is not zero, a
+/// field twice. Unknown fields and unknown message types are not errors (callers ignore such messages).
 struct Message {
   Header header;
   Bytes body;
