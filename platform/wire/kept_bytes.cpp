@@ -9,7 +9,8 @@ namespace kelvane::wire {
 
 namespace {
 
-// From this size on memory is mapped. malloc would keep it for itself, or copy it while it grows.
+// At this size and above, memory is mapped: malloc might not return it to the kernel, or copy it while it
+// grows.
 constexpr std::size_t mapped_from = 128U << 10;
 constexpr std::size_t least_worth_a_read = 4U << 10;
 

@@ -104,7 +104,7 @@ bool Reader::readBoolean() {
   return number == 1;
 }
 
-/// So many bytes and the NUL that ends each text.
+/// This many bytes, and the NUL that ends each text.
 std::string_view Reader::readText(std::size_t length) {
   if (!hasRoom(length + 1)) return {};
   const auto* text = reinterpret_cast<const char*>(bytes_.data() + position_);

@@ -63,7 +63,7 @@ Writer::Writer(Outgoing& message, const Header& header) : message_(message) {
 
 // --- room ---
 
-/// From the first fault on nothing is written; the body seems to be empty.
+/// After the first fault nothing is written, and the body appears empty.
 void Writer::fail(Fault fault) {
   if (fault_ == Fault::none) fault_ = fault;
   depth_ = 0;
@@ -90,7 +90,7 @@ void Writer::append(const void* from, std::size_t size) {
 
 // --- types ---
 
-/// A value of another type than the signature has next, or a container that is not the innermost.
+/// Reports a value whose type is not the next one in the signature, or a container that is not the innermost.
 bool Writer::mismatch() {
   assert(fault_ != Fault::none && "the values do not follow the signature");
   fail(Fault::invalid);
@@ -292,8 +292,8 @@ void Writer::addFields(const Header& header) {
   }
 }
 
-/// How many descriptors there are is known at the end only. The field takes eight bytes in front of the body,
-/// which moves.
+/// The number of descriptors is known only at the end. Its field takes eight bytes before the body, so the
+/// body moves.
 void Writer::addDescriptorsField() {
   constexpr std::size_t field_size = 8;
   if (!makeRoom(field_size)) return;

@@ -32,7 +32,7 @@ bool takesDescriptors(const InterfaceDescription* interface) {
                                              });
 }
 
-/// It does not change: the daemon is started as its user.
+/// Constant: the daemon is started as its user.
 uid_t ownUser() {
   static const uid_t user = ::geteuid();
   return user;

@@ -168,7 +168,7 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   const InterfaceDescription* exported_interface_ = nullptr;
   EventSource source_;
 
-  std::atomic<bool> awaits_release_{false};  // until then the connection is not read
+  std::atomic<bool> awaits_release_{false};  // not read until the account releases something
 
   std::mutex mutex_;  // guards all below
   State state_ = State::made;

@@ -9,7 +9,7 @@
 
 namespace kelvane::tests {
 
-/// Another user's client, which asks for a value of the state every few milliseconds as long as this lives.
+/// Another user's client, which reads a value of the state every few milliseconds while this object lives.
 class AnotherUser {
  public:
   explicit AnotherUser(const AttackedDaemon& daemon);
@@ -23,7 +23,7 @@ class AnotherUser {
     std::chrono::microseconds percentile99{0};
     std::chrono::microseconds longest{0};
   };
-  /// Goes on until there are enough answers to speak of a 99th percentile, and stops.
+  /// Continues until there are enough answers for a 99th percentile, then stops.
   [[nodiscard]] Waits stop();
 
  private:

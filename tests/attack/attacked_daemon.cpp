@@ -51,7 +51,7 @@ void as(uid_t user, Work work) {
 
 AttackedDaemon::AttackedDaemon() : daemon_(built("kelvaned"), environmentWith(settings_.path())) {
   fs::permissions(fs::path(daemon_.runtimeFolder()).parent_path(), fs::perms(0755));
-  // What opens with the first request only is not to be taken for what an attack left behind.
+  // File descriptors that the first request opens must not be mistaken for leaks of an attack.
   auto warm_up = std::make_unique<Client>(daemon_);
   warm_up->setState("warm", "com.example.warm-up");
   EXPECT_TRUE(warm_up->isServed());

@@ -23,7 +23,7 @@ class AttackedDaemon {
   [[nodiscard]] Daemon& daemon() { return daemon_; }
   /// Open now.
   [[nodiscard]] std::size_t descriptors() const;
-  /// Waits until so many are open; what are open when that takes longer than ten seconds.
+  /// Waits until this many are open, for at most ten seconds; returns how many are open.
   [[nodiscard]] std::size_t descriptorsWhenSettled(std::size_t expected) const;
   /// The most that was ever resident.
   [[nodiscard]] std::size_t peakMegabytes() const;
@@ -40,7 +40,7 @@ class AttackedDaemon {
 /// "\0AUTH EXTERNAL ..." with that user.
 [[nodiscard]] std::string authentication(uid_t user);
 
-/// Raises this process's limit on descriptors to what it may have, and says what it is.
+/// Raises this process's limit on file descriptors to its maximum, and returns it.
 std::size_t raiseDescriptorLimit();
 
 }  // namespace kelvane::tests

@@ -1,4 +1,4 @@
-// Peers that want more of something than there is for one user.
+// Peers that exceed a limit of one user.
 
 #include <gtest/gtest.h>
 #include <algorithm>
@@ -92,7 +92,7 @@ TEST_F(Counts, OfServicesAreBoundedForOneUserAndTheRestIsRefusedWithAReason) {
 }
 
 TEST_F(Counts, OfCallsThatWaitDoNotHoldUpAnotherUser) {
-  // The registry waits for a service that does not answer its ping, and who asks it for something waits too.
+  // The registry waits for a service that does not answer its ping, and so do its callers.
   RawService mute;
   RawPeer registrar = peerOf(daemon_, attacker);
   registrar.send(checkIn(1, "com.example.mute").bytes(), {mute.endpoint()});

@@ -1,4 +1,4 @@
-// Peers that pass more descriptors than anybody asked for. Whatever came in must be closed again.
+// Peers that pass unexpected file descriptors. All received descriptors must be closed.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

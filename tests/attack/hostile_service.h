@@ -12,7 +12,7 @@
 
 namespace kelvane::tests {
 
-/// A service that speaks by bytes, behind an endpoint.
+/// A service that writes raw bytes, behind an endpoint.
 class RawService {
  public:
   RawService();

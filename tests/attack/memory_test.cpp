@@ -23,7 +23,8 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t megabyte = std::size_t{1} << 20;
 constexpr std::size_t nearly_a_megabyte = megabyte - 1024;  // what one value of the state may take
 
-/// Sends each peer as much of the bytes as the daemon takes, in turns, for as long as a flood lasts.
+/// Sends the bytes over each connection in turn, as far as the daemon takes them, for the duration of a
+/// flood.
 void sendToAll(std::vector<RawPeer>& peers, const std::string& bytes) {
   std::vector<std::size_t> sent(peers.size());
   std::vector<pollfd> sockets;

@@ -13,7 +13,7 @@ namespace kelvane::tests {
 [[nodiscard]] RawMessage getState(std::uint32_t serial, const std::string& key);
 /// The value is `bytes` of data, the last of which differ from one serial to the next.
 [[nodiscard]] RawMessage setState(std::uint32_t serial, const std::string& key, std::size_t bytes);
-/// The value is an array of so many numbers.
+/// The value is an array of this many numbers.
 [[nodiscard]] RawMessage setStateToNumbers(std::uint32_t serial, const std::string& key, std::size_t count);
 /// Goes with one descriptor. `notification` is one that the service wants; none when empty.
 [[nodiscard]] RawMessage checkIn(std::uint32_t serial, const std::string& ID,

@@ -17,7 +17,7 @@ struct Scale {
   unsigned connections;
   unsigned check_ins;
   unsigned waiting_calls;
-  std::chrono::milliseconds flood;  // how long whatever has no end goes on
+  std::chrono::milliseconds flood;  // duration of attacks that have no end of their own
   std::size_t most_resident_megabytes;
   std::chrono::milliseconds slowest_answer;  // to another user; the 99th percentile, on a busy machine
 };

@@ -169,7 +169,7 @@ TEST_F(UserDefaultsTest, WhatAnotherStoredIsTakenInBySynchronize) {
   EXPECT_TRUE(one->objectForKey("key").isNothing());
 }
 
-/// A process that stores a number, with so much beside it that the log is begun anew now and then.
+/// A process that stores a number, with enough other data that the log restarts now and then.
 class OtherProcess {
  public:
   explicit OtherProcess(const std::string& directory) {

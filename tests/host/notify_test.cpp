@@ -121,7 +121,7 @@ class Adversary {
 
 constexpr uid_t somebody = 65534;
 
-/// What a post says, and its errno; nothing when it has not returned after a time that only a wait can take.
+/// The result of a post, and its errno; nothing if it does not return in a time that only a wait can exceed.
 std::optional<std::pair<std::uint32_t, int>> postWhile(std::optional<Adversary>& adversary) {
   auto posted = std::async(std::launch::async, [] {
     errno = 0;

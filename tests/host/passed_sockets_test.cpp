@@ -18,7 +18,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-/// The environment of the process; a PID that is not said is its own.
+/// The environment of the process; without a PID, its own is used.
 struct Passed {
   std::optional<std::string> process = {};
   std::optional<std::string> count = "2";

@@ -1,4 +1,4 @@
-// What the service manager is told and asked, with a socket of the test in its place.
+// Messages to the service manager, with a socket of the test in its place.
 
 #include "platform/host/service_manager.h"
 

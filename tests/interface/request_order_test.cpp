@@ -1,4 +1,4 @@
-// A request that waits holds back what the same connection asks for after it, and nothing else.
+// A waiting request delays only later requests on the same connection.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -38,7 +38,7 @@ class RequestOrder : public tests::InterfaceFixture {
                                    [answer](const Value& value) mutable { answer.come(value); });
     return answer;
   }
-  /// Asks with `request`, and sees no answer although the daemon has read it and answers others meanwhile.
+  /// Sends `request`, and expects no answer although the daemon has read it and answers others meanwhile.
   template <class Request>
   auto heldBack(Request request, Caller& process) {
     const std::uint64_t before = callsNotDone();

@@ -38,7 +38,7 @@ class StateStore : public tests::InterfaceFixture {
     dispatch_sync(registry_->defaults_queue(), [] {});  // the read's last line comes after its answer
     return value;
   }
-  /// What a client is refused with that writes this; empty when it is stored.
+  /// The error that a client gets for writing this; empty if it is stored.
   std::string written(const std::string& key, const Value& value) {
     Caller& process = caller();
     Answer<bool> stored;

@@ -81,7 +81,7 @@ class FakeService {
   void onPing(std::function<void(const Reply<>& reply)> answer) { state_->on_ping = std::move(answer); }
   void answersCancel(bool answers) { state_->answers_cancel = answers; }
   void answersNotifications(bool answers) { state_->answers_notifications = answers; }
-  /// Answers the first notification that it has been silent about.
+  /// Answers the first notification that it has not answered yet.
   void answerKeptNotification() {
     Reply<> reply;
     state_->change([&](State& it) {

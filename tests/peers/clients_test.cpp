@@ -1,5 +1,5 @@
-// Clients made with other libraries, each the same requests of a real daemon: what they are answered is the
-// same, to the word.
+// Clients made with other libraries send the same requests to a real daemon, and must get exactly the same
+// answers.
 
 #include <gtest/gtest.h>
 #include <fstream>

@@ -1,4 +1,4 @@
-// The stock tools look at a real daemon: what it offers, its properties (none), and its objects.
+// The stock tools inspect a real daemon: its interfaces, its properties (none), and its objects.
 
 #include <gtest/gtest.h>
 #include <string>

@@ -1,5 +1,4 @@
-// Directories of grants whose content somebody else may decide. Some belong to another user, so this needs
-// root.
+// Directories of grants that another user can change. Some belong to another user, so this needs root.
 
 #include "support/grant_directory.h"
 
@@ -49,7 +48,7 @@ class GrantDirectories : public testing::Test {
   [[nodiscard]] static bool holds(uid_t who) {
     return peerIsEntitled({1, who, 5000, {}, std::nullopt}, {CLIENT_ENTITLEMENT});
   }
-  /// Whether its files are ignored, nobody holds anything instead, and the log names it with that reason.
+  /// Whether its files are ignored, nobody holds anything by default, and the log names it with that reason.
   [[nodiscard]] bool isIgnored(const std::string& reason) const {
     const bool granted = grants();
     return !granted && !holds(0) && log_.lines().size() == 1 &&

@@ -32,7 +32,7 @@ class HangingVolume {
   HangingVolume& operator=(const HangingVolume&) = delete;
 
   [[nodiscard]] const std::string& path() const { return path_; }
-  /// The program dies: whoever waits for it is told so.
+  /// The program dies: callers that wait for it get an error.
   void end() {
     ::umount2(path_.c_str(), MNT_DETACH);
     program_.reset();

@@ -46,7 +46,7 @@ class HangingVolumes : public testing::Test {
   }
   void TearDown() override {
     for (const auto& hanging : hanging_) hanging->end();
-    // The threads that asked are still about to say so.
+    // The threads that asked are still about to log that.
     while (log_.count("answers again") < log_.count("does not answer")) std::this_thread::yield();
   }
 

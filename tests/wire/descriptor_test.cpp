@@ -23,12 +23,12 @@ class DescriptorTest : public TransportTest {
     EXPECT_EQ(openDescriptors(), before_ - 2);
   }
 
-  /// Sends bytes with so many descriptors of /dev/null.
+  /// Sends bytes with this many descriptors of /dev/null.
   void pass(std::string_view bytes, std::size_t count) {
     const Descriptors passed(count);
     passTo(peer_.get(), bytes, passed.numbers);
   }
-  /// A call that names so many.
+  /// A call whose header states this many.
   static std::string naming(std::size_t count, std::string_view member = "Naming") {
     return callBytes(member, "", std::vector<int>(count, 0));
   }

@@ -25,7 +25,7 @@ Fault faultOf(const MessageBytes& bytes, std::string_view signature, Read read) 
   return reader.fault();
 }
 
-/// So many variants, each in the one before, around one byte.
+/// This many nested variants around one byte.
 MessageBytes variants(int count) {
   MessageBytes bytes;
   for (int i = 1; i < count; ++i) bytes.signature("v");

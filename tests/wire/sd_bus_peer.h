@@ -17,7 +17,7 @@ struct UnrefMessage {
 };
 using BusMessage = std::unique_ptr<sd_bus_message, UnrefMessage>;
 
-/// sd-bus at the other end of a socket, to hold the codec against. The handshake is done when this is made;
+/// sd-bus at the other end of a socket, to check the codec against. The handshake is done when this is made;
 /// failures throw.
 class SdBusPeer {
  public:
@@ -26,7 +26,7 @@ class SdBusPeer {
   [[nodiscard]] BusMessage newCall();
   /// The bytes that sd-bus sends for the message.
   [[nodiscard]] std::vector<std::byte> sent(sd_bus_message* message);
-  /// What sd-bus makes of a message; null when it drops it.
+  /// The message as sd-bus parses it; null if it drops the message.
   [[nodiscard]] BusMessage received(const Outgoing& message);
 
  private:

@@ -26,7 +26,7 @@ class SendTest : public TransportTest {
   void fillSocket() {
     while (transport_->queuedBytes() == 0) ASSERT_NE(send("Filling", std::string(10'000, 'x')), 0U);
   }
-  /// What the peer gets when it reads and we go on writing.
+  /// What the peer receives while it reads and we continue to write.
   std::string readAllFlushing() {
     std::string all;
     for (;;) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// Lets system calls of this program fail. The definitions in system_call_faults.cpp stand before those of the
-// C library, for this whole program.
+// Makes system calls of this program fail. The definitions in system_call_faults.cpp replace those of the C
+// library for the whole program.
 
 #include <string_view>
 

@@ -34,7 +34,7 @@ inline std::size_t openDescriptors() {
 
 inline FileDescriptor openNull() { return FileDescriptor(::open("/dev/null", O_RDWR | O_CLOEXEC)); }
 
-/// So many descriptors of /dev/null; the vector of numbers is what system calls want.
+/// This many descriptors of /dev/null; system calls take the vector of numbers.
 struct Descriptors {
   explicit Descriptors(std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) owned.push_back(openNull());

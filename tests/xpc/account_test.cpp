@@ -1,4 +1,4 @@
-// What one user's peers may cost, and that nobody else's pay for it.
+// The limits on one user's peers, and that they do not affect other users' peers.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -23,7 +23,7 @@ wire::Limits limitsWith(Resource resource, std::uint64_t limit) {
   return limits;
 }
 
-/// A server where everybody but root may have so much of one resource.
+/// A server that limits one resource to this amount, for everybody but root.
 class Limited {
  public:
   Limited(Resource resource, std::uint64_t limit)

@@ -60,7 +60,7 @@ class Opening : public testing::Test {
     if (!service_) service_.emplace(receiveDescriptor(listener_.get()));
     return *service_;
   }
-  /// No end of a connection has come. That the endpoint was dropped is heard as the end of input.
+  /// No end of a connection has arrived. A dropped endpoint shows as end of input.
   [[nodiscard]] bool listenerGotNothing() const {
     char byte = 0;
     const ssize_t length = ::recv(listener_.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
