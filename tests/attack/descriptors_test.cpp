@@ -33,7 +33,7 @@ class Descriptors : public testing::Test {
 
   AttackedDaemon daemon_;
   const std::size_t before_ = daemon_.descriptors();
-  const ManyDescriptors many_;
+  const ManyDescriptors many_{};
 };
 
 TEST_F(Descriptors, InAMessageWithoutTheFieldAreClosed) {
