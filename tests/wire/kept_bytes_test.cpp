@@ -141,17 +141,24 @@ TEST(KeptBytesTest, AppendedBytesMoveSeldomAndNeverTakeMoreThanTheClaim) {
   EXPECT_LE(changes, 60);
 }
 
+// AddressSanitizer keeps this much of what is freed, for a while.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t freed_and_kept = 256 * mebibyte;
+#else
+constexpr std::size_t freed_and_kept = 0;
+#endif
+
 TEST(KeptBytesTest, AllMemoryIsGivenBack) {
   const std::string small(60'000, 'x');
   const std::string large(150'000, 'x');
   const std::size_t before = residentMemory();
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 3000; ++i) {
     KeptBytes kept;
     kept.append(bytesOf(small), small.size());
     kept.append(bytesOf(large), small.size() + large.size());
     kept.removeFront(large.size());
   }
-  EXPECT_LT(residentMemory(), before + 4 * mebibyte);
+  EXPECT_LT(residentMemory(), before + freed_and_kept + 4 * mebibyte);
 }
 
 class MemoryTest : public TransportTest {};
