@@ -1,6 +1,6 @@
 // The same bytes to this system's parser, to libdbus and to sd-bus. What is accepted here both others accept,
 // libdbus accepts nothing else, and all read the same values, but for the differences in differences.h. What
-// sd-bus alone accepts is counted: it checks less than the specification asks for.
+// sd-bus alone accepts is counted: it checks less than D-Bus asks for.
 //
 // Input: flags (bit 0: put the right length of the body into the header first), then the bytes of one
 // message. What is behind its end is cut off.
