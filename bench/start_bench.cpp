@@ -1,8 +1,8 @@
 // What it costs to start, and how soon the daemon is gone and back.
 //
 // In turns: the daemon's start, from its creation to the launched notification, without descriptors and with
-// so many, the very first one and one that finds the settings file of the one before; without descriptors
-// also that of another daemon, when one is given with --beside; reading and parsing the
+// them, for the very first start and for one that finds an existing settings file; without descriptors also
+// that of another daemon, if one is given with --beside; reading and parsing the
 // same files with nothing but the property-list library; and the end by SIGTERM in the middle of a purge,
 // then the start to the first answer.
 //

@@ -24,7 +24,7 @@ struct Opinion {
 [[nodiscard]] std::optional<Opinion> opinionOfLibdbus(std::span<const std::uint8_t> message);
 
 /// sd-bus behind a socket. What follows each message shows whether sd-bus took exactly its bytes; if not, the
-/// connection is made anew.
+/// connection is opened again.
 class SdBus {
  public:
   SdBus();

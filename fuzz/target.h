@@ -41,7 +41,7 @@ class Choices {
     const unsigned low = byte();
     return static_cast<std::uint16_t>(low | unsigned{byte()} << 8U);
   }
-  /// At most so many bytes.
+  /// At most this number of bytes.
   std::span<const std::uint8_t> bytes(std::size_t count) {
     const auto taken = left_.first(count < left_.size() ? count : left_.size());
     left_ = left_.subspan(taken.size());

@@ -59,7 +59,7 @@ std::string unitLocks(const std::vector<CacheLock>& list) {
 std::string urgencies(const client::CacheRules& rules, caches::CacheClass cache_class) {
   std::string text = "[urgency]\n";
   for (std::size_t i = 0; i < rules.ages.size(); ++i) {
-    // What an expirable holder has at urgency 4 comes from urgency 3; it may not say so itself.
+    // What an expirable holder has at urgency 4 comes from urgency 3; it must not set one itself.
     const bool implied = cache_class == caches::CacheClass::expirable && i == 3;
     if (rules.ages[i] && !implied)
       text += std::to_string(i + 1) + " = " + quoted(caches::ageText(*rules.ages[i])) + "\n";

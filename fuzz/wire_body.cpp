@@ -1,7 +1,7 @@
 // Bodies of messages against signatures: those of the two protocols and arbitrary ones, in both byte orders.
 // Whatever the reader accepts, the writer writes and the reader reads back to the same.
 //
-// Input: flags (bit 0: big-endian; bits 1 and 2: so many descriptors), then one byte that chooses a
+// Input: flags (bit 0: big-endian; bits 1 and 2: number of descriptors), then one byte that chooses a
 // signature. 255: the signature is in the input, behind a byte with its length. The rest is the body.
 
 #include <fcntl.h>
@@ -135,7 +135,7 @@ void examine(std::span<const std::uint8_t> input) {
   const bool valid = wire::isBodyValid(message, descriptors);
   require(valid == (fault == wire::Fault::none), "a body is valid when it can be read, and only then");
   requireThatMismatchesAreSeen(message);
-  // The writer numbers descriptors anew, so what names one is not compared.
+  // The writer renumbers descriptors, so values that name one are not compared.
   if (valid && descriptors == 0) requireThatItIsWrittenAndReadAgain(message, text);
 }
 

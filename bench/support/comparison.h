@@ -58,9 +58,9 @@ inline constexpr std::array<ServiceKind, 2> service_kinds = {ServiceKind::bus_li
 /// As figures name it.
 [[nodiscard]] const char* nameOf(ServiceKind kind);
 
-/// A daemon of its own with so many services checked in, and a client of it. Beside them there are as many
-/// services of the bus library for bare loops: the same ones, or, when the daemon has those of this project's
-/// library, others.
+/// A daemon of its own with the given number of services checked in, and a client of it. Bare loops use the
+/// same number of services of the bus library: the same services, or separate ones if the daemon has those of
+/// this project's library.
 class PopulatedDaemon {
  public:
   PopulatedDaemon(const Setting& setting, ServiceHost& host, std::size_t services,

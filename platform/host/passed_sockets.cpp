@@ -31,7 +31,7 @@ std::string takeName(std::string_view& names, bool& any_left) {
   return name;
 }
 
-/// How many descriptors this process was given; 0 when the environment does not say so.
+/// How many file descriptors this process was given; 0 if the environment names none.
 int countInEnvironment() {
   if (environmentNumber("LISTEN_PID") != static_cast<std::uint64_t>(::getpid())) return 0;
   const std::uint64_t claimed = environmentNumber("LISTEN_FDS").value_or(0);

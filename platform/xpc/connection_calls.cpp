@@ -194,7 +194,7 @@ bool Connection::sendAnswerOrRefusal(wire::Outgoing& answer, std::uint32_t seria
     }
   };
   send();
-  if (error == 0 || error == EPIPE) return true;  // what is gone is told by the socket
+  if (error == 0 || error == EPIPE) return true;  // the socket reports the end
   makeError(answer, serial, error_limits_exceeded,
             std::string("the answer cannot be sent: ") + std::strerror(error));
   send();

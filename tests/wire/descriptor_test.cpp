@@ -450,7 +450,7 @@ TEST_F(DescriptorTest, ProcessWithoutRoomForDescriptorsEndsTheConnectionAndKeeps
   pass(naming(8), 8);
   for (const rlim_t free : {0U, 1U, 5U, 7U}) {
     EXPECT_EQ(inChild([&] {
-                // The lowest numbers are taken first: fill the gaps, then leave so many.
+                // The lowest numbers are taken first: fill the gaps, then leave the rest.
                 const FileDescriptor highest = openNull();
                 const rlimit limit{highest.get() + 1 + free, highest.get() + 1 + free};
                 if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 10;
