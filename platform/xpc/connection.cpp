@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 #include "platform/xpc/delivery.h"
@@ -40,6 +41,18 @@ uid_t ownUser() {
 
 std::shared_ptr<wire::Account> ownAccount() { return wire::Accounts::shared().of(ownUser()); }
 
+/// The accounts of the users to whose sockets this process connects by itself. Descriptors that wait to be
+/// sent to them are this process's own, and its limit of open files is enough of a limit.
+wire::Accounts& accountsOfServers() {
+  static const wire::Limits limits = [] {
+    wire::Limits chosen = wire::privilegedLimits();
+    chosen.at(static_cast<std::size_t>(wire::Resource::descriptors)) = std::numeric_limits<int>::max();
+    return chosen;
+  }();
+  static wire::Accounts accounts(limits, limits);
+  return accounts;
+}
+
 }  // namespace
 
 struct Connection::Ending {
@@ -73,7 +86,7 @@ std::shared_ptr<Connection> Connection::initWithSocketPath(const std::string& pa
   if (!connection->unopened_) return connection;
   connection->credentials_ = PeerCredentials::ofSocket(connection->unopened_.get());
   if (!connection->credentials_) return connection;
-  connection->account_ = wire::Accounts::shared().of(connection->credentials_->uid);
+  connection->account_ = accountsOfServers().of(connection->credentials_->uid);
   connection->cost_ = wire::Charge::of(connection->account_, wire::Resource::connections, 1);
   return connection;
 }

@@ -7,7 +7,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <vector>
 
+#include "platform/host/local_address.h"
+#include "tests/foundation/temporary_directory.h"
 #include "tests/xpc/echo.h"
 #include "tests/xpc/raw_peer.h"
 
@@ -151,6 +155,32 @@ TEST_F(Opening, APeerThatTakesNoDescriptorsEndsTheConnectionThatHasOneToPass) {
   readHandshake();
   service().send("OK 00112233445566778899aabbccddeeff\r\nERROR\r\n");
   interrupted.wait();
+}
+
+TEST(OpeningByPath, AClientMayHaveMoreDescriptorsWaitingThanAPeerMay) {
+  constexpr std::uint64_t calls = 600;
+  ASSERT_GT(calls, wire::privilegedLimits().at(static_cast<std::size_t>(wire::Resource::descriptors)));
+  const test::TemporaryDirectory directory;
+  const auto address = LocalAddress::ofPath(directory / "never-accepts");
+  const FileDescriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::bind(listening.get(), address->get(), address->size()), 0);
+  ASSERT_EQ(::listen(listening.get(), 1), 0);
+  std::array<int, 2> pair{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
+  const FileDescriptor other(pair[1]);
+  const xpc::Endpoint endpoint = *xpc::Endpoint::adopt(FileDescriptor(pair[0]));
+
+  const auto connection = xpc::Connection::initWithSocketPath(directory / "never-accepts");
+  const Signal invalidated;
+  connection->setInvalidationHandler([&] { invalidated(); });
+  connection->resume();
+  std::vector<std::string> errors;
+  const auto proxy = connection->remoteObjectProxyWithErrorHandler<EchoProtocol>(
+      [&](const xpc::Error& error) { errors.push_back(error.name); });
+  for (std::uint64_t i = 0; i < calls; ++i) proxy->openBack("id", endpoint, nullptr);
+  connection->invalidate();
+  invalidated.wait();
+  EXPECT_EQ(errors, std::vector<std::string>(calls, xpc::error_disconnected));
 }
 
 }  // namespace
