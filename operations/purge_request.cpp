@@ -1,10 +1,10 @@
 #include "operations/purge_request.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/keys.h"
 #include "operations/timebase.h"
-#include "platform/dispatch/suspension.h"
 #include "platform/host/time.h"
 #include "support/log.h"
 #include "support/statistics.h"
@@ -21,13 +21,13 @@ Value objectOf(const std::optional<Dictionary>& reply) { return reply ? Value(*r
 
 PurgeRequest::PurgeRequest(std::shared_ptr<KelvanePurgeOperation> operation,
                            std::shared_ptr<KVService> service, std::shared_ptr<WorkingDictionary> info,
-                           std::int32_t urgency, std::shared_ptr<OperationInfo> operation_info,
-                           dispatch_group_t group, Completion completion)
+                           std::int32_t urgency, std::shared_ptr<PurgePass> pass, dispatch_group_t group,
+                           Completion completion)
     : operation_(std::move(operation)),
       service_(std::move(service)),
       info_(std::move(info)),
       urgency_(urgency),
-      operation_info_(std::move(operation_info)),
+      pass_(std::move(pass)),
       group_(std::move(group)),
       completion_(std::move(completion)),
       membership_(group_) {}
@@ -41,7 +41,7 @@ bool PurgeRequest::takeShare() {
   const std::uint64_t purged = amountPurged(*info_);
   const std::uint64_t viable = operation_->viable_purging_services();
   const std::uint64_t needed = operation_->purge_amount_needed();
-  if (viable == 0 || purged >= needed || operation_->cancel() || operation_->finished_.load()) return false;
+  if (viable == 0 || purged >= needed || operation_->cancel() || !pass_->isOpen()) return false;
   donation_ = (needed - purged) / viable;
   KVLog(5,
         "%s donation (%lld) = (amount needed[%llu] - amount_purged[%llu]) / viable_purging_services[%llu])",
@@ -73,17 +73,22 @@ void PurgeRequest::send(const std::shared_ptr<KelvaneServiceProtocol>& proxy, Do
 }
 
 void PurgeRequest::handleReply(const std::optional<Dictionary>& reply) {
-  // What this queues runs when the service has left the in-flight table.
-  const Suspension suspension(operation_->message_queue());
   const double elapsed = static_cast<double>(mach_absolute_time() - start_) * gTimebaseConversion;
+  dispatch_group_async(group_, operation_->message_queue(),
+                       [self = shared_from_this(), reply, elapsed] { self->account(reply, elapsed); });
+}
+
+void PurgeRequest::account(const std::optional<Dictionary>& reply, double elapsed_nanoseconds) {
+  if (!pass_->isOpen()) return;  // the service may be in flight again, in the next pass
   const std::uint64_t amount = recordAmount(reply);
   if (amount < donation_) {
-    operation_->loseViableService();
+    const std::uint64_t viable = operation_->viable_purging_services();
+    operation_->setViable_purging_services(viable - std::min<std::uint64_t>(viable, 1));
   } else {
-    operation_->queueServiceRequest(service_, info_, urgency_, operation_info_, group_, completion_);
+    operation_->queueServiceRequest(service_, info_, urgency_, pass_, group_, completion_);
   }
-  passOn(reply, elapsed);
-  recordStatistics(reply, amount, elapsed);
+  passOn(reply, elapsed_nanoseconds);
+  recordStatistics(reply, amount, elapsed_nanoseconds);
   operation_->cancelInFlightService(service_->ID());
 }
 
@@ -91,9 +96,9 @@ std::uint64_t PurgeRequest::recordAmount(const std::optional<Dictionary>& reply)
   const Value number = reply ? (*reply)[KELVANE_AMOUNT] : Value();
   if (!number.isNumber()) KVLog(3, "%s %d num is not a number: %@", selector, 230, number);
   const std::uint64_t amount = number.unsignedLongLongValue();  // 0 for what is no number
-  operation_->addReported(amount);
+  operation_->setPurge_amount_reported(saturatingSum(operation_->purge_amount_reported(), amount));
   dispatch_sync(operation_->collection_queue(), [&] {
-    operation_info_->setReport(service_->ID(), amount);
+    pass_->setReport(service_->ID(), amount);
     info_->countReport(amount);
   });
   KVLog(5, "%s %@ service purged: %llu", selector, service_->ID(), amount);
@@ -105,7 +110,7 @@ void PurgeRequest::passOn(const std::optional<Dictionary>& reply, double elapsed
   std::optional<Dictionary> copy = reply;
   if (copy) copy->set(KELVANE_ELAPSED_TIME, elapsed_nanoseconds);
   KVLog(5, "%s %@ calling completion with: %@", selector, service_->ID(), objectOf(copy));
-  operation_->completeReply(completion_, copy);
+  completion_(copy);
 }
 
 void PurgeRequest::recordStatistics(const std::optional<Dictionary>& reply, std::uint64_t amount,
@@ -119,7 +124,7 @@ void PurgeRequest::recordStatistics(const std::optional<Dictionary>& reply, std:
 void KelvanePurgeOperation::queueServiceRequest(const std::shared_ptr<KVService>& service,
                                                 const std::shared_ptr<WorkingDictionary>& info,
                                                 std::int32_t urgency,
-                                                const std::shared_ptr<OperationInfo>& operationInfo,
+                                                const std::shared_ptr<PurgePass>& operationInfo,
                                                 const dispatch_group_t& group, const Completion& completion) {
   auto request =
       std::make_shared<PurgeRequest>(std::static_pointer_cast<KelvanePurgeOperation>(shared_from_this()),

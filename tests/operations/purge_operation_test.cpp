@@ -40,8 +40,7 @@ TEST_F(PurgeOperation, ThreeViableServicesAndTenBytesMissingAreAskedForThreeByte
   std::vector<FakeService*> all{&service("a"), &service("b"), &service("c")};
   for (FakeService* each : all) each->purges([](std::uint64_t) { return 0; });
   purge({{KELVANE_AMOUNT, 10}, {KELVANE_URGENCY, 1}});
-  // All three were queued before the first answer, but a late one may find the others no longer viable.
-  EXPECT_EQ(all[0]->purgesAsked().at(0).asked(), 3u);
+  for (FakeService* each : all) EXPECT_EQ(each->purgesAsked().at(0).asked(), 3u);
   EXPECT_TRUE(log_.contains(
       5, "donation (3) = (amount needed[10] - amount_purged[0]) / viable_purging_services[3])"));
 }
