@@ -120,18 +120,14 @@ bool KelvaneOperation::isInFlight(const std::string& identifier) const {
 
 void KelvaneOperation::cancelInFlightService(const std::string& identifier) {
   dispatch_sync(collection_queue_, [&] {
-    const auto found = in_flight_.find(identifier);
-    if (found == in_flight_.end()) return;
-    found->second();
-    in_flight_.erase(found);
+    endRequest(in_flight_, identifier);
     noteInFlightCount();
   });
 }
 
 void KelvaneOperation::cancelInFlights() {
   dispatch_sync(collection_queue_, [&] {
-    for (const auto& [identifier, cancel] : in_flight_) cancel();
-    in_flight_.clear();
+    endRequests(in_flight_);
     noteInFlightCount();
   });
 }
@@ -155,18 +151,6 @@ Array KelvaneOperation::inFlightIdentifiers() const {
   Array identifiers;
   for (const auto& [identifier, cancel] : in_flight_) identifiers.append(identifier);
   return identifiers;
-}
-
-// --- membership ---
-
-void GroupMembership::enter() {
-  dispatch_group_enter(group_);
-  State expected = State::outside;
-  if (!state_.compare_exchange_strong(expected, State::entered)) dispatch_group_leave(group_);
-}
-
-void GroupMembership::connectionEnded() {
-  if (state_.exchange(State::ended) == State::entered) dispatch_group_leave(group_);
 }
 
 }  // namespace kelvane

@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "common/keys.h"
 #include "kelvane/value.h"
 #include "platform/dispatch/group.h"
 
@@ -31,8 +33,14 @@ class PurgePass {
   /// Replaces what the service reported earlier in this pass.
   void setReport(const std::string& identifier, std::uint64_t bytes) { reports_.set(identifier, bytes); }
   /// The operation-info dictionary, and its key in the result.
-  [[nodiscard]] Dictionary operationInfo() const;
-  [[nodiscard]] std::string key() const;
+  [[nodiscard]] Dictionary operationInfo() const {
+    Dictionary whole = info_;
+    if (!reports_.empty()) whole.set(KELVANE_REPORTING_SERVICES, reports_);
+    return whole;
+  }
+  [[nodiscard]] std::string key() const {
+    return "KELVANE_URGENCY_" + std::to_string(urgency_) + "_OPERATION_INFO";
+  }
 
  private:
   const std::int32_t urgency_;
