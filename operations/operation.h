@@ -77,6 +77,8 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
   [[nodiscard]] std::size_t inFlightNow() const { return in_flight_count_.load(std::memory_order_relaxed); }
   /// The identifiers in flight. Only on `collection_queue`.
   [[nodiscard]] Array inFlightIdentifiers() const;
+  /// The table for the log. Only on `collection_queue`.
+  [[nodiscard]] Dictionary inFlightTable() const;
 
  private:
   bool refuse(const char* error);

@@ -74,7 +74,7 @@ void KelvanePeriodicOperation::startOperation(
   });
   if (dispatch_group_wait(group, dispatch_time(DISPATCH_TIME_NOW, wait_nanoseconds)) != 0) {
     dispatch_sync(collection_queue(),
-                  [this] { KVLog(5, "%s timed out waiting for: %@", selector, inFlightIdentifiers()); });
+                  [this] { KVLog(5, "%s timed out waiting for: %@", selector, inFlightTable()); });
     cancelInFlights();
   }
   completion({{KELVANE_AMOUNT, amount->load(std::memory_order_relaxed)}});

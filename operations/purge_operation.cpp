@@ -170,19 +170,17 @@ void KelvanePurgeOperation::reportPercentageForAmountRequested(std::uint64_t req
                                                                std::uint64_t amountPurged,
                                                                const std::string& identifier) {
   constexpr const char* selector = "reportPercentageForAmountRequested:amountPurged:identifier:";
-  std::string name = identifier + ".purged";
-  addReportStat(kelvane_domain, name.c_str(), countOf(amountPurged));
+  const std::string name = identifier + ".purged";
   if (requested != 0) {
     const float ratio = static_cast<float>(static_cast<std::int64_t>(amountPurged)) /
                         static_cast<float>(static_cast<std::int64_t>(requested));
     // Bounded, since a peer chooses the amounts and what fits no integer has no conversion.
     const auto bucket = static_cast<std::int64_t>(std::clamp(ratio * 10.0F, -1e17F, 1e17F)) * 10;
-    name += '.';
-    name += fmt::format_int(bucket).c_str();
-    name += ".percent";
-    addReportStat(kelvane_domain, name.c_str(), 1);
-    KVLog(5, "%s %@", selector, name);
+    const std::string percent = fmt::format("{}.{}.percent", name, bucket);
+    addReportStat(kelvane_domain, percent.c_str(), 1);
+    KVLog(5, "%s %@", selector, percent);
   }
+  addReportStat(kelvane_domain, name.c_str(), countOf(amountPurged));
   KVLog(5, "%s %@ donated %lld of %lld", selector, identifier, static_cast<std::int64_t>(amountPurged),
         static_cast<std::int64_t>(requested));
 }

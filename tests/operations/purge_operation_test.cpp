@@ -359,6 +359,17 @@ TEST_F(PurgeOperation, ThePercentageIsCutToTens) {
   EXPECT_EQ(counter("p.purged"), 0 + 59 + 100 + 250 + 1);
 }
 
+TEST_F(PurgeOperation, ThePercentageIsCountedBeforeTheBytes) {
+  forgetStatistics();
+  constexpr int room = 10'000 - 1;  // for one name more
+  for (int i = 0; i < room; ++i) addReportStat(kelvane_domain, std::to_string(i).c_str(), 1);
+  KelvanePurgeOperation::reportPercentageForAmountRequested(100, 50, "last");
+  const Statistics statistics = statisticsOf(kelvane_domain);
+  EXPECT_TRUE(statistics.counters.contains("last.purged.50.percent"));
+  EXPECT_FALSE(statistics.counters.contains("last.purged"));
+  forgetStatistics();
+}
+
 TEST_F(PurgeOperation, NothingRequestedCountsNoPercentageButTheBytes) {
   KelvanePurgeOperation::reportPercentageForAmountRequested(0, 5, "zero");
   const Statistics statistics = statisticsOf(kelvane_domain);
