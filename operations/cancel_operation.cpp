@@ -5,8 +5,8 @@
 // that are ended by the services' answers; those of services that never answer are ended twenty seconds
 // later.
 
-#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -21,67 +21,63 @@ namespace {
 constexpr dispatch_time_t cancel_deadline = 20'000'000'000;  // an absolute time, on purpose
 constexpr std::int64_t straggler_nanoseconds = 20'000'000'000;
 
-/// The cancel connections that are open. Kept alive by their handlers.
-class CancelConnections : public std::enable_shared_from_this<CancelConnections> {
+/// The requests to stop that are under way. Kept alive by them.
+class CancelRequests : public std::enable_shared_from_this<CancelRequests> {
  public:
-  void open(const std::string& identifier, const std::shared_ptr<KVService>& service);
-  /// Ends all that are open if they do not end by themselves in time.
+  void add(const std::string& identifier, const Done& done);
+  void end(const std::string& identifier);
+  /// Ends all that are under way if they do not end by themselves in time.
   void wait();
   [[nodiscard]] const dispatch_group_t& group() const { return group_; }
 
  private:
-  void ask(const std::string& identifier, const std::shared_ptr<KelvaneServiceProtocol>& proxy,
-           const Done& done);
-  void finish(const std::string& identifier);
-  void finishAll();
-
   const dispatch_group_t group_ = dispatch_group_create();
   const dispatch_queue_t queue_ = dispatch_queue_create("com.orvel.kelvane_cancelInFlights");
-  std::map<std::string, Done> pending_;  // only on queue_
-  Timer stragglers_;                     // only on queue_
+  InFlight pending_;  // only on queue_
+  Timer stragglers_;  // only on queue_
 };
 
-void CancelConnections::open(const std::string& identifier, const std::shared_ptr<KVService>& service) {
-  const auto membership = std::make_shared<GroupMembership>(group_);
-  CallServiceAsync(
-      service,
-      [&](const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) {
-        membership->enter();
-        ask(identifier, proxy, done);
-      },
-      [self = shared_from_this(), membership, identifier] {
-        KVLog(5, "%s connection invalidated: %@", "cancelOperation", identifier);
-        membership->connectionEnded();
-      });
-}
+class CancelRequest final : public ServiceRequest {
+ public:
+  CancelRequest(std::shared_ptr<CancelRequests> requests, std::string identifier,
+                std::shared_ptr<KVService> service)
+      : ServiceRequest(std::move(service), requests->group()),
+        requests_(std::move(requests)),
+        identifier_(std::move(identifier)) {}
 
-void CancelConnections::ask(const std::string& identifier,
-                            const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) {
+ private:
+  bool mark(const Done& end) override {
+    requests_->add(identifier_, end);
+    return true;
+  }
+  void send(KelvaneServiceProtocol& proxy) override {
+    proxy.serviceCancelPurge([reply = replyHandler()] { reply(std::nullopt); });
+  }
+  void replied(const std::optional<Dictionary>& /*reply*/) override { requests_->end(identifier_); }
+  void connectionEnded() override {
+    KVLog(5, "%s connection invalidated: %@", "cancelOperation", identifier_);
+    leaveGroup();
+  }
+
+  const std::shared_ptr<CancelRequests> requests_;
+  const std::string identifier_;
+};
+
+void CancelRequests::add(const std::string& identifier, const Done& done) {
   dispatch_sync(queue_, [&] { pending_[identifier] = done; });
-  proxy->serviceCancelPurge([self = shared_from_this(), identifier] { self->finish(identifier); });
 }
 
-void CancelConnections::finish(const std::string& identifier) {
-  dispatch_sync(queue_, [&] {
-    const auto found = pending_.find(identifier);
-    if (found == pending_.end()) return;
-    found->second();
-    pending_.erase(found);
-  });
+void CancelRequests::end(const std::string& identifier) {
+  dispatch_sync(queue_, [&] { endRequest(pending_, identifier); });
 }
 
-void CancelConnections::finishAll() {
-  for (const auto& [identifier, done] : pending_) done();
-  pending_.clear();
-}
-
-void CancelConnections::wait() {
+void CancelRequests::wait() {
   if (dispatch_group_wait(group_, cancel_deadline) == 0) return;
   dispatch_sync(queue_, [&] {
-    finishAll();
+    endRequests(pending_);
     stragglers_ =
         Timer(dispatch_time(DISPATCH_TIME_NOW, straggler_nanoseconds), queue_, [weak = weak_from_this()] {
-          if (const auto self = weak.lock()) self->finishAll();
+          if (const auto self = weak.lock()) endRequests(self->pending_);
         });
   });
 }
@@ -89,16 +85,17 @@ void CancelConnections::wait() {
 }  // namespace
 
 void KelvaneOperation::cancelOperation() {
-  const auto connections = std::make_shared<CancelConnections>();
+  const auto requests = std::make_shared<CancelRequests>();
   const bool is_over_at_once = Clock::current().now() >= cancel_deadline;
   if (is_over_at_once) dispatch_suspend(collection_queue_);
-  dispatch_group_async(connections->group(), collection_queue_, [self = shared_from_this(), connections] {
+  dispatch_group_async(requests->group(), collection_queue_, [self = shared_from_this(), requests] {
     for (const auto& [identifier, cancel] : self->in_flight_) {
       const auto service = self->services_.find(identifier);
-      if (service != self->services_.end()) connections->open(identifier, service->second);
+      if (service != self->services_.end())
+        std::make_shared<CancelRequest>(requests, identifier, service->second)->open(CallServiceAsync);
     }
   });
-  connections->wait();
+  requests->wait();
   if (is_over_at_once) dispatch_resume(collection_queue_);
 }
 

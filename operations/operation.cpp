@@ -1,7 +1,6 @@
 #include "operations/operation.h"
 
 #include <utility>
-#include <vector>
 
 #include "common/keys.h"
 #include "operations/device_mode.h"
@@ -27,11 +26,19 @@ std::int32_t urgencyLimitOf(const Dictionary& info) {
                                                              : default_urgency_limit;
 }
 
-std::vector<std::string> identifiersOf(const Services& services) {
-  std::vector<std::string> identifiers;
-  identifiers.reserve(services.size());
-  for (const auto& [identifier, service] : services) identifiers.push_back(identifier);
-  return identifiers;
+/// Identifier to what the record says of the service, for the log.
+Dictionary descriptionOf(const Services& services) {
+  Dictionary description;
+  for (const auto& [identifier, service] : services) {
+    Array properties;
+    if (service->doesPurge()) properties.append("doesPurge");
+    if (service->doesPeriodic()) properties.append("doesPeriodic");
+    if (service->doNotQuery()) properties.append("doNotQuery");
+    if (service->noQuota()) properties.append("noQuota");
+    if (service->multiUserOnly()) properties.append("multiUserOnly");
+    description.set(identifier, std::move(properties));
+  }
+  return description;
 }
 
 }  // namespace
@@ -90,7 +97,7 @@ void KelvaneOperation::filterServices(Services given, bool is_quota_event) {
       services_.erase(service->ID());
     }
   }
-  KVLog(5, "%s services: %@", init_selector, identifiersOf(services_));
+  KVLog(5, "%s services: %@", init_selector, descriptionOf(services_));
 }
 
 // --- services in flight ---
@@ -120,18 +127,14 @@ bool KelvaneOperation::isInFlight(const std::string& identifier) const {
 
 void KelvaneOperation::cancelInFlightService(const std::string& identifier) {
   dispatch_sync(collection_queue_, [&] {
-    const auto found = in_flight_.find(identifier);
-    if (found == in_flight_.end()) return;
-    found->second();
-    in_flight_.erase(found);
+    endRequest(in_flight_, identifier);
     noteInFlightCount();
   });
 }
 
 void KelvaneOperation::cancelInFlights() {
   dispatch_sync(collection_queue_, [&] {
-    for (const auto& [identifier, cancel] : in_flight_) cancel();
-    in_flight_.clear();
+    endRequests(in_flight_);
     noteInFlightCount();
   });
 }
@@ -157,16 +160,10 @@ Array KelvaneOperation::inFlightIdentifiers() const {
   return identifiers;
 }
 
-// --- membership ---
-
-void GroupMembership::enter() {
-  dispatch_group_enter(group_);
-  State expected = State::outside;
-  if (!state_.compare_exchange_strong(expected, State::entered)) dispatch_group_leave(group_);
-}
-
-void GroupMembership::connectionEnded() {
-  if (state_.exchange(State::ended) == State::entered) dispatch_group_leave(group_);
+Dictionary KelvaneOperation::inFlightTable() const {
+  Dictionary table;
+  for (const auto& [identifier, cancel] : in_flight_) table.set(identifier, "callback");
+  return table;
 }
 
 }  // namespace kelvane

@@ -9,19 +9,15 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 
 #include "kelvane/value.h"
+#include "operations/service_request.h"
 #include "operations/services.h"
-#include "platform/dispatch/group.h"
 #include "platform/dispatch/queue.h"
-#include "support/service_calls.h"
 
 namespace kelvane {
-
-using InFlight = std::map<std::string, Done>;
 
 class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
  protected:
@@ -81,6 +77,8 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
   [[nodiscard]] std::size_t inFlightNow() const { return in_flight_count_.load(std::memory_order_relaxed); }
   /// The identifiers in flight. Only on `collection_queue`.
   [[nodiscard]] Array inFlightIdentifiers() const;
+  /// The table for the log. Only on `collection_queue`.
+  [[nodiscard]] Dictionary inFlightTable() const;
 
  private:
   bool refuse(const char* error);
@@ -100,20 +98,6 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
   InFlight in_flight_;                           // only on collection_queue_
   bool takes_services_ = true;                   // only on collection_queue_
   std::atomic<std::size_t> in_flight_count_{0};  // written on collection_queue_, read anywhere
-};
-
-/// One connection's place in a group: entered at most once, left when both the group was entered and the
-/// connection has ended, in whichever order the two come. Shared by the two handlers of a service call.
-class GroupMembership {
- public:
-  explicit GroupMembership(dispatch_group_t group) : group_(std::move(group)) {}
-  void enter();
-  void connectionEnded();
-
- private:
-  enum class State { outside, entered, ended };
-  const dispatch_group_t group_;
-  std::atomic<State> state_{State::outside};
 };
 
 }  // namespace kelvane

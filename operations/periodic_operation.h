@@ -5,11 +5,8 @@
 // Only a service that is in the in-flight table already is called, and nothing fills the table before that is
 // looked at: so as the daemon stands nobody is called, and the amount is 0.
 
-#include <atomic>
-#include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
 
 #include "operations/operation.h"
 
@@ -24,12 +21,6 @@ class KelvanePeriodicOperation final : public KelvaneOperation {
   /// Calls out, waits at most 15 seconds for the connections to end, and calls the completion once, on this
   /// thread, before it returns. The result is KELVANE_AMOUNT, the bytes that the last reply reported.
   void startOperation(const std::function<void(const Dictionary& result)>& completion);
-
- private:
-  using Amount = std::shared_ptr<std::atomic<std::uint64_t>>;
-  void callOut(const Amount& amount, const dispatch_group_t& group);
-  void callService(const std::shared_ptr<KVService>& service, const Amount& amount,
-                   const dispatch_group_t& group);
 };
 
 }  // namespace kelvane

@@ -7,6 +7,7 @@
 
 #include "common/keys.h"
 #include "operations/timebase.h"
+#include "platform/dispatch/suspension.h"
 #include "platform/host/time.h"
 #include "support/log.h"
 #include "support/statistics.h"
@@ -32,28 +33,6 @@ std::int64_t countOf(std::uint64_t bytes) {
 }
 
 }  // namespace
-
-// --- what happened in one pass ---
-
-OperationInfo::OperationInfo(std::shared_ptr<WorkingDictionary> working, std::int32_t urgency)
-    : working_(std::move(working)), key_(fmt::format("KELVANE_URGENCY_{}_OPERATION_INFO", urgency)) {}
-
-void OperationInfo::set(std::string_view key, Value value) {
-  entries_.set(key, std::move(value));
-  if (stored_) store();
-}
-
-void OperationInfo::setReport(const std::string& identifier, std::uint64_t bytes) {
-  reports_.set(identifier, bytes);
-  if (stored_) store();
-}
-
-void OperationInfo::store() {
-  stored_ = true;
-  Dictionary whole = entries_;
-  if (!reports_.empty()) whole.set(KELVANE_REPORTING_SERVICES, reports_);
-  working_->set(key_, std::move(whole));
-}
 
 // --- making ---
 
@@ -108,56 +87,53 @@ void KelvanePurgeOperation::refuseAmount(const Working& working, const Completio
 
 void KelvanePurgeOperation::runPass(std::int32_t urgency, std::uint64_t user_timeout_seconds,
                                     const Working& working, const Completion& completion) {
-  const auto operation_info = std::make_shared<OperationInfo>(working, urgency);
-  const dispatch_group_t group = dispatch_group_create();
+  const auto pass = std::make_shared<PurgePass>(urgency);
   KVLog(5, "%s IN QUEUE, amountPurged: %llu", start_selector, amountPurged(*working));
   addDistributionStat(kelvane_domain, static_cast<double>(purge_amount_needed()),
                       "KelvanePurgeAmountRequested");
-  if (amountPurged(*working) < purge_amount_needed())
-    queuePass(urgency, working, operation_info, group, completion);
+  if (amountPurged(*working) < purge_amount_needed()) queuePass(pass, working, completion);
   const std::uint64_t seconds = user_timeout_seconds != 0
                                     ? user_timeout_seconds
                                     : pass_seconds_per_urgency * static_cast<std::uint64_t>(urgency);
   KVLog(5, "%s waiting for %llu seconds, user_timeout_seconds: %llu, currentUrgency: %d", start_selector,
         seconds, user_timeout_seconds, urgency);
   const auto nanoseconds = static_cast<std::int64_t>(seconds * nanoseconds_per_second);
-  if (dispatch_group_wait(group, dispatch_time(DISPATCH_TIME_NOW, nanoseconds)) != 0)
-    noteTimeout(urgency, seconds, *operation_info);
+  const bool timed_out =
+      dispatch_group_wait(pass->group(), dispatch_time(DISPATCH_TIME_NOW, nanoseconds)) != 0;
+  dispatch_sync(message_queue(), [&] { pass->close(); });
+  if (timed_out) noteTimeout(seconds, *pass);
   setViable_purging_services(services().size() - std::min(services().size(), inFlightNow()));
-  storeStatistics(urgency, *working, *operation_info);
-  dispatch_sync(collection_queue(), [&] { operation_info->store(); });
+  storeStatistics(*working, *pass);
+  dispatch_sync(collection_queue(), [&] { working->set(pass->key(), pass->operationInfo()); });
 }
 
-void KelvanePurgeOperation::queuePass(std::int32_t urgency, const Working& working,
-                                      const std::shared_ptr<OperationInfo>& info,
-                                      const dispatch_group_t& group, const Completion& completion) {
-  KVLog(5, "%s Urgency: %d", start_selector, urgency);
-  dispatch_suspend(message_queue());
-  dispatch_group_enter(group);
+void KelvanePurgeOperation::queuePass(const std::shared_ptr<PurgePass>& pass, const Working& working,
+                                      const Completion& completion) {
+  KVLog(5, "%s Urgency: %d", start_selector, pass->urgency());
+  const Suspension suspension(message_queue());
+  dispatch_group_enter(pass->group());
   for (const auto& [identifier, service] : services())
-    queueServiceRequest(service, working, urgency, info, group, completion);
-  dispatch_group_leave(group);
-  dispatch_resume(message_queue());
+    queueServiceRequest(service, working, pass->urgency(), pass, pass->group(), completion);
+  dispatch_group_leave(pass->group());
 }
 
-void KelvanePurgeOperation::noteTimeout(std::int32_t urgency, std::uint64_t seconds, OperationInfo& info) {
+void KelvanePurgeOperation::noteTimeout(std::uint64_t seconds, PurgePass& pass) {
   dispatch_sync(collection_queue(), [&] {
     const Array in_flight = inFlightIdentifiers();
-    info.set(KELVANE_SERVICES_INFLIGHT, in_flight);
+    pass.set(KELVANE_SERVICES_INFLIGHT, in_flight);
     KVLog(3, "%s timed out waiting for: %@", start_selector, in_flight);
-    info.set(fmt::format("KELVANE_URGENCY_{}_TIMEOUT_SECONDS", urgency), seconds);
+    pass.set(fmt::format("KELVANE_URGENCY_{}_TIMEOUT_SECONDS", pass.urgency()), seconds);
   });
   cancelInFlights();
 }
 
-void KelvanePurgeOperation::storeStatistics(std::int32_t urgency, const WorkingDictionary& working,
-                                            OperationInfo& info) {
-  const std::string key = fmt::format("KELVANE_OPERATION_STATS_URGENCY_{}", urgency);
+void KelvanePurgeOperation::storeStatistics(const WorkingDictionary& working, PurgePass& pass) {
+  const std::string key = fmt::format("KELVANE_OPERATION_STATS_URGENCY_{}", pass.urgency());
   const std::string line = fmt::format(
       "amount reported: {}, amountPurged: {}, purge_amount_needed: {}, cancel: {}", purge_amount_reported(),
       amountPurged(working), purge_amount_needed(), cancel() ? "TRUE" : "FALSE");
   KVLog(5, "%s %@ : %@", start_selector, key, line);
-  dispatch_sync(collection_queue(), [&] { info.set(key, line); });
+  dispatch_sync(collection_queue(), [&] { pass.set(key, line); });
 }
 
 void KelvanePurgeOperation::finish(std::uint64_t start, const Working& working,
@@ -185,50 +161,26 @@ void KelvanePurgeOperation::finish(std::uint64_t start, const Working& working,
     addReportStat(kelvane_domain, "KelvanePurgeFailed", 1);
     addDistributionStat(kelvane_domain, static_cast<double>(needed - purged), "KelvanePurgeDeficit");
   }
-  dispatch_sync(completion_queue_, [&] {
-    finished_ = true;
-    if (completion) completion(filled);
-  });
+  if (completion) completion(filled);
 }
 
 // --- counting ---
-
-void KelvanePurgeOperation::completeReply(const Completion& completion,
-                                          const std::optional<Dictionary>& reply) {
-  dispatch_sync(completion_queue_, [&] {
-    if (!finished_) completion(reply);
-  });
-}
-
-void KelvanePurgeOperation::addReported(std::uint64_t bytes) {
-  std::uint64_t before = purge_amount_reported();
-  while (!reported_.compare_exchange_weak(before, saturatingSum(before, bytes), std::memory_order_relaxed)) {
-  }
-}
-
-void KelvanePurgeOperation::loseViableService() {
-  std::uint64_t before = viable_purging_services();
-  while (before > 0 && !viable_.compare_exchange_weak(before, before - 1, std::memory_order_relaxed)) {
-  }
-}
 
 void KelvanePurgeOperation::reportPercentageForAmountRequested(std::uint64_t requested,
                                                                std::uint64_t amountPurged,
                                                                const std::string& identifier) {
   constexpr const char* selector = "reportPercentageForAmountRequested:amountPurged:identifier:";
-  std::string name = identifier + ".purged";
-  addReportStat(kelvane_domain, name.c_str(), countOf(amountPurged));
+  const std::string name = identifier + ".purged";
   if (requested != 0) {
     const float ratio = static_cast<float>(static_cast<std::int64_t>(amountPurged)) /
                         static_cast<float>(static_cast<std::int64_t>(requested));
     // Bounded, since a peer chooses the amounts and what fits no integer has no conversion.
     const auto bucket = static_cast<std::int64_t>(std::clamp(ratio * 10.0F, -1e17F, 1e17F)) * 10;
-    name += '.';
-    name += fmt::format_int(bucket).c_str();
-    name += ".percent";
-    addReportStat(kelvane_domain, name.c_str(), 1);
-    KVLog(5, "%s %@", selector, name);
+    const std::string percent = fmt::format("{}.{}.percent", name, bucket);
+    addReportStat(kelvane_domain, percent.c_str(), 1);
+    KVLog(5, "%s %@", selector, percent);
   }
+  addReportStat(kelvane_domain, name.c_str(), countOf(amountPurged));
   KVLog(5, "%s %@ donated %lld of %lld", selector, identifier, static_cast<std::int64_t>(amountPurged),
         static_cast<std::int64_t>(requested));
 }

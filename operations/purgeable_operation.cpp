@@ -29,46 +29,37 @@ double nanosecondsSince(std::uint64_t start) {
   return static_cast<double>(mach_absolute_time() - start) * gTimebaseConversion;
 }
 
-/// The question to one service. Lives until its connection has ended.
-class PurgeableRequest : public std::enable_shared_from_this<PurgeableRequest> {
+/// The question to one service.
+class PurgeableRequest final : public ServiceRequest {
  public:
   PurgeableRequest(std::shared_ptr<KelvanePurgeableOperation> operation, std::shared_ptr<KVService> service,
                    std::string identifier, Dictionary request, dispatch_group_t group)
-      : operation_(std::move(operation)),
-        service_(std::move(service)),
+      : ServiceRequest(std::move(service), std::move(group)),
+        operation_(std::move(operation)),
         identifier_(std::move(identifier)),
-        request_(std::move(request)),
-        membership_(std::move(group)) {}
-
-  void run() {
-    CallServiceAsync(
-        service_,
-        [this](const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& done) { send(proxy, done); },
-        [self = shared_from_this()] {
-          KVLog(5, "%s connection invalidated: %@", start_selector, self->identifier_);
-          self->membership_.connectionEnded();
-        });
-  }
+        request_(std::move(request)) {}
 
  private:
-  void send(const std::shared_ptr<KelvaneServiceProtocol>& proxy, const Done& cancel) {
+  bool mark(const Done& end) override {
     KVLog(5, "%s ^^^asking %@ for urgency %d", start_selector, identifier_, operation_->urgencyLimit());
     start_ = mach_absolute_time();
-    if (!operation_->updateInFlight(identifier_, cancel)) {
-      cancel();
-      return;
-    }
-    membership_.enter();
-    proxy->servicePurgeable(
-        operation_->urgencyLimit(), request_,
-        [self = shared_from_this()](const std::optional<Dictionary>& result) { self->handleReply(result); });
+    return operation_->updateInFlight(identifier_, end);
   }
 
-  void handleReply(const std::optional<Dictionary>& result) {
+  void send(KelvaneServiceProtocol& proxy) override {
+    proxy.servicePurgeable(operation_->urgencyLimit(), request_, replyHandler());
+  }
+
+  void connectionEnded() override {
+    KVLog(5, "%s connection invalidated: %@", start_selector, identifier_);
+    leaveGroup();
+  }
+
+  void replied(const std::optional<Dictionary>& result) override {
     const double elapsed = nanosecondsSince(start_);
     addDistributionStat(kelvane_domain, elapsed, identifier_ + "_purgeableElapsedNanoseconds");
     KVLog(5, "%s %@ took %f seconds, returned: %@", start_selector, identifier_,
-          elapsed / nanoseconds_per_second, result ? Value(*result) : Value());
+          elapsed / nanoseconds_per_second, result);
     Dictionary entry;
     if (result) {
       entry.set(KELVANE_AMOUNT, (*result)[KELVANE_AMOUNT]);
@@ -86,10 +77,8 @@ class PurgeableRequest : public std::enable_shared_from_this<PurgeableRequest> {
   }
 
   const std::shared_ptr<KelvanePurgeableOperation> operation_;
-  const std::shared_ptr<KVService> service_;
   const std::string identifier_;
   const Dictionary request_;
-  GroupMembership membership_;
   std::uint64_t start_ = 0;  // set before the question is sent
 };
 
@@ -148,9 +137,11 @@ void KelvanePurgeableOperation::ask(const Dictionary& cached, const Dictionary& 
     const std::string& identifier = *queried.string();
     const auto found = services().find(identifier);
     if (optOutService(identifier, false) || isInFlight(identifier)) continue;
-    dispatch_group_async(group, dispatch_get_global_queue(0, 0),
-                         [question = std::make_shared<PurgeableRequest>(
-                              self, found->second, identifier, request, group)] { question->run(); });
+    dispatch_group_async(
+        group, dispatch_get_global_queue(0, 0),
+        [question = std::make_shared<PurgeableRequest>(self, found->second, identifier, request, group)] {
+          question->open(CallServiceAsync);
+        });
   }
 }
 

@@ -20,7 +20,8 @@ namespace kelvane {
 /// beside it the bytes that services reported for it. The bytes are counted apart because a service's second
 /// report in one pass replaces its first one in the dictionary, and both were freed.
 ///
-/// The dictionary belongs to whichever queue its owner names; the count is safe on any thread.
+/// The dictionary belongs to whichever queue its owner names. The bytes are counted on one queue at a time
+/// and may be read on any thread.
 class WorkingDictionary {
  public:
   explicit WorkingDictionary(Dictionary info) : contents_(std::move(info)) {}
@@ -47,10 +48,8 @@ class WorkingDictionary {
   }
 
   void countReport(std::uint64_t bytes) {
-    std::uint64_t before = reported_.load(std::memory_order_relaxed);
-    while (
-        !reported_.compare_exchange_weak(before, saturatingSum(before, bytes), std::memory_order_relaxed)) {
-    }
+    reported_.store(saturatingSum(reported_.load(std::memory_order_relaxed), bytes),
+                    std::memory_order_relaxed);
   }
 
  private:

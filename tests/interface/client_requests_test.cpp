@@ -90,7 +90,7 @@ TEST_F(PurgeRequests, TwoPurgesSentAtOnceTheSecondStartsOnlyWhenTheFirstHasBeenD
   const auto first = caller().purge(asking(50));
   const auto reply_to_first = first_asked.await();
   const auto second = caller().purge(asking(70));
-  log_.await("initWithInfo:services: services: (cache)",
+  log_.await("initWithInfo:services: services: {cache = (",
              2);  // the second has been made and waits for its turn
   EXPECT_EQ(it.purgesAsked().size(), 1u);
   EXPECT_FALSE(second.hasCome());

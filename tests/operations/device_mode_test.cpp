@@ -86,6 +86,8 @@ TEST_F(DeviceMode, OnADeviceNotInMultiUserModeAMultiUserOnlyServiceIsNotInServic
 TEST_F(DeviceMode, OnADeviceInMultiUserModeEveryServiceStays) {
   library.mode = "MultiUser";
   EXPECT_EQ(servicesOfAnOperation().size(), 2u);
+  EXPECT_EQ(log_.count(5, "initWithInfo:services: services: {choosy = (\"multiUserOnly\"); plain = ();}"),
+            1u);
   EXPECT_EQ(library.released, 1);
 }
 

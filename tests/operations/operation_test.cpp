@@ -70,7 +70,24 @@ TEST_F(OperationBase, TheFieldsStartAsTheInfoSays) {
   EXPECT_EQ(dispatch_queue_get_label(operation->collection_queue()),
             "com.orvel.kelvane_operation_collection");
   EXPECT_EQ(dispatch_queue_get_label(operation->message_queue()), "com.orvel.kelvane_operation_message");
-  EXPECT_TRUE(log_.contains(5, "initWithInfo:services: services: (a)"));
+  EXPECT_TRUE(log_.contains(5, "initWithInfo:services: services: {a = ();}"));
+}
+
+TEST_F(OperationBase, TheServicesAreLoggedWithWhatTheirRecordsSay) {
+  const auto plain = service("plain");
+  const auto every = service("every");
+  every->setDoesPurge(true);
+  every->setDoesPeriodic(true);
+  every->setDoNotQuery(true);
+  every->setNoQuota(true);
+  const auto purging = service("purging");
+  purging->setDoesPurge(true);
+  const Services services{{"every", every}, {"plain", plain}, {"purging", purging}};
+  const auto operation = KelvaneOperation::initWithInfo(Dictionary{{KELVANE_VOLUME, "/data"}}, services);
+  EXPECT_EQ(log_.count(5,
+                       "initWithInfo:services: services: {every = (\"doesPurge\", \"doesPeriodic\", "
+                       "\"doNotQuery\", \"noQuota\"); plain = (); purging = (\"doesPurge\");}"),
+            1u);
 }
 
 // --- the urgency limit ---

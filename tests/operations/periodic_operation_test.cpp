@@ -133,7 +133,8 @@ TEST_F(PeriodicOperation, AServiceThatStaysSilentIsCancelledAfter15Seconds) {
   clock_.advanceToWaiterFor(wait);
   runner.join();
   EXPECT_EQ(result, freed(0));
-  EXPECT_EQ(log_.count(5, "startOperation: timed out waiting for: (\"a\", \"silent\")"), 1U);
+  EXPECT_EQ(
+      log_.count(5, "startOperation: timed out waiting for: {a = \"callback\"; silent = \"callback\";}"), 1U);
   silent.awaitClosed(1);
   EXPECT_EQ(it->inFlightCount(), 0U);
 }
