@@ -150,9 +150,12 @@ TEST_F(Watcher, ChangesOfTheMountTableSoonAfterOneAnotherAreReadOnce) {
 }
 
 TEST_F(Watcher, GoesOnLookingWhileAPurgeLastsAndMakesOneCallForAllThatRanLowMeanwhile) {
-  volumes_.add("/a", low);
   volumes_.add("/b", plenty);
   start();
+  clock_.awaitWaiterFor(10 * second);
+  clock_.advance(second);
+  volumes_.add("/a", low);
+  watcher_->mountsChanged();
   ASSERT_EQ(purge_.awaitCall(1), VQ_LOWDISK);
   volumes_.setSpace("/b", very_low);
   clock_.awaitWaiterFor(look_again_at_low);  // the next look at "/a"
