@@ -60,8 +60,8 @@ class Kelvane final : public ClientInterface {
     return dispatch_sync(collection_queue_, [&] { return collection.size(); });
   }
 
-  /// An event of the file-system stream.
-  void handleVFSStreamXPCEvent(const Dictionary& event);
+  /// An event of the file-system stream. `handled` is called when everything that it asks for is done.
+  void handleVFSStreamXPCEvent(const Dictionary& event, Block handled);
   /// What services have reported as freed for such events so far. Any thread.
   [[nodiscard]] std::uint64_t bytesPurgedForEvents() const { return bytes_purged_for_events_; }
   /// The periodic maintenance of one volume.
@@ -107,6 +107,8 @@ class Kelvane final : public ClientInterface {
   void createQueues();
   void readDescriptors(const std::vector<std::string>& directories);
   void openListener();
+  struct EventPurges;
+  void purgeNext(const std::shared_ptr<EventPurges>& event);
 
   // Constant after creation, but for the setters, which are for the owner alone.
   dispatch_queue_t collection_queue_;

@@ -57,24 +57,47 @@ Dictionary requestFor(const std::string& volume) {
 
 }  // namespace
 
-void Kelvane::handleVFSStreamXPCEvent(const Dictionary& event) {
-  const Condition condition = conditionOf(event["_Flags"].unsignedLongLongValue());
+/// What an event asks for: purges of volumes, one after the other.
+struct Kelvane::EventPurges {
+  const char* statistic;
+  std::vector<std::string> volumes;
+  std::size_t next = 0;
+  Block handled;
+};
+
+void Kelvane::handleVFSStreamXPCEvent(const Dictionary& event, Block handled) {
+  Condition condition = conditionOf(event["_Flags"].unsignedLongLongValue());
   if (!condition.volumes || condition.volumes->empty()) {
     KVLog(5, "%s No volumes report low disk space, skipping purge", selector);
+    handled();
     return;
   }
-  for (const std::string& volume : *condition.volumes) {
-    const std::optional<Dictionary> result = purge(requestFor(volume), nullptr);
-    if (result) bytes_purged_for_events_ += (*result)[KELVANE_AMOUNT].unsignedLongLongValue();
-  }
-  addReportStat(kelvane_domain, condition.statistic, 1);
+  purgeNext(std::make_shared<EventPurges>(
+      EventPurges{condition.statistic, std::move(*condition.volumes), 0, std::move(handled)}));
 }
 
-std::uint64_t postVolumeEvent(std::uint64_t flag) {
+void Kelvane::purgeNext(const std::shared_ptr<EventPurges>& event) {
+  if (event->next == event->volumes.size()) {
+    addReportStat(kelvane_domain, event->statistic, 1);
+    event->handled();
+    return;
+  }
+  const std::string& volume = event->volumes[event->next++];
+  purge(requestFor(volume), nullptr,
+        [self = std::static_pointer_cast<Kelvane>(shared_from_this()),
+         event](const std::optional<Dictionary>& result) {
+          if (result) self->bytes_purged_for_events_ += (*result)[KELVANE_AMOUNT].unsignedLongLongValue();
+          self->purgeNext(event);
+        });
+}
+
+void postVolumeEvent(std::uint64_t flag, const std::function<void(std::uint64_t bytes)>& ended) {
   const std::shared_ptr<Kelvane>& kelvane = Kelvane::sharedKelvane();
-  const std::uint64_t before = kelvane->bytesPurgedForEvents();
-  xpc_post_event(vfs_event_stream, {{"_Flags", flag}});
-  return kelvane->bytesPurgedForEvents() - before;
+  const bool is_posted = xpc_post_event(vfs_event_stream, {{"_Flags", flag}},
+                                        [kelvane, before = kelvane->bytesPurgedForEvents(), ended] {
+                                          ended(kelvane->bytesPurgedForEvents() - before);
+                                        });
+  if (!is_posted) ended(0);
 }
 
 }  // namespace kelvane

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 namespace kelvane {
 
@@ -10,8 +11,9 @@ inline constexpr std::uint64_t VQ_LOWDISK = 0x4;
 inline constexpr std::uint64_t VQ_VERYLOWDISK = 0x200;
 inline constexpr std::uint64_t VFS_QUOTA = 0x1000;
 
-/// Posts an event of the file-system stream with that flag to this process's central object, and returns when
-/// what it asks for is done, with the bytes that services reported for events meanwhile. Any thread.
-std::uint64_t postVolumeEvent(std::uint64_t flag);
+/// Posts an event of the file-system stream with that flag to this process's central object, and calls
+/// `ended` when what it asks for is done, with the bytes that services reported for events meanwhile. Never
+/// blocks.
+void postVolumeEvent(std::uint64_t flag, const std::function<void(std::uint64_t bytes)>& ended);
 
 }  // namespace kelvane

@@ -31,11 +31,14 @@ void installHandlers(const std::shared_ptr<Kelvane>& kelvane) {
   xpc_activity_register(daily_activity, XPC_ACTIVITY_CHECK_IN, [kelvane](const xpc_activity_t& activity) {
     handleDailyActivity(activity, kelvane);
   });
-  xpc_set_event_stream_handler(vfs_event_stream, dispatch_get_global_queue(0, 0),
-                               [kelvane](const Dictionary& event) {
-                                 const Transaction transaction;
-                                 kelvane->handleVFSStreamXPCEvent(event);
-                               });
+  xpc_set_event_stream_handler(
+      vfs_event_stream, dispatch_get_global_queue(0, 0), [kelvane](const Dictionary& event, Block handled) {
+        kelvane->handleVFSStreamXPCEvent(
+            event, [transaction = std::make_unique<Transaction>(), handled = std::move(handled)]() mutable {
+              transaction.reset();
+              handled();
+            });
+      });
   std::signal(SIGTERM, sigterm_handler);
 }
 

@@ -142,8 +142,7 @@ void VolumeWatcher::callForQuota() {
 void VolumeWatcher::begin(std::uint64_t flag) {
   is_calling_ = true;
   for (auto& [volume, watched] : volumes_) watched.watch.purgeBegan();
-  dispatch_async(dispatch_get_global_queue(0, 0), [self = shared_from_this(), flag] {
-    const std::uint64_t bytes = self->call_(flag);
+  call_(flag, [self = shared_from_this()](std::uint64_t bytes) {
     dispatch_async(self->queue_, [self, bytes] { self->ended(bytes); });
   });
 }

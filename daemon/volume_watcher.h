@@ -29,9 +29,10 @@ class VolumeWatcher final : public std::enable_shared_from_this<VolumeWatcher> {
   };
 
  public:
-  /// Purges what is low, for the condition that the flag says (low_disk.h), and returns when that is over,
-  /// with the bytes that services reported. Called on the global queue.
-  using Call = std::function<std::uint64_t(std::uint64_t flag)>;
+  using Ended = std::function<void(std::uint64_t bytes)>;
+  /// Purges what is low, for the condition that the flag says (low_disk.h). Calls `ended` when that is over,
+  /// with the bytes that services reported, once and on any thread. Must not block.
+  using Call = std::function<void(std::uint64_t flag, Ended ended)>;
 
   /// Looks at every local volume soon after, and goes on until `stop`.
   static std::shared_ptr<VolumeWatcher> start(Call call);

@@ -49,9 +49,10 @@ class ClientInterface : public KelvaneClientProtocol,
 
   // --- service connections ---
 
-  /// Waits until the service has answered a ping: true then, and false when its connection ended instead.
-  /// There is no time limit for a service that lives and stays silent.
-  static bool pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy);
+  /// Pings the service, and calls `finished` once: with true when it has answered, with false when its
+  /// connection has ended instead. There is no time limit for a service that lives and stays silent.
+  static void pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy,
+                          std::function<void(bool pong)> finished);
   /// Notifies every service that asked for that name. Returns at once; nothing is reported back. `call`, if
   /// any, caused this, and counts as unfinished until it is done.
   void notifyRecipients(const std::string& name, const Value& value, const xpc::CurrentCall& call = {});
@@ -59,15 +60,17 @@ class ClientInterface : public KelvaneClientProtocol,
   // --- purging ---
 
   using PurgeCallback = std::function<void(const std::optional<Dictionary>& result)>;
-  /// Runs one purge, after all earlier ones, and returns its result: nothing when the request was refused.
-  /// The callback, if any, gets each service's reply and then the result.
-  std::optional<Dictionary> purge(const Dictionary& info, const PurgeCallback& callback);
+  using ResultHandler = std::function<void(const std::optional<Dictionary>& result)>;
+  /// Runs one purge, after all earlier ones, and calls `finished` with its result on `purge_queue`: with
+  /// nothing when the request was refused. The callback, if any, gets each service's reply and then the
+  /// result. Never blocks.
+  void purge(Dictionary info, PurgeCallback callback, ResultHandler finished);
 
   // --- purgeable space ---
 
-  /// What the services could free on the info's volume, after all earlier questions: nothing when the request
-  /// was refused. Blocks, so not for a caller on `purgeable_queue`.
-  std::optional<Dictionary> totalAvailable(const Dictionary& info);
+  /// Finds out, after all earlier questions, what the services could free on the info's volume, and calls
+  /// `finished` with it on `purgeable_queue`: with nothing when the request was refused. Never blocks.
+  void totalAvailable(Dictionary info, ResultHandler finished);
 
   // --- the state store, for callers that run on `defaults_queue`; a call from elsewhere is fatal ---
 
@@ -99,14 +102,14 @@ class ClientInterface : public KelvaneClientProtocol,
   [[nodiscard]] virtual Services copyServices() = 0;
 
  private:
-  void checkIn(const xpc::CurrentCall& call, const std::string& serviceID, const xpc::Endpoint& endpoint,
-               const Dictionary& info, const Reply<std::optional<Dictionary>>& reply);
-  void connect(const std::shared_ptr<KVService>& service);
+  struct CheckIn;
+  void checkIn(CheckIn request);
+  std::shared_ptr<KelvaneServiceProtocol> connect(const std::shared_ptr<KVService>& service);
   Block recordRemoval(const std::shared_ptr<KVService>& service, const char* log_text);
   void answerPurgeableSpace(Dictionary info, const char* entitlement, const char* selector,
                             Reply<std::optional<Dictionary>> reply);
   std::optional<Dictionary> countAvailable(const Dictionary& info);
-  void purgeServices(Services services, Dictionary info, PurgeCallback finished);
+  void purgeServices(Services services, Dictionary info, PurgeCallback callback, ResultHandler finished);
   std::optional<Dictionary> runPurge(const Dictionary& info,
                                      const std::shared_ptr<KelvanePurgeOperation>& operation,
                                      const PurgeCallback& callback);
@@ -117,6 +120,8 @@ class ClientInterface : public KelvaneClientProtocol,
   void store(const Value& value, const std::string& key);
   [[nodiscard]] StateObject unarchived(const Data& archive);
 
+  // Purges are prepared here, one at a time, so that they run in the order of their requests.
+  const dispatch_queue_t preparation_queue_ = dispatch_queue_create("com.orvel.kelvane_preparation");
   Turns turns_;  // at defaults_queue
   // One at a time, since each may take as much memory as a message may.
   const dispatch_queue_t large_answers_queue_ = dispatch_queue_create("com.orvel.kelvane_large_answers");

@@ -8,8 +8,7 @@
 #include "interface/caller.h"
 #include "interface/client_interface.h"
 #include "operations/purgeable_operation.h"
-#include "platform/dispatch/suspension.h"
-#include "platform/xpc/connection.h"
+#include "platform/xpc/held_order.h"
 #include "platform/xpc/transaction.h"
 #include "support/token.h"
 
@@ -17,11 +16,6 @@ namespace kelvane {
 namespace {
 
 using ResultReply = Reply<std::optional<Dictionary>>;
-
-/// Never from the incoming call, so that its connection's queue is not held up by the answer.
-void replyLater(const ResultReply& reply, std::optional<Dictionary> result) {
-  dispatch_async(dispatch_get_global_queue(0, 0), [reply, result = std::move(result)] { reply(result); });
-}
 
 auto operationUnder(PurgeOperations& operations, const Value& token) {
   return std::find_if(operations.begin(), operations.end(),
@@ -41,50 +35,31 @@ void storeOperation(std::optional<PurgeOperations>& operations, const Value& tok
   operations->emplace_back(token, operation);
 }
 
-/// A request that takes a while to answer. It holds no thread meanwhile, only the queue of its connection, to
-/// keep the order there. Ends with its last copy.
+/// A request that is answered later, and the transaction that it is until then. Ends with its last copy.
 class Waiting {
- public:
-  Waiting() : state_(std::make_shared<State>(xpc::Connection::current())) {}
-
  private:
-  struct State {
-    explicit State(const std::shared_ptr<xpc::Connection>& connection) {
-      if (connection != nullptr) order.emplace(connection->queue());
-    }
-    Transaction transaction;
-    std::optional<Suspension> order;
-  };
-  std::shared_ptr<State> state_;
+  xpc::HeldOrder order_;
+  std::shared_ptr<Transaction> transaction_ = std::make_shared<Transaction>();
 };
+
+/// Never from the incoming call.
+void answer(Waiting waiting, ResultReply reply, std::optional<Dictionary> result) {
+  dispatch_async(dispatch_get_global_queue(0, 0), [waiting = std::move(waiting), reply = std::move(reply),
+                                                   result = std::move(result)] { reply(result); });
+}
 
 }  // namespace
 
 void ClientInterface::clientPurge(Dictionary info, ResultReply reply) {
-  const Transaction transaction;
+  Waiting waiting;
   if (!callerIsEntitled(PURGE_ENTITLEMENT, "clientPurge:replyBlock:")) {
-    replyLater(reply, std::nullopt);
+    answer(std::move(waiting), std::move(reply), std::nullopt);
     return;
   }
-  // The registry may be waiting for a service, so not from here.
-  dispatch_async(collection_queue(), [self = shared_from_this(), waiting = Waiting(), info = std::move(info),
-                                      reply = std::move(reply)]() mutable {
-    self->purgeServices(self->services(), std::move(info),
-                        [waiting = std::move(waiting), reply = std::move(reply)](
-                            std::optional<Dictionary> result) { replyLater(reply, std::move(result)); });
-  });
-}
-
-/// Checking the volume may block, so it runs neither on the registry's queue nor on the queue of purges.
-void ClientInterface::purgeServices(Services services, Dictionary info, PurgeCallback finished) {
-  dispatch_async(dispatch_get_global_queue(0, 0), [self = shared_from_this(), services = std::move(services),
-                                                   info = std::move(info),
-                                                   finished = std::move(finished)]() mutable {
-    auto operation = KelvanePurgeOperation::initWithInfo(info, std::move(services));
-    dispatch_async(self->purge_queue(),
-                   [self, info = std::move(info), operation = std::move(operation),
-                    finished = std::move(finished)] { finished(self->runPurge(info, operation, nullptr)); });
-  });
+  purge(std::move(info), nullptr,
+        [waiting = std::move(waiting), reply = std::move(reply)](const std::optional<Dictionary>& result) {
+          answer(waiting, reply, result);
+        });
 }
 
 void ClientInterface::clientPurgeableSpace(Dictionary info, ResultReply reply) {
@@ -100,18 +75,21 @@ void ClientInterface::clientItemizedPurgeableSpace(Dictionary info, ResultReply 
 /// Both forms get the same answer; they differ in who may ask.
 void ClientInterface::answerPurgeableSpace(Dictionary info, const char* entitlement, const char* selector,
                                            ResultReply reply) {
-  const Transaction transaction;
+  Waiting waiting;
   if (!callerIsEntitled(entitlement, selector)) {
-    replyLater(reply, std::nullopt);
+    answer(std::move(waiting), std::move(reply), std::nullopt);
     return;
   }
-  dispatch_async(purgeable_queue(),
-                 [self = shared_from_this(), waiting = Waiting(), info = std::move(info),
-                  reply = std::move(reply)] { replyLater(reply, self->countAvailable(info)); });
+  totalAvailable(std::move(info),
+                 [waiting = std::move(waiting), reply = std::move(reply)](
+                     const std::optional<Dictionary>& result) { answer(waiting, reply, result); });
 }
 
-std::optional<Dictionary> ClientInterface::totalAvailable(const Dictionary& info) {
-  return dispatch_sync(purgeable_queue(), [&] { return countAvailable(info); });
+void ClientInterface::totalAvailable(Dictionary info, ResultHandler finished) {
+  dispatch_async(purgeable_queue(),
+                 [self = shared_from_this(), info = std::move(info), finished = std::move(finished)] {
+                   finished(self->countAvailable(info));
+                 });
 }
 
 std::optional<Dictionary> ClientInterface::countAvailable(const Dictionary& info) {
@@ -123,9 +101,27 @@ std::optional<Dictionary> ClientInterface::countAvailable(const Dictionary& info
   return result;
 }
 
-std::optional<Dictionary> ClientInterface::purge(const Dictionary& info, const PurgeCallback& callback) {
-  const auto operation = KelvanePurgeOperation::initWithInfo(info, copyServices());
-  return dispatch_sync(purge_queue(), [&] { return runPurge(info, operation, callback); });
+void ClientInterface::purge(Dictionary info, PurgeCallback callback, ResultHandler finished) {
+  // The registry may be waiting for a service.
+  dispatch_async(
+      collection_queue(), [self = shared_from_this(), info = std::move(info), callback = std::move(callback),
+                           finished = std::move(finished)]() mutable {
+        self->purgeServices(self->services(), std::move(info), std::move(callback), std::move(finished));
+      });
+}
+
+/// Preparing reads the mount table, which would hold up the registry and the purges.
+void ClientInterface::purgeServices(Services services, Dictionary info, PurgeCallback callback,
+                                    ResultHandler finished) {
+  dispatch_async(
+      preparation_queue_, [self = shared_from_this(), services = std::move(services), info = std::move(info),
+                           callback = std::move(callback), finished = std::move(finished)]() mutable {
+        auto operation = KelvanePurgeOperation::initWithInfo(info, std::move(services));
+        dispatch_async(self->purge_queue(), [self, info = std::move(info), operation = std::move(operation),
+                                             callback = std::move(callback), finished = std::move(finished)] {
+          finished(self->runPurge(info, operation, callback));
+        });
+      });
 }
 
 std::optional<Dictionary> ClientInterface::runPurge(const Dictionary& info,

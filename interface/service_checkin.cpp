@@ -5,7 +5,7 @@
 // remove the very record that they were made for, or nothing.
 
 #include <fmt/format.h>
-#include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -16,7 +16,7 @@
 #include "interface/caller.h"
 #include "interface/client_interface.h"
 #include "interface/limits.h"
-#include "platform/dispatch/group.h"
+#include "platform/dispatch/suspension.h"
 #include "platform/foundation/footprint.h"
 #include "support/log.h"
 #include "support/service_calls.h"
@@ -44,23 +44,21 @@ void takeFlags(KVService& service, const Dictionary& info) {
   service.setDesiredNotifications(notificationNames(info[KELVANE_NOTIFICATIONS]));
 }
 
-/// The answer to one ping. Signals when it goes, since a call whose connection ends drops its reply uncalled.
+/// The answer to one ping: false when this goes unanswered, since a call whose connection ends drops its
+/// reply uncalled.
 class Pong {
  public:
-  ~Pong() { dispatch_semaphore_signal(semaphore_); }
-  Pong(dispatch_semaphore_t semaphore, std::shared_ptr<std::atomic<bool>> pong)
-      : semaphore_(std::move(semaphore)), pong_(std::move(pong)) {}
+  explicit Pong(std::function<void(bool pong)> finished) : finished_(std::move(finished)) {}
+  ~Pong() {
+    if (finished_) finished_(false);
+  }
   Pong(const Pong&) = delete;
   Pong& operator=(const Pong&) = delete;
 
-  void arrive() {
-    pong_->store(true);
-    dispatch_semaphore_signal(semaphore_);
-  }
+  void arrive() { std::exchange(finished_, nullptr)(true); }
 
  private:
-  const dispatch_semaphore_t semaphore_;
-  const std::shared_ptr<std::atomic<bool>> pong_;
+  std::function<void(bool pong)> finished_;  // empty once it was called
 };
 
 /// Sends one notification, and after its answer those that had to wait. On `queue`.
@@ -77,6 +75,17 @@ void notify(const std::shared_ptr<KVService>& service, const NotificationOutbox:
         if (auto next = service->notifications().finish())
           dispatch_async(queue, [service, queue, next = *std::move(next)] { notify(service, next, queue); });
       });
+}
+
+void notifyAll(const Services& services, const NotificationOutbox::Notification& notification,
+               const dispatch_queue_t& queue) {
+  for (const auto& [serviceID, service] : services) {
+    if (!service->desiresNotification(notification.name)) {
+      service->notifications().drop(notification.name);
+    } else if (service->notifications().start(notification)) {
+      notify(service, notification, queue);
+    }
+  }
 }
 
 /// Why the user cannot have what a check-in asks for; empty when it can.
@@ -107,6 +116,19 @@ bool payFor(KVService& service, const xpc::CurrentCall& call) {
 
 }  // namespace
 
+struct ClientInterface::CheckIn {
+  xpc::CurrentCall call;
+  std::string serviceID;
+  xpc::Endpoint endpoint;
+  Dictionary info;
+  Reply<std::optional<Dictionary>> reply;
+
+  void finish(KVService& service) const {
+    takeFlags(service, info);
+    reply(Dictionary{{KELVANE_ID, serviceID}, {checkin_reply_anonymous, true}});
+  }
+};
+
 void ClientInterface::clientCheckin(std::string serviceID, xpc::Endpoint endpoint, Dictionary info,
                                     Reply<std::optional<Dictionary>> reply) {
   const bool is_declared = dispatch_sync(daemons_queue(), [&] { return daemons().contains(serviceID); });
@@ -116,46 +138,53 @@ void ClientInterface::clientCheckin(std::string serviceID, xpc::Endpoint endpoin
   }
   if (!callerIsEntitled(SERVICE_ENTITLEMENT, checkin_selector)) return;  // no answer at all
   auto call = xpc::currentCall();
+  if (!endpoint) {
+    call.refuse(xpc::error_invalid_arguments, "the endpoint is not a connected local SOCK_SEQPACKET socket");
+    return;
+  }
   if (const std::string excess = excessIn(serviceID, info); !excess.empty()) {
     call.refuse(xpc::error_limits_exceeded, excess);
     return;
   }
-  dispatch_async(collection_queue(),
-                 [self = shared_from_this(), call = std::move(call), serviceID = std::move(serviceID),
-                  endpoint = std::move(endpoint), info = std::move(info),
-                  reply = std::move(reply)] { self->checkIn(call, serviceID, endpoint, info, reply); });
+  CheckIn request{std::move(call), std::move(serviceID), std::move(endpoint), std::move(info),
+                  std::move(reply)};
+  dispatch_async(collection_queue(), [self = shared_from_this(), request = std::move(request)]() mutable {
+    self->checkIn(std::move(request));
+  });
 }
 
-void ClientInterface::checkIn(const xpc::CurrentCall& call, const std::string& serviceID,
-                              const xpc::Endpoint& endpoint, const Dictionary& info,
-                              const Reply<std::optional<Dictionary>>& reply) {
-  std::shared_ptr<KVService> service;
-  if (const auto found = services().find(serviceID); found != services().end()) {
+/// The registry waits for the service's ping. No thread does: its queue is suspended meanwhile, and goes on
+/// with the rest of this check-in.
+void ClientInterface::checkIn(CheckIn request) {
+  if (const auto found = services().find(request.serviceID); found != services().end()) {
     KVLog(5, "%s operating on an existing service", checkin_selector);
-    service = found->second;
-  } else {
-    service = std::make_shared<KVService>(serviceID);
-    if (!payFor(*service, call)) return;
-    service->setEndpoint(endpoint);
-    connect(service);
+    request.finish(*found->second);
+    return;
   }
-  takeFlags(*service, info);
-  reply(Dictionary{{KELVANE_ID, serviceID}, {checkin_reply_anonymous, true}});
+  const auto service = std::make_shared<KVService>(request.serviceID);
+  if (!payFor(*service, request.call)) return;
+  service->setEndpoint(request.endpoint);
+  const auto proxy = connect(service);
+  const auto registry_waits = std::make_shared<Suspension>(collection_queue());
+  pingService(proxy, [registry_waits, service, request = std::move(request)](bool /*pong*/) {
+    registry_waits->endWith([service, request] { request.finish(*service); });
+  });
 }
 
-void ClientInterface::connect(const std::shared_ptr<KVService>& service) {
+/// Returns the service as the daemon calls it.
+std::shared_ptr<KelvaneServiceProtocol> ClientInterface::connect(const std::shared_ptr<KVService>& service) {
   const auto connection = xpc::Connection::initWithListenerEndpoint(service->endpoint());
   service->setXpcConn(connection);
   services()[service->ID()] = service;
   connection->setInvalidationHandler(recordRemoval(service, "%s invalidationHandler ENTRY"));
   connection->setInterruptionHandler(recordRemoval(service, "%s interruptionHandler ENTRY"));
-  const auto proxy = connection->remoteObjectProxyWithErrorHandler<KelvaneServiceProtocol>(
+  auto proxy = connection->remoteObjectProxyWithErrorHandler<KelvaneServiceProtocol>(
       [service](const xpc::Error& error) {
         KVLog(5, "%s remoteObjectProxyWithErrorHandler error: %@", checkin_selector, error);
         service->xpcConn()->invalidate();
       });
   connection->resume();
-  pingService(proxy);
+  return proxy;
 }
 
 Block ClientInterface::recordRemoval(const std::shared_ptr<KVService>& service, const char* log_text) {
@@ -170,32 +199,27 @@ Block ClientInterface::recordRemoval(const std::shared_ptr<KVService>& service, 
   };
 }
 
-bool ClientInterface::pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy) {
-  const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
-  const auto pong = std::make_shared<std::atomic<bool>>(false);
+void ClientInterface::pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy,
+                                  std::function<void(bool pong)> finished) {
   KVLog(5, "%s calling servicePing", ping_selector);
-  proxy->servicePing([answer = std::make_shared<Pong>(semaphore, pong)] {
+  proxy->servicePing([pong = std::make_shared<Pong>(std::move(finished))] {
     KVLog(5, "%s ping got pong", ping_selector);
-    answer->arrive();
+    pong->arrive();
   });
-  static_cast<void>(dispatch_semaphore_wait(semaphore, DISPATCH_TIME_FOREVER));
-  return pong->load();
 }
 
 void ClientInterface::notifyRecipients(const std::string& name, const Value& value,
                                        const xpc::CurrentCall& call) {
   KVLog(5, "%s name: %@, value: %@", notify_selector, name, value);
-  dispatch_async(notify_queue(),
-                 [snapshot = copyServices(), notification = NotificationOutbox::Notification{name, value},
-                  call, queue = notify_queue()] {
-                   for (const auto& [serviceID, service] : snapshot) {
-                     if (!service->desiresNotification(notification.name)) {
-                       service->notifications().drop(notification.name);
-                     } else if (service->notifications().start(notification)) {
-                       notify(service, notification, queue);
-                     }
-                   }
-                 });
+  // The registry may be waiting for a service, and the caller must not.
+  dispatch_async(collection_queue(), [self = shared_from_this(),
+                                      notification = NotificationOutbox::Notification{name, value},
+                                      call]() mutable {
+    dispatch_async(self->notify_queue(), [snapshot = self->services(), notification = std::move(notification),
+                                          call = std::move(call), queue = self->notify_queue()] {
+      notifyAll(snapshot, notification, queue);
+    });
+  });
 }
 
 }  // namespace kelvane

@@ -1,6 +1,9 @@
 #pragma once
 
-#include <map>
+#include <algorithm>
+#include <cstddef>
+#include <deque>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -10,49 +13,58 @@
 
 namespace kelvane {
 
-/// The notifications to one service. Each takes a connection until it is answered, so the number of
-/// unanswered ones is limited. Of the others, the newest of each name is kept, and sent once another one is
-/// answered: a service that is merely slow still gets the last value. Any thread.
+/// The notifications to one service. Each takes a connection until it is answered, so they are sent one at a
+/// time, in their order. When too many wait, a further one takes the place of the last one of its name: a
+/// service that is slow still gets the last value, and for one that never answers nothing piles up. Any
+/// thread.
 class NotificationOutbox {
  public:
-  static constexpr unsigned most_under_way = 16;
+  static constexpr std::size_t most_waiting = 15;
 
   struct Notification {
     std::string name;
     Value value;
   };
 
-  /// Whether to send it now. If so, it is in flight until `finish`; otherwise it is kept.
+  /// Whether to send it now. If so, it is under way until `finish`; otherwise it waits.
   [[nodiscard]] bool start(const Notification& notification) {
     const std::lock_guard lock(mutex_);
-    kept_.erase(notification.name);  // older, whether it is replaced or overtaken
-    if (under_way_ < most_under_way) {
-      ++under_way_;
+    if (!is_under_way_) {
+      is_under_way_ = true;
       return true;
     }
-    kept_.emplace(notification.name, notification.value);
+    if (waiting_.size() >= most_waiting) dropLast(notification.name);
+    waiting_.push_back(notification);
     return false;
   }
-  /// One is answered. Returns a kept one to send now, which is then in flight, if there is any.
+  /// The one under way is over. Returns the one to send now, which is then under way, if any waits.
   [[nodiscard]] std::optional<Notification> finish() {
     const std::lock_guard lock(mutex_);
-    if (kept_.empty()) {
-      --under_way_;
+    if (waiting_.empty()) {
+      is_under_way_ = false;
       return std::nullopt;
     }
-    auto next = kept_.extract(kept_.begin());
-    return Notification{std::move(next.key()), std::move(next.mapped())};
+    Notification next = std::move(waiting_.front());
+    waiting_.pop_front();
+    return next;
   }
-  /// Drops the notification kept under this name.
+  /// Drops those that wait under this name.
   void drop(const std::string& name) {
     const std::lock_guard lock(mutex_);
-    kept_.erase(name);
+    std::erase_if(waiting_, [&](const Notification& waiting) { return waiting.name == name; });
   }
 
  private:
+  /// With mutex_ held.
+  void dropLast(const std::string& name) {
+    const auto last = std::find_if(waiting_.rbegin(), waiting_.rend(),
+                                   [&](const Notification& waiting) { return waiting.name == name; });
+    if (last != waiting_.rend()) waiting_.erase(std::next(last).base());
+  }
+
   std::mutex mutex_;  // guards all below
-  unsigned under_way_ = 0;
-  std::map<std::string, Value> kept_;
+  bool is_under_way_ = false;
+  std::deque<Notification> waiting_;
 };
 
 }  // namespace kelvane

@@ -59,6 +59,7 @@ class Queue : public Runnable, public std::enable_shared_from_this<Queue> {
   virtual void sync(void (*function)(void*), void* context) = 0;
   virtual void suspend() = 0;
   virtual void resume() = 0;
+  virtual void resumeWith(Block next) = 0;
 
  private:
   const std::string label_;
@@ -112,11 +113,15 @@ class SerialQueue final : public Queue {
 
   void resume() override {
     std::unique_lock lock(mutex_);
-    if (suspensions_ == 0) fatal("resuming a queue that is not suspended", label());
-    --suspensions_;
-    if (first_ == nullptr || !acquire()) return;
-    lock.unlock();
-    Executor::shared().submit(shared_from_this());
+    endSuspension(lock);
+  }
+
+  void resumeWith(Block next) override {
+    auto item = std::make_unique<Item>();
+    item->block = std::move(next);
+    std::unique_lock lock(mutex_);
+    prepend(std::move(item));
+    endSuspension(lock);
   }
 
   /// A few items; then others have their turn, and the poll.
@@ -145,6 +150,13 @@ class SerialQueue final : public Queue {
  private:
   // All with mutex_ held.
 
+  void endSuspension(std::unique_lock<std::mutex>& lock) {
+    if (suspensions_ == 0) fatal("resuming a queue that is not suspended", label());
+    --suspensions_;
+    if (first_ == nullptr || !acquire()) return;
+    lock.unlock();
+    Executor::shared().submit(shared_from_this());
+  }
   bool acquire() {
     if (owned_ || suspensions_ > 0) return false;
     owned_ = true;
@@ -160,6 +172,11 @@ class SerialQueue final : public Queue {
     Item* const added = item.get();
     (last_ != nullptr ? last_->next : first_) = std::move(item);
     last_ = added;
+  }
+  void prepend(std::unique_ptr<Item> item) {
+    if (last_ == nullptr) last_ = item.get();
+    item->next = std::move(first_);
+    first_ = std::move(item);
   }
   std::unique_ptr<Item> removeFirst() {
     std::unique_ptr<Item> item = std::move(first_);
@@ -218,6 +235,7 @@ class GlobalQueue final : public Queue {
   }
   void suspend() override { fatal("suspending the global queue"); }
   void resume() override { fatal("resuming the global queue"); }
+  void resumeWith(Block /*next*/) override { resume(); }
   void run() noexcept override {}
 };
 
@@ -248,6 +266,7 @@ void dispatch_async(const dispatch_queue_t& queue, Block item) { queue->async(st
 
 void dispatch_suspend(const dispatch_queue_t& queue) { queue->suspend(); }
 void dispatch_resume(const dispatch_queue_t& queue) { queue->resume(); }
+void dispatch_resume_with(const dispatch_queue_t& queue, Block next) { queue->resumeWith(std::move(next)); }
 
 bool dispatch_queue_is_current(const dispatch_queue_t& queue) { return dispatch::isCurrent(queue.get()); }
 

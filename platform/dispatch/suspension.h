@@ -6,16 +6,22 @@
 
 namespace kelvane {
 
-/// Keeps a queue suspended while this object lives.
+/// Keeps a queue suspended while this object lives, or until `endWith`.
 class Suspension {
  public:
   explicit Suspension(dispatch_queue_t queue) : queue_(std::move(queue)) { dispatch_suspend(queue_); }
-  ~Suspension() { dispatch_resume(queue_); }
+  ~Suspension() {
+    if (queue_ != nullptr) dispatch_resume(queue_);
+  }
   Suspension(const Suspension&) = delete;
   Suspension& operator=(const Suspension&) = delete;
 
+  /// Ends the suspension. `next` runs on the queue before every item that waits. So an item that has
+  /// suspended its own queue can go on later without holding a thread meanwhile. Once.
+  void endWith(Block next) { dispatch_resume_with(std::exchange(queue_, nullptr), std::move(next)); }
+
  private:
-  const dispatch_queue_t queue_;
+  dispatch_queue_t queue_;  // null once the suspension has ended
 };
 
 }  // namespace kelvane

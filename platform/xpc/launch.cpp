@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/xpc/connection.h"
+#include "platform/xpc/held_order.h"
 #include "platform/xpc/listener.h"
 #include "platform/xpc/transaction.h"
 
@@ -12,18 +13,21 @@ namespace kelvane {
 namespace xpc {
 namespace {
 
-using ActivityHandler = std::function<void(const xpc_activity_t&)>;
+struct RegisteredActivity {
+  dispatch_queue_t queue;  // of its runs
+  std::function<void(const xpc_activity_t&)> handler;
+};
 
 struct Stream {
   dispatch_queue_t queue;
-  std::function<void(const Dictionary&)> handler;
+  EventHandler handler;
 };
 
 /// What has been registered in this process.
 struct Registry {
   std::mutex mutex;
-  std::map<std::string, ActivityHandler> activities;  // guarded by mutex
-  std::map<std::string, Stream> streams;              // guarded by mutex
+  std::map<std::string, RegisteredActivity> activities;  // guarded by mutex
+  std::map<std::string, Stream> streams;                 // guarded by mutex
 };
 
 Registry& registry() {
@@ -40,17 +44,16 @@ class LaunchProtocol {
   virtual void PostEvent(std::string stream, Dictionary event, Reply<Outcome> reply) = 0;
 };
 
+/// A connection's calls are answered in their order, each once what it started is over.
 class LaunchSocket final : public LaunchProtocol {
  public:
   void RunActivity(std::string name, Reply<Outcome> reply) override {
-    reply(xpc_run_activity(name)
-              ? Outcome{}
-              : Outcome{error_unknown_name, "no activity is registered as \"" + name + "\""});
+    if (!xpc_run_activity(name, [order = HeldOrder(), reply] { reply({}); }))
+      reply({error_unknown_name, "no activity is registered as \"" + name + "\""});
   }
   void PostEvent(std::string stream, Dictionary event, Reply<Outcome> reply) override {
-    reply(xpc_post_event(stream, event)
-              ? Outcome{}
-              : Outcome{error_unknown_name, "nobody handles the stream \"" + stream + "\""});
+    if (!xpc_post_event(stream, event, [order = HeldOrder(), reply] { reply({}); }))
+      reply({error_unknown_name, "nobody handles the stream \"" + stream + "\""});
   }
 };
 
@@ -86,7 +89,8 @@ void xpc_activity_register(const std::string& name, const Dictionary& /*criteria
                            std::function<void(const xpc_activity_t&)> handler) {
   {
     const std::scoped_lock lock(xpc::registry().mutex);
-    xpc::registry().activities.insert_or_assign(name, handler);
+    xpc::registry().activities.insert_or_assign(
+        name, xpc::RegisteredActivity{dispatch_queue_create("xpc.activity"), handler});
   }
   dispatch_async(dispatch_get_global_queue(0, 0), [handler = std::move(handler)] {
     handler(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_CHECK_IN));
@@ -95,25 +99,28 @@ void xpc_activity_register(const std::string& name, const Dictionary& /*criteria
 
 long xpc_activity_get_state(const xpc_activity_t& activity) { return activity->state(); }
 
-bool xpc_run_activity(const std::string& name) {
-  xpc::ActivityHandler handler;
+bool xpc_run_activity(const std::string& name, Block over) {
+  xpc::RegisteredActivity found;
   {
     const std::scoped_lock lock(xpc::registry().mutex);
-    const auto found = xpc::registry().activities.find(name);
-    if (found == xpc::registry().activities.end()) return false;
-    handler = found->second;
+    const auto known = xpc::registry().activities.find(name);
+    if (known == xpc::registry().activities.end()) return false;
+    found = known->second;
   }
-  handler(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_RUN));
+  dispatch_async(found.queue, [handler = std::move(found.handler), over = std::move(over)]() mutable {
+    handler(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_RUN));
+    if (over) over();
+  });
   return true;
 }
 
 void xpc_set_event_stream_handler(const std::string& stream, const dispatch_queue_t& queue,
-                                  std::function<void(const Dictionary&)> handler) {
+                                  EventHandler handler) {
   const std::scoped_lock lock(xpc::registry().mutex);
   xpc::registry().streams.insert_or_assign(stream, xpc::Stream{queue, std::move(handler)});
 }
 
-bool xpc_post_event(const std::string& stream, const Dictionary& event) {
+bool xpc_post_event(const std::string& stream, const Dictionary& event, Block handled) {
   xpc::Stream found;
   {
     const std::scoped_lock lock(xpc::registry().mutex);
@@ -121,7 +128,10 @@ bool xpc_post_event(const std::string& stream, const Dictionary& event) {
     if (known == xpc::registry().streams.end()) return false;
     found = known->second;
   }
-  dispatch_sync(found.queue, [&] { found.handler(event); });
+  dispatch_async(found.queue,
+                 [handler = std::move(found.handler), event, handled = std::move(handled)]() mutable {
+                   handler(event, std::move(handled));
+                 });
   return true;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "kelvane/value.h"
+#include "platform/dispatch/block.h"
 #include "platform/dispatch/queue.h"
 
 namespace kelvane {
@@ -38,20 +39,22 @@ inline constexpr long XPC_ACTIVITY_STATE_RUN = 2;
 inline const Dictionary XPC_ACTIVITY_CHECK_IN{};
 
 /// Registers a handler for the activity of that name, replacing an earlier one, and calls it once in the
-/// check-in state, on the global queue. Later it is called in the run state whenever the launch socket says
-/// so, on that connection's queue; the run is over when the handler returns.
+/// check-in state, on the global queue. Later it is called in the run state whenever the launch socket asks
+/// for it, one run after the other; the run is over when the handler returns.
 void xpc_activity_register(const std::string& name, const Dictionary& criteria,
                            std::function<void(const xpc_activity_t&)> handler);
 [[nodiscard]] long xpc_activity_get_state(const xpc_activity_t& activity);
 
+/// Gets an event, and a block to be called once the event has been handled, maybe later and on any thread.
+using EventHandler = std::function<void(const Dictionary& event, Block handled)>;
 /// Registers a handler for the events of a stream, replacing an earlier one. It is called on `queue`.
 void xpc_set_event_stream_handler(const std::string& stream, const dispatch_queue_t& queue,
-                                  std::function<void(const Dictionary& event)> handler);
+                                  EventHandler handler);
 
-/// Delivers an event as the launch socket does: runs the stream's handler on its queue and returns when it
-/// has returned. False when nobody handles that stream.
-bool xpc_post_event(const std::string& stream, const Dictionary& event);
+/// Delivers an event as the launch socket does, and calls `handled` once the handler has. False, and
+/// `handled` is not called, when nobody handles that stream. Never blocks.
+bool xpc_post_event(const std::string& stream, const Dictionary& event, Block handled);
 /// The same for an activity's run.
-bool xpc_run_activity(const std::string& name);
+bool xpc_run_activity(const std::string& name, Block over);
 
 }  // namespace kelvane

@@ -13,11 +13,7 @@ void Wire<Endpoint>::write(wire::Writer& out, const Endpoint& endpoint) {
 void Wire<Endpoint>::read(wire::Reader& in, Endpoint& endpoint) {
   const Decoding* const decoding = Decoding::current();
   auto adopted = Endpoint::adopt(in.takeDescriptor(), decoding != nullptr ? decoding->payer() : nullptr);
-  if (adopted) {
-    endpoint = std::move(*adopted);
-  } else {
-    in.refuse();
-  }
+  if (adopted) endpoint = std::move(*adopted);
 }
 
 void Wire<Dictionary>::write(wire::Writer& out, const Dictionary& dictionary) {

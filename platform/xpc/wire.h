@@ -49,6 +49,8 @@ struct Wire<std::string> {
   static void write(wire::Writer& out, const std::string& text) { out.writeString(text); }
   static void read(wire::Reader& in, std::string& text) { text = in.readString(); }
 };
+/// A descriptor that cannot be an endpoint is read as an empty one: whether the caller is to know is the
+/// handler's decision.
 template <>
 struct Wire<Endpoint> {
   static constexpr const char* signature = "h";

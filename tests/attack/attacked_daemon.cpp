@@ -27,14 +27,17 @@ void grantTo(uid_t user, const std::string& folder) {
   writeFile(path, propertyList("<key>user</key><integer>" + std::to_string(user) +
                                "</integer><key>com.orvel.private.Kelvane</key><array>"
                                "<string>CLIENT_ENTITLEMENT</string><string>SERVICE_ENTITLEMENT</string>"
-                               "</array>"));
+                               "<string>PURGE_ENTITLEMENT</string><string>PURGEABLE_ENTITLEMENT</string>"
+                               "<string>ITEMIZED_PURGEABLE_ENTITLEMENT</string></array>"));
   fs::permissions(path, fs::perms(0644));
 }
 
-std::vector<std::string> environmentWith(const std::string& settings) {
+std::vector<std::string> environmentWith(const std::string& settings, std::vector<std::string> environment) {
   fs::create_directories(settings + "/entitlements.d");
   for (const uid_t user : {::getuid(), attacker, bystander}) grantTo(user, settings);
-  return {"CONFIGURATION_DIRECTORY=" + settings, "KELVANE_LOG_LEVEL=3"};
+  environment.push_back("CONFIGURATION_DIRECTORY=" + settings);
+  environment.emplace_back("KELVANE_LOG_LEVEL=3");
+  return environment;
 }
 
 /// Runs `work` on a thread that is that user, as the kernel sees it.
@@ -49,7 +52,8 @@ void as(uid_t user, Work work) {
 
 }  // namespace
 
-AttackedDaemon::AttackedDaemon() : daemon_(built("kelvaned"), environmentWith(settings_.path())) {
+AttackedDaemon::AttackedDaemon(const std::vector<std::string>& environment)
+    : daemon_(built("kelvaned"), environmentWith(settings_.path(), environment)) {
   fs::permissions(fs::path(daemon_.runtimeFolder()).parent_path(), fs::perms(0755));
   // File descriptors that the first request opens must not be mistaken for leaks of an attack.
   auto warm_up = std::make_unique<Client>(daemon_);
@@ -76,11 +80,15 @@ std::size_t AttackedDaemon::descriptorsWhenSettled(std::size_t expected) const {
   return open;
 }
 
-std::size_t AttackedDaemon::peakMegabytes() const {
+std::size_t AttackedDaemon::peakMegabytes() const { return status("VmHWM:") / 1024; }
+
+std::size_t AttackedDaemon::threads() const { return status("Threads:"); }
+
+std::size_t AttackedDaemon::status(const std::string& name) const {
   std::ifstream status("/proc/" + std::to_string(const_cast<Daemon&>(daemon_).process().id()) + "/status");
   for (std::string word; status >> word;) {
-    std::size_t kilobytes = 0;
-    if (word == "VmHWM:" && status >> kilobytes) return kilobytes / 1024;
+    std::size_t number = 0;
+    if (word == name && status >> number) return number;
   }
   ADD_FAILURE() << "the daemon has ended";
   return 0;

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "platform/foundation/file_descriptor.h"
 #include "tests/system/daemon.h"
@@ -10,14 +11,14 @@
 
 namespace kelvane::tests {
 
-/// Neither is the daemon's user. Both may connect, register services, and read and write the state.
+/// Neither is the daemon's user. Both hold what the packages grant to users of the daemon.
 inline constexpr uid_t attacker = 60001;
 inline constexpr uid_t bystander = 60002;
 
 /// A real daemon with the log of an installed one, and what it costs.
 class AttackedDaemon {
  public:
-  AttackedDaemon();
+  explicit AttackedDaemon(const std::vector<std::string>& environment = {});
 
   [[nodiscard]] std::string socket() const { return daemon_.socket(); }
   [[nodiscard]] Daemon& daemon() { return daemon_; }
@@ -27,8 +28,13 @@ class AttackedDaemon {
   [[nodiscard]] std::size_t descriptorsWhenSettled(std::size_t expected) const;
   /// The most that was ever resident.
   [[nodiscard]] std::size_t peakMegabytes() const;
+  /// It has now.
+  [[nodiscard]] std::size_t threads() const;
 
  private:
+  /// The number behind that name in the status of the process.
+  [[nodiscard]] std::size_t status(const std::string& name) const;
+
   Folder settings_;
   Daemon daemon_;
 };

@@ -64,6 +64,20 @@ RawMessage checkIn(std::uint32_t serial, const std::string& ID, const std::strin
   return message;
 }
 
+RawMessage requestAbout(const char* member, std::uint32_t serial, const std::string& volume) {
+  RawWriter body;
+  const std::size_t entries_at = body.number(0).align(8).size();
+  body.text("KELVANE_VOLUME").signature("s").text(volume);
+  body.align(8).text("KELVANE_AMOUNT").signature("t").number(1, 8);
+  body.align(8).text("KELVANE_URGENCY").signature("i").number(1);
+  body.align(8).text("KELVANE_PURGE_TIMEOUT").signature("i").number(300);
+  body.set(0, static_cast<std::uint32_t>(body.size() - entries_at));
+  RawMessage message = request(member, serial);
+  message.signature = "a{sv}";
+  message.body = body.take();
+  return message;
+}
+
 RawMessage emptyReply(std::uint32_t serial, std::uint32_t to) {
   RawMessage message;
   message.type = 2;

@@ -80,6 +80,14 @@ TEST_F(CentralObject, CopyServicesReturnsASnapshotACheckInAfterTheCopyDoesNotCha
   connection->invalidate();
 }
 
+TEST_F(CentralObject, SnapshotsOfTheServicesAreTakenOnTheQueueThatOwnsThem) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const tests::ScopedEnvironment inside("TMPDIR", directory_.path());  // what the ended leaves
+  const auto it = kelvane();
+  EXPECT_DEATH(dispatch_sync(it->collection_queue(), [&] { static_cast<void>(it->mutableServices()); }),
+               "waiting synchronously for a queue from one of its own items");
+}
+
 TEST_F(CentralObject, WithoutSettingsItGoesOnAndSaysSo) {
   directory_.write("file", "");
   const tests::ScopedEnvironment nowhere("STATE_DIRECTORY", directory_ / "file");

@@ -9,6 +9,7 @@
 
 #include "support/statistics.h"
 #include "tests/daemon/daemon_fixture.h"
+#include "tests/operations/answer.h"
 #include "tests/operations/fake_service.h"
 
 namespace kelvane {
@@ -31,7 +32,13 @@ class LowDisk : public tests::DaemonFixture {
     std::exchange(it_, nullptr)->setListener(nullptr);
     DaemonFixture::TearDown();
   }
-  void event(std::uint64_t flags) { it_->handleVFSStreamXPCEvent({{"_Flags", flags}}); }
+  void event(std::uint64_t flags) { handle({{"_Flags", flags}}); }
+  /// Returns when everything that the event asks for is done.
+  void handle(const Dictionary& event) {
+    tests::Answer<bool> handled;
+    it_->handleVFSStreamXPCEvent(event, [handled]() mutable { handled.come(true); });
+    handled.await();
+  }
   /// The volume of each purge, in order; each is met at once, in its first pass.
   [[nodiscard]] std::vector<std::string> purged() const {
     std::vector<std::string> volumes;
@@ -67,7 +74,7 @@ TEST_F(LowDisk, AnEventWithoutAKnownBitPurgesALowVolumeAndIsCountedUnderNoKey) {
   std::size_t events = 0;
   for (const Dictionary& event : {Dictionary{{"_Flags", 0}}, Dictionary{{"_Flags", 0x8}}, Dictionary{},
                                   Dictionary{{"_Flags", "0x4"}}}) {
-    it_->handleVFSStreamXPCEvent(event);
+    handle(event);
     EXPECT_EQ(purged().size(), ++events) << "one request for each event";
   }
   EXPECT_EQ(log_.count("caught"), 0U);

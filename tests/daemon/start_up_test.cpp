@@ -38,7 +38,8 @@ class StartUp : public tests::DaemonFixture {
     // The handlers that start-up left behind hold the central object.
     awaitCheckIn();
     xpc_activity_register(daily_activity, XPC_ACTIVITY_CHECK_IN, [](const xpc_activity_t&) {});
-    xpc_set_event_stream_handler(vfs_event_stream, dispatch_get_global_queue(0, 0), [](const Dictionary&) {});
+    xpc_set_event_stream_handler(vfs_event_stream, dispatch_get_global_queue(0, 0),
+                                 [](const Dictionary&, Block) {});
     std::signal(SIGTERM, SIG_DFL);
     gTimebaseConversion = 0.0;
     shared_.reset();
@@ -46,6 +47,15 @@ class StartUp : public tests::DaemonFixture {
     DaemonFixture::TearDown();
   }
 
+  /// Delivers the event and waits until it is handled. False when nobody handles that stream.
+  static bool isHandled(const std::string& stream, const Dictionary& event) {
+    tests::Answer<bool> handled;
+    return xpc_post_event(stream, event, [handled]() mutable { handled.come(true); }) && handled.await();
+  }
+  static bool isRun(const std::string& activity) {
+    tests::Answer<bool> over;
+    return xpc_run_activity(activity, [over]() mutable { over.come(true); }) && over.await();
+  }
   /// How many were open when the line that begins so was written.
   [[nodiscard]] std::uint32_t transactionsAt(const std::string& text) const {
     for (const auto& line : log_.lines()) {
@@ -92,8 +102,8 @@ TEST_F(StartUp, TheNotificationIsPostedAfterTheListenerIsResumedAndBothHandlersA
     proxy->clientCancelPurge({}, [answered]() mutable { answered.come(true); });
     connected = answered.await();
     connection->invalidate();
-    event_handled = xpc_post_event("com.orvel.dispatch.vfs", Dictionary{{"_Flags", 4}});
-    activity_run = xpc_run_activity("com.orvel.Kelvane.daily");
+    event_handled = isHandled("com.orvel.dispatch.vfs", Dictionary{{"_Flags", 4}});
+    activity_run = isRun("com.orvel.Kelvane.daily");
     struct sigaction action {};
     ::sigaction(SIGTERM, nullptr, &action);
     terminates = action.sa_handler == sigterm_handler;
@@ -162,7 +172,7 @@ TEST_F(StartUp, TheHandlersOfTheActivityAndOfTheEventStreamAreTransactions) {
   ASSERT_TRUE(startUp(functions_));
   awaitCheckIn();
   handleDailyActivity(std::make_shared<xpc::Activity>(XPC_ACTIVITY_STATE_RUN), shared_);
-  ASSERT_TRUE(xpc_post_event(vfs_event_stream, Dictionary{{"_Flags", 4}}));
+  ASSERT_TRUE(isHandled(vfs_event_stream, Dictionary{{"_Flags", 4}}));
   EXPECT_EQ(transactionsAt("performPeriodicsWithInfo: result"), 1U);
   EXPECT_EQ(transactionsAt("handleVFSStreamXPCEvent: caught VQ_LOWDISK"), 1U);
 }
@@ -233,13 +243,13 @@ TEST_F(Termination, SIGTERMWhileAPurgeIsRunningEndsTheProcessAtOnceWithStatusZer
         const auto it = kelvane();
         tests::FakeService silent("silent");
         dispatch_sync(it->collection_queue(), [&] { it->services()["silent"] = silent.record(); });
-        std::thread purging([&] {
-          it->purge(Dictionary{{KELVANE_VOLUME, "/data"}, {KELVANE_AMOUNT, 5}}, nullptr);
-        });
+        tests::Answer<bool> purged;
+        it->purge(Dictionary{{KELVANE_VOLUME, "/data"}, {KELVANE_AMOUNT, 5}}, nullptr,
+                  [purged](const std::optional<Dictionary>&) mutable { purged.come(true); });
         silent.awaitPurges(1);
         std::signal(SIGTERM, sigterm_handler);
         ::kill(::getpid(), SIGTERM);
-        purging.join();
+        purged.await();
       },
       testing::ExitedWithCode(0), "");
 }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "daemon/low_disk.h"
@@ -26,13 +27,11 @@ constexpr VolumeSpace very_low{1ULL << 29, 1ULL << 41, 0, 0};
 /// Stands for the purge: notes each call, and holds it until the test lets it end.
 class Purge {
  public:
-  std::uint64_t call(std::uint64_t flag) {
-    std::unique_lock lock(mutex_);
+  void call(std::uint64_t flag, VolumeWatcher::Ended ended) {
+    const std::lock_guard lock(mutex_);
     flags_.push_back(flag);
+    ended_ = std::move(ended);
     changed_.notify_all();
-    changed_.wait(lock, [this] { return permitted_ > 0; });
-    --permitted_;
-    return bytes_;
   }
   /// Blocks until so many calls have been made in all, and returns the last one's flag.
   std::uint64_t awaitCall(std::size_t number) {
@@ -42,10 +41,13 @@ class Purge {
     return flags_.back();
   }
   void end(std::uint64_t bytes) {
-    const std::lock_guard lock(mutex_);
-    bytes_ = bytes;
-    ++permitted_;
-    changed_.notify_all();
+    VolumeWatcher::Ended ended;
+    {
+      std::unique_lock lock(mutex_);
+      changed_.wait(lock, [&] { return ended_ != nullptr; });
+      ended.swap(ended_);
+    }
+    ended(bytes);
   }
   std::size_t calls() {
     const std::lock_guard lock(mutex_);
@@ -56,8 +58,7 @@ class Purge {
   std::mutex mutex_;  // guards all below
   std::condition_variable changed_;
   std::vector<std::uint64_t> flags_;
-  std::uint64_t bytes_ = 0;
-  int permitted_ = 0;
+  VolumeWatcher::Ended ended_;  // of the call under way
 };
 
 class Watcher : public testing::Test {
@@ -65,7 +66,9 @@ class Watcher : public testing::Test {
   void start() {
     // What the watcher calls is destroyed with it, on whichever thread lets go of it last.
     const std::shared_ptr<void> alive(nullptr, [gone = gone_](void*) { dispatch_semaphore_signal(gone); });
-    watcher_ = VolumeWatcher::start([this, alive](std::uint64_t flag) { return purge_.call(flag); });
+    watcher_ = VolumeWatcher::start([this, alive](std::uint64_t flag, VolumeWatcher::Ended ended) {
+      purge_.call(flag, std::move(ended));
+    });
   }
   void TearDown() override {
     if (watcher_ == nullptr) return;
@@ -147,9 +150,12 @@ TEST_F(Watcher, ChangesOfTheMountTableSoonAfterOneAnotherAreReadOnce) {
 }
 
 TEST_F(Watcher, GoesOnLookingWhileAPurgeLastsAndMakesOneCallForAllThatRanLowMeanwhile) {
-  volumes_.add("/a", low);
   volumes_.add("/b", plenty);
   start();
+  clock_.awaitWaiterFor(10 * second);
+  clock_.advance(second);
+  volumes_.add("/a", low);
+  watcher_->mountsChanged();
   ASSERT_EQ(purge_.awaitCall(1), VQ_LOWDISK);
   volumes_.setSpace("/b", very_low);
   clock_.awaitWaiterFor(look_again_at_low);  // the next look at "/a"

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/dispatch/queue.h"
+#include "platform/dispatch/suspension.h"
 #include "tests/dispatch/occasion.h"
 
 namespace kelvane {
@@ -53,6 +54,43 @@ TEST(Suspension, LetsTheRunningItemFinish) {
   EXPECT_EQ(next_ran.times(), 0);
   dispatch_resume(queue);
   next_ran.await();
+}
+
+TEST(Suspension, EndsWithAnItemThatRunsBeforeThoseThatWait) {
+  const dispatch_queue_t queue = dispatch_queue_create("continued");
+  std::vector<int> order;
+  Occasion finished;
+  dispatch_async(queue, [&] {
+    auto suspension = std::make_shared<Suspension>(queue);
+    order.push_back(1);
+    dispatch_async(queue, [&] { order.push_back(3); });
+    dispatch_async(dispatch_get_global_queue(0, 0), [&, suspension] {
+      std::thread waiting([&] {
+        dispatch_sync(queue, [&] { order.push_back(4); });
+        finished.happen();
+      });
+      letThePoolWork();
+      suspension->endWith([&] {
+        dispatch_assert_queue(queue);
+        order.push_back(2);
+      });
+      waiting.join();
+    });
+  });
+  finished.await();
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+}
+
+TEST(Suspension, EndsWithAnItemThatWaitsForTheOtherSuspensions) {
+  const dispatch_queue_t queue = dispatch_queue_create("suspended twice");
+  Suspension first(queue);
+  Suspension second(queue);
+  Occasion ran;
+  second.endWith([&] { ran.happen(); });
+  letThePoolWork();
+  EXPECT_EQ(ran.times(), 0);
+  first.endWith([&] { ran.happen(); });
+  ran.await(2);
 }
 
 TEST(Suspension, LetsTheRunningSynchronousItemFinish) {

@@ -105,11 +105,32 @@ TEST_F(PurgeRequests, TwoPurgesSentAtOnceTheSecondStartsOnlyWhenTheFirstHasBeenD
   EXPECT_EQ(order, "begins ends begins ends ");
 }
 
+TEST_F(PurgeRequests, ARefusedPurgeWaitsForItsTurn) {
+  FakeService& it = registered("cache");
+  tests::Answer<FakeService::ResultReply> asked;
+  it.onPurge([asked](const FakeService::Purge&, const FakeService::ResultReply& reply) mutable {
+    asked.come(reply);
+  });
+  const auto first = caller().purge(asking(50));
+  const auto reply = asked.await();
+  const auto refused = caller().purge({{KELVANE_VOLUME, "/elsewhere"}});
+  log_.await("Unable to validate volume: /elsewhere");
+  Caller& other = caller();
+  for (int i = 0; i < 20; ++i) other.cancel({});
+  EXPECT_FALSE(refused.hasCome());
+  reply(Dictionary{{KELVANE_AMOUNT, 50}});
+  EXPECT_EQ(refused.await(), std::nullopt);
+  EXPECT_TRUE(first.await());
+}
+
 TEST_F(PurgeRequests, TheCallbackGetsEveryReplyAndTheResult) {
   giving("cache");
   std::vector<std::optional<Dictionary>> got;
-  const auto result =
-      registry_->purge(asking(50), [&](const std::optional<Dictionary>& each) { got.push_back(each); });
+  DictionaryAnswer finished;
+  registry_->purge(
+      asking(50), [&](const std::optional<Dictionary>& each) { got.push_back(each); },
+      [finished](const std::optional<Dictionary>& result) mutable { finished.come(result); });
+  const auto result = finished.await();
   ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ((*got[0])[KELVANE_AMOUNT], Value(50));
   EXPECT_TRUE(got[0]->contains(KELVANE_ELAPSED_TIME));

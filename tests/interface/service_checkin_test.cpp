@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <chrono>
 #include <thread>
+#include <vector>
 
+#include "platform/dispatch/executor.h"
 #include "platform/wire/account.h"
 #include "tests/interface/interface_fixture.h"
 
@@ -12,7 +15,15 @@ using tests::FakeService;
 
 constexpr const char* not_entitled = "clientCheckin:endpoint:info:reply: Connection is not entitled!";
 
-class Checkin : public tests::InterfaceFixture {};
+class Checkin : public tests::InterfaceFixture {
+ protected:
+  static void readState(Caller& process) {
+    tests::Answer<bool> answer;
+    process.proxy().clientGetState(xpc::Anything{"key"},
+                                   [answer](const Value&) mutable { answer.come(true); });
+    answer.await();
+  }
+};
 
 Dictionary replyFor(const std::string& ID) { return Dictionary{{"KELVANE_ID", ID}, {"ANON", true}}; }
 
@@ -145,6 +156,18 @@ TEST_F(Checkin, ASecondOfALiveServiceWithANewEndpointKeepsTheRecordAndTakesOnlyT
   EXPECT_EQ(first.pings(), 1);
   EXPECT_EQ(second.connectionsOpened(), 0);
   EXPECT_EQ(log_.count(5, "clientCheckin:endpoint:info:reply: operating on an existing service"), 1u);
+}
+
+TEST_F(Checkin, ASecondWithAnEmptyInfoTakesTheFlagsAndTheNamesOfNotificationsAway) {
+  FakeService& it = service("cache");
+  Caller& process = caller();
+  const Dictionary info{{"PURGE", true}, {"PERIODIC", true}, {"KELVANE_NOTIFICATIONS", Array{"n"}}};
+  process.checkIn("cache", it.endpoint(), info).await();
+  EXPECT_TRUE(record("cache")->desiresNotification("n"));
+  process.checkIn("cache", it.endpoint(), {}).await();
+  EXPECT_FALSE(record("cache")->doesPurge());
+  EXPECT_FALSE(record("cache")->doesPeriodic());
+  EXPECT_EQ(record("cache")->desiredNotifications(), std::nullopt);
 }
 
 TEST_F(Checkin, WithAnEmptyInfoTheFlagsAreFalseAndTheReplyIsTheSame) {
@@ -282,21 +305,77 @@ TEST_F(Checkin, WhileAServiceDoesNotAnswerItsPingEveryOtherCheckInWaits) {
   EXPECT_EQ(second.await(), replyFor("well"));
 }
 
+TEST_F(Checkin, AServiceThatDoesNotAnswerItsPingHoldsNoThread) {
+  FakeService& silent = service("silent");
+  tests::Answer<Reply<>> ping;
+  silent.onPing([ping](const Reply<>& reply) mutable { ping.come(reply); });
+  const auto reply = caller().checkIn("silent", silent.endpoint(), {});
+  const auto pong = ping.await();
+  dispatch::Executor::shared().letIdleThreadsGoAfter(std::chrono::milliseconds(1));
+  while (dispatch_statistics().threads > 1) std::this_thread::yield();  // the one that polls
+  EXPECT_FALSE(reply.hasCome());
+  pong();
+  EXPECT_EQ(reply.await(), replyFor("silent"));
+}
+
+TEST_F(Checkin, ASecondThatComesBeforeThePingIsAnsweredWaitsAndItsFlagsCount) {
+  FakeService& it = service("cache");
+  tests::Answer<Reply<>> ping;
+  it.onPing([ping](const Reply<>& reply) mutable { ping.come(reply); });
+  Caller& process = caller();
+  const auto first = process.checkIn("cache", it.endpoint(), Dictionary{{"PURGE", true}});
+  const auto pong = ping.await();
+  const auto second = process.checkIn("cache", it.endpoint(), Dictionary{{"PERIODIC", true}});
+  readState(process);  // the second has been read
+  EXPECT_FALSE(first.hasCome());
+  pong();
+  EXPECT_EQ(second.await(), replyFor("cache"));
+  EXPECT_TRUE(first.hasCome());
+  EXPECT_FALSE(record("cache")->doesPurge());
+  EXPECT_TRUE(record("cache")->doesPeriodic());
+}
+
+TEST_F(Checkin, AServiceThatAnswersItsPingWithAnErrorLosesItsConnectionAndItsRecord) {
+  const auto listener = xpc::Listener::anonymousListener();
+  tests::Answer<bool> closed;
+  listener->setConnectionHandler([closed](const std::shared_ptr<xpc::Connection>& connection) {
+    connection->setInterruptionHandler([closed]() mutable { closed.come(true); });
+    connection->resume();  // exports nothing, so every call is answered with an error
+  });
+  listener->resume();
+  EXPECT_EQ(caller().checkIn("odd", listener->takeEndpoint(), {}).await(), replyFor("odd"));
+  EXPECT_TRUE(closed.await());
+  awaitRemoval("odd");
+  EXPECT_EQ(log_.count(5, "remoteObjectProxyWithErrorHandler error: "), 1u);
+  EXPECT_EQ(log_.count(5, "ping got pong"), 0u);
+  listener->invalidate();
+}
+
 TEST_F(Checkin, PingSaysWhetherTheServiceAnswered) {
   FakeService& it = service("cache");
   const auto connection = xpc::Connection::initWithListenerEndpoint(it.endpoint());
   const auto proxy =
       connection->remoteObjectProxyWithErrorHandler<KelvaneServiceProtocol>([](const xpc::Error&) {});
   connection->resume();
-  EXPECT_TRUE(ClientInterface::pingService(proxy));
+  const auto pong = [&] {
+    tests::Answer<bool> finished;
+    ClientInterface::pingService(proxy, [finished](bool answered) mutable { finished.come(answered); });
+    return finished.await();
+  };
+  EXPECT_TRUE(pong());
   connection->invalidate();
-  EXPECT_FALSE(ClientInterface::pingService(proxy));
+  EXPECT_FALSE(pong());
 }
 
 // --- notifications ---
 
 class Notification : public tests::InterfaceFixture {
  protected:
+  /// Until everything that was posted so far is sent to those that want it.
+  void awaitNotificationsSent() {
+    dispatch_sync(registry_->collection_queue(), [] {});
+    dispatch_sync(registry_->notify_queue(), [] {});
+  }
   FakeService& wanting(const std::string& ID, const std::set<std::string>& names) {
     FakeService& it = registered(ID);
     record(ID)->setDesiredNotifications(names);
@@ -308,7 +387,7 @@ TEST_F(Notification, WhoseNameNoServiceWantsOpensNoConnection) {
   FakeService& other = wanting("other", {"another"});
   FakeService& none = registered("none");
   registry_->notifyRecipients("name", 5);
-  dispatch_sync(registry_->notify_queue(), [] {});
+  awaitNotificationsSent();
   EXPECT_EQ(other.connectionsOpened(), 0);
   EXPECT_EQ(none.connectionsOpened(), 0);
   EXPECT_EQ(log_.count("serviceID: "), 0u);  // written before a connection could be noticed
@@ -347,19 +426,39 @@ TEST_F(Notification, ThatCannotBeDeliveredIsLoggedAndDropped) {
   log_.await("notifyRecipients:value: connection invalidated");
 }
 
-TEST_F(Notification, ToAServiceThatAnswersNoneHasABoundedNumberUnderWayAndThenGetsTheNewest) {
+TEST_F(Notification, ToAServiceThatAnswersNoneTakesOneConnectionAndThenTheOthersComeInTheirOrder) {
   FakeService& it = registered("silent");
   it.answersNotifications(false);
   record("silent")->setDesiredNotifications(std::set<std::string>{"name"});
-  constexpr unsigned most = NotificationOutbox::most_under_way;
-  for (unsigned i = 1; i <= most + 5; ++i) registry_->notifyRecipients("name", i);
-  it.awaitNotifications(most);
-  dispatch_sync(registry_->notify_queue(), [] {});
-  EXPECT_EQ(it.connectionsOpened(), static_cast<int>(most));
+  constexpr unsigned kept = NotificationOutbox::most_waiting + 1;
+  for (unsigned i = 1; i <= kept + 5; ++i) registry_->notifyRecipients("name", i);
+  it.awaitNotifications(1);
+  awaitNotificationsSent();
+  EXPECT_EQ(it.connectionsOpened(), 1);
   it.answersNotifications(true);
   it.answerKeptNotification();
-  it.awaitNotifications(most + 1);
-  EXPECT_EQ(it.notifications().back(), (Dictionary{{"name", most + 5}}));
+  it.awaitNotifications(kept);
+  std::vector<Dictionary> expected;
+  for (unsigned i = 1; i < kept; ++i) expected.push_back({{"name", i}});
+  expected.push_back({{"name", kept + 5}});
+  EXPECT_EQ(it.notifications(), expected);
+}
+
+TEST_F(Notification, IsPostedAndAnsweredToItsWriterWhileTheRegistryWaitsForAService) {
+  FakeService& it = wanting("cache", {KELVANE_CACHE_ENABLED});
+  FakeService& silent = service("silent");
+  tests::Answer<Reply<>> ping;
+  silent.onPing([ping](const Reply<>& reply) mutable { ping.come(reply); });
+  const auto checked_in = caller().checkIn("silent", silent.endpoint(), {});
+  const auto pong = ping.await();
+  tests::Answer<bool> written;
+  caller().proxy().clientSetState(false, KELVANE_CACHE_ENABLED, [written]() mutable { written.come(true); });
+  EXPECT_TRUE(written.await());
+  EXPECT_FALSE(checked_in.hasCome());
+  EXPECT_EQ(it.connectionsOpened(), 0);
+  pong();
+  it.awaitNotifications(1);
+  EXPECT_EQ(it.notifications().at(0), (Dictionary{{KELVANE_CACHE_ENABLED, false}}));
 }
 
 }  // namespace

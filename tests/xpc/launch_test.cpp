@@ -114,10 +114,13 @@ TEST_F(LaunchSocket, PostsAnEventOnTheQueueOfItsHandler) {
   const dispatch_queue_t queue = dispatch_queue_create("com.example.events");
   std::mutex mutex;
   Dictionary seen;
-  xpc_set_event_stream_handler("com.example.stream", queue, [&](const Dictionary& event) {
+  xpc_set_event_stream_handler("com.example.stream", queue, [&](const Dictionary& event, Block handled) {
     dispatch_assert_queue(queue);
-    const std::scoped_lock lock(mutex);
-    seen = event;
+    {
+      const std::scoped_lock lock(mutex);
+      seen = event;
+    }
+    handled();
   });
   const ProgramResult busctl = busctlCall("PostEvent 'sa{sv}' com.example.stream 2 Name s space Level i 3");
   EXPECT_EQ(busctl.status, 0) << busctl.output;
