@@ -51,11 +51,17 @@ struct DescriptorFile {
   std::optional<PropertyListResult> list{};
 };
 
-/// The property list in the file; with nothing, why.
+/// As `propertyListWithData`, with the file's name in the error.
+PropertyListResult propertyListOf(const std::string& path, const Data::Bytes& bytes) {
+  PropertyListResult list = propertyListWithData(bytes);
+  if (list.error) list.error = path + ": " + *list.error;
+  return list;
+}
+
 PropertyListResult readPropertyList(const std::string& path) {
   WholeFile file = readWholeFile(path, PropertyListLimits().bytes);
   if (file.error) return {Value(), std::move(file.error)};
-  return propertyListWithData(file.bytes);
+  return propertyListOf(path, file.bytes);
 }
 
 std::vector<DescriptorFile> nextFiles(DirectoryEnumerator& enumerator, const std::string& directory) {
@@ -75,7 +81,7 @@ std::optional<PropertyListResult> readSmall(const std::string& path) {
   const bool is_binary =
       file.bytes.size() >= binary.size() && std::equal(binary.begin(), binary.end(), file.bytes.begin());
   if (file.error || is_binary) return std::nullopt;
-  return propertyListWithData(file.bytes);
+  return propertyListOf(path, file.bytes);
 }
 
 /// By two threads where that pays: with a thousand files this is most of the start.

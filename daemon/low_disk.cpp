@@ -4,6 +4,8 @@
 #include <unistd.h>
 #include <optional>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include "common/keys.h"
@@ -28,6 +30,15 @@ struct Condition {
   const char* statistic = nullptr;  // null for an event of no known condition
   Volumes volumes;
 };
+
+/// An integer from 0 on, whichever type it was sent as. Anything else has no unsigned 64-bit value and counts
+/// as missing.
+std::uint64_t flagsOf(const Dictionary& event) {
+  const Value::Held& held = event["_Flags"].held();
+  if (const auto* flags = std::get_if<std::uint64_t>(&held)) return *flags;
+  const auto* flags = std::get_if<std::int64_t>(&held);
+  return flags != nullptr && *flags > 0 ? static_cast<std::uint64_t>(*flags) : 0;
+}
 
 Condition conditionOf(std::uint64_t flags) {
   if ((flags & VQ_LOWDISK) != 0) {
@@ -66,7 +77,7 @@ struct Kelvane::EventPurges {
 };
 
 void Kelvane::handleVFSStreamXPCEvent(const Dictionary& event, Block handled) {
-  Condition condition = conditionOf(event["_Flags"].unsignedLongLongValue());
+  Condition condition = conditionOf(flagsOf(event));
   if (!condition.volumes || condition.volumes->empty()) {
     KVLog(5, "%s No volumes report low disk space, skipping purge", selector);
     handled();

@@ -1,32 +1,36 @@
 #pragma once
 
 #include <dirent.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace kelvane {
 
-/// Walks everything below a directory: each entry at any depth whatever its name, folders included, as a path
-/// relative to the directory. The entries of one folder come in the order of their names' bytes, a folder
-/// right before its contents, so two walks of one tree are the same.
+/// Walks everything below a directory: each entry at any depth whatever its name, subdirectories included, as
+/// a path relative to the directory. The entries of one directory come in the order of their names' bytes, a
+/// subdirectory right before its contents, so two walks of one tree are the same.
 ///
-/// Symbolic links below the directory are reported and never followed, so the walk cannot loop or leave; the
-/// directory itself may be reached through one. A missing or unreadable directory yields nothing, an
-/// unreadable folder only itself. A folder deeper than the depth limit is reported but not entered. What
-/// changes during the walk may or may not be seen.
+/// Symbolic links below the directory are reported and never followed; the directory itself may be reached
+/// through one. A directory that the walk is already in is reported and not entered again, so bind mounts
+/// cannot make the walk endless. A missing or unreadable directory yields nothing, an unreadable subdirectory
+/// only itself. What changes during the walk may or may not be seen.
 ///
-/// Holds one open directory for each level it is in. Used by one thread at a time; throws nothing of its own.
+/// Neither the depth of the tree nor the length of its paths is limited: each directory is opened relative to
+/// the one above. Only the innermost directories stay open; one further out is opened again, as "..", when
+/// the walk is back there. Used by one thread at a time; throws nothing of its own.
 class DirectoryEnumerator {
  public:
-  static constexpr std::size_t depth_limit = 64;
+  static constexpr std::size_t most_open = 32;
 
-  explicit DirectoryEnumerator(const std::string& directory, std::size_t depth = depth_limit);
+  explicit DirectoryEnumerator(const std::string& directory);
 
   /// The next entry, or none when the walk is over.
   [[nodiscard]] std::optional<std::string> next();
@@ -36,24 +40,29 @@ class DirectoryEnumerator {
     void operator()(DIR* directory) const { ::closedir(directory); }
   };
   using Directory = std::unique_ptr<DIR, Close>;
+  using Identity = std::pair<dev_t, ino_t>;
   struct Entry {
     std::string name;
     bool may_be_directory;  // the file system need not say
   };
   struct Level {
-    Directory directory;
-    std::string prefix;  // of its entries: empty, or a path that ends in a slash
+    Directory directory;  // null while closed, or for good if it could not be opened again
+    Identity identity;
+    std::size_t prefix_size;  // of its entries' paths
     std::vector<Entry> entries;
     std::size_t next;
   };
 
-  static Directory open(int parent, const std::string& name, int follow);
+  static Directory open(int parent, const char* name, int follow);
+  static std::optional<Identity> identityOf(DIR* directory);
   static std::vector<Entry> entriesOf(DIR* directory);
-  void enter(Directory directory, std::string prefix);
+  void enter(Directory directory);
+  void leave();
 
   // Only the thread that uses the object.
-  const std::size_t depth_;
+  std::string path_;  // to the entries of the innermost level: empty, or ends in a slash
   std::vector<Level> levels_;
+  std::set<Identity> entered_;  // the directories of levels_
 };
 
 /// Calls `handler` with each entry that a DirectoryEnumerator of `directory` gives.

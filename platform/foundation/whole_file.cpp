@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "platform/foundation/file_descriptor.h"
+#include "platform/foundation/long_path.h"
 
 namespace kelvane {
 namespace {
@@ -63,11 +64,15 @@ WholeFile readOpened(int file, std::size_t size, const std::string& path, std::s
 
 WholeFile readWholeFile(const std::string& path, std::size_t cap) {
   if (path.find('\0') != std::string::npos) return failed(path, "holds a NUL byte in its name");
+  const auto reachable = reachablePath(path);
+  if (!reachable) return failedBySystem(path);
+  const int at = reachable->at();
+  const char* const rest = reachable->rest.c_str();
   struct stat status {};
   // Asked before opening too: opening alone already disturbs some devices and the writer of a FIFO.
-  if (::stat(path.c_str(), &status) != 0) return failedBySystem(path);
+  if (::fstatat(at, rest, &status, 0) != 0) return failedBySystem(path);
   if (!S_ISREG(status.st_mode)) return failed(path, kindOf(status.st_mode));
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  const FileDescriptor file(::openat(at, rest, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   if (!file || ::fstat(file.get(), &status) != 0) return failedBySystem(path);
   if (!S_ISREG(status.st_mode)) return failed(path, kindOf(status.st_mode));
   const auto size = static_cast<std::size_t>(status.st_size);

@@ -3,11 +3,13 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <algorithm>
+#include <climits>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "tests/daemon/daemon_fixture.h"
+#include "tests/foundation/deep_directories.h"
 
 namespace kelvane {
 namespace {
@@ -174,6 +176,21 @@ TEST_F(Descriptors, OneInANestedSubdirectoryIsFoundAndUsed) {
                                    "/System/Library/Kelvane//deep/er/one"));
 }
 
+TEST_F(Descriptors, One200DirectoriesDeepIsFoundAndUsed) {
+  makeFolder();
+  const std::string list = propertyListXML(Dictionary{{KELVANE_ID, "deepest"}}).xml;
+  int level = 0;
+  const std::string deep = test::makeDeepDirectories(directory_ / system_folder, "directory-with-a-long-name",
+                                                     200, [&](int directory) {
+                                                       if (++level == 200)
+                                                         test::writeFileAt(directory, "one.plist", list);
+                                                     });
+  ASSERT_GT(deep.size(), std::size_t{PATH_MAX});
+  EXPECT_TRUE(kelvane()->copyServices().contains("deepest"));
+  EXPECT_EQ(log_.count(3, failed), 200U) << "each of the directories is no property list";
+  EXPECT_TRUE(log_.contains(5, "looking at: " + path("") + "/" + deep + "/one.plist"));
+}
+
 TEST_F(Descriptors, AMissingDirectoryRegistersNothingAndLogsNothing) {
   const auto it = kelvane();
   EXPECT_TRUE(it->copyServices().empty());
@@ -194,6 +211,23 @@ TEST_F(Descriptors, ABinaryOneIsRead) {
 }
 
 // --- what is none ---
+
+TEST_F(Descriptors, TheReasonNamesTheFileWhateverIsWrongWithIt) {
+  const std::string whole =
+      propertyListXML(Dictionary{{KELVANE_ID, "a"}, {"more", std::string(20'000, 'x')}}).xml;
+  directory_.write(systemFile("a-text"), "these are the services");
+  directory_.write(systemFile("b-empty"), "");
+  directory_.write(systemFile("c-binary"), "bplist00");
+  directory_.write(systemFile("d-large"), whole.substr(0, whole.size() - 10));  // not read ahead
+  directory_.write(systemFile("e-larger"), std::string(std::size_t{5} << 20, ' '));
+  std::filesystem::create_symlink("nowhere", path("f-dangling"));
+  std::filesystem::create_directories(path("g-directory"));
+  EXPECT_TRUE(kelvane()->copyServices().empty());
+  for (const char* name :
+       {"a-text", "b-empty", "c-binary", "d-large", "e-larger", "f-dangling", "g-directory"})
+    EXPECT_EQ(log_.count(3, failed + path("/") + name + ": "), 1U) << name;
+  EXPECT_EQ(log_.count(3, ""), 7U);
+}
 
 TEST_F(Descriptors, ATextFileIsSkippedWithOneLevelThreeLineAndTheScanGoesOn) {
   directory_.write(systemFile("a.txt"), "these are the services:\nnone\n");

@@ -82,6 +82,26 @@ TEST_F(LowDisk, AnEventWithoutAKnownBitPurgesALowVolumeAndIsCountedUnderNoKey) {
     EXPECT_TRUE(!key.empty() && !key.starts_with("KV_")) << key;
 }
 
+TEST_F(LowDisk, FlagsThatAreNoUnsignedIntegerCountAsMissing) {
+  volumes_.add("/data", low);
+  const Value none[] = {-1,       std::int64_t{-4},          4.0,    1e30, "4", true,
+                        Array{4}, Dictionary{{"_Flags", 4}}, Date{4}};
+  std::size_t events = 0;
+  for (const Value& flags : none) {
+    it_->handleVFSStreamXPCEvent({{"_Flags", flags}});
+    EXPECT_EQ(purged().size(), ++events) << flags.description();
+  }
+  EXPECT_EQ(log_.count("caught"), 0U);
+}
+
+TEST_F(LowDisk, FlagsAreAnIntegerOfAnyTypeThatIsNotNegative) {
+  volumes_.add("/data", low);
+  const Value all[] = {std::uint8_t{4}, std::int64_t{4}, std::uint64_t{4},
+                       std::uint64_t{0x8000'0000'0000'0004}};
+  for (const Value& flags : all) it_->handleVFSStreamXPCEvent({{"_Flags", flags}});
+  EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 4);
+}
+
 TEST_F(LowDisk, WithoutALowVolumeNothingIsPurgedAndNothingCounted) {
   volumes_.add("/data");
   event(low_disk);
@@ -101,6 +121,25 @@ TEST_F(LowDisk, TwoLowVolumesMakeTwoRequestsInTheirOrderEachFor250MiBWithATimeou
     EXPECT_EQ(purge.info[KELVANE_PURGE_TIMEOUT], Value(300));
     EXPECT_EQ(purge.info[KELVANE_ASYNC], Value(true));
   }
+  EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 1);
+}
+
+TEST_F(LowDisk, VolumesArePurgedInTheOrderOfTheMountTableWhateverTheirNames) {
+  for (const char* volume : {"/m", "/z", "/a", "/k"}) volumes_.add(volume, low);
+  event(low_disk);
+  EXPECT_EQ(purged(), (std::vector<std::string>{"/m", "/z", "/a", "/k"}));
+}
+
+TEST_F(LowDisk, AnEventIsCountedWhenItsLastPurgeIsOver) {
+  volumes_.add("/one", low);
+  volumes_.add("/two", low);
+  std::vector<std::int64_t> counted_meanwhile;
+  service_->purges([&](std::uint64_t asked) {
+    counted_meanwhile.push_back(counted("KV_LOWDISK_EVENT"));
+    return asked;
+  });
+  event(low_disk);
+  EXPECT_EQ(counted_meanwhile, (std::vector<std::int64_t>{0, 0}));
   EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 1);
 }
 
@@ -126,9 +165,18 @@ TEST_F(LowDisk, AQuotaEventPurgesTheVolumesOnWhichTheDaemonsUserIsOverQuota) {
   volumes_.setOverQuota(std::vector<std::string>{"/data"});
   event(quota);
   EXPECT_EQ(purged(), std::vector<std::string>{"/data"});
-  EXPECT_EQ(volumes_.askedFor(), ::getuid());
   EXPECT_EQ(log_.count(3, "handleVFSStreamXPCEvent: caught VFS_QUOTA"), 1U);
   EXPECT_EQ(counted("KV_VFS_QUOTA_EVENT"), 1);
+}
+
+TEST_F(LowDisk, AQuotaEventAsksForTheQuotaOfTheUserThatTheDaemonRunsAs) {
+  event(quota);
+  EXPECT_EQ(volumes_.askedFor(), ::getuid());
+  if (::geteuid() != 0) return;  // not root, so it was not root's quota
+  ASSERT_EQ(::setreuid(12345, 0), 0);
+  event(quota);
+  ASSERT_EQ(::setreuid(0, 0), 0);
+  EXPECT_EQ(volumes_.askedFor(), 12345U);
 }
 
 TEST_F(LowDisk, AQuotaEventWhoseQueryIsEmptyDoesNotFallBackToTheLowVolumes) {

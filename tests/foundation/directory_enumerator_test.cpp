@@ -3,12 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "tests/foundation/deep_directories.h"
 #include "tests/foundation/temporary_directory.h"
 
 namespace kelvane {
@@ -94,17 +98,59 @@ TEST_F(DirectoryEnumeratorTest, AnUnreadableFolderIsPassedOver) {
   EXPECT_EQ(paths, (Paths{"closed", "open", "open/file"}));
 }
 
-TEST_F(DirectoryEnumeratorTest, AFolderBeyondTheDepthLimitIsReportedAndNotEntered) {
-  directory_.write("1/2/3/4", "");
-  DirectoryEnumerator enumerator(directory_.path(), 2);
-  Paths paths;
-  while (const auto entry = enumerator.next()) paths.push_back(*entry);
-  EXPECT_EQ(paths, (Paths{"1", "1/2"}));
+std::size_t openDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
 
-  std::string deep = directory_ / "deep";
-  for (int level = 0; level < 100; ++level) deep += "/d";
-  std::filesystem::create_directories(deep);
-  EXPECT_EQ(walk(directory_ / "deep").size(), DirectoryEnumerator::depth_limit);
+TEST_F(DirectoryEnumeratorTest, NeitherDepthNorTheLengthOfAPathEndsAWalk) {
+  const std::string name(100, 'd');
+  const std::string deepest = test::makeDeepDirectories(directory_.path(), name, 200, [](int directory) {
+    test::writeFileAt(directory, "a", "");
+    test::writeFileAt(test::makeDirectoryAt(directory, "z").get(), "file", "");
+  });
+  ASSERT_GT(deepest.size(), std::size_t{PATH_MAX});
+  const Paths paths = walk(directory_.path());
+  Paths expected;
+  std::string path;
+  for (int level = 0; level < 200; ++level) {
+    path += (level == 0 ? "" : "/") + name;
+    expected.insert(expected.end(), {path, path + "/a"});
+  }
+  for (; !path.empty(); path.resize(path.size() > name.size() ? path.size() - name.size() - 1 : 0))
+    expected.insert(expected.end(), {path + "/z", path + "/z/file"});
+  EXPECT_EQ(paths, expected);
+}
+
+TEST_F(DirectoryEnumeratorTest, ADeepWalkHoldsAFewDescriptorsOnly) {
+  test::makeDeepDirectories(directory_.path(), "d", 200,
+                            [](int directory) { test::makeDirectoryAt(directory, "z"); });
+  const std::size_t before = openDescriptors();
+  std::size_t most = 0;
+  std::size_t entries = 0;
+  enumerateDirectory(directory_.path(), [&](const std::string&) {
+    most = std::max(most, openDescriptors() - before);
+    ++entries;
+  });
+  EXPECT_EQ(entries, 400U);
+  EXPECT_EQ(most, DirectoryEnumerator::most_open);
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(DirectoryEnumeratorTest, AWalkWhoseDirectoryIsMovedAwayDoesNotLeaveItsTree) {
+  directory_.write("other/z/not in the tree", "");
+  std::filesystem::create_directories(directory_ / "tree/z");
+  const std::string deepest = test::makeDeepDirectories(
+      directory_ / "tree", "d", 100, [](int directory) { test::makeDirectoryAt(directory, "z"); });
+  const std::string tenth = "d/d/d/d/d/d/d/d/d/d";
+  Paths paths;
+  enumerateDirectory(directory_ / "tree", [&](const std::string& path) {
+    if (path == deepest) std::filesystem::rename(directory_ / "tree/" + tenth, directory_ / "other/d");
+    paths.push_back(path);
+  });
+  EXPECT_EQ(paths.size(), 201U);  // each with its own name, whether it could be entered or not
+  EXPECT_EQ(paths.back(), "z");
+  for (const std::string& path : paths) EXPECT_EQ(path.find("not in"), std::string::npos) << path;
 }
 
 TEST_F(DirectoryEnumeratorTest, AFolderRemovedDuringTheWalkEndsItsPartOnly) {

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -13,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/file_descriptor.h"
+#include "tests/foundation/deep_directories.h"
 #include "tests/foundation/temporary_directory.h"
 
 namespace kelvane {
@@ -107,6 +109,24 @@ TEST_F(WholeFileTest, AMissingFileAndADanglingLinkAreErrors) {
   expectError(directory_ / "missing", "No such file or directory");
   std::filesystem::create_symlink("missing", directory_ / "link");
   expectError(directory_ / "link", "No such file or directory");
+}
+
+TEST_F(WholeFileTest, APathMayBeLongerThanTheKernelTakesAtOnce) {
+  const std::string deep =
+      test::makeDeepDirectories(directory_.path(), std::string(250, 'd'), 40,
+                                [](int directory) { test::writeFileAt(directory, "file", "content"); });
+  ASSERT_GT(deep.size(), std::size_t{2 * PATH_MAX});
+  const std::string path = directory_ / deep;
+  EXPECT_EQ(textOf(readWholeFile(path + "/file", cap)), "content");
+  EXPECT_EQ(textOf(readWholeFile(path + "//file", cap)), "content");
+  expectError(path, "is a directory, not a regular file");
+  expectError(path + "/missing", "No such file or directory");
+  expectError(directory_ / "missing/" + deep + "/file", "No such file or directory");
+}
+
+TEST_F(WholeFileTest, ANameLongerThanAnyFileCanHaveIsAnError) {
+  expectError("/" + std::string(2 * PATH_MAX, 'x'), "File name too long");
+  expectError(directory_ / std::string(2 * PATH_MAX, 'x'), "File name too long");
 }
 
 TEST_F(WholeFileTest, APathWithANULIsAnErrorAndNotCutShort) {

@@ -46,8 +46,8 @@ class FakeVolumes final : public VolumeSource {
     const std::lock_guard lock(mutex_);
     return times_read_;
   }
-  /// The user whose quotas were last asked for.
-  [[nodiscard]] uid_t askedFor() const {
+  /// The user whose quotas were last asked for, if any.
+  [[nodiscard]] std::optional<uid_t> askedFor() const {
     const std::lock_guard lock(mutex_);
     return asked_for_;
   }
@@ -78,7 +78,7 @@ class FakeVolumes final : public VolumeSource {
   std::uint64_t generation_ = 1;
   std::map<std::string, std::optional<VolumeSpace>> spaces_;
   std::optional<std::vector<std::string>> over_quota_;
-  uid_t asked_for_ = 0;
+  std::optional<uid_t> asked_for_;
   int times_read_ = 0;
 };
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -39,8 +40,10 @@ TEST(Lifecycle, SigtermWhileAPurgeIsRunningEndsTheProcessAtOnceWithStatusZero) {
   Client client(daemon);
   client.startPurge({{KELVANE_VOLUME, volume.path()}, {KELVANE_AMOUNT, 4096}, {KELVANE_PURGE_TIMEOUT, 300}});
   ASSERT_TRUE(service.printed("asked 1 4096"));
+  const auto signalled = std::chrono::steady_clock::now();
   daemon.process().signal(SIGTERM);
   const int status = daemon.process().wait();
+  EXPECT_LT(std::chrono::steady_clock::now() - signalled, std::chrono::seconds(2));
   EXPECT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_FALSE(client.finishPurge());
