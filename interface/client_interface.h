@@ -114,7 +114,9 @@ class ClientInterface : public KelvaneClientProtocol,
   void takeTurn(Block item);
   void answerState(const Value& value, const Reply<Value>& reply, uid_t user);
   [[nodiscard]] std::string excessOfState(const Value& value, const std::string& key, uid_t user) const;
-  void store(const Value& value, const std::string& key);
+  [[nodiscard]] std::string store(const Value& value, const std::string& key);
+  [[nodiscard]] Value storedState();
+  void sayNotices();
   [[nodiscard]] StateObject unarchived(const Data& archive);
 
   Turns turns_;  // at defaults_queue
