@@ -6,6 +6,7 @@
 
 #include "common/keys.h"
 #include "daemon/descriptor.h"
+#include "interface/limits.h"
 #include "operations/periodic_operation.h"
 #include "platform/dispatch/once.h"
 #include "platform/foundation/user_defaults.h"
@@ -47,14 +48,26 @@ void Kelvane::fill(const Environment& environment) {
   default_values_ = Dictionary{{KELVANE_CACHE_ENABLED, true}};
   openUserDefaults(environment.settings_directory);
   createQueues();
+  // The first time this takes longer than all else here.
+  if (user_defaults_ != nullptr)
+    dispatch_async(defaults_queue_, [defaults = user_defaults_] { defaults->keepRoom(); });
   readDescriptors({system_descriptors, environment.internal_descriptors});
   openListener();
 }
 
 void Kelvane::openUserDefaults(const std::string& directory) {
-  user_defaults_ =
-      UserDefaults::initWithSuiteName(kelvane_domain, directory, {{KELVANE_RECENT_SERVICE_STATS}, {}});
-  if (user_defaults_ == nullptr) KVLog(3, "%s Unable to initialize user defaults!", init_selector);
+  std::string reason;
+  user_defaults_ = UserDefaults::initWithSuiteName(
+      kelvane_domain, directory,
+      {.recreatable = {KELVANE_RECENT_SERVICE_STATS}, .vfs = {}, .room = {state_file_room, state_log_room}},
+      &reason);
+  if (user_defaults_ == nullptr) {
+    KVLog(3, "%s Unable to initialize user defaults!", init_selector);
+    KVLog(3, "%s state file %s", init_selector, reason.c_str());
+    return;
+  }
+  for (const std::string& notice : user_defaults_->takeNotices())
+    KVLog(3, "%s state file %s", init_selector, notice.c_str());
 }
 
 void Kelvane::createQueues() {

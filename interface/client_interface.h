@@ -117,7 +117,9 @@ class ClientInterface : public KelvaneClientProtocol,
   void takeTurn(Block item);
   void answerState(const Value& value, const Reply<Value>& reply, uid_t user);
   [[nodiscard]] std::string excessOfState(const Value& value, const std::string& key, uid_t user) const;
-  void store(const Value& value, const std::string& key);
+  [[nodiscard]] std::string store(const Value& value, const std::string& key);
+  [[nodiscard]] Value storedState();
+  void sayNotices();
   [[nodiscard]] StateObject unarchived(const Data& archive);
 
   // Purges are prepared here, one at a time, so that they run in the order of their requests.

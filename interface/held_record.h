@@ -17,20 +17,22 @@ class HeldRecord {
  public:
   /// Holds what is to be written.
   void hold(std::shared_ptr<KelvaneRecentInfo> record) {
-    *this = {};
     record_ = std::move(record);
-    unwritten_ = true;
+    if (copy_ == Copy::current) copy_ = Copy::outdated;
   }
 
-  [[nodiscard]] bool isUnwritten() const { return unwritten_; }
+  [[nodiscard]] bool isUnwritten() const { return copy_ != Copy::current; }
   [[nodiscard]] const std::shared_ptr<KelvaneRecentInfo>& record() const { return record_; }
 
-  /// Its archive, which is to be written now.
-  [[nodiscard]] Data takeArchive() {
-    unwritten_ = false;
+  /// What is to be written, of a record that is unwritten.
+  [[nodiscard]] const Data& archive() {
     archive_ = archivedData(*record_);
     return archive_;
   }
+  void noteWritten() { copy_ = Copy::current; }
+  /// That it could not be written; whether this is news.
+  [[nodiscard]] bool noteRefused() { return std::exchange(copy_, Copy::refused) != Copy::refused; }
+
   /// The record of this archive; null when it is none.
   [[nodiscard]] std::shared_ptr<KelvaneRecentInfo> unarchived(const Data& archive) {
     if (record_ == nullptr || !(archive == archive_)) {
@@ -41,9 +43,11 @@ class HeldRecord {
   }
 
  private:
+  enum class Copy { current, outdated, refused };  // the one in the file; refused: it could not be replaced
+
   std::shared_ptr<KelvaneRecentInfo> record_;
   Data archive_;  // of the record, when it is written
-  bool unwritten_ = false;
+  Copy copy_ = Copy::current;
 };
 
 }  // namespace kelvane

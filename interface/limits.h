@@ -5,6 +5,7 @@
 // (platform/foundation/footprint.h), in bytes.
 
 #include <cstddef>
+#include <cstdint>
 
 namespace kelvane {
 
@@ -16,6 +17,11 @@ inline constexpr std::size_t largest_state_entry = std::size_t{1} << 20;
 /// The whole state. A privileged user can still write after an ordinary one has filled it.
 inline constexpr std::size_t largest_state = std::size_t{16} << 20;
 inline constexpr std::size_t largest_privileged_state = std::size_t{20} << 20;
+
+/// What the state keeps of its volume beforehand. The log takes what is written between two checkpoints, and
+/// the largest value twice, since what it replaces is overwritten.
+inline constexpr std::int64_t state_file_room = std::int64_t{32} << 20;
+inline constexpr std::int64_t state_log_room = std::int64_t{8} << 20;
 
 /// Values up to this size are answered on the state's queue; larger ones would delay other users.
 inline constexpr std::size_t small_answer = std::size_t{16} << 10;

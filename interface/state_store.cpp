@@ -1,9 +1,10 @@
 // The persistent state: one dictionary of the settings suite, in which clients and the daemon's own parts
 // keep values under keys. What was never stored is read from the built-in defaults.
 //
-// A store that could not be opened holds nothing: what is written is dropped, what is read is the default. A
-// stored object that is no dictionary is somebody else's; reading leaves it alone, and the first write starts
-// the state anew in its place.
+// A write is acknowledged when it is in the file. One that cannot be, as on a full volume without room left
+// or when the store could not be opened, changes nothing: the caller gets an error, and a line says so. Of a
+// store that could not be opened the defaults are read. A stored object that is no dictionary is somebody
+// else's; reading leaves it alone, and the first write starts the state anew in its place.
 //
 // The recent-info record is the one value that the daemon changes many times a second. It stays an object in
 // memory while only the daemon uses it. Whoever else reads or writes the state has it written first, so
@@ -25,6 +26,7 @@
 #include "platform/foundation/user_defaults.h"
 #include "platform/xpc/wire.h"
 #include "support/log.h"
+#include "support/statistics.h"
 
 namespace kelvane {
 namespace {
@@ -33,12 +35,6 @@ constexpr const char* get_selector = "_clientGetState:replyBlock:";
 constexpr const char* get_sync_selector = "clientGetStateSync:";
 constexpr const char* set_selector = "_clientSetState:key:replyBlock:";
 constexpr const char* set_sync_selector = "clientSetStateSync:key:";
-
-Value storedState(const std::shared_ptr<UserDefaults>& defaults) {
-  if (defaults == nullptr) return {};
-  defaults->synchronize();
-  return defaults->objectForKey(KELVANE_USER_DEFAULTS);
-}
 
 // Whoever reads the whole state gets every value in one more dictionary.
 constexpr std::size_t most_nested = xpc::most_nested - 1;
@@ -77,8 +73,15 @@ std::size_t entrySize(const std::string& key, const Value& value) {
   return value.isNothing() ? 0 : foundation::entry_footprint + key.size() + foundation::footprint(value);
 }
 
+/// Why the state cannot have a value of this form, whoever writes it; empty when it can.
+std::string misfit(const Value& value) {
+  if (!value.nestsDeeperThan(most_nested)) return {};
+  return fmt::format("the value nests deeper than {} arrays and dictionaries", most_nested);
+}
+
 /// Why no user may store this; empty when it may.
 std::string excessOf(const std::string& key, const Value& value) {
+  if (std::string why = misfit(value); !why.empty()) return why;
   const std::size_t size = entrySize(key, value);
   if (size <= largest_state_entry) return {};
   return fmt::format("the value and its key take {} bytes of memory: expected at most {}", size,
@@ -86,6 +89,11 @@ std::string excessOf(const std::string& key, const Value& value) {
 }
 
 bool isPrivileged(uid_t user) { return user == 0 || user == ::geteuid(); }
+
+void noteNotKept(const std::string& key, const std::string& why) {
+  KVLog(3, "%s unable to keep the value for key: %@: %s", set_selector, Value(key), why.c_str());
+  addReportStat(kelvane_domain, "KV_STATE_NOT_KEPT", 1);
+}
 
 /// Already signalled when it comes here, since reads and writes answer before they return.
 void awaitAnswer(const dispatch_semaphore_t& semaphore, const char* selector) {
@@ -138,10 +146,10 @@ void ClientInterface::answerState(const Value& value, const Reply<Value>& reply,
 /// Why the state cannot take this value from that user; empty when it can. Making it smaller is always
 /// possible.
 std::string ClientInterface::excessOfState(const Value& value, const std::string& key, uid_t user) const {
+  if (userDefaults() == nullptr) return {};
   const std::size_t most = isPrivileged(user) ? largest_privileged_state : largest_state;
-  const Value stored =
-      userDefaults() != nullptr ? userDefaults()->objectForKey(KELVANE_USER_DEFAULTS) : Value();
-  const std::size_t before = foundation::footprint(stored);
+  const Value stored = userDefaults()->objectForKey(KELVANE_USER_DEFAULTS);
+  const std::size_t before = userDefaults()->footprintOf(KELVANE_USER_DEFAULTS);
   const std::size_t replaced = stored.isDictionary() ? entrySize(key, (*stored.dictionary())[key]) : before;
   const std::size_t added = entrySize(key, value);
   if (added <= replaced || before - replaced + added <= most) return {};
@@ -153,31 +161,49 @@ void ClientInterface::_clientSetState(const Value& value, const std::string& key
                                       const xpc::CurrentCall& call) {
   dispatch_assert_queue(defaults_queue());
   settleState();
-  if (key == KELVANE_RECENT_SERVICE_STATS) held_record_ = {};
-  store(value, key);
-  if (key == KELVANE_CACHE_ENABLED) notifyRecipients(key, value, call);
-  reply();
+  if (const std::string failure = store(value, key); !failure.empty()) {
+    noteNotKept(key, failure);
+    call.refuse(xpc::error_failed, "the value is not kept: " + failure);
+  } else {
+    if (key == KELVANE_RECENT_SERVICE_STATS) held_record_ = {};
+    if (key == KELVANE_CACHE_ENABLED) notifyRecipients(key, value, call);
+  }
+  reply();  // nothing any more to a call that was refused
 }
 
-void ClientInterface::store(const Value& value, const std::string& key) {
-  if (userDefaults() == nullptr) return;
-  if (value.nestsDeeperThan(most_nested)) {
-    KVLog(3, "%s value for key: %@ nests deeper than %d", set_selector, Value(key),
-          static_cast<int>(most_nested));
-    return;
-  }
-  const Value stored = storedState(userDefaults());
+/// Why the value is not in the file, which then has what it had; empty when it is.
+std::string ClientInterface::store(const Value& value, const std::string& key) {
+  if (std::string why = misfit(value); !why.empty()) return why;
+  const auto& defaults = userDefaults();
+  if (defaults == nullptr) return "the state could not be opened";
+  const bool stored = defaults->setEntry(value, key, KELVANE_USER_DEFAULTS);
+  sayNotices();
+  return stored ? std::string() : defaults->lastError();
+}
+
+/// Taking in what others stored. A record that could not be written is part of the state all the same.
+Value ClientInterface::storedState() {
+  const auto& defaults = userDefaults();
+  if (defaults == nullptr) return {};
+  defaults->synchronize();
+  sayNotices();
+  Value stored = defaults->objectForKey(KELVANE_USER_DEFAULTS);
+  if (!held_record_.isUnwritten() || !(stored.isNothing() || stored.isDictionary())) return stored;
   Dictionary state = stored.isDictionary() ? *stored.dictionary() : Dictionary();
-  state.set(key, value);  // nothing removes the key
-  userDefaults()->setObject(state, KELVANE_USER_DEFAULTS);
-  userDefaults()->synchronize();
+  state.set(KELVANE_RECENT_SERVICE_STATS, held_record_.archive());
+  return state;
+}
+
+void ClientInterface::sayNotices() {
+  for (const std::string& notice : userDefaults()->takeNotices())
+    KVLog(3, "%s state file %s", set_selector, notice.c_str());
 }
 
 void ClientInterface::_clientGetState(const Value& key, const Reply<Value>& reply) {
   dispatch_assert_queue(defaults_queue());
   KVLog(5, "%s ENTRY", get_selector);
   settleState();
-  reply(valueFor(key, key.isString() ? storedState(userDefaults()) : Value(), default_values()));
+  reply(valueFor(key, key.isString() ? storedState() : Value(), default_values()));
   KVLog(5, "%s EXIT", get_selector);
 }
 
@@ -185,7 +211,12 @@ void ClientInterface::settleState() {
   dispatch_assert_queue(defaults_queue());
   // Where nothing can be stored, what is held is all there is.
   if (!held_record_.isUnwritten() || userDefaults() == nullptr) return;
-  store(held_record_.takeArchive(), KELVANE_RECENT_SERVICE_STATS);
+  const std::string failure = store(held_record_.archive(), KELVANE_RECENT_SERVICE_STATS);
+  if (failure.empty()) {
+    held_record_.noteWritten();
+  } else if (held_record_.noteRefused()) {
+    noteNotKept(KELVANE_RECENT_SERVICE_STATS, failure);
+  }
 }
 
 void ClientInterface::clientSetStateSync(const StateObject& value, const std::string& key) {

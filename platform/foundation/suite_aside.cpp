@@ -14,9 +14,9 @@
 namespace kelvane::foundation {
 namespace {
 
-/// What SQLite keeps beside a database, by what is appended to its name; the log last, so that a rename cut
+/// What is kept beside a database, by what is appended to its name; the log last, so that a rename cut
 /// short by the end of the process leaves it where `visibleDamage` finds it.
-constexpr std::array<const char*, 4> companions = {"", "-journal", "-shm", "-wal"};
+constexpr std::array<const char*, 5> companions = {"", "-journal", "-mark", "-shm", "-wal"};
 
 bool exists(const std::string& path) {
   struct stat status {};

@@ -1,5 +1,6 @@
 #include "platform/foundation/suite_file.h"
 
+#include <endian.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 
@@ -8,12 +9,14 @@
 #include <utility>
 
 #include "platform/foundation/archive.h"
+#include "platform/foundation/row_seal.h"
 
 namespace kelvane::foundation {
 namespace {
 
 constexpr const char* application_id = "1263294030";  // "KLVN"
-constexpr const char* layout_version = "1";
+constexpr const char* layout_version = "2";
+constexpr const char* layout_without_checksums = "1";
 constexpr int busy_milliseconds = 2000;
 
 // Exactly as they are stored in the file, which is compared with them.
@@ -38,21 +41,38 @@ int openConnection(const std::string& path, const std::string& vfs, Connection& 
   return SQLITE_OK;
 }
 
-std::span<const std::uint8_t> asBytes(std::string_view text) {
+Bytes asBytes(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-std::string_view asText(const Data& data) {
-  return {reinterpret_cast<const char*>(data.bytes().data()), data.bytes().size()};
+std::string_view asText(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
+
+std::string_view asText(sqlite3_value* value) {
+  const void* const start = sqlite3_value_blob(value);
+  const auto size = static_cast<std::size_t>(sqlite3_value_bytes(value));
+  return start == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(start), size);
+}
+
+/// SQL: sealed(key, entry, value), the value as the layout with checksums has it. What is no archive stays as
+/// it is, and so stays unreadable.
+void sealed(sqlite3_context* context, int /*count*/, sqlite3_value** arguments) {
+  const std::string_view archive = asText(arguments[2]);
+  const bool is_dictionary = sqlite3_value_type(arguments[2]) == SQLITE_NULL;
+  if (!is_dictionary && unarchivedValue(asBytes(archive)).isNothing()) {
+    sqlite3_result_value(context, arguments[2]);
+    return;
+  }
+  const std::string row = sealedRow(asText(arguments[0]), asText(arguments[1]), asBytes(archive));
+  sqlite3_result_blob64(context, row.data(), row.size(), SQLITE_TRANSIENT);
 }
 
 }  // namespace
 
-SuiteFile::Opened SuiteFile::open(const std::string& path, const std::string& vfs) {
+SuiteFile::Opened SuiteFile::open(const std::string& path, const std::string& vfs, SuiteRoom room) {
   Connection connection;
   const int result = openConnection(path, vfs, connection);
   if (result != SQLITE_OK) return {nullptr, SuiteState::unavailable, sqlite3_errstr(result)};
-  std::unique_ptr<SuiteFile> file(new SuiteFile(std::move(connection)));
+  std::unique_ptr<SuiteFile> file(new SuiteFile(std::move(connection), path, room));
   bool begun = false;
   if (!file->layOut(begun) || !file->prepare()) {
     return {nullptr, file->damaged_ ? SuiteState::damaged : SuiteState::unavailable, file->error_};
@@ -83,9 +103,11 @@ bool SuiteFile::layOut(bool& begun) {
     error_ = "its file system does not support a write-ahead log";
     return false;
   }
-  if (!begun) return checkPages() && emptyLog();
+  findRoom();
+  if (!begun) return checkLog() && checkPages() && emptyLog() && upgrade();
   // Another process may be doing the same; whoever comes second finds it done.
   if (!execute("BEGIN IMMEDIATE") || !recognise(begun)) return false;
+  mark_.clear();
   const std::string create = fmt::format("{};{};PRAGMA application_id={};PRAGMA user_version={}", keys_table,
                                          entries_table, application_id, layout_version);
   return (!begun || execute(create.c_str())) && execute("COMMIT");
@@ -104,7 +126,8 @@ bool SuiteFile::recognise(bool& empty) {
   empty = id == "0" && version == "0" && layout.empty();
   if (empty) return true;
   if (id != application_id) return spoiled("it belongs to another program");
-  if (version != layout_version) return spoiled("it has the unknown version " + version);
+  if (version != layout_version && version != layout_without_checksums)
+    return spoiled("it has the unknown version " + version);
   if (layout != fmt::format("{};{}", entries_table, keys_table))
     return spoiled("its tables are not the settings'");
   return true;
@@ -116,18 +139,38 @@ bool SuiteFile::checkPages() {
   return found == "ok" || spoiled(found);
 }
 
+/// Where it cannot be written, the file stays as it is, and the next to open it tries again.
+bool SuiteFile::upgrade() {
+  constexpr int arguments = 3;
+  sqlite3_create_function(connection_.get(), "sealed", arguments, SQLITE_UTF8 | SQLITE_DIRECTONLY, nullptr,
+                          sealed, nullptr, nullptr);
+  const std::string update = fmt::format(
+      "UPDATE keys SET value=sealed(key,x'',value);UPDATE entries SET value=sealed(key,entry,value);"
+      "PRAGMA user_version={}",
+      layout_version);
+  std::string version;
+  if (!single("PRAGMA user_version", version) || version == layout_version) return !damaged_;
+  // Another process may have done it meanwhile.
+  if (!execute("BEGIN IMMEDIATE") || !single("PRAGMA user_version", version) || version == layout_version ||
+      !execute(update.c_str()) || !execute("COMMIT")) {
+    rollback();
+  }
+  return !damaged_;
+}
+
 /// A power loss may leave a torn frame behind the log's end. The next one written there continues the log,
 /// and when that one is lost in part as well, the two parts could pass for a frame that was written whole. So
 /// what is in the log goes into the file, and the next frame begins a new log. Where that cannot be done now,
 /// as on a full volume or beside another process, the log serves on as it is.
 bool SuiteFile::emptyLog() {
-  const int result =
-      sqlite3_wal_checkpoint_v2(connection_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+  const int how = room_.log > 0 ? SQLITE_CHECKPOINT_RESTART : SQLITE_CHECKPOINT_TRUNCATE;
+  const int result = sqlite3_wal_checkpoint_v2(connection_.get(), nullptr, how, nullptr, nullptr);
+  if (result == SQLITE_OK) mark_.clear();  // nothing in the log is needed any more
   return (result & 0xff) != SQLITE_CORRUPT || worked(result);
 }
 
 bool SuiteFile::prepare() {
-  const std::array<std::pair<Statement*, const char*>, 11> statements = {{
+  const std::array<std::pair<Statement*, const char*>, 14> statements = {{
       {&begin_, "BEGIN IMMEDIATE"},
       {&commit_, "COMMIT"},
       {&rollback_, "ROLLBACK"},
@@ -139,6 +182,9 @@ bool SuiteFile::prepare() {
       {&keys_, "SELECT key,value FROM keys"},
       {&entries_, "SELECT key,entry,value FROM entries"},
       {&version_, "PRAGMA data_version"},
+      {&layout_, "PRAGMA user_version"},
+      {&pages_, "PRAGMA page_count"},
+      {&free_pages_, "PRAGMA freelist_count"},
   }};
   for (const auto& [statement, sql] : statements) {
     *statement = Statement(connection_, sql);
@@ -165,6 +211,30 @@ std::optional<SuiteFile::IndexHeader> SuiteFile::indexHeader() const {
   return header;
 }
 
+/// Nothing while another process is changing the header.
+std::optional<LogPosition> SuiteFile::logPosition() const {
+  const std::optional<IndexHeader> header = indexHeader();
+  constexpr std::size_t copy = 12;  // words
+  if (!header || !std::equal(header->begin(), header->begin() + copy, header->begin() + copy))
+    return std::nullopt;
+  constexpr std::size_t frames = 4;
+  constexpr std::size_t salts = 8;  // as they are in the file: the most significant byte first
+  return LogPosition{be32toh((*header)[salts]), (*header)[salts + 1], (*header)[frames]};
+}
+
+/// Whether the log has all that was once synced.
+bool SuiteFile::checkLog() {
+  struct stat log {};
+  const std::string path = std::string(sqlite3_db_filename(connection_.get(), "main")) + "-wal";
+  if (::stat(path.c_str(), &log) != 0 || log.st_size == 0) {
+    mark_.clear();
+    return true;
+  }
+  const std::optional<LogPosition> position = logPosition();
+  if (!position || !mark_.isBeyond(*position)) return true;
+  return spoiled("its log has lost what was written last");
+}
+
 /// A question to SQLite takes locks, so it is asked only when somebody has committed since the last time. The
 /// header is read before it is asked: a commit in between is found out next time.
 bool SuiteFile::changedElsewhere() {
@@ -172,46 +242,56 @@ bool SuiteFile::changedElsewhere() {
   const std::optional<IndexHeader> header = indexHeader();
   if (header && header == seen_header_) return false;
   seen_header_.reset();
-  const int result = version_.step();
-  const std::int64_t version = version_.integer(0);
-  const int rewound = version_.rewind();
-  if (result != SQLITE_ROW) return worked(rewound);
+  std::int64_t version = 0;
+  if (!number(version_, version)) return false;
   if (version != seen_version_) return true;
   seen_header_ = header;
   return false;
 }
 
-bool SuiteFile::load(Dictionary& contents, std::size_t& unreadable) {
+bool SuiteFile::load(Dictionary& contents, std::vector<std::string>& unreadable) {
   error_.clear();
   const bool alone = sqlite3_get_autocommit(connection_.get()) != 0;
   if (alone && !execute("BEGIN")) return false;
   // Read within the transaction, so that it is the version of just these rows.
-  const int result = version_.step();
-  const std::int64_t version = version_.integer(0);
-  const int rewound = version_.rewind();
-  const bool loaded = (result == SQLITE_ROW || worked(rewound)) && loadKeys(contents, unreadable) &&
-                      loadEntries(contents, unreadable);
+  std::int64_t version = 0;
+  std::int64_t layout = 0;
+  bool loaded = number(version_, version) && number(layout_, layout);
+  if (loaded) sealed_ = std::to_string(layout) == layout_version;
+  loaded = loaded && loadKeys(contents, unreadable) && loadEntries(contents, unreadable);
   if (alone) rollback();
   if (loaded) seen_version_ = version;
   return loaded;
 }
 
-bool SuiteFile::loadKeys(Dictionary& contents, std::size_t& unreadable) {
+/// Nothing when the row is not as it was written.
+std::optional<Bytes> SuiteFile::archiveOf(std::string_view key, std::string_view entry,
+                                          std::string_view row) const {
+  return sealed_ ? unsealedRow(key, entry, asBytes(row)) : asBytes(row);
+}
+
+bool SuiteFile::loadKeys(Dictionary& contents, std::vector<std::string>& unreadable) {
   int result = SQLITE_OK;
   while ((result = keys_.step()) == SQLITE_ROW) {
-    Value value = keys_.isNull(1) ? Value(Dictionary()) : unarchivedValue(asBytes(keys_.bytes(1)));
-    unreadable += value.isNothing() ? 1 : 0;
-    contents.set(keys_.bytes(0), std::move(value));
+    const std::string_view key = keys_.bytes(0);
+    const std::optional<Bytes> archive = archiveOf(key, {}, keys_.bytes(1));
+    const bool is_dictionary = archive && archive->empty();
+    Value value = is_dictionary ? Value(Dictionary()) : unarchivedValue(archive.value_or(Bytes()));
+    if (value.isNothing()) unreadable.emplace_back(key);
+    contents.set(key, std::move(value));
   }
   keys_.rewind();
   return result == SQLITE_DONE || worked(result);
 }
 
-bool SuiteFile::loadEntries(Dictionary& contents, std::size_t& unreadable) {
+/// Entries without the row of their key are those of a dictionary whose own row was lost.
+bool SuiteFile::loadEntries(Dictionary& contents, std::vector<std::string>& unreadable) {
   std::string key;
   Dictionary entries;  // of `key`
   const auto keep = [&] {
-    if (contents[key].isDictionary() && !entries.empty()) contents.set(key, std::exchange(entries, {}));
+    const Value& before = contents[key];
+    if (!entries.empty() && (before.isNothing() || before.isDictionary()))
+      contents.set(key, std::exchange(entries, {}));
     entries.clear();
   };
   int result = SQLITE_OK;
@@ -220,9 +300,10 @@ bool SuiteFile::loadEntries(Dictionary& contents, std::size_t& unreadable) {
       keep();
       key = entries_.bytes(0);
     }
-    Value value = unarchivedValue(asBytes(entries_.bytes(2)));
-    unreadable += value.isNothing() ? 1 : 0;
-    entries.set(entries_.bytes(1), std::move(value));
+    const std::string_view entry = entries_.bytes(1);
+    Value value = unarchivedValue(archiveOf(key, entry, entries_.bytes(2)).value_or(Bytes()));
+    if (value.isNothing()) unreadable.emplace_back(entry);
+    entries.set(entry, std::move(value));
   }
   keep();
   entries_.rewind();
@@ -232,10 +313,17 @@ bool SuiteFile::loadEntries(Dictionary& contents, std::size_t& unreadable) {
 /// The level can be set outside a transaction only.
 bool SuiteFile::begin(bool durable) {
   error_.clear();
+  full_ = false;
   if (durable != durable_ && !execute(durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL"))
     return false;
   durable_ = durable;
   return worked(begin_.run());
+}
+
+std::string SuiteFile::rowOf(std::string_view key, const Change& change) const {
+  const Data archive = change.value != nullptr ? archivedData(*change.value) : Data();
+  if (sealed_) return sealedRow(key, change.entry, archive.bytes());
+  return std::string(asText(archive.bytes()));
 }
 
 bool SuiteFile::apply(std::string_view key, const Change& change) {
@@ -244,20 +332,26 @@ bool SuiteFile::apply(std::string_view key, const Change& change) {
                          : change.kind == Change::remove_entry   ? remove_entry_
                          : change.kind == Change::remove_entries ? remove_entries_
                                                                  : put_key_;
-  const Data archive = change.value != nullptr ? archivedData(*change.value) : Data();
+  const std::string row = rowOf(key, change);
   statement.bind(1, key);
   if (change.kind == Change::put_entry || change.kind == Change::remove_entry)
     statement.bind(2, change.entry);
-  if (change.kind == Change::put_entry) statement.bind(3, asText(archive));
-  if (change.kind == Change::put_value) statement.bind(2, asText(archive));
-  if (change.kind == Change::put_dictionary) statement.bindNull(2);
+  if (change.kind == Change::put_entry) statement.bind(3, row);
+  if (change.kind == Change::put_value) statement.bind(2, row);
+  if (change.kind == Change::put_dictionary && sealed_) statement.bind(2, row);
+  if (change.kind == Change::put_dictionary && !sealed_) statement.bindNull(2);
   return worked(statement.run());
 }
 
 bool SuiteFile::commit() {
-  if (worked(commit_.run())) return true;
-  rollback();
-  return false;
+  measure();
+  if (!worked(commit_.run())) {
+    rollback();
+    return false;
+  }
+  const std::optional<LogPosition> position = durable_ ? logPosition() : std::nullopt;
+  if (position) mark_.set(*position);
+  return true;
 }
 
 void SuiteFile::rollback() {
@@ -288,7 +382,15 @@ bool SuiteFile::worked(int result) {
   error_ = sqlite3_errmsg(connection_.get());
   const int kind = result & 0xff;
   damaged_ = damaged_ || kind == SQLITE_CORRUPT || kind == SQLITE_NOTADB;
+  full_ = kind == SQLITE_FULL;
   return false;
+}
+
+bool SuiteFile::number(Statement& statement, std::int64_t& number) {
+  const int result = statement.step();
+  number = statement.integer(0);
+  const int rewound = statement.rewind();
+  return result == SQLITE_ROW || worked(rewound);
 }
 
 bool SuiteFile::spoiled(std::string why) {

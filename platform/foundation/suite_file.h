@@ -3,24 +3,32 @@
 // The file of a settings suite. Internal to this folder.
 //
 // An SQLite database in WAL mode with two tables, whose keys are the bytes of the text and whose values are
-// archives (archive.h):
+// archives (archive.h) with a checksum (row_seal.h):
 //
-//   keys     one row per key; its value is null when the value is a dictionary
+//   keys     one row per key; its archive is empty when the value is a dictionary
 //   entries  one row per entry of such a dictionary
 //
-// The application id is "KLVN", the user version is the version of this layout, 1, and pages have 4,096
-// bytes.
+// The application id is "KLVN", the user version is the version of this layout, 2, and pages have 4,096
+// bytes. In version 1 values had no checksum, and that of a dictionary was null; a file of it is brought to
+// version 2 when it is opened, and used as it is while that cannot be written.
+//
+// Room: what is written when the volume is full must have its place already. So the file is longer than its
+// pages, and its log than its frames; SQLite grows into both. The file's chunk size keeps a checkpoint from
+// cutting the room off.
 
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "kelvane/value.h"
 #include "platform/foundation/sqlite_handle.h"
+#include "platform/foundation/suite_mark.h"
+#include "platform/foundation/user_defaults.h"
 
 namespace kelvane::foundation {
 
@@ -46,7 +54,7 @@ class SuiteFile {
     std::string error;
     bool begun = false;  // there was nothing before
   };
-  static Opened open(const std::string& path, const std::string& vfs);
+  static Opened open(const std::string& path, const std::string& vfs, SuiteRoom room = {});
   ~SuiteFile();
   SuiteFile(const SuiteFile&) = delete;
   SuiteFile& operator=(const SuiteFile&) = delete;
@@ -54,14 +62,22 @@ class SuiteFile {
   /// True when another connection has committed since the last `load`; false, with `failed()`, when that
   /// cannot be told.
   bool changedElsewhere();
-  /// Reads everything, as of one moment. Rows that are no archives are left out and counted.
-  bool load(Dictionary& contents, std::size_t& unreadable);
+  /// Reads everything, as of one moment. Rows that are not as they were written are left out, and their
+  /// entries, or else their keys, named.
+  bool load(Dictionary& contents, std::vector<std::string>& unreadable);
 
   /// Begins writing; `durable` says whether the commit is to be synced.
   bool begin(bool durable);
   bool apply(std::string_view key, const Change& change);
   bool commit();
   void rollback();
+
+  /// Whether the last failure was for want of space.
+  [[nodiscard]] bool full() const { return full_; }
+  /// Writes what is in the log into the file, so that the log begins again.
+  bool emptyLog();
+  /// Makes room where it is missing and the volume has it.
+  void keepRoom();
 
   /// True when the file is no longer the one at its path.
   [[nodiscard]] bool moved() const;
@@ -72,14 +88,28 @@ class SuiteFile {
   /// Both copies of the header of the log's index, which all connections share in memory.
   using IndexHeader = std::array<std::uint32_t, 24>;
 
-  explicit SuiteFile(Connection connection) : connection_(std::move(connection)) {}
+  SuiteFile(Connection connection, const std::string& path, SuiteRoom room)
+      : connection_(std::move(connection)), mark_(path + "-mark"), room_(room) {}
   bool layOut(bool& begun);
   bool recognise(bool& empty);
   bool checkPages();
-  bool emptyLog();
+  bool checkLog();
+  [[nodiscard]] std::optional<LogPosition> logPosition() const;
+  bool upgrade();
   bool prepare();
-  bool loadKeys(Dictionary& contents, std::size_t& unreadable);
-  bool loadEntries(Dictionary& contents, std::size_t& unreadable);
+  bool loadKeys(Dictionary& contents, std::vector<std::string>& unreadable);
+  bool loadEntries(Dictionary& contents, std::vector<std::string>& unreadable);
+  [[nodiscard]] std::string rowOf(std::string_view key, const Change& change) const;
+  [[nodiscard]] std::optional<std::span<const std::uint8_t>> archiveOf(std::string_view key,
+                                                                       std::string_view entry,
+                                                                       std::string_view row) const;
+  void findRoom();
+  void measure();
+  [[nodiscard]] std::int64_t neededRoom() const;
+  bool growFile();
+  bool growLog();
+  bool number(Statement& statement, std::int64_t& number);
+  sqlite3_file* fileOf(int operation) const;
   bool execute(const char* sql);
   bool single(const char* sql, std::string& text);
   bool worked(int result);
@@ -88,13 +118,20 @@ class SuiteFile {
 
   // Only the thread that uses the object. The connection outlives its statements.
   Connection connection_;
+  const SuiteMark mark_;
   Statement begin_, commit_, rollback_;
   Statement put_key_, put_entry_, remove_key_, remove_entry_, remove_entries_;
-  Statement keys_, entries_, version_;
+  Statement keys_, entries_, version_, layout_, pages_, free_pages_;
   std::int64_t seen_version_ = -1;
+  bool sealed_ = true;  // whether the layout is one with checksums
+  SuiteRoom room_;
+  SuiteRoom kept_;                          // what there is of it
+  std::int64_t length_ = 0;                 // of the file's pages, bytes
+  std::int64_t content_ = 0;                // of those in use, bytes
   std::optional<IndexHeader> seen_header_;  // when nothing had changed
   bool durable_ = true;
   bool damaged_ = false;
+  bool full_ = false;
   std::string error_;
 };
 

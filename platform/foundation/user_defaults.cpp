@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "platform/foundation/archive.h"
+#include "platform/foundation/footprint.h"
 #include "platform/foundation/identical.h"
 #include "platform/foundation/suite_file.h"
 
@@ -30,7 +31,7 @@ bool isSuiteName(std::string_view name) {
 }
 
 /// Both iterate in the order of their keys.
-std::vector<Change> entryDifference(const Dictionary& before, const Dictionary& after) {
+std::vector<Change> difference(const Dictionary& before, const Dictionary& after) {
   std::vector<Change> changes;
   auto old = before.begin();
   for (const auto& [key, value] : after) {
@@ -43,6 +44,12 @@ std::vector<Change> entryDifference(const Dictionary& before, const Dictionary& 
   }
   for (; old != before.end(); ++old) changes.push_back({Change::remove_entry, old->first});
   return changes;
+}
+
+/// What an entry takes of the memory of its dictionary.
+std::size_t entrySize(std::string_view entry, const Value& value) {
+  if (value.isNothing()) return 0;
+  return foundation::entry_footprint + entry.size() + foundation::footprint(value);
 }
 
 }  // namespace
@@ -76,6 +83,7 @@ void UserDefaults::setObject(const Value& value, std::string_view key) {
   }
   const bool written = ready() && write(key, value);
   held_.set(key, value);
+  footprints_.erase(footprints_.lower_bound(key), footprints_.upper_bound(key));
   if (written) {
     unsaved_.erase(unsaved_.lower_bound(key), unsaved_.upper_bound(key));
   } else {
@@ -83,6 +91,45 @@ void UserDefaults::setObject(const Value& value, std::string_view key) {
   }
   // What a damaged file has taken in is lost with it: it is all written again, into the next one.
   if (!written && file_ != nullptr && file_->damaged() && ready()) writeUnsaved();
+}
+
+bool UserDefaults::setEntry(const Value& value, std::string_view entry, std::string_view key) {
+  last_error_.clear();
+  if (value.nestsDeeperThan(archive_depth_limit)) {
+    last_error_ = fmt::format("the value for \"{}\" nests deeper than {}", entry, archive_depth_limit);
+    return false;
+  }
+  if (storeEntry(value, entry, key)) return true;
+  // A damaged file goes aside, and the next one takes all that is held.
+  return file_ != nullptr && file_->damaged() && storeEntry(value, entry, key);
+}
+
+bool UserDefaults::storeEntry(const Value& value, std::string_view entry, std::string_view key) {
+  if (!ready() || !writeUnsaved()) return false;
+  if (!write(key, [&] { return entryChange(value, entry, key); })) return false;
+  holdEntry(value, entry, key);
+  return true;
+}
+
+void UserDefaults::holdEntry(const Value& value, std::string_view entry, std::string_view key) {
+  const Dictionary* const before = held_[key].dictionary();
+  Dictionary entries = before != nullptr ? *before : Dictionary();
+  const auto known = footprints_.find(key);
+  if (known != footprints_.end()) known->second += entrySize(entry, value) - entrySize(entry, entries[entry]);
+  if (before == nullptr) footprints_.erase(std::string(key));
+  held_.remove(key);  // so that the entries are not shared, and changed in place
+  entries.set(entry, value);
+  held_.set(key, std::move(entries));
+}
+
+void UserDefaults::keepRoom() {
+  if (ready()) file_->keepRoom();
+}
+
+std::size_t UserDefaults::footprintOf(std::string_view key) {
+  auto known = footprints_.find(key);
+  if (known == footprints_.end()) known = footprints_.emplace(key, foundation::footprint(held_[key])).first;
+  return known->second;
 }
 
 bool UserDefaults::synchronize() {
@@ -104,10 +151,10 @@ bool UserDefaults::open() {
   file_.reset();
   if (damage.empty()) damage = foundation::visibleDamage(path_);
   if (!damage.empty() && !setAside(damage)) return false;
-  SuiteFile::Opened opened = SuiteFile::open(path_, options_.vfs);
+  SuiteFile::Opened opened = SuiteFile::open(path_, options_.vfs, options_.room);
   if (opened.state == SuiteState::damaged) {
     if (!setAside(opened.error)) return false;
-    opened = SuiteFile::open(path_, options_.vfs);
+    opened = SuiteFile::open(path_, options_.vfs, options_.room);
   }
   if (opened.file == nullptr) {
     last_error_ = fmt::format("{}: {}", path_, opened.error);
@@ -140,9 +187,10 @@ bool UserDefaults::failed() {
 bool UserDefaults::takeInChanges() {
   if (!file_->changedElsewhere()) return file_->error().empty() || failed();
   Dictionary fresh;
-  std::size_t unreadable = 0;
+  std::vector<std::string> unreadable;
   if (!file_->load(fresh, unreadable)) return failed();
-  if (unreadable != 0) notices_.push_back(fmt::format("{}: {} rows cannot be read", path_, unreadable));
+  for (const std::string& key : unreadable)
+    notices_.push_back(fmt::format("{}: the value for \"{}\" is damaged and is left out", path_, key));
   overlay(std::move(fresh));
   return true;
 }
@@ -151,16 +199,29 @@ bool UserDefaults::takeInChanges() {
 void UserDefaults::overlay(Dictionary fresh) {
   for (const std::string& key : unsaved_) fresh.set(key, held_[key]);
   held_ = std::move(fresh);
+  footprints_.clear();
+}
+
+bool UserDefaults::write(std::string_view key, const Value& value) {
+  return write(key, [&] { return difference(key, value); });
+}
+
+/// A log without room begins again once what it holds is in the file, where there may be room.
+bool UserDefaults::write(std::string_view key, const Difference& difference) {
+  const bool written =
+      tryWriting(key, difference) || (file_->full() && file_->emptyLog() && tryWriting(key, difference));
+  if (written) file_->keepRoom();
+  return written;
 }
 
 /// Writes what differs from what the file has. Whether to sync must be known before the transaction begins,
 /// and what differs only within it: in the rare case that this asks for more, it begins once more.
-bool UserDefaults::write(std::string_view key, const Value& value) {
-  bool synced = mustBeSynced(difference(key, value));
+bool UserDefaults::tryWriting(std::string_view key, const Difference& difference) {
+  bool synced = mustBeSynced(difference());
   for (;;) {
     if (!file_->begin(synced)) return failed();
     if (!takeInChanges()) break;
-    const std::vector<Change> changes = difference(key, value);
+    const std::vector<Change> changes = difference();
     if (changes.empty()) {
       file_->rollback();
       return true;
@@ -194,7 +255,7 @@ std::vector<Change> UserDefaults::difference(std::string_view key, const Value& 
   const Value& before = held_[key];
   const Dictionary* const after = value.dictionary();
   if (!unknown && before.isDictionary() && after != nullptr)
-    return entryDifference(*before.dictionary(), *after);
+    return kelvane::difference(*before.dictionary(), *after);
   if (!unknown && foundation::identical(before, value)) return {};
   std::vector<Change> changes = {{Change::remove_entries}};
   if (value.isNothing()) {
@@ -206,6 +267,17 @@ std::vector<Change> UserDefaults::difference(std::string_view key, const Value& 
     for (const auto& [entry, inner] : *after) changes.push_back({Change::put_entry, entry, &inner});
   }
   return changes;
+}
+
+std::vector<Change> UserDefaults::entryChange(const Value& value, std::string_view entry,
+                                              std::string_view key) const {
+  const Value& before = held_[key];
+  const Dictionary* const entries = before.dictionary();
+  const Change change =
+      value.isNothing() ? Change{Change::remove_entry, entry} : Change{Change::put_entry, entry, &value};
+  if (entries == nullptr) return {{Change::remove_entries}, {Change::put_dictionary}, change};
+  if (foundation::identical((*entries)[entry], value)) return {};
+  return {change};
 }
 
 bool UserDefaults::mustBeSynced(const std::vector<Change>& changes) const {

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -16,6 +19,12 @@ class SuiteFile;
 struct Change;
 }  // namespace foundation
 
+/// Bytes of the volume that a suite keeps for what it will write, so that it can when the volume is full.
+struct SuiteRoom {
+  std::int64_t file = 0;  // with its content; beyond that, a quarter of this is always free
+  std::int64_t log = 0;
+};
+
 struct UserDefaultsOptions {
   /// Entries of stored dictionaries, by their own key, that can be made again: a change of these alone is not
   /// synced, so the last ones may be lost with the power (never with the process, and never in part).
@@ -23,6 +32,7 @@ struct UserDefaultsOptions {
   /// The SQLite VFS to open files with, by its registered name; empty for the default one. Setting a damaged
   /// file aside goes to the file system itself.
   std::string vfs;
+  SuiteRoom room = {};
 };
 
 /// A named suite of settings: property-list values under keys, kept in one file.
@@ -57,6 +67,19 @@ class UserDefaults {
   /// Takes in what others stored before. A value that nests deeper than archives may is not taken at all.
   void setObject(const Value& value, std::string_view key);
 
+  /// Stores `value` in place of one entry of the dictionary under `key`; nothing removes the entry. Without a
+  /// dictionary there, one is begun in place of what is there. Costs the same however many entries there are.
+  /// False when it could not be stored: then nothing has changed, and `lastError` says why.
+  [[nodiscard]] bool setEntry(const Value& value, std::string_view entry, std::string_view key);
+
+  /// Makes the room that the options ask for, as far as it is missing and the volume has it. Each change that
+  /// is stored does so as well.
+  void keepRoom();
+
+  /// How much memory the value under `key` takes (footprint.h). Counted when it is first asked for, then
+  /// kept.
+  [[nodiscard]] std::size_t footprintOf(std::string_view key);
+
   /// Takes in what others stored and stores what could not be stored before; true when both succeeded.
   bool synchronize();
 
@@ -74,10 +97,17 @@ class UserDefaults {
   bool setAside(const std::string& why);
   bool takeInChanges();
   void overlay(Dictionary fresh);
+  using Difference = std::function<std::vector<foundation::Change>()>;
   bool write(std::string_view key, const Value& value);
+  bool write(std::string_view key, const Difference& difference);
+  bool tryWriting(std::string_view key, const Difference& difference);
+  bool storeEntry(const Value& value, std::string_view entry, std::string_view key);
+  void holdEntry(const Value& value, std::string_view entry, std::string_view key);
   bool writeUnsaved();
   bool failed();
   [[nodiscard]] std::vector<foundation::Change> difference(std::string_view key, const Value& value) const;
+  [[nodiscard]] std::vector<foundation::Change> entryChange(const Value& value, std::string_view entry,
+                                                            std::string_view key) const;
   [[nodiscard]] bool mustBeSynced(const std::vector<foundation::Change>& changes) const;
 
   const std::string path_;
@@ -85,6 +115,7 @@ class UserDefaults {
   // Only the queue that uses the object.
   std::unique_ptr<foundation::SuiteFile> file_;  // null while the file cannot be opened
   Dictionary held_;
+  std::map<std::string, std::size_t, std::less<>> footprints_;  // of values in `held_`, where it is known
   std::set<std::string, std::less<>> unsaved_;  // keys whose value in `held_` may not be what the file has
   std::string last_error_;
   std::vector<std::string> notices_;

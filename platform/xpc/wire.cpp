@@ -28,9 +28,8 @@ void Wire<std::optional<Dictionary>>::write(wire::Writer& out, const std::option
 }
 void Wire<std::optional<Dictionary>>::read(wire::Reader& in, std::optional<Dictionary>& dictionary) {
   in.enterArray("a{sv}");
-  // The last of several counts; one or none is what a peer sends that keeps to the protocol.
-  while (!in.atEnd()) readDictionary(in, dictionary.emplace());
-  in.leave();
+  if (!in.atEnd()) readDictionary(in, dictionary.emplace());
+  in.leave();  // refuses a second one
 }
 
 void Wire<Anything>::write(wire::Writer& out, const Anything& anything) { writeVariant(out, anything.value); }
@@ -43,11 +42,8 @@ void Wire<Value>::write(wire::Writer& out, const Value& value) {
 }
 void Wire<Value>::read(wire::Reader& in, Value& value) {
   in.enterArray("v");
-  while (!in.atEnd()) {
-    value = Value();
-    readValue(in, value);
-  }
-  in.leave();
+  if (!in.atEnd()) readValue(in, value);
+  in.leave();  // refuses a second one
 }
 
 }  // namespace kelvane::xpc

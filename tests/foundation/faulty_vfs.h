@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <cstdint>
 #include <stdexcept>
 #include <utility>
 
@@ -27,8 +28,9 @@ class FaultyVFS {
   }
 
   int log_syncs = 0;
-  int write_result = SQLITE_OK;      ///< of each write to a log; writes nothing unless SQLITE_OK
-  int next_read_result = SQLITE_OK;  ///< of the next read only
+  int write_result = SQLITE_OK;              ///< of each write to a log; writes nothing unless SQLITE_OK
+  sqlite3_int64 most_log_bytes = INT64_MAX;  ///< there is no room for a log beyond these
+  int next_read_result = SQLITE_OK;          ///< of the next read only
 
  private:
   static FaultyVFS*& current() {
@@ -68,7 +70,7 @@ class FaultyVFS {
     return result != SQLITE_OK ? result : current()->log_->xRead(file, bytes, count, at);
   }
   static int write(sqlite3_file* file, const void* bytes, int count, sqlite3_int64 at) {
-    const int result = current()->write_result;
+    const int result = at + count > current()->most_log_bytes ? SQLITE_FULL : current()->write_result;
     return result != SQLITE_OK ? result : current()->log_->xWrite(file, bytes, count, at);
   }
   static int sync(sqlite3_file* file, int flags) {

@@ -55,8 +55,8 @@ class Suite {
   /// Null only when the power fails meanwhile.
   std::shared_ptr<UserDefaults> open(std::string vfs = {}) {
     std::string reason;
-    auto defaults =
-        UserDefaults::initWithSuiteName("suite", directory_.path(), {{recreatable}, std::move(vfs)}, &reason);
+    auto defaults = UserDefaults::initWithSuiteName("suite", directory_.path(),
+                                                    {{recreatable}, std::move(vfs), room_}, &reason);
     EXPECT_TRUE(defaults != nullptr || vfs_.hasFailed()) << reason;
     EXPECT_FALSE(std::filesystem::exists(directory_ / "suite.db.damaged-1"));
     if (defaults != nullptr) takeIn(*defaults);
@@ -119,6 +119,7 @@ class Suite {
   test::RandomChoices choices_;
   test::PowerLossVFS vfs_;
   const bool writes_big_values_;
+  const SuiteRoom room_ = choices_.oneIn(2) ? SuiteRoom{1 << 18, 1 << 16} : SuiteRoom();
   std::size_t values_made_ = 0;
   std::vector<Dictionary> held_ = {{}};  // after each write and each opening
   std::size_t promised_ = 0;             // which of them is on the disk, at the least

@@ -113,11 +113,14 @@ int PowerLossVFS::write(sqlite3_file* file, const void* bytes, int count, sqlite
   return current()->powerFails() ? SQLITE_IOERR_WRITE : handle.real->xWrite(file, bytes, count, at);
 }
 
+/// The default VFS keeps whole chunks, so its file tells the size.
 int PowerLossVFS::truncate(sqlite3_file* file, sqlite3_int64 size) {
-  if (current()->has_failed_) return SQLITE_IOERR_TRUNCATE;
+  if (current()->has_failed_ || current()->powerFails()) return SQLITE_IOERR_TRUNCATE;
   const Handle& handle = handleOf(file);
+  const int result = handle.real->xTruncate(file, size);
+  if (result != SQLITE_OK || handle.real->xFileSize(file, &size) != SQLITE_OK) return SQLITE_IOERR_TRUNCATE;
   handle.file->unsynced.push_back({Change::truncate, static_cast<std::size_t>(size), {}});
-  return current()->powerFails() ? SQLITE_IOERR_TRUNCATE : handle.real->xTruncate(file, size);
+  return SQLITE_OK;
 }
 
 int PowerLossVFS::sync(sqlite3_file* file, int) {

@@ -72,7 +72,7 @@ TEST_F(DamagedSuiteTest, AnEmptyDatabaseWithAnotherProgramsMarkIsSetAside) {
 
 TEST_F(DamagedSuiteTest, AnUnknownVersionOfTheLayoutIsSetAside) {
   makeSuite();
-  runSQL(path(), "PRAGMA user_version=2");
+  runSQL(path(), "PRAGMA user_version=3");
   expectSetAside();
 }
 
@@ -201,22 +201,83 @@ TEST_F(DamagedSuiteTest, AnEmptyFileBeginsTheSuite) {
   EXPECT_EQ(stored("key"), Value(1));
 }
 
-TEST_F(DamagedSuiteTest, ARowThatIsNoArchiveIsPassedOver) {
-  openSuite()->setObject(Dictionary{{"good", 1}, {"bad", 2}}, "key");
+TEST_F(DamagedSuiteTest, ARowThatWasChangedIsLeftOutAndNamed) {
+  openSuite()->setObject(Dictionary{{"bad", 2}, {"good", 1}}, "key");
   openSuite()->setObject(3, "whole");
-  runSQL(path(),
-         "UPDATE entries SET value=x'00ff' WHERE entry=x'626164'; UPDATE keys SET value='text' WHERE value "
-         "NOT NULL");
+  runSQL(path(), "UPDATE entries SET value=substr(value,1,length(value)-1)||x'7f' WHERE entry=x'626164'");
+  runSQL(path(), "UPDATE keys SET value=substr(value,1,length(value)-1)||x'7f' WHERE key=x'77686f6c65'");
   const auto defaults = openSuite();
   EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary{{"good", 1}}));
   EXPECT_TRUE(defaults->objectForKey("whole").isNothing());
-  const auto notices = defaults->takeNotices();
-  ASSERT_EQ(notices.size(), 1u);
-  EXPECT_EQ(notices[0], path() + ": 2 rows cannot be read");
-  defaults->setObject(Dictionary{{"good", 1}, {"bad", 4}}, "key");
+  const std::vector<std::string> expected = {path() + ": the value for \"whole\" is damaged and is left out",
+                                             path() + ": the value for \"bad\" is damaged and is left out"};
+  EXPECT_EQ(defaults->takeNotices(), expected);
+  defaults->setObject(Dictionary{{"bad", 4}, {"good", 1}}, "key");
   defaults->setObject(5, "whole");
-  EXPECT_EQ(stored("key"), Value(Dictionary{{"good", 1}, {"bad", 4}}));
+  EXPECT_EQ(stored("key"), Value(Dictionary{{"bad", 4}, {"good", 1}}));
   EXPECT_EQ(stored("whole"), Value(5));
+}
+
+TEST_F(DamagedSuiteTest, ARowUnderAnotherNameThanItWasWrittenToIsLeftOutAndNamed) {
+  openSuite()->setObject(Dictionary{{"a", 1}, {"b", 2}}, "key");
+  runSQL(path(), "UPDATE entries SET entry=x'63' WHERE entry=x'62'");
+  const auto defaults = openSuite();
+  EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary{{"a", 1}}));
+  EXPECT_EQ(defaults->takeNotices(),
+            std::vector<std::string>{path() + ": the value for \"c\" is damaged and is left out"});
+}
+
+TEST_F(DamagedSuiteTest, ADictionaryWhoseOwnRowIsDamagedKeepsItsEntries) {
+  openSuite()->setObject(Dictionary{{"a", 1}, {"b", 2}}, "key");
+  runSQL(path(), "UPDATE keys SET value=x'00'");
+  const auto defaults = openSuite();
+  EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary{{"a", 1}, {"b", 2}}));
+  EXPECT_EQ(defaults->takeNotices().size(), 1u);
+}
+
+// --- the layout without checksums ---
+
+class OldSuiteTest : public DamagedSuiteTest {
+ protected:
+  /// As version 1 of the layout has {"a": 1, "b": "two"} under "key", and true under "whole".
+  void makeOldSuite() {
+    openSuite()->setObject(Dictionary{{"a", 1}}, "key");
+    runSQL(path(),
+           "PRAGMA user_version=1; DELETE FROM keys; DELETE FROM entries; INSERT INTO keys "
+           "VALUES(x'6b6579',NULL),"
+           "(x'77686f6c65',x'4b56410102'); INSERT INTO entries VALUES(x'6b6579',x'61',x'4b5641010302'),"
+           "(x'6b6579',x'62',x'4b5641010503'||CAST('two' AS BLOB))");
+  }
+  const Dictionary content_{{"a", 1}, {"b", "two"}};
+};
+
+TEST_F(OldSuiteTest, IsReadAndBroughtToTheLayoutWithChecksums) {
+  makeOldSuite();
+  {
+    const auto defaults = openSuite();
+    EXPECT_EQ(defaults->objectForKey("key"), Value(content_));
+    EXPECT_EQ(defaults->objectForKey("whole"), Value(true));
+    EXPECT_TRUE(defaults->takeNotices().empty());
+  }
+  runSQL(path(), "UPDATE entries SET value=substr(value,1,length(value)-1)||x'7f' WHERE entry=x'62'");
+  EXPECT_EQ(stored("key"), Value(Dictionary{{"a", 1}}));
+}
+
+TEST_F(OldSuiteTest, IsUsedAsItIsWhileItCannotBeWritten) {
+  makeOldSuite();
+  test::FaultyVFS vfs;
+  vfs.write_result = SQLITE_FULL;
+  const auto defaults = openSuite({.recreatable = {}, .vfs = test::FaultyVFS::name});
+  EXPECT_EQ(defaults->objectForKey("key"), Value(content_));
+  vfs.write_result = SQLITE_OK;
+  ASSERT_TRUE(defaults->setEntry(3, "c", "key"));
+  Dictionary content = content_;
+  content.set("c", 3);
+  EXPECT_EQ(stored("key"), Value(content));  // which brings it to the layout with checksums
+  ASSERT_TRUE(defaults->setEntry(4, "d", "key"));
+  content.set("d", 4);
+  EXPECT_EQ(stored("key"), Value(content));
+  EXPECT_TRUE(openSuite()->takeNotices().empty());
 }
 
 class FaultySuiteTest : public test::SuiteTest {
@@ -286,6 +347,42 @@ TEST_F(FaultySuiteTest, AValueThatCannotBeWrittenIsHeldAndStoredBySynchronizeLat
   EXPECT_EQ(defaults->lastError(), "");
   EXPECT_EQ(stored("key"), Value(Dictionary{{"a", 2}}));
   EXPECT_EQ(stored("other"), Value(5));
+}
+
+TEST_F(FaultySuiteTest, AnEntryThatCannotBeWrittenIsRefusedAndChangesNothing) {
+  const auto defaults = openFaulty();
+  ASSERT_TRUE(defaults->setEntry(1, "a", "key"));
+  const std::size_t footprint = defaults->footprintOf("key");
+  vfs_.write_result = SQLITE_FULL;
+  EXPECT_FALSE(defaults->setEntry(2, "a", "key"));
+  EXPECT_FALSE(defaults->setEntry(2, "b", "key"));
+  EXPECT_FALSE(defaults->setEntry(Value(), "a", "key"));
+  EXPECT_FALSE(defaults->setEntry(1, "a", "other"));
+  EXPECT_EQ(defaults->lastError(), path() + ": database or disk is full");
+  EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary{{"a", 1}}));
+  EXPECT_TRUE(defaults->objectForKey("other").isNothing());
+  EXPECT_EQ(defaults->footprintOf("key"), footprint);
+  vfs_.write_result = SQLITE_OK;
+  EXPECT_TRUE(defaults->synchronize());
+  EXPECT_EQ(stored("key"), Value(Dictionary{{"a", 1}}));
+}
+
+TEST_F(FaultySuiteTest, ALogWithoutRoomBeginsAgainForTheNextEntry) {
+  const auto defaults = openFaulty();
+  for (int i = 0; i < 20; ++i) ASSERT_TRUE(defaults->setEntry(i, "a", "key"));
+  vfs_.most_log_bytes = static_cast<sqlite3_int64>(logSize());
+  for (int i = 20; i < 200; ++i) ASSERT_TRUE(defaults->setEntry(i, "a", "key")) << i;
+  EXPECT_EQ(stored("key"), Value(Dictionary{{"a", 199}}));
+}
+
+TEST_F(FaultySuiteTest, AnEntryFoundADamagedFileGoesIntoTheNextWithWhatIsHeld) {
+  const auto defaults = openFaulty();
+  ASSERT_TRUE(defaults->setEntry("before", "a", "key"));
+  openSuite()->setObject(2, "theirs");
+  vfs_.next_read_result = SQLITE_CORRUPT;
+  EXPECT_TRUE(defaults->setEntry("after", "b", "key"));
+  EXPECT_TRUE(std::filesystem::exists(path(".damaged-1")));
+  EXPECT_EQ(stored("key"), Value(Dictionary{{"a", "before"}, {"b", "after"}}));
 }
 
 TEST_F(FaultySuiteTest, ARemovalThatCannotBeWrittenIsStoredLater) {

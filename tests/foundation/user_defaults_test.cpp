@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/foundation/footprint.h"
 #include "tests/foundation/suite_test.h"
 
 namespace kelvane {
@@ -123,6 +125,130 @@ TEST_F(UserDefaultsTest, WritingOneEntryOfAThousandWritesOneRow) {
   defaults->setObject(state, "key");
   EXPECT_EQ(logSize() - before, log_frame);
   EXPECT_EQ(stored("key"), Value(state));
+}
+
+TEST_F(UserDefaultsTest, AnEntryIsSetAndRemovedAmongOthers) {
+  const auto defaults = openSuite();
+  EXPECT_TRUE(defaults->setEntry(1, "a", "key"));
+  EXPECT_TRUE(defaults->setEntry("two", "b", "key"));
+  EXPECT_TRUE(defaults->setEntry(3, "a", "key"));
+  EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary{{"a", 3}, {"b", "two"}}));
+  EXPECT_EQ(stored("key"), Value(Dictionary{{"a", 3}, {"b", "two"}}));
+  EXPECT_TRUE(defaults->setEntry(Value(), "a", "key"));
+  EXPECT_TRUE(defaults->setEntry(Value(), "b", "key"));
+  EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary()));
+  EXPECT_EQ(stored("key"), Value(Dictionary()));
+}
+
+TEST_F(UserDefaultsTest, AnEntryBeginsADictionaryInPlaceOfWhateverElseIsThere) {
+  const auto defaults = openSuite();
+  defaults->setObject("text", "key");
+  EXPECT_TRUE(defaults->setEntry(1, "a", "key"));
+  EXPECT_EQ(stored("key"), Value(Dictionary{{"a", 1}}));
+  EXPECT_TRUE(defaults->setEntry(Value(), "a", "fresh"));
+  EXPECT_EQ(defaults->objectForKey("fresh"), Value(Dictionary()));
+  EXPECT_EQ(stored("fresh"), Value(Dictionary()));
+}
+
+TEST_F(UserDefaultsTest, AnEntryIsSetBesideWhatAnotherStoredSince) {
+  const auto defaults = openSuite();
+  EXPECT_TRUE(defaults->setEntry(1, "a", "key"));
+  EXPECT_TRUE(openSuite()->setEntry(2, "b", "key"));
+  EXPECT_TRUE(defaults->setEntry(3, "c", "key"));
+  EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary{{"a", 1}, {"b", 2}, {"c", 3}}));
+  EXPECT_EQ(stored("key"), Value(Dictionary{{"a", 1}, {"b", 2}, {"c", 3}}));
+}
+
+TEST_F(UserDefaultsTest, TheFootprintFollowsEachChangeAsIfItWereCountedAgain) {
+  const auto defaults = openSuite();
+  const auto expectCounted = [&] {
+    EXPECT_EQ(defaults->footprintOf("key"), foundation::footprint(defaults->objectForKey("key")));
+  };
+  expectCounted();
+  EXPECT_TRUE(defaults->setEntry(Array{1, "two"}, "a", "key"));
+  expectCounted();
+  EXPECT_TRUE(defaults->setEntry("text", "b", "key"));
+  EXPECT_TRUE(defaults->setEntry(Dictionary{{"x", 1}}, "a", "key"));
+  expectCounted();
+  EXPECT_TRUE(defaults->setEntry(Value(), "b", "key"));
+  EXPECT_TRUE(defaults->setEntry(Value(), "absent", "key"));
+  expectCounted();
+  EXPECT_TRUE(openSuite()->setEntry("theirs", "c", "key"));
+  EXPECT_TRUE(defaults->setEntry(5, "d", "key"));
+  expectCounted();
+  defaults->setObject(7, "key");
+  expectCounted();
+}
+
+// --- room ---
+
+class RoomTest : public test::SuiteTest {
+ protected:
+  static constexpr SuiteRoom room = {.file = 1 << 20, .log = 1 << 18};
+  std::shared_ptr<UserDefaults> openRoomy() {
+    return openSuite({.recreatable = {}, .vfs = {}, .room = room});
+  }
+  /// Bytes that the file system has given to the file.
+  [[nodiscard]] std::int64_t occupied(const char* suffix) const {
+    struct stat status {};
+    EXPECT_EQ(::stat(path(suffix).c_str(), &status), 0);
+    return std::min<std::int64_t>(status.st_size, status.st_blocks * 512);
+  }
+  void expectRoom(std::int64_t file = room.file) const {
+    EXPECT_EQ(occupied(""), file);
+    EXPECT_EQ(occupied("-wal"), room.log);
+  }
+};
+
+TEST_F(RoomTest, IsMadeBeforehandAndIsThereStillAfterManyWrites) {
+  const auto defaults = openRoomy();
+  defaults->keepRoom();
+  expectRoom();
+  for (int i = 0; i < 3000; ++i) ASSERT_TRUE(defaults->setEntry(i, "a", "key"));  // several checkpoints
+  EXPECT_EQ(occupied(""), room.file);
+}
+
+TEST_F(RoomTest, IsMadeByAWriteAsWell) {
+  const auto defaults = openRoomy();
+  EXPECT_TRUE(defaults->setEntry(1, "a", "key"));
+  expectRoom();
+}
+
+TEST_F(RoomTest, GrowsWithTheContentSoThatAQuarterIsAlwaysFree) {
+  const auto defaults = openRoomy();
+  const std::string large(100'000, 'x');
+  for (int i = 0; i < 9; ++i) ASSERT_TRUE(defaults->setEntry(large, std::to_string(i), "key"));
+  EXPECT_EQ(occupied(""), room.file / 4 * 5);
+  EXPECT_TRUE(defaults->synchronize());
+}
+
+TEST_F(RoomTest, OutlivesAKillAndTheNextOpening) {
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const auto defaults = openRoomy();
+    if (!defaults->setEntry(1, "a", "key")) ::_exit(1);
+    ::kill(::getpid(), SIGKILL);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  const auto defaults = openRoomy();
+  expectRoom();
+  EXPECT_TRUE(defaults->setEntry(2, "b", "key"));
+  expectRoom();
+  EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary{{"a", 1}, {"b", 2}}));
+}
+
+TEST_F(RoomTest, IsMadeAgainForAFileWithHoles) {
+  { EXPECT_TRUE(openRoomy()->setEntry(1, "a", "key")); }
+  std::filesystem::resize_file(path(), 8 * 4096);
+  std::filesystem::resize_file(path(), room.file);
+  ASSERT_LT(occupied(""), room.file);
+  const auto defaults = openRoomy();
+  defaults->keepRoom();
+  expectRoom();
+  EXPECT_EQ(defaults->objectForKey("key"), Value(Dictionary{{"a", 1}}));
 }
 
 TEST_F(UserDefaultsTest, SettingWhatIsHeldWritesNothing) {

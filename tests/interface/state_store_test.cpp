@@ -1,11 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <thread>
 
 #include "interface/limits.h"
 #include "platform/foundation/archive.h"
 #include "platform/foundation/user_defaults.h"
 #include "platform/xpc/wire.h"
+#include "support/statistics.h"
+#include "tests/foundation/faulty_vfs.h"
 #include "tests/interface/interface_fixture.h"
 #include "tests/support/scoped_environment.h"
 
@@ -48,13 +51,23 @@ class StateStore : public tests::InterfaceFixture {
                                    [read_after](const Value& now) mutable { read_after.come(now); });
     read_after.await();
     if (stored.hasCome()) return "";
-    EXPECT_EQ(process.error().await(), xpc::error_limits_exceeded);
+    EXPECT_EQ(process.error().await(), expected_error_);
     return process.failure();
   }
+  std::string expected_error_ = xpc::error_limits_exceeded;
+
   StateObject readObject(const std::string& key) {
     return dispatch_sync(registry_->defaults_queue(), [&] { return registry_->clientGetStateSync(key); });
   }
   Value readSync(const std::string& key) { return std::get<Value>(readObject(key)); }
+  static Value nested(int arrays) {
+    Value value = "bottom";
+    for (int array = 0; array < arrays; ++array) value = Array{value};
+    return value;
+  }
+  std::shared_ptr<UserDefaults> openAgain() {
+    return UserDefaults::initWithSuiteName("com.orvel.kelvane", directory_.path());
+  }
 };
 
 TEST_F(StateStore, ReadingCacheEnabledOnAFreshStoreRepliesTrueWithoutALogLine) {
@@ -129,16 +142,102 @@ TEST_F(StateStore, AWriteOverWhatIsNoDictionaryBeginsTheStateAnew) {
 }
 
 TEST_F(StateStore, AValueThatNestsTooDeepForTheWholeStateToTravelIsNotTakenAndSaidSo) {
-  const auto nested = [](int arrays) {
-    Value value = "bottom";
-    for (int array = 0; array < arrays; ++array) value = Array{value};
-    return value;
-  };
   write(nested(deepest), "k");
   EXPECT_EQ(log_.count(3, ""), 0u);
   write(nested(deepest + 1), "k");
-  EXPECT_EQ(log_.count(3, "_clientSetState:key:replyBlock: value for key: k nests deeper than 19"), 1u);
+  EXPECT_EQ(log_.count(3,
+                       "_clientSetState:key:replyBlock: unable to keep the value for key: k: the value nests "
+                       "deeper than 19 arrays and dictionaries"),
+            1u);
   EXPECT_EQ(read("k"), nested(deepest));
+}
+
+TEST_F(StateStore, AValueThatNestsTooDeepIsRefusedWithAnErrorAndToldToNobody) {
+  FakeService& wanting = registered("wanting");
+  record("wanting")->setDesiredNotifications(std::set<std::string>{KELVANE_CACHE_ENABLED});
+  EXPECT_EQ(written(KELVANE_CACHE_ENABLED, nested(deepest)), "");
+  wanting.awaitNotifications(1);
+  EXPECT_EQ(written(KELVANE_CACHE_ENABLED, nested(deepest + 1)),
+            "the value nests deeper than 19 arrays and dictionaries");
+  write(nested(deepest + 1), KELVANE_CACHE_ENABLED);
+  EXPECT_EQ(read(KELVANE_CACHE_ENABLED), nested(deepest));
+  write(false, KELVANE_CACHE_ENABLED);
+  wanting.awaitNotifications(2);
+  EXPECT_EQ(wanting.notifications()[1], (Dictionary{{KELVANE_CACHE_ENABLED, false}}));
+}
+
+// --- what others store, and what comes when ---
+
+TEST_F(StateStore, AReadTakesInWhatAnotherProcessStored) {
+  write(1, "k");
+  ASSERT_TRUE(openAgain()->setEntry(2, "k", KELVANE_USER_DEFAULTS));
+  EXPECT_EQ(read("k"), Value(2));
+}
+
+TEST_F(StateStore, AWriteTakesInWhatAnotherProcessStoredAndIsInTheFileWhenItIsAnswered) {
+  write(1, "k");
+  ASSERT_TRUE(openAgain()->setEntry(2, "theirs", KELVANE_USER_DEFAULTS));
+  Answer<Value> in_the_file;
+  registry_->clientSetState(3, "k", [this, in_the_file]() mutable {
+    in_the_file.come(openAgain()->objectForKey(KELVANE_USER_DEFAULTS));
+  });
+  EXPECT_EQ(in_the_file.await(), Value(Dictionary{{"k", 3}, {"theirs", 2}}));
+}
+
+TEST_F(StateStore, TheNotificationIsOnItsWayWhenTheWriteIsAnswered) {
+  Answer<std::size_t> lines;
+  registry_->clientSetState(false, KELVANE_CACHE_ENABLED, [this, lines]() mutable {
+    lines.come(log_.count(5, "notifyRecipients:value: name: KELVANE_CACHE_ENABLED, value: false") +
+               log_.count(5, "notifyRecipients:value: name: KELVANE_CACHE_ENABLED, value: 0"));
+  });
+  EXPECT_EQ(lines.await(), 1u);
+}
+
+TEST_F(StateStore, RemovingCacheEnabledIsNotifiedAsWell) {
+  FakeService& wanting = registered("wanting");
+  record("wanting")->setDesiredNotifications(std::set<std::string>{KELVANE_CACHE_ENABLED});
+  write(Value(), KELVANE_CACHE_ENABLED);
+  wanting.awaitNotifications(1);
+  EXPECT_EQ(wanting.notifications(), (std::vector<Dictionary>{{}}));
+}
+
+TEST_F(StateStore, RemovingAKeyOnAFreshStoreBeginsTheState) {
+  write(Value(), "k");
+  EXPECT_EQ(read(KELVANE_USER_DEFAULTS), Value(Dictionary{{KELVANE_CACHE_ENABLED, true}}));
+  EXPECT_EQ(openAgain()->objectForKey(KELVANE_USER_DEFAULTS), Value(Dictionary()));
+}
+
+TEST_F(StateStore, ADamagedValueIsReadAsItsDefaultAndNamed) {
+  write(false, KELVANE_CACHE_ENABLED);
+  write("sound", "k");
+  registry_->user_defaults_ = nullptr;
+  sqlite3* opened = nullptr;
+  ASSERT_EQ(sqlite3_open((directory_ / "com.orvel.kelvane.db").c_str(), &opened), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(opened,
+                         "UPDATE entries SET value=substr(value,1,length(value)-1)||x'02' "
+                         "WHERE CAST(entry AS TEXT)='KELVANE_CACHE_ENABLED'",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(opened);
+  registry_->user_defaults_ = openAgain();
+  EXPECT_EQ(read(KELVANE_CACHE_ENABLED), Value(true));
+  EXPECT_EQ(read("k"), Value("sound"));
+  EXPECT_EQ(
+      log_.count(3, "_clientSetState:key:replyBlock: state file " + (directory_ / "com.orvel.kelvane.db") +
+                        ": the value for \"KELVANE_CACHE_ENABLED\" is damaged and is left out"),
+      1u);
+}
+
+TEST_F(StateStore, AWholeStateThatNoMessageHoldsIsRefusedWithAnError) {
+  Dictionary state;
+  const std::string large(std::size_t{1} << 20, 'x');
+  for (int i = 0; i < 33; ++i) state.set(std::to_string(i), large);
+  registry_->user_defaults_->setObject(state, KELVANE_USER_DEFAULTS);
+  Caller& process = caller();
+  process.proxy().clientGetState(xpc::Anything{KELVANE_USER_DEFAULTS},
+                                 [](const Value&) { ADD_FAILURE() << "it was answered"; });
+  EXPECT_EQ(process.error().await(), xpc::error_limits_exceeded);
+  EXPECT_EQ(read("0"), Value(large));
 }
 
 TEST_F(StateStore, WhatWasWrittenIsThereForWhoeverOpensTheSuiteNext) {
@@ -158,6 +257,67 @@ TEST_F(StateStore, OnlyTheBlockingReaderTurnsDataBackIntoAnObject) {
   EXPECT_TRUE(log_.contains(5, "clientGetStateSync: ENTRY"));
   EXPECT_TRUE(log_.contains(5, "clientGetStateSync: 641"));
   EXPECT_TRUE(log_.contains(5, "clientGetStateSync: EXIT"));
+}
+
+// --- a volume that takes nothing ---
+
+class UnwritableStateStore : public StateStore {
+ protected:
+  UnwritableStateStore() {
+    registry_->user_defaults_ = UserDefaults::initWithSuiteName(
+        "com.orvel.kelvane", directory_.path(), {.recreatable = {}, .vfs = test::FaultyVFS::name});
+    forgetStatistics();
+    write(1, "k");
+    vfs_.write_result = SQLITE_FULL;
+    expected_error_ = xpc::error_failed;
+  }
+  ~UnwritableStateStore() override { registry_->user_defaults_ = nullptr; }
+
+  [[nodiscard]] std::string reason() {
+    return (directory_ / "com.orvel.kelvane.db") + ": database or disk is full";
+  }
+  test::FaultyVFS vfs_;
+};
+
+TEST_F(UnwritableStateStore, RefusesAWriteWithTheReasonAndKeepsWhatItHad) {
+  EXPECT_EQ(written("k", 2), "the value is not kept: " + reason());
+  EXPECT_EQ(written("other", 2), "the value is not kept: " + reason());
+  EXPECT_EQ(read("k"), Value(1));
+  EXPECT_EQ(read("other"), Value());
+  EXPECT_EQ(log_.count(3, "_clientSetState:key:replyBlock: unable to keep the value for key: k: " + reason()),
+            1u);
+  EXPECT_EQ(statisticsOf(kelvane_domain).counters.at("KV_STATE_NOT_KEPT"), 2);
+  vfs_.write_result = SQLITE_OK;
+  EXPECT_EQ(written("k", 3), "");
+  EXPECT_EQ(read("k"), Value(3));
+}
+
+TEST_F(UnwritableStateStore, TellsNobodyOfWhatItRefuses) {
+  EXPECT_NE(written(KELVANE_CACHE_ENABLED, false), "");
+  EXPECT_FALSE(log_.contains("notifyRecipients:value:"));
+  EXPECT_EQ(read(KELVANE_CACHE_ENABLED), Value(true));
+}
+
+TEST_F(UnwritableStateStore, ServesARecordThatItCouldNotWriteAndWritesItLater) {
+  const auto record_of = [](std::uint64_t amount) {
+    return KelvaneRecentInfo::kelvaneRecentInfo(
+        {{"/data", KelvaneRecentVolumeInfo::kelvaneRecentVolumeInfo(
+                       {{"one", KelvaneRecentServiceInfo::kelvaneRecentServiceInfo(amount, Date{5})}}, 1000,
+                       Date{6}, "/data")}});
+  };
+  for (const std::uint64_t amount : {7, 8}) {
+    dispatch_sync(registry_->defaults_queue(), [&] {
+      registry_->clientSetStateSync(record_of(amount), KELVANE_RECENT_SERVICE_STATS);
+      registry_->settleState();
+    });
+    EXPECT_EQ(read(KELVANE_RECENT_SERVICE_STATS), Value(archivedData(*record_of(amount))));
+  }
+  EXPECT_EQ(statisticsOf(kelvane_domain).counters.at("KV_STATE_NOT_KEPT"), 1);  // said once
+  EXPECT_TRUE(openAgain()->objectForKey(KELVANE_USER_DEFAULTS) == Value(Dictionary{{"k", 1}}));
+  vfs_.write_result = SQLITE_OK;
+  read("k");
+  const Value state = openAgain()->objectForKey(KELVANE_USER_DEFAULTS);
+  EXPECT_EQ((*state.dictionary())[KELVANE_RECENT_SERVICE_STATS], Value(archivedData(*record_of(8))));
 }
 
 // --- the recent-info record ---
@@ -319,6 +479,19 @@ TEST_F(StateStore, ThatCouldNotBeOpenedKeepsNothingAndReadsTheDefaults) {
   write(5, "k");
   EXPECT_EQ(read("k"), Value());
   EXPECT_EQ(read(KELVANE_CACHE_ENABLED), Value(true));
+}
+
+TEST_F(StateStore, ThatCouldNotBeOpenedRefusesWritesAndTellsNobody) {
+  forgetStatistics();
+  registry_->user_defaults_ = nullptr;
+  expected_error_ = xpc::error_failed;
+  EXPECT_EQ(written(KELVANE_CACHE_ENABLED, false), "the value is not kept: the state could not be opened");
+  EXPECT_EQ(log_.count(3,
+                       "_clientSetState:key:replyBlock: unable to keep the value for key: "
+                       "KELVANE_CACHE_ENABLED: the state could not be opened"),
+            1u);
+  EXPECT_FALSE(log_.contains("notifyRecipients:value:"));
+  EXPECT_EQ(statisticsOf(kelvane_domain).counters.at("KV_STATE_NOT_KEPT"), 1);
 }
 
 TEST_F(StateStore, IsReachedOverTheWire) {

@@ -263,6 +263,14 @@ TEST_P(HostileMessage, AWrongSignatureIsAnswered) {
   expectError(call, "InvalidArgs");
 }
 
+TEST_P(HostileMessage, ASecondElementWhereAValueMayBeNilIsAnswered) {
+  RawMessage call;
+  call.member = "echoAnything";
+  call.signature = "av";
+  call.body = "\x8\0\0\0\1y\0\5\1y\0\6"s;
+  expectError(call, "InvalidArgs");
+}
+
 TEST_P(HostileMessage, NoArgumentsWhereOneIsDueIsAnswered) { expectError(RawMessage(), "InvalidArgs"); }
 
 TEST_P(HostileMessage, AnUnknownMethodInterfaceOrObjectIsAnswered) {
