@@ -148,7 +148,7 @@ HandshakeState ClientHandshake::step(std::string_view line) {
   const Command command = split(line);
   if (expected_ == Expected::ok) {
     if (command.name != "OK") return HandshakeState::failed;
-    expected_ = asks_for_descriptors_ ? Expected::agreement : Expected::nothing;
+    expected_ = Expected::agreement;
     return asks_for_descriptors_ ? HandshakeState::going_on : HandshakeState::done;
   }
   passes_descriptors_ = line == "AGREE_UNIX_FD";

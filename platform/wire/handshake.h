@@ -33,7 +33,7 @@ class ServerHandshake {
   [[nodiscard]] bool passesDescriptors() const { return passes_descriptors_; }
 
  private:
-  enum class Expected : std::uint8_t { nul, authentication, identity, begin, nothing };
+  enum class Expected : std::uint8_t { nul, authentication, identity, begin };
 
   HandshakeState step(std::string_view line, std::string& output);
   void authenticate(std::string_view mechanism_and_identity, std::string& output);
@@ -64,7 +64,7 @@ class ClientHandshake {
   [[nodiscard]] bool passesDescriptors() const { return passes_descriptors_; }
 
  private:
-  enum class Expected : std::uint8_t { ok, agreement, nothing };
+  enum class Expected : std::uint8_t { ok, agreement };
 
   HandshakeState step(std::string_view line);
 

@@ -4,9 +4,9 @@
 #include <cassert>
 #include <cstring>
 
-#include "platform/foundation/utf8.h"
 #include "platform/wire/byte_order.h"
 #include "platform/wire/names.h"
+#include "platform/wire/sendable_text.h"
 #include "platform/wire/signature.h"
 
 namespace kelvane::wire {
@@ -14,31 +14,9 @@ namespace {
 
 constexpr std::size_t first_room = 512;
 constexpr std::size_t most_kept = 256U << 10;
-constexpr std::string_view replacement = "\xef\xbf\xbd";  // U+FFFD
 
 /// While a message is written its serial is zero: a type code of '\0', the end of an empty signature.
 constexpr std::size_t empty_signature_at = serial_offset;
-
-/// Whether a noncharacter begins here, in text that is UTF-8; its length, or 0.
-std::size_t noncharacterLength(std::string_view text) {
-  const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
-  if (byte(0) == 0xef) {
-    const bool arabic = byte(1) == 0xb7 && byte(2) >= 0x90 && byte(2) <= 0xaf;  // U+FDD0 to U+FDEF
-    const bool last_two = byte(1) == 0xbf && byte(2) >= 0xbe;                   // U+FFFE, U+FFFF
-    return arabic || last_two ? 3 : 0;
-  }
-  // U+1FFFE, U+1FFFF and so on, to U+10FFFF.
-  const bool last_two = byte(0) >= 0xf0 && (byte(1) & 0xf) == 0xf && byte(2) == 0xbf && byte(3) >= 0xbe;
-  return last_two ? 4 : 0;
-}
-
-/// How many bytes at the front of UTF-8 text come before a noncharacter.
-std::size_t lengthBeforeNoncharacter(std::string_view text) {
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (static_cast<std::uint8_t>(text[i]) >= 0xef && noncharacterLength(text.substr(i)) > 0) return i;
-  }
-  return text.size();
-}
 
 }  // namespace
 
@@ -154,31 +132,11 @@ void Writer::appendShortText(std::string_view text) {
   ++size_;
 }
 
-void Writer::appendRepaired(std::string_view text) {
-  store<std::uint32_t>(0);
-  const std::size_t begin = size_;
-  while (!text.empty() && fault_ == Fault::none) {
-    const std::size_t valid = messageTextLength(text);
-    const std::size_t good = lengthBeforeNoncharacter(text.substr(0, valid));
-    append(text.data(), good);
-    text.remove_prefix(good);
-    if (text.empty()) break;
-    append(replacement.data(), replacement.size());
-    text.remove_prefix(good < valid ? noncharacterLength(text) : 1);
-  }
-  if (!makeRoom(1) || fault_ != Fault::none) return;
-  const auto length = static_cast<std::uint32_t>(size_ - begin);
-  std::memcpy(data_ + begin - sizeof length, &length, sizeof length);
-  ++size_;
-}
-
 void Writer::writeString(std::string_view text) {
   if (!expect('s')) return;
   passType(1);
   if (text.size() > longest_protocol_message) return fail(Fault::too_long);
-  const bool clean = plainTextLength(text) == text.size() ||
-                     (isMessageText(text) && lengthBeforeNoncharacter(text) == text.size());
-  clean ? appendText(text) : appendRepaired(text);
+  isSendable(text) ? appendText(text) : appendText(repairedText(text));
 }
 
 void Writer::writeObjectPath(std::string_view path) {

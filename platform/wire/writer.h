@@ -48,8 +48,7 @@ class Writer {
   void writeInt64(std::int64_t value);
   void writeUint64(std::uint64_t value);
   void writeDouble(double value);
-  /// Invalid UTF-8, NUL, and noncharacters (such as U+FFFE and U+FFFF, which some libraries refuse) are
-  /// written as U+FFFD.
+  /// Text that may not be sent is repaired (sendable_text.h).
   void writeString(std::string_view text);
   void writeObjectPath(std::string_view path);
   void writeSignature(std::string_view signature);
@@ -103,7 +102,6 @@ class Writer {
   void append(const void* from, std::size_t size);
   void appendText(std::string_view text);
   void appendShortText(std::string_view text);
-  void appendRepaired(std::string_view text);
   void beginField(HeaderField field, char type);
   void addTextField(HeaderField field, char type, std::string_view text);
   void addFields(const Header& header);

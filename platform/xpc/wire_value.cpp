@@ -1,5 +1,7 @@
 #include "platform/xpc/wire_value.h"
 
+#include <cstddef>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -7,6 +9,7 @@
 #include <variant>
 
 #include "platform/wire/protocol.h"
+#include "platform/wire/sendable_text.h"
 #include "platform/xpc/decoding.h"
 
 namespace kelvane::xpc {
@@ -16,11 +19,36 @@ namespace {
 
 void writeVariant(wire::Writer& out, const Value& value, unsigned depth);
 
+/// The keys of a dictionary as they are sent. Two keys that repairing makes the same get different numbers,
+/// or the receiver would lose one of their values.
+class SentKeys {
+ public:
+  explicit SentKeys(const Dictionary& dictionary) : dictionary_(dictionary) {}
+
+  void write(wire::Writer& out, const std::string& key) {
+    if (wire::isSendable(key)) return out.writeString(key);
+    out.writeString(distinct(wire::repairedText(key)));
+  }
+
+ private:
+  std::string distinct(const std::string& key) {
+    std::string name = key;
+    while (dictionary_.contains(name) || !repaired_.insert(name).second)
+      name = key + ' ' + std::to_string(++number_);
+    return name;
+  }
+
+  const Dictionary& dictionary_;
+  std::set<std::string> repaired_;
+  std::size_t number_ = 1;  // never used twice, so that many such keys do not take many attempts each
+};
+
 void writeDictionary(wire::Writer& out, const Dictionary& dictionary, unsigned depth) {
+  SentKeys keys(dictionary);
   out.openArray("{sv}");
   for (const auto& [key, value] : dictionary) {
     out.openEntry("sv");
-    out.writeString(key);
+    keys.write(out, key);
     writeVariant(out, value, depth);
     out.closeEntry();
   }

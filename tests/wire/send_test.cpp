@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include "tests/wire/system_call_faults.h"
 #include "tests/wire/transport_fixture.h"
 
 namespace kelvane::wire {
@@ -26,6 +27,12 @@ class SendTest : public TransportTest {
   void fillSocket() {
     while (transport_->queuedBytes() == 0) ASSERT_NE(send("Filling", std::string(10'000, 'x')), 0U);
   }
+  /// Until the socket takes no more, with bytes that the transport knows nothing of. They end in "n".
+  void fillSocketFromOutside() {
+    const std::string noise(1'000, 'n');
+    while (::send(transport_->socket(), noise.data(), noise.size(), MSG_DONTWAIT) > 0) {
+    }
+  }
   /// What the peer receives while it reads and we continue to write.
   std::string readAllFlushing() {
     std::string all;
@@ -47,10 +54,25 @@ class SendTest : public TransportTest {
     return {reinterpret_cast<const char*>(buffer.data()), result.bytes};
   }
 
+  /// All that comes while we continue to write.
+  std::string readAllFlushing(std::vector<FileDescriptor>& descriptors) {
+    std::string all;
+    for (;;) {
+      const std::string some = readOnce(descriptors);
+      all += some;
+      EXPECT_TRUE(transport_->flush());
+      if (some.empty()) return all;
+    }
+  }
+
   int error_ = -1;
 };
 
 TEST_F(SendTest, ClientSendsHandshakeAndFirstMessageInOneWrite) {
+  std::array<int, 2> packets{};  // which keep one write apart from the next
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, packets.data()), 0);
+  ours_ = FileDescriptor(packets[0]);
+  peer_ = FileDescriptor(packets[1]);
   makeTransport(Transport::Side::client, {.takes_descriptors = false, .passes_descriptors = false});
   Outgoing call = makeCall("First");
   int error = -1;
@@ -92,6 +114,58 @@ TEST_F(SendTest, EmptyMessageIsRefused) {
   EXPECT_EQ(transport_->send(empty, error_), 0U);
   EXPECT_EQ(error_, EINVAL);
   EXPECT_EQ(send("Next"), 1U);
+}
+
+TEST_F(SendTest, NothingIsSentOnceThePeerHasBrokenTheRules) {
+  makeServer();
+  passTo(peer_.get(), "this does not begin a message");
+  ASSERT_EQ(receive(), Outcome::ended);
+  EXPECT_EQ(send("One"), 0U);
+  EXPECT_EQ(error_, EPIPE);
+  EXPECT_THAT(readFrom(peer_.get()), IsEmpty());
+}
+
+TEST_F(SendTest, PeerThatIsGoneDuringTheHandshakeIsReported) {
+  makeTransport(Transport::Side::server);
+  passTo(peer_.get(), std::string(1, '\0') + "AUTH EXTERNAL\r\n");
+  peer_.reset();
+  ASSERT_EQ(receive(), Outcome::drained);
+  EXPECT_EQ(send("One"), 0U);
+  EXPECT_EQ(error_, EPIPE);
+  EXPECT_EQ(transport_->queuedBytes(), 0U);
+}
+
+TEST_F(SendTest, ErrorsOfTheSystemCallThatMeanThatThePeerIsGoneAreReportedAlike) {
+  for (const int error : {EPIPE, ECONNRESET}) {
+    std::tie(ours_, peer_) = socketPair();
+    makeServer();
+    const SystemCallFault fault("sendmsg", error, 1);
+    EXPECT_EQ(send("One"), 0U);
+    EXPECT_EQ(error_, EPIPE);
+    EXPECT_EQ(send("Two"), 0U) << "though the system call would succeed";
+    EXPECT_EQ(error_, EPIPE);
+  }
+}
+
+TEST_F(SendTest, OtherErrorsOfTheSystemCallCostTheMessageOnly) {
+  makeServer();
+  {
+    const SystemCallFault fault("sendmsg", ETOOMANYREFS, 1);
+    EXPECT_EQ(send("One"), 0U);
+    EXPECT_EQ(error_, ETOOMANYREFS);
+  }
+  EXPECT_NE(send("Two"), 0U);
+  EXPECT_THAT(readFrom(peer_.get()), testing::HasSubstr("Two"));
+}
+
+TEST_F(SendTest, QueueThatTheSystemCallRefusesEndsTheOutput) {
+  makeServer();
+  fillSocket();
+  const SystemCallFault fault("sendmsg", ETOOMANYREFS, 1);
+  EXPECT_FALSE(transport_->flush());
+  EXPECT_EQ(transport_->queuedBytes(), 0U);
+  EXPECT_EQ(send("One"), 0U);
+  EXPECT_EQ(error_, EPIPE);
 }
 
 TEST_F(SendTest, InvalidDescriptorThatMustWaitIsReportedToo) {
@@ -163,12 +237,11 @@ TEST_F(SendTest, MessageThatTheKernelMayCutIsRefusedWholeWhereTheAccountIsFull) 
 
 TEST_F(SendTest, HandshakeThatFindsNoRoomWaits) {
   makeTransport(Transport::Side::client);
-  const std::string noise(1'000, 'n');
-  while (::send(transport_->socket(), noise.data(), noise.size(), MSG_DONTWAIT) > 0) {
-  }
+  fillSocketFromOutside();
   EXPECT_EQ(send("One"), 1U);
   EXPECT_TRUE(transport_->wantsToWrite());
-  EXPECT_THAT(readAllFlushing(), testing::EndsWith(noise + opening() + callBytes("One")));
+  EXPECT_EQ(transport_->queuedBytes(), callBytes("One").size()) << "the handshake is not counted";
+  EXPECT_THAT(readAllFlushing(), testing::EndsWith("n" + opening() + callBytes("One")));
 }
 
 TEST_F(SendTest, DescriptorsThatWaitPassOnceAndWithTheirOwnMessage) {
@@ -195,6 +268,42 @@ TEST_F(SendTest, DescriptorsThatWaitPassOnceAndWithTheirOwnMessage) {
   EXPECT_THAT(descriptors, SizeIs(2));
   const std::array<int, 2> any{0, 0};
   EXPECT_GT(read_with_descriptors, read - callBytes("Behind").size() - callBytes("With", text, any).size());
+}
+
+TEST_F(SendTest, LongMessageThatFindsNoRoomWaitsWithItsDescriptors) {
+  makeServer();
+  fillSocketFromOutside();
+  const Descriptors passed(2);
+  const std::string text(900'000, 'y');  // the account has no room for two of these
+  EXPECT_EQ(send("With", text, passed.numbers), 1U);
+  EXPECT_EQ(account_->used(Resource::descriptors), 2U);
+  std::vector<FileDescriptor> descriptors;
+  const std::string all = readAllFlushing(descriptors);
+  EXPECT_TRUE(all.ends_with("n" + callBytes("With", text, passed.numbers)));
+  EXPECT_THAT(descriptors, SizeIs(2));
+}
+
+TEST_F(SendTest, LongMessagePassesItsDescriptorsWithItsFirstPartOnly) {
+  makeServer();
+  const Descriptors passed(2);
+  const std::string text(900'000, 'y');
+  EXPECT_EQ(send("With", text, passed.numbers), 1U);
+  EXPECT_GT(transport_->queuedBytes(), 0U);
+  EXPECT_EQ(account_->used(Resource::descriptors), 0U);
+  std::vector<FileDescriptor> descriptors;
+  EXPECT_TRUE(readAllFlushing(descriptors) == callBytes("With", text, passed.numbers));
+  EXPECT_THAT(descriptors, SizeIs(2));
+}
+
+TEST_F(SendTest, MessageOfWhichNothingWasSentMayBeRefusedWithoutEndingTheOutput) {
+  makeServer();
+  fillSocketFromOutside();
+  Charge others = Charge::of(account_, Resource::queued_bytes, 1U << 20);
+  EXPECT_EQ(send("Refused"), 0U);
+  EXPECT_EQ(error_, ENOBUFS);
+  others.reset();
+  EXPECT_EQ(send("Kept"), 2U);
+  EXPECT_THAT(readAllFlushing(), testing::EndsWith("n" + callBytes("Kept", "", {}, 2)));
 }
 
 TEST_F(SendTest, MessageIsRefusedWhenThePeersAccountHasNoRoom) {
@@ -324,6 +433,52 @@ TEST_F(SendTest, DescriptorsWaitForTheAgreementAndAllBehindThem) {
   EXPECT_EQ(account_->used(Resource::descriptors), 0U);
 }
 
+TEST_F(SendTest, BytesBeforeDescriptorsThatWaitAreSent) {
+  makeTransport(Transport::Side::client);
+  fillSocket();
+  const std::uint64_t before = transport_->queuedBytes();
+  const Descriptors passed(1);
+  EXPECT_NE(send("With", "", passed.numbers), 0U);
+  const std::uint64_t held = transport_->queuedBytes() - before;
+  EXPECT_TRUE(transport_->wantsToWrite());
+  readAllFlushing();
+  EXPECT_EQ(transport_->queuedBytes(), held);
+  EXPECT_FALSE(transport_->wantsToWrite());
+}
+
+TEST_F(SendTest, ServersDescriptorsWaitForTheAgreementAndAllGoAtOnce) {
+  makeTransport(Transport::Side::server);
+  const Descriptors passed(1);
+  std::string expected;
+  for (std::uint32_t serial = 1; serial <= 20; ++serial) {
+    EXPECT_EQ(send("With", "", passed.numbers), serial);
+    expected += callBytes("With", "", passed.numbers, serial);
+  }
+  passTo(peer_.get(), opening());
+  EXPECT_EQ(receive(), Outcome::drained);
+  EXPECT_EQ(transport_->queuedBytes(), 0U);
+  std::vector<FileDescriptor> descriptors;
+  EXPECT_THAT(readAllFlushing(descriptors), testing::EndsWith(expected));
+  EXPECT_THAT(descriptors, SizeIs(20));
+}
+
+TEST_F(SendTest, DescriptorsDoNotGoWithAHandshakeThatFoundNoRoom) {
+  makeTransport(Transport::Side::server);
+  fillSocketFromOutside();
+  passTo(peer_.get(), opening());
+  EXPECT_EQ(receive(), Outcome::drained);
+  ASSERT_TRUE(transport_->isEstablished());
+  EXPECT_THAT(readFrom(peer_.get()), testing::EndsWith("n"));
+  const Descriptors passed(1);
+  EXPECT_EQ(send("With", "", passed.numbers), 1U);
+  std::array<std::byte, 20> beginning{};
+  std::vector<FileDescriptor> descriptors;
+  EXPECT_EQ(readSocket(peer_.get(), beginning, 100, descriptors).bytes, beginning.size());
+  EXPECT_THAT(descriptors, IsEmpty());
+  EXPECT_THAT(readAllFlushing(descriptors), testing::EndsWith(callBytes("With", "", passed.numbers)));
+  EXPECT_THAT(descriptors, SizeIs(1));
+}
+
 TEST_F(SendTest, FirstMessageWithDescriptorsLetsTheHandshakeGoAlone) {
   makeTransport(Transport::Side::client);
   const Descriptors passed(1);
@@ -395,6 +550,10 @@ TEST_F(SendTest, MoreDescriptorsThanTheKernelPassesAreRefused) {
   EXPECT_EQ(error_, EINVAL);
   message.descriptors.pop_back();
   EXPECT_NE(transport_->send(message, error_), 0U);
+  fillSocket();
+  message.descriptors.push_back(null.get());
+  EXPECT_EQ(transport_->send(message, error_), 0U);
+  EXPECT_EQ(error_, EINVAL) << "although it would only wait";
 }
 
 TEST_F(SendTest, DescriptorsThatWaitAreBoundedByTheAccount) {

@@ -37,6 +37,16 @@ TEST(ServerIdentifierTest, InterruptedCallIsRepeated) {
   EXPECT_EQ(SystemCallFault::failed(), 3);
 }
 
+TEST(ServerIdentifierTest, BytesThatComeOneByOneAreAllUsed) {
+  std::set<std::string> ends;
+  for (int i = 0; i < 100; ++i) {
+    const SystemCallFault fault("getrandom", 0, 16);
+    ends.insert(makeServerIdentifier().substr(2));
+    EXPECT_EQ(SystemCallFault::failed(), 16);
+  }
+  EXPECT_EQ(ends.size(), 100U);
+}
+
 TEST(ServerIdentifierDeathTest, ProcessWithoutRandomNumbersEnds) {
   EXPECT_DEATH(
       {

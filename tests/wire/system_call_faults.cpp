@@ -47,6 +47,7 @@ int SystemCallFault::failed() { return failures; }
 
 }  // namespace kelvane::wire
 
+using kelvane::wire::error_to_give;
 using kelvane::wire::fails;
 using kelvane::wire::Function;
 using kelvane::wire::next;
@@ -64,7 +65,7 @@ extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags) {
 }
 
 extern "C" ssize_t getrandom(void* buffer, size_t size, unsigned int flags) {
-  if (fails(Function::getrandom)) return -1;
   static auto* const real = next<decltype(getrandom)>("getrandom");
-  return real(buffer, size, flags);
+  if (!fails(Function::getrandom)) return real(buffer, size, flags);
+  return error_to_give == 0 ? real(buffer, 1, flags) : -1;
 }

@@ -210,6 +210,16 @@ TEST(Writer, ReplacesNoncharacters) {
   EXPECT_EQ(repaired("\xff\xef\xbf\xbf\xff"), std::string(mark) + mark + mark);
 }
 
+TEST(Writer, RepairsAMillionNoncharactersInOnePass) {
+  std::string text;
+  std::string expected;
+  for (int i = 0; i < 1'000'000; ++i) {
+    text += "\xef\xbf\xbf";
+    expected += mark;
+  }
+  EXPECT_TRUE(repaired(text) == expected);
+}
+
 TEST(Writer, NestsAsDeepAsDBusAllows) {
   const auto nested = [](int depth) {
     return Written("v", [&](Writer& writer) {

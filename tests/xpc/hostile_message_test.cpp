@@ -237,6 +237,14 @@ TEST_P(HostileMessage, ABodyThatContradictsItsSignatureEndsTheConnection) {
   expectEnd(peer);
 }
 
+TEST_P(HostileMessage, AKeyThatIsNotUTF8EndsTheConnection) {
+  RawPeer peer = servedPeer();
+  RawMessage call = echoCall(2, 8);
+  call.body.replace(call.body.find("text"), 1, "\xff");
+  peer.send(call.bytes());
+  expectEnd(peer);
+}
+
 TEST_P(HostileMessage, ABodyThatContradictsItsSignatureEndsTheConnectionWhoeverItIsFor) {
   for (const char* member : {"noSuchMethod", "greet"}) {
     RawPeer peer = servedPeer();

@@ -119,6 +119,38 @@ TEST_F(Wire, WhatIsNoUnicodeTravelsAsTheReplacementCharacterAndCostsNothingElse)
   EXPECT_EQ(greeting, "Hello, " + replacement + "you");
 }
 
+TEST_F(Wire, KeysThatBecomeTheSameAreNumberedSoThatNoValueIsLost) {
+  const std::string replacement = "\xEF\xBF\xBD";
+  const Answer answer = ask(connection_, {{replacement, 1},
+                                          {replacement + " 2", 2},  // in the way of the first number
+                                          {"\xEF\xBF\xBE", 3},
+                                          {"\xFE", 4},
+                                          {"\xFF", 5},
+                                          {"\xFF 4", 6},  // repaired, it is what another is called
+                                          {"a", Dictionary{{"\xFE", 7}, {"\xFF", 8}}}});
+  ASSERT_TRUE(answer.reply) << answer.error->description();
+  EXPECT_EQ(*answer.reply, (Dictionary{{replacement, 1},
+                                       {replacement + " 2", 2},
+                                       {replacement + " 3", 3},
+                                       {replacement + " 4", 4},
+                                       {replacement + " 5", 5},
+                                       {replacement + " 4 6", 6},
+                                       {"a", Dictionary{{replacement, 7}, {replacement + " 2", 8}}}}));
+}
+
+TEST_F(Wire, FiftyThousandKeysThatBecomeTheSameTravelInOnePass) {
+  Dictionary many;
+  for (int i = 0; i < 50'000; ++i) {
+    std::string key(3, '\0');
+    for (int rest = i, at = 0; rest > 0; rest /= 64)
+      key[static_cast<std::size_t>(at++)] = static_cast<char>(0x80 + rest % 64);
+    many.set(key, i);
+  }
+  const Answer answer = ask(connection_, many);
+  ASSERT_TRUE(answer.reply) << answer.error->description();
+  EXPECT_EQ(answer.reply->size(), 50'000U);
+}
+
 TEST_F(Wire, WhatIsNestedTooDeepToTravelCallsTheErrorHandlerOfItsCallOnly) {
   std::vector<Value> values;
   for (const int levels : {31, 64, 200, 2000}) {
