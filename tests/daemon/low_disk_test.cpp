@@ -88,7 +88,7 @@ TEST_F(LowDisk, FlagsThatAreNoUnsignedIntegerCountAsMissing) {
                         Array{4}, Dictionary{{"_Flags", 4}}, Date{4}};
   std::size_t events = 0;
   for (const Value& flags : none) {
-    it_->handleVFSStreamXPCEvent({{"_Flags", flags}});
+    handle({{"_Flags", flags}});
     EXPECT_EQ(purged().size(), ++events) << flags.description();
   }
   EXPECT_EQ(log_.count("caught"), 0U);
@@ -98,7 +98,7 @@ TEST_F(LowDisk, FlagsAreAnIntegerOfAnyTypeThatIsNotNegative) {
   volumes_.add("/data", low);
   const Value all[] = {std::uint8_t{4}, std::int64_t{4}, std::uint64_t{4},
                        std::uint64_t{0x8000'0000'0000'0004}};
-  for (const Value& flags : all) it_->handleVFSStreamXPCEvent({{"_Flags", flags}});
+  for (const Value& flags : all) handle({{"_Flags", flags}});
   EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 4);
 }
 
