@@ -136,6 +136,17 @@ TEST_F(OperationBase, WithTheQuotaFlagGivenAsAStringANoQuotaServiceIsKept) {
   EXPECT_TRUE(operation->services().contains("shy"));
 }
 
+TEST_F(OperationBase, WithAQuotaFlagThatIsFalseANoQuotaServiceIsKept) {
+  const auto shy = service("shy");
+  shy->setNoQuota(true);
+  for (const Value& flag : {Value(false), Value(0)}) {
+    const auto operation = KelvaneOperation::initWithInfo(
+        Dictionary{{KELVANE_VOLUME, "/data"}, {KELVANE_QUOTA_EVENT, flag}}, {{"shy", shy}});
+    EXPECT_TRUE(operation->services().contains("shy"));
+  }
+  EXPECT_FALSE(log_.contains("removing noQuota service"));
+}
+
 TEST_F(OperationBase, ARecordIsRemovedUnderItsOwnID) {
   const auto shy = service("other");
   shy->setNoQuota(true);

@@ -95,6 +95,18 @@ TEST_F(PassEnd, ARequestThatIsStillQueuedWhenItsPassIsOverIsNotSent) {
   EXPECT_FALSE(pass.operation->isInFlight("queued"));
 }
 
+TEST_F(PassEnd, ARequestThatIsStillQueuedWhenTheOperationIsCancelledIsNotSent) {
+  FakeService& queued = service("queued");
+  const Pass pass = passFor(100);
+  {
+    const Suspension suspension(pass.operation->message_queue());
+    dispatch_async(pass.operation->message_queue(), [&] { pass.operation->setCancel(true); });
+    pass.queue("queued");
+  }
+  pass.awaitEmptyGroup();
+  EXPECT_EQ(queued.connectionsOpened(), 0);
+}
+
 TEST_F(PassEnd, AReplyIsAccountedForBehindTheRequestsThatAreQueuedAlready) {
   FakeService& quick = service("quick");
   FakeService& next = service("next");

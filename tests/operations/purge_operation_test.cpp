@@ -86,6 +86,23 @@ TEST_F(PurgeOperation,
   EXPECT_EQ(poor.purgesAsked().size(), 1u);
 }
 
+TEST_F(PurgeOperation, OneThatGivesMoreThanItsShareStaysViableAndIsAskedAgain) {
+  FakeService& generous = service("generous");
+  FakeService& poor = service("poor");
+  generous.purges(
+      [first = true](std::uint64_t asked) mutable { return std::exchange(first, false) ? asked + 10 : 0; });
+  tests::Answer<FakeService::ResultReply> poor_asked;
+  poor.onPurge([poor_asked](const FakeService::Purge&, const FakeService::ResultReply& reply) mutable {
+    poor_asked.come(reply);
+  });
+  const auto it = operation({{KELVANE_AMOUNT, 100}, {KELVANE_URGENCY, 1}});
+  std::thread runner([&] { run(*it); });
+  generous.awaitPurges(2);
+  EXPECT_EQ(generous.purgesAsked()[1].asked(), 20u);  // half of the missing 40: both are viable
+  poor_asked.await()(Dictionary{{KELVANE_AMOUNT, 0}});
+  runner.join();
+}
+
 TEST_F(PurgeOperation, OneThatReturnsLessIsNotAskedAgainInThatPassAndTheOthersNextSharesGrow) {
   FakeService& full = service("full");
   FakeService& poor = service("poor");

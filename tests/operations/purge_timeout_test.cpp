@@ -21,7 +21,7 @@ class PurgeTimeout : public tests::PurgeFixture {
   Dictionary runPasses(KelvanePurgeOperation& operation, FakeService& silent,
                        const std::vector<std::int64_t>& seconds, const std::string& before_time = "") {
     std::thread runner([&] { run(operation); });
-    std::size_t asked = 0;
+    std::size_t asked = asked_before_;
     if (!before_time.empty()) log_.await(before_time);
     for (const std::int64_t each : seconds) {
       silent.awaitPurges(++asked);
@@ -31,6 +31,8 @@ class PurgeTimeout : public tests::PurgeFixture {
     runner.join();
     return *completions_.back();
   }
+
+  std::size_t asked_before_ = 0;
 };
 
 TEST_F(PurgeTimeout, AnAbsentTimeoutWaitsTwoFourSixAndEightSeconds) {
@@ -59,6 +61,19 @@ TEST_F(PurgeTimeout, ATimeoutOfAThousandWaitsThreeHundredSecondsPerPass) {
   EXPECT_EQ(passOf(result, 1)["KELVANE_URGENCY_1_TIMEOUT_SECONDS"], Value(300));
   EXPECT_TRUE(log_.contains(5, "startOperation: user_timeout_seconds: 1000"));
   EXPECT_TRUE(log_.contains(5, "waiting for 300 seconds, user_timeout_seconds: 300, currentUrgency: 1"));
+}
+
+TEST_F(PurgeTimeout, ATimeoutOfMoreThanThreeHundredSecondsIsCutToThreeHundred) {
+  FakeService& silent = service("silent");
+  for (const int given : {299, 300, 301, 999, 1000}) {
+    const auto it = operation({{KELVANE_AMOUNT, 10}, {KELVANE_URGENCY, 1}, {KELVANE_PURGE_TIMEOUT, given}});
+    log_.clear();
+    asked_before_ = silent.purgesAsked().size();
+    const int waited = std::min(given, 300);
+    const Dictionary result = runPasses(*it, silent, {waited});
+    EXPECT_EQ(passOf(result, 1)["KELVANE_URGENCY_1_TIMEOUT_SECONDS"], Value(waited)) << given;
+    EXPECT_EQ(result[KELVANE_ELAPSED_TIME], Value(static_cast<double>(waited)));
+  }
 }
 
 TEST_F(PurgeTimeout, AServiceThatIsCutOffIsAskedAgainInTheNextPassAndLosesItsConnection) {

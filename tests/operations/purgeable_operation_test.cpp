@@ -98,6 +98,15 @@ TEST_F(PurgeableOperation, EveryAskedServicesFigureAndTheirSumAreTheResult) {
             1U);
 }
 
+TEST_F(PurgeableOperation, EveryServiceIsAskedAtTheUrgencyLimitOfTheQuestion) {
+  FakeService& one = service("one", 10);
+  for (const std::int32_t urgency : {1, 2, 4}) {
+    state_->set(Value());
+    run(*operation(urgency));
+    EXPECT_EQ(one.questions().back().urgency, urgency);
+  }
+}
+
 TEST_F(PurgeableOperation, WhenAllFiguresAreCachedNobodyIsAskedAndNobodyIsWaitedFor) {
   FakeService& one = service("one", 1);
   remember({{"one", figure(5)}});

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <limits>
 
+#include "platform/dispatch/suspension.h"
 #include "tests/operations/purgeable_fixture.h"
 
 namespace kelvane {
@@ -146,6 +147,34 @@ TEST_F(RecentInfoCache, WhatIsNoRecordUnderItsKeyIsPassedOverAndReplacedByTheNex
     update("one", 7);
     EXPECT_EQ(cached(), cachedAs({}, {{"one", 7}}));
   }
+}
+
+TEST_F(RecentInfoCache, AnswersThatWaitTogetherAreRecordedInTheirOrderAndTheFreeSpaceIsReadOnceForAll) {
+  state_->set(Value());
+  const int reads_before_one = volumes_.timesSpaceRead();
+  update("alone", 1);
+  const int reads_of_one = volumes_.timesSpaceRead() - reads_before_one;
+  const int writes_before = state_->writes();
+  const auto it = operation();
+  {
+    const Suspension suspension(state_->defaults_queue());
+    for (const auto& [ID, amount] : std::vector<std::pair<std::string, int>>{{"a", 5}, {"b", 6}, {"a", 7}})
+      it->updateServiceStats(ID, {{KELVANE_AMOUNT, amount}, {KELVANE_VOLUME, "/data"}});
+  }
+  dispatch_sync(state_->defaults_queue(), [] {});
+  EXPECT_EQ(
+      *state_->record(),
+      KelvaneRecentInfo({{"/data", volume({{"alone", figure(1)}, {"a", figure(7)}, {"b", figure(6)}})}}));
+  EXPECT_EQ(volumes_.timesSpaceRead() - reads_before_one, 2 * reads_of_one);
+  EXPECT_EQ(state_->writes() - writes_before, 3 + 1);  // each answer, and the record that was validated last
+  EXPECT_EQ(log_.count(5, "updateServiceStats:withInfo: ^^^ENTRY, serviceID: a : {KELVANE_AMOUNT = "), 2U);
+}
+
+TEST_F(RecentInfoCache, OutdatedFiguresAreRemovedFromWhatAnAnswerStores) {
+  remember({{"old", figure(1)}});
+  clock_.advance(121 * second);
+  update("fresh", 2);
+  EXPECT_EQ(*state_->record(), KelvaneRecentInfo({{"/data", volume({{"fresh", figure(2)}})}}));
 }
 
 TEST_F(RecentInfoCache, AnUpdateQueuedBeforeIsSeenByTheReadingThatFollows) {

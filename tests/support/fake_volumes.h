@@ -46,6 +46,10 @@ class FakeVolumes final : public VolumeSource {
     const std::lock_guard lock(mutex_);
     return times_read_;
   }
+  [[nodiscard]] int timesSpaceRead() const {
+    const std::lock_guard lock(mutex_);
+    return times_space_read_;
+  }
   /// The user whose quotas were last asked for, if any.
   [[nodiscard]] std::optional<uid_t> askedFor() const {
     const std::lock_guard lock(mutex_);
@@ -63,6 +67,7 @@ class FakeVolumes final : public VolumeSource {
   }
   std::optional<VolumeSpace> space(const std::string& path) override {
     const std::lock_guard lock(mutex_);
+    ++times_space_read_;
     const auto found = spaces_.find(path);
     return found != spaces_.end() ? found->second : std::nullopt;
   }
@@ -77,6 +82,7 @@ class FakeVolumes final : public VolumeSource {
   std::vector<MountEntry> mounts_;
   std::uint64_t generation_ = 1;
   std::map<std::string, std::optional<VolumeSpace>> spaces_;
+  int times_space_read_ = 0;
   std::optional<std::vector<std::string>> over_quota_;
   std::optional<uid_t> asked_for_;
   int times_read_ = 0;
