@@ -67,6 +67,9 @@ TEST_F(PurgeableRequests, QuestionsAreAnsweredOneAtATimeInTheirOrder) {
   const auto first = caller().purgeableSpace(asking());
   one.awaitQuestions(1);
   const auto second = caller().itemizedPurgeableSpace(asking());
+  Caller& other = caller();
+  for (int i = 0; i < 20; ++i) other.cancel({});
+  EXPECT_EQ(one.questions().size(), 1U);
   EXPECT_FALSE(first.hasCome());
   one.answerKept(Dictionary{{KELVANE_AMOUNT, 5}});
   EXPECT_EQ(first.await(), resultOf({{"one", 5}}, 5));
