@@ -5,7 +5,7 @@
 // of this project's library; the same question again, answered from the record; a bare bus loop that opens
 // as many connections to services of the bus library, asks the same and closes them; the same with plain
 // bytes on plain sockets; and a stand-in for the daemon that knows the answer and nothing else. What is short
-// is repeated, and counts with its mean.
+// is repeated, and counts with its mean. At last, what storing a value costs among many entries.
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -126,6 +126,31 @@ Row measure(ServiceHost& host, const Setting& setting, std::size_t services) {
   return {lineOf(services, found), figuresOf(services, setting.rounds, found)};
 }
 
+/// What storing a value costs among many entries, beside what it costs among few.
+Figure writing(ServiceHost& host, const Setting& setting) {
+  constexpr int few = 10;
+  constexpr int many = 10'000;
+  constexpr int writes = 50;  // in each round
+  PopulatedDaemon small(setting, host, 0);
+  PopulatedDaemon large(setting, host, 0);
+  const auto fill = [](DaemonClient& client, int entries) {
+    for (int i = 0; i < entries; ++i) client.setState("a value", fmt::format("com.example.entry{}", i));
+  };
+  fill(small.client(), few);
+  fill(large.client(), many);
+  int number = 0;
+  const auto write = [&](DaemonClient& client) {
+    client.setState(std::to_string(++number), fmt::format("com.example.entry{}", number % few));
+  };
+  const auto found = quartilesOfRounds<3>(setting.rounds, [&]() -> std::array<double, 3> {
+    const double at_few = microsecondsOf([&] { write(small.client()); }, writes);
+    const double at_many = microsecondsOf([&] { write(large.client()); }, writes);
+    return {at_many, at_few, at_many / at_few};
+  });
+  return {"clientSetState among 10,000 entries", "us", setting.rounds, found[0],
+          Peer{"the same among 10", found[1], found[2]}, ratioAtMost(1.2)};
+}
+
 /// What a service costs among many, beside what it costs among few.
 std::vector<Figure> growth(ServiceHost& host, const Setting& setting) {
   constexpr std::size_t few = 100;
@@ -138,7 +163,8 @@ std::vector<Figure> growth(ServiceHost& host, const Setting& setting) {
     return {at_many, at_few, at_many / at_few};
   });
   return {{"uncached query, growth of the cost per service, 1,000 services", "us", setting.rounds, found[0],
-           Peer{"the same among 100", found[1], found[2]}, ratioAtMost(1.3)}};
+           Peer{"the same among 100", found[1], found[2]}, ratioAtMost(1.3)},
+          writing(host, setting)};
 }
 
 }  // namespace

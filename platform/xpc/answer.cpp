@@ -7,9 +7,17 @@
 #include "platform/wire/header.h"
 #include "platform/wire/names.h"
 #include "platform/wire/protocol.h"
+#include "platform/wire/transport.h"
 #include "platform/xpc/error.h"
 
 namespace kelvane::xpc {
+
+namespace {
+
+/// No peer of ours reads more.
+const std::size_t longest_message = wire::TransportOptions().longest_message;
+
+}  // namespace
 
 wire::Outgoing& scratchMessage() {
   thread_local wire::Outgoing message;
@@ -31,6 +39,12 @@ void makeReply(wire::Outgoing& answer, std::uint32_t serial, std::string_view si
   wire::Writer out(answer, header);
   write(out);
   const wire::Writer::Fault fault = out.finish();
+  const std::size_t size = answer.bytes.size();
+  if (size > longest_message) {
+    makeError(answer, serial, error_limits_exceeded,
+              "the answer takes " + std::to_string(size) + " bytes: expected at most " +
+                  std::to_string(longest_message));
+  }
   if (fault == wire::Writer::Fault::none) return;
   makeError(answer, serial, error_limits_exceeded,
             std::string("the answer cannot be sent: ").append(textOf(fault)));

@@ -271,7 +271,6 @@ class UnwritableStateStore : public StateStore {
     vfs_.write_result = SQLITE_FULL;
     expected_error_ = xpc::error_failed;
   }
-  ~UnwritableStateStore() override { registry_->user_defaults_ = nullptr; }
 
   [[nodiscard]] std::string reason() {
     return (directory_ / "com.orvel.kelvane.db") + ": database or disk is full";

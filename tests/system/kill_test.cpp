@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -43,7 +45,10 @@ class Writer {
     for (;;) {
       under_way_ = {name_ + std::to_string(choices_.below(keys_each)), newValue()};
       client.setState(under_way_.second, under_way_.first);
-      if (!client.failure().empty()) return;
+      if (!client.failure().empty()) {
+        EXPECT_EQ(client.failure().find("is not kept"), std::string::npos) << client.failure();
+        return;
+      }
       held_[under_way_.first] = under_way_.second;
       ++acknowledged_;
       dispatch_semaphore_signal(acknowledged);
@@ -108,25 +113,95 @@ void killWhileWriting(Daemon& daemon, std::vector<Writer>& writers, RandomChoice
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << daemon.process().output();
 }
 
-TEST(Kills, CostNoWriteThatWasAcknowledged) {
-  const std::uint64_t kills = test::numberFromEnvironment("KELVANE_KILLS", 40);
-  const std::uint64_t number =
-      test::numberFromEnvironment("KELVANE_KILLS_DRAWN_FROM", std::random_device{}());
-  std::printf("KELVANE_KILLS_DRAWN_FROM=%llu\n", static_cast<unsigned long long>(number));
-  RandomChoices choices(number);
-  std::vector<Writer> writers;
-  for (const char* name : {"a", "b", "c"}) writers.emplace_back(name, choices.below(SIZE_MAX));
-  const Folder state;
-  for (std::uint64_t life = 0; !HasFailure(); ++life) {
-    Daemon daemon(built("kelvaned"), {"STATE_DIRECTORY=" + state.path()});
+/// Kills daemons with that state directory, each the next one's predecessor, and compares what is left.
+void killAndCompare(const std::string& state, std::uint64_t kills, RandomChoices& choices,
+                    std::vector<Writer>& writers, const std::function<void()>& between) {
+  for (std::uint64_t life = 0; !testing::Test::HasFailure(); ++life) {
+    Daemon daemon(built("kelvaned"), {"STATE_DIRECTORY=" + state});
     ASSERT_TRUE(daemon.isReady()) << daemon.process().output();
     compare(daemon, writers);
     if (life == kills) break;
     killWhileWriting(daemon, writers, choices);
+    between();
   }
-  for (const auto& entry : std::filesystem::directory_iterator(state.path()))
+  for (const auto& entry : std::filesystem::directory_iterator(state))
     EXPECT_EQ(entry.path().string().find(".damaged-"), std::string::npos) << entry.path();
   for (const Writer& writer : writers) writer.report();
+}
+
+class Kills : public testing::Test {
+ protected:
+  Kills() {
+    std::printf("KELVANE_KILLS_DRAWN_FROM=%llu\n", static_cast<unsigned long long>(number_));
+    for (const char* name : {"a", "b", "c"}) writers_.emplace_back(name, choices_.below(SIZE_MAX));
+  }
+
+  const std::uint64_t kills_ = test::numberFromEnvironment("KELVANE_KILLS", 40);
+  const std::uint64_t number_ =
+      test::numberFromEnvironment("KELVANE_KILLS_DRAWN_FROM", std::random_device{}());
+  RandomChoices choices_{number_};
+  std::vector<Writer> writers_;
+};
+
+TEST_F(Kills, CostNoWriteThatWasAcknowledged) {
+  const Folder state;
+  killAndCompare(state.path(), kills_, choices_, writers_, [] {});
+}
+
+/// Takes the last byte that the volume has.
+void fillUp(const Volume& volume) {
+  std::ofstream file(volume.path() + "/filler", std::ios::binary | std::ios::app);
+  const std::string block(4096, 'x');
+  while (file.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
+  }
+  ASSERT_EQ(volume.freeSpace(), 0u);
+}
+
+TEST_F(Kills, OnAFullVolumeCostNoWriteThatWasAcknowledgedAndNoneIsRefused) {
+  const Volume volume(64);
+  {
+    Daemon daemon(built("kelvaned"), {"STATE_DIRECTORY=" + volume.path()});
+    Client(daemon).setState("the room is made before this", "first");
+    daemon.process().signal(SIGKILL);
+    daemon.process().wait();
+  }
+  fillUp(volume);
+  killAndCompare(volume.path(), kills_, choices_, writers_, [&] { EXPECT_EQ(volume.freeSpace(), 0u); });
+}
+
+TEST(FullVolume, TakesAStateOfTheLargestSizeAndTheLogNeverGrows) {
+  const Volume volume(64);
+  Daemon daemon(built("kelvaned"), {"STATE_DIRECTORY=" + volume.path()});
+  Client client(daemon);
+  client.setState(1, "first");
+  fillUp(volume);
+  const std::string log = volume.path() + "/com.orvel.kelvane.db-wal";
+  const auto log_size = std::filesystem::file_size(log);
+  const std::string large((std::size_t{1} << 20) - 1024, 'x');
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 19; ++i) client.setState(std::to_string(round) + large, std::to_string(i));
+  }
+  EXPECT_EQ(client.failure(), "");
+  EXPECT_EQ(std::filesystem::file_size(log), log_size);
+  daemon.restart(SIGKILL);
+  Client reader(daemon);
+  for (int i = 0; i < 19; ++i) EXPECT_TRUE(reader.state(std::to_string(i)) == Value("1" + large)) << i;
+}
+
+TEST(FullVolume, WithoutRoomRefusesWhatItCannotKeepAndSaysSo) {
+  const Volume volume(4);  // too small for the room
+  Daemon daemon(built("kelvaned"), {"STATE_DIRECTORY=" + volume.path()});
+  Client(daemon).setState(1, "first");
+  fillUp(volume);
+  Client client(daemon);
+  client.setState(std::string(500'000, 'x'), "second");
+  EXPECT_NE(client.failure().find("the value is not kept: "), std::string::npos) << client.failure();
+  EXPECT_NE(client.failure().find("database or disk is full"), std::string::npos) << client.failure();
+  EXPECT_TRUE(daemon.logged("unable to keep the value for key: second: "));
+  EXPECT_EQ(Client(daemon).state("second"), Value());
+  daemon.restart(SIGKILL);
+  EXPECT_EQ(Client(daemon).state("first"), Value(1));
+  EXPECT_EQ(Client(daemon).state("second"), Value());
 }
 
 }  // namespace
