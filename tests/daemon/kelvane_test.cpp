@@ -80,6 +80,19 @@ TEST_F(CentralObject, CopyServicesReturnsASnapshotACheckInAfterTheCopyDoesNotCha
   connection->invalidate();
 }
 
+TEST_F(CentralObject, ServicesAreReadBehindWhatTheirQueueHasToDo) {
+  const auto it = kelvane();
+  dispatch_suspend(it->collection_queue());
+  dispatch_async(it->collection_queue(),
+                 [&] { it->services()["late"] = std::make_shared<KVService>("late"); });
+  std::thread resuming([&] {
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // so that a read that does not wait is first
+    dispatch_resume(it->collection_queue());
+  });
+  EXPECT_TRUE(it->copyServices().contains("late"));
+  resuming.join();
+}
+
 TEST_F(CentralObject, WithoutSettingsItGoesOnAndSaysSo) {
   directory_.write("file", "");
   const tests::ScopedEnvironment nowhere("STATE_DIRECTORY", directory_ / "file");
