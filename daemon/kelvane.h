@@ -47,8 +47,8 @@ class Kelvane final : public ClientInterface {
   explicit Kelvane(Key /*key*/) {}
 
   using DescriptorHandler = std::function<void(const Dictionary& descriptor)>;
-  /// Hands every property list below the directory whose root is a dictionary to the handler; one level-3
-  /// line for each entry that is none. `path` ends in "/".
+  /// Passes every property list at any depth below the directory to the handler if its root is a dictionary,
+  /// and logs one level-3 line for every other entry. `path` ends in "/".
   static void scanPlistsAtPath(const std::string& path, const DescriptorHandler& execBlock);
 
   [[nodiscard]] Services mutableServices() const;

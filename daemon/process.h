@@ -10,12 +10,12 @@
 
 namespace kelvane {
 
-/// The exit status when the arguments leave nothing more to do, with what was to be said already said.
+/// The exit status when the arguments leave nothing more to do; the answer has been printed.
 [[nodiscard]] std::optional<int> answerCommandLine(int argc, const char* const* argv);
 
-/// Creates the runtime directory, if its parent exists, and the folder of the declared services in it, both
-/// mode 0755. Nothing on success, else what could not be done and why. The directory of the settings is made
-/// likewise, but the daemon can do without.
+/// Creates the runtime directory, if its parent exists, and the directory of the declared services in it,
+/// both mode 0755. Nothing on success, else what could not be done and why. The directory of the settings is
+/// made likewise, but the daemon can do without.
 [[nodiscard]] std::optional<std::string> makeDirectories();
 
 /// When volumes count as low, from the environment. Nothing on success, else what is wrong with it.
@@ -25,7 +25,7 @@ namespace kelvane {
 /// notifications go.
 void settleProcess();
 
-/// Says on standard error what is wrong; returns the exit status.
+/// Prints on standard error what is wrong; returns the exit status.
 int refuseToStart(const std::string& what);
 
 }  // namespace kelvane

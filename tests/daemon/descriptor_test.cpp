@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -127,6 +128,15 @@ TEST_F(Descriptors, OfTwoWithTheSameIDTheLaterOneReadWinsAndTheIDAppearsOnceInDa
   EXPECT_TRUE(services.at("same")->doNotQuery());
   EXPECT_FALSE(services.at("same")->noQuota());
   EXPECT_EQ(it->daemons(), std::set<std::string>{"same"});
+}
+
+TEST_F(Descriptors, TheIDsOfBothDirectoriesAreDeclared) {
+  descriptor(systemFile("a.plist"), Dictionary{{KELVANE_ID, "one"}});
+  descriptor(systemFile("b.plist"), Dictionary{{KELVANE_ID, "two"}});
+  descriptor(internalFile("c.plist"), Dictionary{{KELVANE_ID, "three"}});
+  const auto it = kelvane();
+  EXPECT_EQ(it->daemons(), (std::set<std::string>{"one", "two", "three"}));
+  EXPECT_EQ(it->copyServices().size(), 3U);
 }
 
 TEST_F(Descriptors, OfManyAllAreTakenInTheOrderOfTheirNamesWhateverIsAmongThem) {

@@ -111,15 +111,20 @@ TEST_F(PeriodicOperation, AServiceThatReplies100AndAnotherThatReplies50LaterMake
 }
 
 TEST_F(PeriodicOperation, AReplyWithoutANumberLeavesTheAmountAsItIs) {
-  FakeService& one = service("one", "a");
+  FakeService& first = service("first", "a");
+  FakeService& second = service("second", "b");
   const auto it = operation();
   it->updateInFlight("a", [] {});
+  it->updateInFlight("b", [] {});
   Dictionary result;
   std::thread runner([&] { result = run(*it); });
-  one.awaitPeriodics(1);
-  one.answerKept(Dictionary{{KELVANE_AMOUNT, "7"}});
+  first.awaitPeriodics(1);
+  second.awaitPeriodics(1);
+  first.answerKept(freed(100));
+  first.awaitClosed(1);
+  second.answerKept(Dictionary{{KELVANE_AMOUNT, "7"}});
   runner.join();
-  EXPECT_EQ(result, freed(0));
+  EXPECT_EQ(result, freed(100));
 }
 
 TEST_F(PeriodicOperation, AServiceThatStaysSilentIsCancelledAfter15Seconds) {

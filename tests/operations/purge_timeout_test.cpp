@@ -129,6 +129,23 @@ TEST_F(PurgeTimeout, FallingShortWithServicesStillInFlightAsksThemToStop) {
   EXPECT_EQ(result[KELVANE_AMOUNT], Value(0));
 }
 
+TEST_F(PurgeTimeout, FallingShortBecauseAServiceEndedItsConnectionAsksItToStopAndNotOneThatWasTooSlow) {
+  FakeService& mortal = service("mortal");
+  FakeService& slow = service("slow");
+  mortal.onPurge(
+      [&](const FakeService::Purge&, const FakeService::ResultReply&) { mortal.dropConnections(); });
+  const auto it = operation({{KELVANE_AMOUNT, 100}, {KELVANE_URGENCY, 1}});
+  runPasses(*it, slow, {2});
+  EXPECT_EQ(log_.count(3, "startOperation: timed out waiting for: (\"mortal\", \"slow\")"), 1u);
+  EXPECT_FALSE(log_.contains("cancelling purge"));
+
+  slow.purges(upTo(0));
+  purge({{KELVANE_AMOUNT, 100}, {KELVANE_URGENCY, 1}});
+  EXPECT_EQ(log_.count(3, "startOperation: cancelling purge"), 1u);
+  mortal.awaitCancels(1);
+  EXPECT_EQ(slow.cancels(), 0);
+}
+
 TEST_F(PurgeTimeout, WhatComesAfterTheResultDoesNotReachTheCompletion) {
   FakeService& late = service("late");
   tests::Answer<FakeService::ResultReply> asked;
