@@ -143,6 +143,48 @@ TEST_F(HostileService, ASecondReplyToOneCallIsIgnored) {
   expectToGoOn();
 }
 
+TEST_F(HostileService, AnErrorForACallThatHasItsReplyIsIgnored) {
+  handshake();
+  RawMessage error = replyTo(1, "after all not");
+  error.type = 3;
+  error.error_name = "org.example.Refused";
+  service_->send(replyTo(1, "first").bytes() + error.bytes());
+  answered_.wait();
+  EXPECT_EQ(reply_, "first");
+  expectToGoOn();
+  EXPECT_FALSE(error_);
+}
+
+TEST_F(HostileService, AReplyToASerialThatWasNotSentIsIgnored) {
+  handshake();
+  RawMessage error = replyTo(2, "too early");
+  error.type = 3;
+  error.error_name = "org.example.Refused";
+  service_->send(replyTo(2, "too early").bytes() + error.bytes() + replyTo(0xFFFFFFFF, "never").bytes() +
+                 replyTo(1, "first").bytes());
+  answered_.wait();
+  EXPECT_EQ(reply_, "first");
+  expectToGoOn();
+  EXPECT_FALSE(error_);
+}
+
+TEST_F(HostileService, RepliesInAnotherOrderReachTheirOwnCalls) {
+  handshake();
+  std::vector<std::string> replies;
+  for (const char* const name : {"2", "3", "4"}) {
+    remote_->greet(name, [this, &replies, name](const std::string& reply) {
+      replies.push_back(name + (" got " + reply));
+      answered_();
+    });
+    ASSERT_TRUE(service_->receive());
+  }
+  service_->send(replyTo(4, "fourth").bytes() + replyTo(2, "second").bytes());
+  service_->send(replyTo(1, "first").bytes() + replyTo(3, "third").bytes());
+  for (int i = 0; i < 4; ++i) answered_.wait();
+  EXPECT_EQ(reply_, "first");
+  EXPECT_EQ(replies, (std::vector<std::string>{"4 got fourth", "2 got second", "3 got third"}));
+}
+
 TEST_F(HostileService, AReplyInTheSamePacketAsTheHandshakesEndArrives) {
   for (int line = 0; line < 3; ++line) service_->readLine();
   service_->send("OK 00112233445566778899aabbccddeeff\r\n");

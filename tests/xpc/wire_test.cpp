@@ -2,6 +2,7 @@
 #include <limits>
 #include <mutex>
 
+#include "platform/xpc/answer.h"
 #include "tests/xpc/echo_server.h"
 
 namespace kelvane::tests {
@@ -178,6 +179,25 @@ TEST_F(Wire, WhatIsNestedAsDeepAsDBusAllowsTravels) {
 TEST_F(Wire, AStringOfTenMegabytesTravels) {
   const std::string much(10 << 20, 'm');
   EXPECT_EQ(roundTrip(much), Value(much));
+}
+
+TEST_F(Wire, ALongCallLeavesNoMemoryWithItsThread) {
+  ASSERT_TRUE(ask(connection_, {{"value", std::string(100'000, 'm')}}).reply);
+  EXPECT_EQ(xpc::scratchMessage().bytes.capacity(), 0U);
+  ASSERT_TRUE(ask(connection_, {{"value", "short"}}).reply);
+  EXPECT_GT(xpc::scratchMessage().bytes.capacity(), 0U) << "kept for the next call";
+}
+
+TEST(ScratchMessage, KeepsUpTo64KiB) {
+  auto& bytes = xpc::scratchMessage().bytes;
+  for (const std::size_t size : {65'536U, 65'537U}) {
+    std::vector<std::byte>().swap(bytes);
+    {
+      const xpc::ScratchUse use;
+      bytes.resize(size);
+    }
+    EXPECT_EQ(bytes.capacity(), size == 65'536 ? size : 0);
+  }
 }
 
 TEST_F(Wire, ADictionaryOfTenThousandEntriesTravels) {
