@@ -76,6 +76,16 @@ TEST(LogLines, AreFormattedFromTheBeginningOfALongArgumentOnly) {
   EXPECT_TRUE(log.contains("xxx... (1000000 bytes) value: (\"yyy"));
 }
 
+TEST(LogLines, AnArgumentIsCutAfter24KiB) {
+  const LogCapture log(5);
+  KVLog(5, "%s", std::string(24'576, 'x'));
+  KVLog(5, "%s", std::string(24'577, 'x'));
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_EQ(lines[0].text, std::string(24'576, 'x'));
+  EXPECT_EQ(lines[1].text, std::string(24'576, 'x') + "... (24577 bytes)");
+}
+
 TEST(LogLevels, ALevelThreeLineNeedsAThresholdOfThree) {
   const LogCapture two(2);
   KVLog(3, "%s failed", "init");

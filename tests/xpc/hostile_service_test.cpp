@@ -290,5 +290,34 @@ TEST_F(HostileService, AReplyIsPaidByTheServicesUserUntilItHasBeenDelivered) {
   while (used() != 0) std::this_thread::yield();
 }
 
+TEST_F(HostileService, WhatAReplyBecomesIsPaidByTheServicesUserToo) {
+  constexpr int texts = 10'000;
+  handshake();
+  remote_->echo({}, [this](const std::optional<Dictionary>& /*reply*/) { answered_(); });
+  ASSERT_TRUE(service_->receive());
+  RawWriter body;
+  body.number(0).number(0).align(8).text("k").signature("as").number(0);
+  const std::size_t texts_at = body.size();
+  for (int i = 0; i < texts; ++i) body.text("");
+  body.set(texts_at - 4, static_cast<std::uint32_t>(body.size() - texts_at));
+  body.set(4, static_cast<std::uint32_t>(body.size() - 8));
+  body.set(0, static_cast<std::uint32_t>(body.size() - 4));
+  RawMessage reply = replyTo(2, "");
+  reply.signature = "aa{sv}";
+  reply.body = body.take();
+  const std::size_t size = reply.body.size();
+  const auto used = [&] { return connection_->account()->used(wire::Resource::received_bytes); };
+  dispatch_suspend(connection_->queue());
+  service_->send(reply.bytes());
+  awaitTaken(*service_);
+  service_->send(replyTo(99, "to no call").bytes());  // is taken after the reply was handled
+  awaitTaken(*service_);
+  EXPECT_GE(used(), size + texts * sizeof(Value));
+  dispatch_resume(connection_->queue());
+  answered_.wait();
+  while (used() != 0) std::this_thread::yield();
+  EXPECT_FALSE(error_) << error_->description();
+}
+
 }  // namespace
 }  // namespace kelvane::tests
