@@ -147,8 +147,12 @@ Figure writing(ServiceHost& host, const Setting& setting) {
     const double at_many = microsecondsOf([&] { write(large.client()); }, writes);
     return {at_many, at_few, at_many / at_few};
   });
-  return {"clientSetState among 10,000 entries", "us", setting.rounds, found[0],
-          Peer{"the same among 10", found[1], found[2]}, ratioAtMost(1.2)};
+  return {"clientSetState among 10,000 entries",
+          "us",
+          setting.rounds,
+          found[0],
+          Peer{"the same among 10", found[1], found[2]},
+          ratioAtMost(1.2)};
 }
 
 /// What a service costs among many, beside what it costs among few.
