@@ -140,7 +140,8 @@ Figure writing(ServiceHost& host, const Setting& setting) {
   fill(large.client(), many);
   int number = 0;
   const auto write = [&](DaemonClient& client) {
-    client.setState(std::to_string(++number), fmt::format("com.example.entry{}", number % few));
+    ++number;
+    client.setState(std::to_string(number), fmt::format("com.example.entry{}", number % few));
   };
   const auto found = quartilesOfRounds<3>(setting.rounds, [&]() -> std::array<double, 3> {
     const double at_few = microsecondsOf([&] { write(small.client()); }, writes);
