@@ -140,15 +140,20 @@ Figure writing(ServiceHost& host, const Setting& setting) {
   fill(large.client(), many);
   int number = 0;
   const auto write = [&](DaemonClient& client) {
-    client.setState(std::to_string(++number), fmt::format("com.example.entry{}", number % few));
+    ++number;
+    client.setState(std::to_string(number), fmt::format("com.example.entry{}", number % few));
   };
   const auto found = quartilesOfRounds<3>(setting.rounds, [&]() -> std::array<double, 3> {
     const double at_few = microsecondsOf([&] { write(small.client()); }, writes);
     const double at_many = microsecondsOf([&] { write(large.client()); }, writes);
     return {at_many, at_few, at_many / at_few};
   });
-  return {"clientSetState among 10,000 entries", "us", setting.rounds, found[0],
-          Peer{"the same among 10", found[1], found[2]}, ratioAtMost(1.2)};
+  return {"clientSetState among 10,000 entries",
+          "us",
+          setting.rounds,
+          found[0],
+          Peer{"the same among 10", found[1], found[2]},
+          ratioAtMost(1.2)};
 }
 
 /// What a service costs among many, beside what it costs among few.

@@ -85,14 +85,17 @@ TEST(HostilePeers, AValueThatIsStoredNestedAsDeepAsMayBeIsReadWithTheWholeState)
   Daemon daemon;
   Client client(daemon);
   Value nested = "bottom";
-  for (int array = 1; array <= 20; ++array) {
+  for (int array = 1; array <= 19; ++array) {
     nested = Array{nested};
     client.setState(nested, "com.example." + std::to_string(array));
   }
+  Client refused(daemon);
+  refused.setState(Array{nested}, "com.example.20");
+  EXPECT_NE(refused.failure().find("LimitsExceeded"), std::string::npos) << refused.failure();
   const Value state = client.state(KELVANE_USER_DEFAULTS);
   EXPECT_EQ(client.failure(), "");
   ASSERT_TRUE(state.isDictionary());
-  EXPECT_EQ(Value(Array{(*state.dictionary())["com.example.19"]}), nested);
+  EXPECT_EQ((*state.dictionary())["com.example.19"], nested);
   EXPECT_FALSE(state.dictionary()->contains("com.example.20"));
 }
 
