@@ -1,6 +1,7 @@
 // Events of the file-system stream, and the purges that are made of them.
 
 #include <gtest/gtest.h>
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "support/statistics.h"
 #include "tests/daemon/daemon_fixture.h"
+#include "tests/dispatch/occasion.h"
 #include "tests/operations/answer.h"
 #include "tests/operations/fake_service.h"
 
@@ -108,6 +110,28 @@ TEST_F(LowDisk, WithoutALowVolumeNothingIsPurgedAndNothingCounted) {
   EXPECT_TRUE(purged().empty());
   EXPECT_EQ(log_.count(5, "handleVFSStreamXPCEvent: No volumes report low disk space, skipping purge"), 1U);
   EXPECT_EQ(counted("KV_LOWDISK_EVENT"), 0);
+}
+
+TEST_F(LowDisk, TheRequestForTheSecondVolumeIsMadeOnceTheFirstPurgeIsOver) {
+  volumes_.add("/a", low);
+  volumes_.add("/b", low);
+  tests::Answer<tests::FakeService::ResultReply> first;
+  service_->onPurge(
+      [first, is_first = std::make_shared<std::atomic<bool>>(true)](
+          const tests::FakeService::Purge& purge, const tests::FakeService::ResultReply& reply) mutable {
+        if (is_first->exchange(false)) return first.come(reply);
+        reply(Dictionary{{KELVANE_AMOUNT, purge.asked()}});
+      });
+  tests::Answer<bool> handled;
+  it_->handleVFSStreamXPCEvent({{"_Flags", low_disk}}, [handled]() mutable { handled.come(true); });
+  const auto reply = first.await();
+  test::letThePoolWork();
+  EXPECT_EQ(log_.count("initWithInfo:services: services:"), 1U);
+  EXPECT_FALSE(handled.hasCome());
+  reply(Dictionary{{KELVANE_AMOUNT, std::uint64_t{262'144'000}}});
+  EXPECT_TRUE(handled.await());
+  EXPECT_EQ(log_.count("initWithInfo:services: services:"), 2U);
+  EXPECT_EQ(purged(), (std::vector<std::string>{"/a", "/b"}));
 }
 
 TEST_F(LowDisk, TwoLowVolumesMakeTwoRequestsInTheirOrderEachFor250MiBWithATimeoutOf300Seconds) {

@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <atomic>
+#include <chrono>
 #include <mutex>
+#include <thread>
+#include <utility>
 
+#include "platform/dispatch/executor.h"
 #include "platform/xpc/listener.h"
 #include "platform/xpc/transaction.h"
 #include "tests/foundation/temporary_directory.h"
@@ -132,6 +136,53 @@ TEST_F(LaunchSocket, PostsAnEventOnTheQueueOfItsHandler) {
   EXPECT_EQ(gdbus.status, 0) << gdbus.output;
   const std::scoped_lock lock(mutex);
   EXPECT_EQ(seen, (Dictionary{{"from", "gdbus"}}));
+}
+
+TEST_F(LaunchSocket, AnswersAnEventOnlyWhenItIsHandledAndHoldsNoThreadUntilThen) {
+  const Signal posted;
+  Block kept;
+  xpc_set_event_stream_handler("com.example.slow", dispatch_get_global_queue(0, 0),
+                               [&](const Dictionary&, Block handled) {
+                                 kept = std::move(handled);
+                                 posted();
+                               });
+  std::atomic<bool> answered{false};
+  const Signal done;
+  std::thread client([&] {
+    EXPECT_EQ(busctlCall("PostEvent 'sa{sv}' com.example.slow 0").status, 0);
+    answered = true;
+    done();
+  });
+  posted.wait();
+  dispatch::Executor::shared().letIdleThreadsGoAfter(std::chrono::milliseconds(1));
+  while (dispatch_statistics().threads > 1) std::this_thread::yield();  // the one that polls
+  EXPECT_FALSE(answered);
+  kept();
+  done.wait();
+  client.join();
+}
+
+TEST_F(LaunchSocket, RunsOfAnActivityFollowOneAnother) {
+  const Signal entered;
+  const Signal go_on;
+  std::atomic<int> runs{0};
+  registerActivity("com.example.busy", [&] {
+    if (++runs > 1) return;
+    entered();
+    go_on.wait();
+    EXPECT_EQ(runs, 1);
+  });
+  const Signal first_over;
+  const Signal second_over;
+  EXPECT_TRUE(xpc_run_activity("com.example.busy", [&] { first_over(); }));
+  entered.wait();
+  EXPECT_TRUE(xpc_run_activity("com.example.busy", [&] { second_over(); }));
+  EXPECT_EQ(busctl("get-property com.orvel.Launch /com/orvel/launch com.orvel.Launch Transactions").status,
+            0);  // time in which a second run could begin
+  go_on();
+  first_over.wait();
+  second_over.wait();
+  EXPECT_EQ(runs, 2);
 }
 
 TEST_F(LaunchSocket, AnUnknownNameIsAnErrorThatSaysSo) {
