@@ -93,6 +93,7 @@ TEST_F(StateStore, WritingNothingRemovesTheKeyAndALaterReadFallsBackToTheDefault
   EXPECT_EQ(read(KELVANE_CACHE_ENABLED), Value(true));
   write(Value(), "other");
   EXPECT_EQ(read("other"), Value());
+  EXPECT_EQ(openAgain()->objectForKey(KELVANE_USER_DEFAULTS), Value(Dictionary()));
 }
 
 TEST_F(StateStore, ReadingTheReservedKeyRepliesTheWholeStateWithTheDefaultAddedAndOnAFreshStoreNothing) {
