@@ -84,6 +84,8 @@ TEST_F(PassEnd, ALateReplyOfLessThanItsShareLeavesTheServiceViable) {
 
 TEST_F(PassEnd, ARequestThatIsStillQueuedWhenItsPassIsOverIsNotSent) {
   FakeService& queued = service("queued");
+  queued.onPurge(
+      [&](const FakeService::Purge&, const FakeService::ResultReply&) { queued.dropConnections(); });
   const Pass pass = passFor(100);
   {
     const Suspension suspension(pass.operation->message_queue());
@@ -97,6 +99,7 @@ TEST_F(PassEnd, ARequestThatIsStillQueuedWhenItsPassIsOverIsNotSent) {
 
 TEST_F(PassEnd, ARequestThatIsStillQueuedWhenTheOperationIsCancelledIsNotSent) {
   FakeService& queued = service("queued");
+  queued.purges([](std::uint64_t) { return 0; });
   const Pass pass = passFor(100);
   {
     const Suspension suspension(pass.operation->message_queue());

@@ -140,6 +140,7 @@ TEST_F(PurgeOperation,
         << urgency;
   }
   EXPECT_EQ(full.purgesAsked().size(), 1u);
+  EXPECT_EQ(log_.count("donation ("), 1u);  // nothing is shared out once the need is met
   EXPECT_EQ(reportOf(passOf(result, 1), "full"), 50u);
   EXPECT_FALSE(passOf(result, 2).contains(KELVANE_REPORTING_SERVICES));
 }
