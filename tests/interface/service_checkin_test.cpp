@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/dispatch/executor.h"
+#include "platform/foundation/user_defaults.h"
 #include "platform/wire/account.h"
 #include "tests/interface/interface_fixture.h"
 
@@ -371,6 +372,9 @@ TEST_F(Checkin, PingSaysWhetherTheServiceAnswered) {
 
 class Notification : public tests::InterfaceFixture {
  protected:
+  Notification() {
+    registry_->user_defaults_ = UserDefaults::initWithSuiteName("com.orvel.kelvane", directory_.path());
+  }
   /// Until everything that was posted so far is sent to those that want it.
   void awaitNotificationsSent() {
     dispatch_sync(registry_->collection_queue(), [] {});
