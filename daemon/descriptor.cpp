@@ -51,7 +51,7 @@ struct DescriptorFile {
   std::optional<PropertyListResult> list{};
 };
 
-/// As `propertyListWithData`, with the file's name in the error.
+/// Like `propertyListWithData`, but with the file's name in the error.
 PropertyListResult propertyListOf(const std::string& path, const Data::Bytes& bytes) {
   PropertyListResult list = propertyListWithData(bytes);
   if (list.error) list.error = path + ": " + *list.error;

@@ -48,7 +48,7 @@ void Kelvane::fill(const Environment& environment) {
   default_values_ = Dictionary{{KELVANE_CACHE_ENABLED, true}};
   openUserDefaults(environment.settings_directory);
   createQueues();
-  // The first time this takes longer than all else here.
+  // Reserving the room for the first time takes longer than everything else here.
   if (user_defaults_ != nullptr)
     dispatch_async(defaults_queue_, [defaults = user_defaults_] { defaults->keepRoom(); });
   readDescriptors({system_descriptors, environment.internal_descriptors});

@@ -2,10 +2,10 @@
 
 // The central object, one per process: the queues, the settings, the registry of services and the listener.
 //
-// `services` is read and changed only on `collection_queue`, `daemons` only on `daemons_queue`, the settings
-// are used only on `defaults_queue`; whoever needs the services takes a snapshot. Creation runs before any
-// queue has work. From the end of creation the listener accepts connections, so that requests may come before
-// start-up has gone on to its next step.
+// `services` is read and changed only on `collection_queue`, `daemons` only on `daemons_queue`, the
+// settings are used only on `defaults_queue`; other code takes a snapshot of the services. Creation
+// runs before any queue has work. The listener accepts connections from the end of creation, so
+// requests may arrive before start-up continues.
 
 #include <atomic>
 #include <functional>
@@ -40,7 +40,7 @@ class Kelvane final : public ClientInterface {
  public:
   /// The only one of the process, made on the first call. Any thread.
   static const std::shared_ptr<Kelvane>& sharedKelvane();
-  /// Where `sharedKelvane` will look. Before its first call.
+  /// The environment for `sharedKelvane`. Must be set before the first call of that.
   static void setSharedEnvironment(Environment environment);
 
   static std::shared_ptr<Kelvane> init(const Environment& environment);
@@ -54,15 +54,15 @@ class Kelvane final : public ClientInterface {
   [[nodiscard]] Services mutableServices() const;
   [[nodiscard]] Services copyServices() override { return mutableServices(); }
 
-  /// How many elements the collection has, read on `collection_queue`; so not for a caller on it.
+  /// The number of elements, read on `collection_queue`; must not be called on that queue.
   template <class Collection>
   [[nodiscard]] std::size_t requestsInFlight(const Collection& collection) const {
     return dispatch_sync(collection_queue_, [&] { return collection.size(); });
   }
 
-  /// An event of the file-system stream. `handled` is called when everything that it asks for is done.
+  /// An event of the file-system stream. `handled` is called when all its purges are done.
   void handleVFSStreamXPCEvent(const Dictionary& event, Block handled);
-  /// What services have reported as freed for such events so far. Any thread.
+  /// The bytes that services have reported as freed for such events so far. Any thread.
   [[nodiscard]] std::uint64_t bytesPurgedForEvents() const { return bytes_purged_for_events_; }
   /// The periodic maintenance of one volume.
   void performPeriodicsWithInfo(const Dictionary& info);
@@ -110,7 +110,7 @@ class Kelvane final : public ClientInterface {
   struct EventPurges;
   void purgeNext(const std::shared_ptr<EventPurges>& event);
 
-  // Constant after creation, but for the setters, which are for the owner alone.
+  // Constant after creation, except through the setters, which only the owner may use.
   dispatch_queue_t collection_queue_;
   dispatch_queue_t defaults_queue_;
   std::shared_ptr<KelvaneListener> listener_;

@@ -31,8 +31,8 @@ struct Condition {
   Volumes volumes;
 };
 
-/// An integer from 0 on, whichever type it was sent as. Anything else has no unsigned 64-bit value and counts
-/// as missing.
+/// A non-negative integer, sent as any integer type. Anything else has no unsigned
+/// 64-bit value and counts as missing.
 std::uint64_t flagsOf(const Dictionary& event) {
   const Value::Held& held = event["_Flags"].held();
   if (const auto* flags = std::get_if<std::uint64_t>(&held)) return *flags;
@@ -57,7 +57,7 @@ Condition conditionOf(std::uint64_t flags) {
   return {nullptr, lowSpaceVolumes()};
 }
 
-/// A quota event in every case: services that opted out of those are left out of every purge made here.
+/// Always marked as a quota event: services that opted out are left out of every purge made here.
 Dictionary requestFor(const std::string& volume) {
   return {{KELVANE_VOLUME, volume},
           {KELVANE_AMOUNT, purged_bytes},
@@ -68,7 +68,7 @@ Dictionary requestFor(const std::string& volume) {
 
 }  // namespace
 
-/// What an event asks for: purges of volumes, one after the other.
+/// The purges that an event asks for, one volume after the other.
 struct Kelvane::EventPurges {
   const char* statistic;
   std::vector<std::string> volumes;

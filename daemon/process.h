@@ -10,19 +10,19 @@
 
 namespace kelvane {
 
-/// The exit status when the arguments leave nothing more to do; the answer has been printed.
+/// The exit status if the arguments leave nothing more to do; the output has been printed.
 [[nodiscard]] std::optional<int> answerCommandLine(int argc, const char* const* argv);
 
 /// Creates the runtime directory, if its parent exists, and the directory of the declared services in it,
-/// both mode 0755. Nothing on success, else what could not be done and why. The directory of the settings is
-/// made likewise, but the daemon can do without.
+/// both mode 0755. Nothing on success, else what failed and why. The settings directory is also created; if
+/// that fails, opening the settings reports it.
 [[nodiscard]] std::optional<std::string> makeDirectories();
 
-/// When volumes count as low, from the environment. Nothing on success, else what is wrong with it.
+/// Reads the thresholds for low volumes from the environment. Nothing on success, else the error.
 [[nodiscard]] std::optional<std::string> takeSpaceThresholds();
 
-/// As many descriptors as the process may have; a peer that goes away is no signal; where statistics and
-/// notifications go.
+/// Raises the limit on file descriptors to the maximum, ignores SIGPIPE, and sets where statistics and
+/// notifications are written.
 void settleProcess();
 
 /// Prints on standard error what is wrong; returns the exit status.

@@ -21,7 +21,7 @@ inline constexpr const char* daily_activity = "com.orvel.Kelvane.daily";
 inline constexpr const char* vfs_event_stream = "com.orvel.dispatch.vfs";
 inline constexpr const char* launched_notification = "com.orvel.kelvane.launched";
 
-/// What start-up calls that can fail, or that a test wants to see called.
+/// Functions that start-up calls and that can fail, or whose calls tests observe.
 struct StartUpFunctions {
   std::function<kern_return_t(mach_timebase_info_data_t*)> timebase_info = mach_timebase_info;
   std::function<std::shared_ptr<Kelvane>()> shared_kelvane = Kelvane::sharedKelvane;
@@ -32,7 +32,7 @@ struct StartUpFunctions {
 /// listener cannot be opened: a daemon that nobody can reach must not claim to serve. On the main thread.
 [[nodiscard]] bool startUp(const StartUpFunctions& functions = {});
 
-/// The activity's handler: sweeps the local volumes, one after the other, when the state is "run".
+/// The activity's handler: maintains the local volumes, one after the other, when the state is "run".
 void handleDailyActivity(const xpc_activity_t& activity, const std::shared_ptr<Kelvane>& kelvane);
 /// Hands each volume to the periodic maintenance, in order.
 void sweepVolumes(const std::vector<std::string>& volumes,

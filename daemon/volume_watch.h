@@ -1,27 +1,27 @@
 #pragma once
 
-// What is decided about one volume each time it has been looked at: when to look again, and whether to call
-// for space now. Nothing here asks the time, measures or calls; the same looks give the same decisions.
+// Decides about one volume, each time it has been sampled, when to sample it again and whether to call for
+// space now. It never reads a clock, measures or calls; the same samples give the same decisions.
 //
-// When to look again. A writer is to be noticed soon after it has passed a limit, and an idle volume is to
-// cost next to nothing. The next look comes when a writer twice as fast as any seen lately, and not slower
-// than a fixed rate, would have reached the next limit: half way there, a quarter, an eighth. The fixed rate
-// is that at which a program can take space in one go, by reserving it in memory: room that is there at one
-// look may be gone a moment later, and a slow writer take the rest before the next one. A volume that
-// has not changed for a while is left alone for an eighth of that while, so that a small one, of which the
-// fixed rate could fill all at any moment, settles down as well. All of it stays between `soonest` and
-// `latest`, which is less for a volume that is low.
+// When to sample. A writer must be noticed soon after it passes a limit, and an idle volume must cost next
+// to nothing. The next sample is due when a writer twice as fast as any seen recently, and at least as
+// fast as a fixed rate, would have reached the next limit: half way there, then a quarter, then an eighth.
+// The fixed rate is that of a program that reserves space in memory in one go: free space can vanish right
+// after one sample, and a slow writer can take the rest before the next. A volume that has not changed for
+// some time is left alone for an eighth of that time. So a small volume, which the fixed rate could fill
+// at any moment, is also sampled rarely when idle. The interval stays between `soonest` and `latest`,
+// which is shorter for a volume that is low.
 //
-// When to call. On entering low, on entering very low, and again as long as the volume stays low: at once
-// when the last purge freed something; otherwise that purge was futile, and the next one waits for a second,
-// then for twice as long each time, up to five minutes. When space falls meanwhile, somebody is writing, and
-// the wait is cut back to the first second since the last purge. So a volume that nothing can help costs one
-// call a second while it is being filled, and a trickle when not.
+// When to call. On entering low, on entering very low, and repeatedly while the volume stays low: at once if
+// the last purge freed something. Otherwise that purge was futile: the next one waits for a second, then
+// twice as long each time, up to five minutes. If free space falls in the meantime, the wait is cut to one
+// second after the last purge. So a volume on which purges free nothing costs one call a second while it is
+// being filled, and few calls otherwise.
 //
-// Whether a purge freed something is taken from the volume, as far as that can tell: if it has more space
-// than before, what services reported is believed; if it has just as much, it is not; if it has less, a
-// writer may have been faster than the purge, and the reports are believed some times in a row but not for
-// ever.
+// Whether a purge freed something is judged by the volume as far as possible. If it has more
+// space than before, the services' reports are believed; if it has the same, they are not. If it
+// has less, a writer may have been faster than the purge, so the reports are believed, but only
+// a limited number of times in a row.
 
 #include <cstdint>
 #include <optional>
@@ -48,11 +48,11 @@ class VolumeWatch {
     std::uint64_t look_again_at;
     bool call;
   };
-  /// The looks of one volume, in order of time.
+  /// Takes one sample of the volume. Samples come in order of time.
   [[nodiscard]] Decision look(std::uint64_t now, const VolumeSpace& space, SpaceLevel level);
 
-  /// A purge of the volumes that are low begins, whichever was called for; no other is called for until it
-  /// has ended. The volume is to be looked at once more right after.
+  /// A purge of the low volumes begins, whichever volume called for it; no other is called for until it has
+  /// ended. The volume must be sampled once more right after.
   void purgeBegan();
   void purgeEnded(std::uint64_t now, std::uint64_t bytes_reported);
 
@@ -64,7 +64,7 @@ class VolumeWatch {
 
   const SpaceThresholds thresholds_;
 
-  std::optional<VolumeSpace> last_;  // nothing before the first look
+  std::optional<VolumeSpace> last_;  // nothing before the first sample
   std::uint64_t last_look_at_ = 0;
   std::uint64_t changed_at_ = 0;
   double bytes_per_second_ = 0;

@@ -1,11 +1,11 @@
 #pragma once
 
-// Sees to it that a volume which runs low is purged without anybody asking: looks at each local volume when
-// its watch says so, listens for changes of the mount table and for the kernel's quota warnings, and calls.
-// What is decided, and why, stands in volume_watch.h; here is only what that is fed with.
+// Calls for purges of volumes that run low, without a request. It samples each local volume when its watch
+// asks for it, and listens for changes of the mount table and for the kernel's quota warnings. The decisions
+// and their reasons are in volume_watch.h; this class only provides their input.
 //
-// Each look is taken on the global queue, so that a volume that keeps it waiting keeps nobody else. At most
-// one call is made at a time; it may take as long as a purge takes, and the looks go on meanwhile.
+// Each sample is taken on the global queue, so a volume that does not respond delays no other. At most one
+// call is made at a time; it may take as long as a purge, and sampling continues meanwhile.
 
 #include <cstdint>
 #include <functional>
@@ -30,17 +30,17 @@ class VolumeWatcher final : public std::enable_shared_from_this<VolumeWatcher> {
 
  public:
   using Ended = std::function<void(std::uint64_t bytes)>;
-  /// Purges what is low, for the condition that the flag says (low_disk.h). Calls `ended` when that is over,
-  /// with the bytes that services reported, once and on any thread. Must not block.
+  /// Purges the low volumes for the condition in the flag (low_disk.h). Calls `ended` once, on any thread,
+  /// when that is over, with the bytes that services reported. Must not block.
   using Call = std::function<void(std::uint64_t flag, Ended ended)>;
 
-  /// Looks at every local volume soon after, and goes on until `stop`.
+  /// Samples every local volume soon after, and continues until `stop`.
   static std::shared_ptr<VolumeWatcher> start(Call call);
   VolumeWatcher(Key key, Call call);
-  /// No look and no call starts afterwards. A call under way goes on to its end. From any thread.
+  /// No sample and no call starts afterwards. A call under way runs to its end. From any thread.
   void stop();
 
-  // What the kernel says, on any thread; tests say it as well.
+  // Events from the kernel, on any thread; tests raise them as well.
   void mountsChanged();
   void quotaExceeded(const QuotaWarning& warning);
 
@@ -50,7 +50,7 @@ class VolumeWatcher final : public std::enable_shared_from_this<VolumeWatcher> {
     std::uint64_t look_at = 0;
     std::uint64_t looked_at = 0;
     bool is_looking = false;
-    bool is_outdated = false;  // a purge has ended since the look under way was begun
+    bool is_outdated = false;  // a purge has ended since the current sample began
   };
   static constexpr std::uint64_t quota_interval = 1'000'000'000;  // between two calls for a quota
   static constexpr std::uint64_t refresh_interval = 20'000'000;   // between two readings of the mount table

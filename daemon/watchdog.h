@@ -1,11 +1,11 @@
 #pragma once
 
-// Tells the service manager that the daemon still serves, as long as that is so.
+// Tells the service manager that the daemon still serves.
 //
-// What can stop the daemon for good is its registry: a check-in waits for the service's answer to a ping, on
-// the registry's queue and without a limit. So the message that the service manager waits for is sent by an
-// item of that very queue. While the queue is held up no message goes out, and in the end the service manager
-// starts a daemon that serves again.
+// Only its registry can block the daemon permanently: a check-in waits for the service's answer to a ping,
+// with the registry's queue suspended and without a time limit. So the message that the service manager waits
+// for is sent by an item of that queue. While the queue is blocked no message is sent, and the service
+// manager eventually restarts the daemon.
 
 #include <cstdint>
 #include <memory>
@@ -22,7 +22,7 @@ class Watchdog : public std::enable_shared_from_this<Watchdog> {
   };
 
  public:
-  /// Watches over `queue` until it is destroyed. Null when no service manager waits for messages.
+  /// Watches `queue` until this object is destroyed. Null if no service manager waits for messages.
   [[nodiscard]] static std::shared_ptr<Watchdog> over(const dispatch_queue_t& queue);
 
   Watchdog(Key /*key*/, dispatch_queue_t queue, std::int64_t interval)
