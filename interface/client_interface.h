@@ -1,7 +1,7 @@
 #pragma once
 
 // What the daemon exports to clients and services: the seven remote methods, and beside each group of them
-// the entry points through which the daemon's own parts do the same. The definitions stand in one file per
+// the entry points through which the daemon's own parts do the same. The definitions are in one file per
 // subject: service_checkin.cpp, client_requests.cpp, state_store.cpp.
 //
 // The registry, its queues and the settings belong to the central object, which derives from this class and
@@ -50,7 +50,7 @@ class ClientInterface : public KelvaneClientProtocol,
   // --- service connections ---
 
   /// Pings the service, and calls `finished` once: with true when it has answered, with false when its
-  /// connection has ended instead. There is no time limit for a service that lives and stays silent.
+  /// connection has ended instead. There is no time limit while the connection lasts.
   static void pingService(const std::shared_ptr<KelvaneServiceProtocol>& proxy,
                           std::function<void(bool pong)> finished);
   /// Notifies every service that asked for that name. Returns at once; nothing is reported back. `call`, if
@@ -125,7 +125,7 @@ class ClientInterface : public KelvaneClientProtocol,
   // Purges are prepared here, one at a time, so that they run in the order of their requests.
   const dispatch_queue_t preparation_queue_ = dispatch_queue_create("com.orvel.kelvane_preparation");
   Turns turns_;  // at defaults_queue
-  // One at a time, since each may take as much memory as a message may.
+  // One at a time, since each may take as much memory as the largest message.
   const dispatch_queue_t large_answers_queue_ = dispatch_queue_create("com.orvel.kelvane_large_answers");
   Turns large_answers_;
   HeldRecord held_record_;  // only on defaults_queue

@@ -35,14 +35,14 @@ void storeOperation(std::optional<PurgeOperations>& operations, const Value& tok
   operations->emplace_back(token, operation);
 }
 
-/// A request that is answered later, and the transaction that it is until then. Ends with its last copy.
+/// A request that is answered later, with its open transaction. Ends with the last copy.
 class Waiting {
  private:
   xpc::HeldOrder order_;
   std::shared_ptr<Transaction> transaction_ = std::make_shared<Transaction>();
 };
 
-/// Never from the incoming call.
+/// Never sent from within the incoming call.
 void answer(Waiting waiting, ResultReply reply, std::optional<Dictionary> result) {
   dispatch_async(dispatch_get_global_queue(0, 0), [waiting = std::move(waiting), reply = std::move(reply),
                                                    result = std::move(result)] { reply(result); });

@@ -8,9 +8,9 @@
 
 namespace kelvane {
 
-/// The record that the state store had in hand last, as an object. Every answer of a question takes the
-/// record out and stores it again, so to unarchive, archive and write it each time would cost with the square
-/// of the services. Held here it is written once for many answers, and unarchived once for many readings.
+/// The record that the state store used last, as an object. Every answer to a question reads the record and
+/// stores it again. Unarchiving, archiving and writing it each time would cost time quadratic in the number
+/// of services. Held here, it is written once for many answers and unarchived once for many reads.
 ///
 /// One thread at a time.
 class HeldRecord {
@@ -24,16 +24,16 @@ class HeldRecord {
   [[nodiscard]] bool isUnwritten() const { return copy_ != Copy::current; }
   [[nodiscard]] const std::shared_ptr<KelvaneRecentInfo>& record() const { return record_; }
 
-  /// What is to be written, of a record that is unwritten.
+  /// The archive to write, for a record that is unwritten.
   [[nodiscard]] const Data& archive() {
     archive_ = archivedData(*record_);
     return archive_;
   }
   void noteWritten() { copy_ = Copy::current; }
-  /// That it could not be written; whether this is news.
+  /// Notes that writing failed; true if it had not failed before.
   [[nodiscard]] bool noteRefused() { return std::exchange(copy_, Copy::refused) != Copy::refused; }
 
-  /// The record of this archive; null when it is none.
+  /// The record in this archive; null if it is not a valid one.
   [[nodiscard]] std::shared_ptr<KelvaneRecentInfo> unarchived(const Data& archive) {
     if (record_ == nullptr || !(archive == archive_)) {
       record_ = unarchivedRecentInfo(archive);
@@ -43,7 +43,7 @@ class HeldRecord {
   }
 
  private:
-  enum class Copy { current, outdated, refused };  // the one in the file; refused: it could not be replaced
+  enum class Copy { current, outdated, refused };  // the copy in the file; refused: it could not be replaced
 
   std::shared_ptr<KelvaneRecentInfo> record_;
   Data archive_;  // of the record, when it is written

@@ -14,12 +14,12 @@ inline constexpr std::size_t longest_service_ID = 255;  // as for a file name
 inline constexpr std::size_t largest_wishes = std::size_t{16} << 10;
 /// One value of the state, with its key.
 inline constexpr std::size_t largest_state_entry = std::size_t{1} << 20;
-/// The whole state. A privileged user can still write after an ordinary one has filled it.
+/// The whole state. A privileged user can still write after ordinary users have filled it.
 inline constexpr std::size_t largest_state = std::size_t{16} << 20;
 inline constexpr std::size_t largest_privileged_state = std::size_t{20} << 20;
 
-/// What the state keeps of its volume beforehand. The log takes what is written between two checkpoints, and
-/// the largest value twice, since what it replaces is overwritten.
+/// The room that the state reserves on its volume. The log holds what is written between two checkpoints, and
+/// the largest value twice, since the value that it replaces is overwritten.
 inline constexpr std::int64_t state_file_room = std::int64_t{32} << 20;
 inline constexpr std::int64_t state_log_room = std::int64_t{8} << 20;
 

@@ -44,8 +44,8 @@ void takeFlags(KVService& service, const Dictionary& info) {
   service.setDesiredNotifications(notificationNames(info[KELVANE_NOTIFICATIONS]));
 }
 
-/// The answer to one ping: false when this goes unanswered, since a call whose connection ends drops its
-/// reply uncalled.
+/// The result of one ping. Destroying it unanswered means false: when a connection ends,
+/// its calls drop their replies uncalled.
 class Pong {
  public:
   explicit Pong(std::function<void(bool pong)> finished) : finished_(std::move(finished)) {}
@@ -58,7 +58,7 @@ class Pong {
   void arrive() { std::exchange(finished_, nullptr)(true); }
 
  private:
-  std::function<void(bool pong)> finished_;  // empty once it was called
+  std::function<void(bool pong)> finished_;  // empty after the call
 };
 
 /// Sends one notification, and after its answer those that had to wait. On `queue`.
@@ -153,8 +153,8 @@ void ClientInterface::clientCheckin(std::string serviceID, xpc::Endpoint endpoin
   });
 }
 
-/// The registry waits for the service's ping. No thread does: its queue is suspended meanwhile, and goes on
-/// with the rest of this check-in.
+/// The registry waits for the ping without holding a thread: its queue is suspended, and
+/// resumes with the rest of this check-in.
 void ClientInterface::checkIn(CheckIn request) {
   if (const auto found = services().find(request.serviceID); found != services().end()) {
     KVLog(5, "%s operating on an existing service", checkin_selector);
@@ -211,7 +211,7 @@ void ClientInterface::pingService(const std::shared_ptr<KelvaneServiceProtocol>&
 void ClientInterface::notifyRecipients(const std::string& name, const Value& value,
                                        const xpc::CurrentCall& call) {
   KVLog(5, "%s name: %@, value: %@", notify_selector, name, value);
-  // The registry may be waiting for a service, and the caller must not.
+  // The registry may be waiting for a service; the caller must not wait with it.
   dispatch_async(collection_queue(), [self = shared_from_this(),
                                       notification = NotificationOutbox::Notification{name, value},
                                       call]() mutable {

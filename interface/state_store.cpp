@@ -1,14 +1,14 @@
 // The persistent state: one dictionary of the settings suite, in which clients and the daemon's own parts
 // keep values under keys. What was never stored is read from the built-in defaults.
 //
-// A write is acknowledged when it is in the file. One that cannot be, as on a full volume without room left
-// or when the store could not be opened, changes nothing: the caller gets an error, and a line says so. Of a
-// store that could not be opened the defaults are read. A stored object that is no dictionary is somebody
-// else's; reading leaves it alone, and the first write starts the state anew in its place.
+// A write is acknowledged when it is in the file. One that cannot be stored, because the volume is full or
+// the store could not be opened, changes nothing: the caller gets an error, which is logged. Without a store,
+// reads return the defaults. A stored object that is not a dictionary is not the daemon's own; reading leaves
+// it alone, and the first write replaces it with a new state.
 //
 // The recent-info record is the one value that the daemon changes many times a second. It stays an object in
-// memory while only the daemon uses it. Whoever else reads or writes the state has it written first, so
-// nobody can tell; only a daemon that is killed loses it, and it can be made again.
+// memory while only the daemon uses it. Any other access to the state writes it first, so the difference is
+// invisible. Only a daemon that is killed loses it, and it can be rebuilt.
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -36,7 +36,7 @@ constexpr const char* get_sync_selector = "clientGetStateSync:";
 constexpr const char* set_selector = "_clientSetState:key:replyBlock:";
 constexpr const char* set_sync_selector = "clientSetStateSync:key:";
 
-// Whoever reads the whole state gets every value in one more dictionary.
+// An answer with the whole state wraps every value in one more dictionary.
 constexpr std::size_t most_nested = xpc::most_nested - 1;
 
 /// What the state holds under the key, or else the default.
@@ -73,7 +73,7 @@ std::size_t entrySize(const std::string& key, const Value& value) {
   return value.isNothing() ? 0 : foundation::entry_footprint + key.size() + foundation::footprint(value);
 }
 
-/// Why the state cannot have a value of this form, whoever writes it; empty when it can.
+/// Why the state cannot hold a value of this form, for any writer; empty when it can.
 std::string misfit(const Value& value) {
   if (!value.nestsDeeperThan(most_nested)) return {};
   return fmt::format("the value nests deeper than {} arrays and dictionaries", most_nested);
@@ -95,7 +95,7 @@ void noteNotKept(const std::string& key, const std::string& why) {
   addReportStat(kelvane_domain, "KV_STATE_NOT_KEPT", 1);
 }
 
-/// Already signalled when it comes here, since reads and writes answer before they return.
+/// The semaphore is already signalled here, since reads and writes answer before they return.
 void awaitAnswer(const dispatch_semaphore_t& semaphore, const char* selector) {
   if (dispatch_semaphore_wait(semaphore, DISPATCH_TIME_FOREVER) == 0) return;
   const int error = errno;
@@ -168,10 +168,10 @@ void ClientInterface::_clientSetState(const Value& value, const std::string& key
     if (key == KELVANE_RECENT_SERVICE_STATS) held_record_ = {};
     if (key == KELVANE_CACHE_ENABLED) notifyRecipients(key, value, call);
   }
-  reply();  // nothing any more to a call that was refused
+  reply();  // has no effect on a refused call
 }
 
-/// Why the value is not in the file, which then has what it had; empty when it is.
+/// Why the value could not be stored, which leaves the file unchanged; empty on success.
 std::string ClientInterface::store(const Value& value, const std::string& key) {
   if (std::string why = misfit(value); !why.empty()) return why;
   const auto& defaults = userDefaults();
@@ -181,7 +181,7 @@ std::string ClientInterface::store(const Value& value, const std::string& key) {
   return stored ? std::string() : defaults->lastError();
 }
 
-/// Taking in what others stored. A record that could not be written is part of the state all the same.
+/// Includes what other processes stored, and a record that could not be written.
 Value ClientInterface::storedState() {
   const auto& defaults = userDefaults();
   if (defaults == nullptr) return {};
@@ -209,7 +209,7 @@ void ClientInterface::_clientGetState(const Value& key, const Reply<Value>& repl
 
 void ClientInterface::settleState() {
   dispatch_assert_queue(defaults_queue());
-  // Where nothing can be stored, what is held is all there is.
+  // Without a store, the held record is the only copy.
   if (!held_record_.isUnwritten() || userDefaults() == nullptr) return;
   const std::string failure = store(held_record_.archive(), KELVANE_RECENT_SERVICE_STATS);
   if (failure.empty()) {
