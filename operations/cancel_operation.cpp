@@ -1,9 +1,9 @@
-// Cancelling: a connection of its own to every service in flight, on which it is asked to stop.
+// Cancelling opens a separate connection to each service in flight and asks it to stop.
 //
-// The wait below has a deadline that is a moment of the host clock, twenty seconds after it began to count,
-// so on any machine that has been up for longer it is over at once. The connections that are opened after
-// that are ended by the services' answers; those of services that never answer are ended twenty seconds
-// later.
+// The wait below has an absolute deadline, twenty seconds on the host clock, so on any
+// machine that has been up for longer it ends at once. Connections that are opened
+// after that end when the services answer; those of services that never answer are
+// ended after another twenty seconds.
 
 #include <memory>
 #include <optional>
@@ -21,7 +21,7 @@ namespace {
 constexpr dispatch_time_t cancel_deadline = 20'000'000'000;  // an absolute time, on purpose
 constexpr std::int64_t straggler_nanoseconds = 20'000'000'000;
 
-/// The requests to stop that are under way. Kept alive by them.
+/// The requests to stop that are under way. They keep this object alive.
 class CancelRequests : public std::enable_shared_from_this<CancelRequests> {
  public:
   void add(const std::string& identifier, const Done& done);

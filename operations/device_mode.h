@@ -9,8 +9,8 @@ inline constexpr const char* device_mode_library =
 /// fails, each of which is logged at level 3 under the name of the method that asks. Any thread.
 [[nodiscard]] bool deviceIsMultiUser(const char* selector);
 
-/// The one seam to the key-bag library: where its symbols are looked up (`getFunc`'s arguments and result).
-/// Null puts `getFunc` back. To be called while no operation is being made.
+/// The only access to the key-bag library: how its symbols are resolved (`getFunc`'s arguments and result).
+/// Null restores `getFunc`. Must not be called while an operation is being created.
 using SymbolLookup = void* (*)(const char* library, const char* symbol);
 void setDeviceModeLookup(SymbolLookup look_up);
 

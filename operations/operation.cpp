@@ -26,7 +26,7 @@ std::int32_t urgencyLimitOf(const Dictionary& info) {
                                                              : default_urgency_limit;
 }
 
-/// Identifier to what the record says of the service, for the log.
+/// Identifier to the service's properties, for the log.
 Dictionary descriptionOf(const Services& services) {
   Dictionary description;
   for (const auto& [identifier, service] : services) {

@@ -2,10 +2,10 @@
 
 // The base of every operation: one request, carried to the services that it concerns.
 //
-// An operation owns the request (`info`), the services that may take part, and the table of those that have a
-// request outstanding, each with the callback that ends that request. It is made by `initWithInfo`, started
-// once through its class's `startOperation`, and goes when its owner and the last outstanding request have
-// let go of it.
+// An operation owns the request (`info`), the services that may take part, and the table of those that
+// have a request outstanding, each with the callback that ends that request. It is made by
+// `initWithInfo`, started once through its class's `startOperation`, and destroyed when its owner and the
+// last outstanding request release it.
 
 #include <atomic>
 #include <cstdint>
@@ -26,7 +26,7 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
   };
 
  public:
-  /// Null when the info is no dictionary, names no volume, or one that is not served: the caller reports it.
+  /// Null when the info is not a dictionary, or its volume is missing or not served; the caller reports it.
   static std::shared_ptr<KelvaneOperation> initWithInfo(const Value& info, Services services);
 
   explicit KelvaneOperation(Key /*key*/) {}
@@ -36,15 +36,15 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
 
   // --- services in flight. Any thread, but never from an item of `collection_queue`. ---
 
-  /// With a callback, adds the service: false when it is there already, and the first callback stays. Without
-  /// one, removes it and does not call its callback: false when it is not there.
+  /// With a callback, adds the service; false if it is already there, and the first callback stays. Without
+  /// one, removes it without calling its callback; false if it is not there.
   bool updateInFlight(const std::string& identifier, Done cancelBlock);
   [[nodiscard]] bool isInFlight(const std::string& identifier) const;
   /// Calls the service's callback, on `collection_queue`, and removes it.
   void cancelInFlightService(const std::string& identifier);
   void cancelInFlights();
   [[nodiscard]] std::size_t inFlightCount() const;
-  /// Whether services may be added; when they may not, adding one gives false.
+  /// Whether services may be added; if not, adding one returns false.
   void setTakesServices(bool takes);
 
   /// Asks every service in flight to stop purging. Does not end their requests.
@@ -70,10 +70,10 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
   void setMessage_queue(dispatch_queue_t queue) { message_queue_ = std::move(queue); }
 
  protected:
-  /// The initialiser's work; false when there is to be no object.
+  /// The initialiser's work; false if the object must not be created.
   bool prepare(const Value& info, Services services);
 
-  /// How many are in flight, without waiting for `collection_queue`: may be a moment old.
+  /// How many are in flight, without waiting for `collection_queue`; may be slightly outdated.
   [[nodiscard]] std::size_t inFlightNow() const { return in_flight_count_.load(std::memory_order_relaxed); }
   /// The identifiers in flight. Only on `collection_queue`.
   [[nodiscard]] Array inFlightIdentifiers() const;

@@ -20,11 +20,11 @@ class PersistentState {
   virtual ~PersistentState() = default;
 
   [[nodiscard]] virtual const dispatch_queue_t& defaults_queue() const = 0;
-  /// A record that this returns is the state's own: whoever changes it stores it.
+  /// A returned record belongs to the state: store it after changing it.
   [[nodiscard]] virtual StateObject clientGetStateSync(const std::string& key) = 0;
-  /// Nothing removes the key; a record is never null. A record may stay in memory until `settleState`, or
-  /// until somebody else looks at the state: it is stored with every answer of a question, and only the last
-  /// one needs to be written.
+  /// Nothing removes the key; a record is never null. A record may stay in memory until
+  /// `settleState` or until another access to the state: every answer to a question stores it, and
+  /// only the last one needs to be written.
   virtual void clientSetStateSync(const StateObject& value, const std::string& key) = 0;
   /// When this returns, what was stored so far is in the file.
   virtual void settleState() = 0;

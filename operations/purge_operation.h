@@ -4,9 +4,9 @@
 // for equal shares of what is still missing.
 //
 // `startOperation` blocks its thread and runs the passes there. Requests are sent, and replies accounted for,
-// in items of `message_queue`. It is suspended while a pass queues its first requests: these run before any
-// reply is accounted for, so all see the same need. A pass is also closed there, so nothing is half done when
-// it ends. The working dictionary and the operation-info dictionaries are touched only on `collection_queue`.
+// in items of `message_queue`. That queue is suspended while a pass queues its first requests: these run
+// before any reply, so all see the same need. A pass is also closed there, never in the middle of an item.
+// The working dictionary and the operation-info dictionaries are touched only on `collection_queue`.
 //
 // A service whose connection ends without a reply stays in the in-flight table: it is not asked again in this
 // operation unless a pass times out, and it is not counted among the viable ones.
@@ -29,7 +29,7 @@ using Completion = std::function<void(const std::optional<Dictionary>& result)>;
 
 class KelvanePurgeOperation final : public KelvaneOperation {
  public:
-  /// As the base's, with the services that purge only.
+  /// As the base's, but only with the services that purge.
   static std::shared_ptr<KelvanePurgeOperation> initWithInfo(const Value& info, Services services);
   explicit KelvanePurgeOperation(Key key) : KelvaneOperation(key) {}
 
@@ -37,8 +37,8 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   /// last with the result, on this thread; one call at a time.
   void startOperation(const Completion& completion);
 
-  /// Adds one request to the group, to run on `message_queue`. `operationInfo` is the pass that it belongs
-  /// to, `urgency` and `group` are that pass's own.
+  /// Adds one request to the group, to run on `message_queue`. `operationInfo` is its pass, `urgency` and
+  /// `group` are those of that pass.
   void queueServiceRequest(const std::shared_ptr<KVService>& service,
                            const std::shared_ptr<WorkingDictionary>& info, std::int32_t urgency,
                            const std::shared_ptr<PurgePass>& operationInfo, const dispatch_group_t& group,
@@ -48,7 +48,7 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   static void reportPercentageForAmountRequested(std::uint64_t requested, std::uint64_t amountPurged,
                                                  const std::string& identifier);
 
-  // Safe on any thread, each by itself.
+  // Each is safe on any thread.
   [[nodiscard]] bool cancel() const { return cancel_.load(std::memory_order_relaxed); }
   void setCancel(bool cancel) { cancel_.store(cancel, std::memory_order_relaxed); }
   [[nodiscard]] std::uint64_t purge_amount_needed() const { return needed_.load(std::memory_order_relaxed); }

@@ -11,14 +11,14 @@
 
 namespace kelvane {
 
-/// One pass of a purge: what its requests share, and what happened in it. It is open until its wait is over.
-/// What comes after that belongs to no pass: it is not counted, not reported and not asked again.
+/// One pass of a purge: the state that its requests share, and their results. It is open until its wait is
+/// over. A later reply belongs to no pass: it is not counted or reported, and leads to no further request.
 class PurgePass {
  public:
   explicit PurgePass(std::int32_t urgency) : urgency_(urgency) {}
 
   [[nodiscard]] std::int32_t urgency() const { return urgency_; }
-  /// Counts the requests that are queued, those that are sent until their connections have ended, and the
+  /// Counts queued requests, sent requests until their connections have ended, and
   /// replies that are not yet accounted for.
   [[nodiscard]] const dispatch_group_t& group() const { return group_; }
 
@@ -47,7 +47,7 @@ class PurgePass {
   const dispatch_group_t group_ = dispatch_group_create();
   bool is_open_ = true;
   Dictionary info_;
-  Dictionary reports_;  // apart, since it grows with every reply
+  Dictionary reports_;  // separate, since it grows with every reply
 };
 
 }  // namespace kelvane

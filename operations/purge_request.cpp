@@ -16,7 +16,7 @@ namespace {
 constexpr const char* selector = "queueServiceRequest:info:urgency:operationInfo:group:completion:";
 constexpr double nanoseconds_per_second = 1000000000.0;
 
-/// Made when it is queued.
+/// Created when the request is queued.
 class PurgeRequest final : public ServiceRequest {
  public:
   PurgeRequest(std::shared_ptr<KelvanePurgeOperation> operation, std::shared_ptr<KVService> service,
@@ -29,7 +29,7 @@ class PurgeRequest final : public ServiceRequest {
         pass_(std::move(pass)),
         completion_(std::move(completion)) {}
 
-  /// Works out the share and asks for it, or finds that nothing is to be asked. On `message_queue`.
+  /// Computes the share and requests it, unless there is nothing to request. On `message_queue`.
   void run();
 
  private:
@@ -38,7 +38,7 @@ class PurgeRequest final : public ServiceRequest {
   void send(KelvaneServiceProtocol& proxy) override;
   void replied(const std::optional<Dictionary>& reply) override;
   void connectionEnded() override;
-  /// On `message_queue`, where the request that it repeats comes behind it.
+  /// On `message_queue`. A repeated request is queued there and runs later.
   void account(const std::optional<Dictionary>& reply, double elapsed_nanoseconds);
   std::uint64_t recordAmount(const std::optional<Dictionary>& reply);
   void passOn(const std::optional<Dictionary>& reply, double elapsed_nanoseconds);

@@ -14,12 +14,12 @@ namespace kelvane {
 
 /// Requests that have been sent, by service identifier, each with the callback that ends it.
 using InFlight = std::map<std::string, Done>;
-/// Ends and removes one, if it is there, or all.
+/// Ends and removes one request, if it is there, or all of them.
 void endRequest(InFlight& requests, const std::string& identifier);
 void endRequests(InFlight& requests);
 
 /// One request to one service, on a connection of its own, from opening the connection to its end. The
-/// connection's handlers keep it alive. A group counts it from when it is marked until the connection has
+/// connection's handlers keep it alive. The group counts it from `mark` until the connection has
 /// ended.
 class ServiceRequest : public std::enable_shared_from_this<ServiceRequest> {
  public:
@@ -35,12 +35,12 @@ class ServiceRequest : public std::enable_shared_from_this<ServiceRequest> {
   void open(Call call);
 
  protected:
-  /// Notes the callback that ends the request. False when it is not to be sent: the connection is then ended.
+  /// Stores the callback that ends the request. False if it must not be sent; the connection is then ended.
   virtual bool mark(const Done& end) = 0;
   virtual void send(KelvaneServiceProtocol& proxy) = 0;
   /// On the connection's queue, at most once.
   virtual void replied(const std::optional<Dictionary>& reply) = 0;
-  /// On the connection's queue, once, and last: logs it and leaves the group.
+  /// On the connection's queue, once, after all else: logs the end and leaves the group.
   virtual void connectionEnded() = 0;
 
   /// Calls `replied`.

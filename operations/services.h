@@ -35,7 +35,7 @@ class Services {
   void erase(const std::string& ID) {
     if (contains(ID)) map_.mutate().erase(ID);
   }
-  /// Keeps those records for which `wanted` says so; when that is all of them, no copy is made.
+  /// Keeps the records for which `wanted` is true; if that is all of them, no copy is made.
   template <class Wanted>
   void keep(Wanted wanted) {
     const auto unwanted = [&](const value_type& entry) { return !wanted(*entry.second); };
