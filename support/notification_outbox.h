@@ -13,9 +13,9 @@
 
 namespace kelvane {
 
-/// The notifications to one service. Each takes a connection until it is answered, so they are sent one at a
-/// time, in their order. When too many wait, a further one takes the place of the last one of its name: a
-/// service that is slow still gets the last value, and for one that never answers nothing piles up. Any
+/// The notifications to one service. Each takes a connection until it is answered, so they are sent one at
+/// a time, in order. When too many wait, a further one replaces the latest of its name: a slow service
+/// still gets the last value, and nothing accumulates for a service that never answers. Callable on any
 /// thread.
 class NotificationOutbox {
  public:
@@ -37,7 +37,7 @@ class NotificationOutbox {
     waiting_.push_back(notification);
     return false;
   }
-  /// The one under way is over. Returns the one to send now, which is then under way, if any waits.
+  /// Ends the one under way. Returns the next one to send, which is then under way, if any waits.
   [[nodiscard]] std::optional<Notification> finish() {
     const std::lock_guard lock(mutex_);
     if (waiting_.empty()) {
