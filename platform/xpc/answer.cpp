@@ -14,7 +14,7 @@ namespace kelvane::xpc {
 
 namespace {
 
-/// No peer of ours reads more.
+/// Peers that use this library read no more.
 const std::size_t longest_message = wire::TransportOptions().longest_message;
 
 }  // namespace

@@ -11,8 +11,8 @@
 
 namespace kelvane::xpc {
 
-/// A message that the calling thread reuses. It must be given to a transport before the thread builds another
-/// one. It keeps its memory.
+/// A message that the calling thread reuses together with its memory. It must be given to a transport before
+/// the thread builds another one.
 [[nodiscard]] wire::Outgoing& scratchMessage();
 /// Marks the thread's scratch message as in use. Afterwards the message keeps only a small amount of memory:
 /// otherwise a thread that once built a message of 32 MiB would hold that much forever.

@@ -41,8 +41,8 @@ uid_t ownUser() {
 
 std::shared_ptr<wire::Account> ownAccount() { return wire::Accounts::shared().of(ownUser()); }
 
-/// The accounts of the users to whose sockets this process connects by itself. Descriptors that wait to be
-/// sent to them are this process's own, and its limit of open files is enough of a limit.
+/// The accounts of the users to whose sockets this process itself connects. Descriptors that wait to be sent
+/// to them are this process's own; its limit on open files is sufficient.
 wire::Accounts& accountsOfServers() {
   static const wire::Limits limits = [] {
     wire::Limits chosen = wire::privilegedLimits();

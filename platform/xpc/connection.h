@@ -8,10 +8,10 @@
 //    From then on it keeps itself alive until it has ended.
 //  * It has a serial queue of its own. The exported object's methods, the replies to calls, and every handler
 //    run on that queue, in the order in which the messages came. They may block: reading, replying and
-//    calling go on meanwhile, on whatever thread.
-//  * It ends once: interrupted, when the far end closes it, dies, breaks the protocol or a limit; or
-//    invalidated, by `invalidate` or because it could not be made. What is outstanding then gets its error
-//    handler called, and then the one handler that fits is called. An interrupted connection can still be
+//    calling continue on other threads.
+//  * It ends once: interrupted, when the far end closes it, dies, violates the protocol or exceeds a limit;
+//    or invalidated, by `invalidate` or because it could not be made. The error handlers of outstanding calls
+//    are called first, then the handler for that kind of end. An interrupted connection can still be
 //    invalidated, which calls the other handler. Handlers are called once and dropped.
 //  * A call before `resume` fails as one does after the end.
 //  * A reply comes at most once. A call whose connection ends gets no reply but an error.
@@ -59,9 +59,9 @@ class Connection final : public std::enable_shared_from_this<Connection> {
  public:
   using ErrorHandler = xpc::ErrorHandler;
 
-  // Each may fail. The connection is then created anyway, and is invalidated as soon as it is resumed. A
-  // connection through an endpoint is charged to the user who passed the endpoint, one to a path to the user
-  // who listens there.
+  // Each may fail. The connection is still created, and is invalidated as soon as it is resumed.
+  // A connection through an endpoint is charged to the user who passed the endpoint, one to a
+  // path to the user who listens there.
   static std::shared_ptr<Connection> initWithListenerEndpoint(const Endpoint& endpoint);
   static std::shared_ptr<Connection> initWithSocketPath(const std::string& path);
   /// The side that answers the handshake, on a socket that the peer connected. `cost` is the charge for it
@@ -86,27 +86,27 @@ class Connection final : public std::enable_shared_from_this<Connection> {
 
   // --- any time, any thread ---
 
-  /// A stand-in for the object that the far end exports. Each call through it that will get no reply calls
-  /// the error handler once, on this connection's queue. Calls are sent in order; none blocks.
+  /// A proxy for the object that the far end exports. A call that will get no reply calls the error handler
+  /// once, on this connection's queue. Calls are sent in order and do not block.
   template <class Protocol>
   [[nodiscard]] std::shared_ptr<Protocol> remoteObjectProxyWithErrorHandler(ErrorHandler handler) {
     return std::make_shared<typename RemoteInterface<Protocol>::Proxy>(shared_from_this(),
                                                                        std::move(handler));
   }
 
-  /// Ends the connection; nothing is sent or read any more when this returns.
+  /// Ends the connection; nothing is sent or read after this returns.
   void invalidate();
 
-  /// Who is at the other end: who connected, or, on a connection to a socket path, who listens there. Empty
-  /// for a connection through an endpoint, and for one that could not be made.
+  /// The process at the other end: the one that connected or, on a connection to a socket path, the one that
+  /// listens there. Empty for a connection through an endpoint, or one that could not be made.
   [[nodiscard]] const std::optional<PeerCredentials>& credentials() const { return credentials_; }
   /// The account charged for this connection; null if it could not be created.
   [[nodiscard]] const std::shared_ptr<wire::Account>& account() const { return account_; }
-  /// Whether the handshake was ever completed. A peer that refuses to be connected to ends it before.
+  /// Whether the handshake was ever completed. A peer that refuses the connection ends it earlier.
   [[nodiscard]] bool wasEstablished();
   [[nodiscard]] const dispatch_queue_t& queue() const { return queue_; }
 
-  /// The connection that delivered the message which the calling thread is handling; null elsewhere.
+  /// The connection whose message the calling thread is handling; null if there is none.
   static std::shared_ptr<Connection> current();
 
   /// For proxies. `write` writes the arguments, which have this signature, and is called before this returns.
@@ -116,9 +116,9 @@ class Connection final : public std::enable_shared_from_this<Connection> {
   void sendAnswer(wire::Outgoing& answer, std::uint32_t serial);
 
  private:
-  struct Ending;  // what is left to do once the lock is released
+  struct Ending;  // work that remains after the lock is released
   struct Round;   // of reading
-  /// The far end of a connection through an endpoint, kept here until there is something for it to read.
+  /// The far end of a connection through an endpoint, kept here until there is data for it to read.
   struct UnpassedEnd {
     Endpoint endpoint;
     FileDescriptor theirs;

@@ -7,8 +7,8 @@
 
 namespace kelvane::xpc {
 
-/// Who is at the other end of a socket, as the kernel recorded it when the socket was connected. What the
-/// process has become since does not change it.
+/// The process at the other end of a socket, as the kernel recorded it when the socket was connected. Later
+/// changes to the process have no effect.
 struct PeerCredentials {
   pid_t pid = 0;
   uid_t uid = static_cast<uid_t>(-1);
@@ -16,7 +16,7 @@ struct PeerCredentials {
   std::vector<gid_t> groups;         // supplementary
   std::optional<std::string> label;  // of the security module, where there is one
 
-  /// Nothing when the kernel does not say (not a connected local socket).
+  /// Nothing when the kernel has no record (not a connected local socket).
   static std::optional<PeerCredentials> ofSocket(int descriptor);
 };
 

@@ -23,7 +23,7 @@ class Decoding {
   Decoding(const Decoding&) = delete;
   Decoding& operator=(const Decoding&) = delete;
 
-  /// The innermost on this thread; null when there is none.
+  /// The innermost on this thread; null if there is none.
   static Decoding* current();
 
   [[nodiscard]] const std::shared_ptr<wire::Account>& payer() const { return payer_; }

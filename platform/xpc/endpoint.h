@@ -8,15 +8,15 @@
 
 namespace kelvane::xpc {
 
-/// The handle through which connections to somebody's listener are opened: one end of a SOCK_SEQPACKET socket
-/// pair whose other end the listener reads. Cheap to copy; the descriptor closes with the last copy, which
-/// the listener notices. Any thread.
+/// The handle for opening connections to a listener: one end of a SOCK_SEQPACKET socket pair
+/// whose other end the listener reads. Cheap to copy; the descriptor closes with the last copy,
+/// which the listener notices. Any thread.
 class Endpoint {
  public:
   Endpoint() = default;
-  /// Takes a descriptor that came from outside; nothing when it is not a connected local SOCK_SEQPACKET
-  /// socket. `payer` is the account of the peer that passed it, charged for the connections opened through
-  /// it; null for this process itself.
+  /// Takes a received descriptor; nothing when it is not a connected local SOCK_SEQPACKET socket.
+  /// `payer` is the account of the peer that passed it, charged for the connections opened
+  /// through it; null for this process itself.
   static std::optional<Endpoint> adopt(FileDescriptor descriptor,
                                        std::shared_ptr<wire::Account> payer = nullptr);
 

@@ -23,10 +23,10 @@ inline constexpr const char* error_unknown_property = "org.freedesktop.DBus.Erro
 inline constexpr const char* error_property_read_only = "org.freedesktop.DBus.Error.PropertyReadOnly";
 inline constexpr const char* error_file_not_found = "org.freedesktop.DBus.Error.FileNotFound";
 
-/// The message of the disconnection from a peer that lets the handshake wait.
+/// The message when a peer is disconnected because it does not complete the handshake.
 inline constexpr const char* handshake_took_too_long = "the handshake took too long";
 
-/// What a method answers that has nothing to say but whether it was done. Takes no place in the signature.
+/// The result of a method that only succeeds or fails. It does not appear in the signature.
 struct Outcome {
   std::string error_name;  // empty: done
   std::string error_message;

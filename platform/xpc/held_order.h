@@ -7,9 +7,9 @@
 
 namespace kelvane::xpc {
 
-/// Keeps the queue of the calling connection suspended, for a call that is answered later: the calls after it
-/// wait, and no thread does. Ends with its last copy; a handler keeps one until it has called its reply, or
-/// else answers may overtake each other. Holds nothing for a call that came over no connection.
+/// Suspends the queue of the calling connection while a call waits for its answer: later calls wait without
+/// holding a thread. The suspension ends with the last copy. A handler keeps one until it has called its
+/// reply; otherwise answers may overtake each other. Does nothing for a call that no connection delivered.
 class HeldOrder {
  public:
   HeldOrder() {

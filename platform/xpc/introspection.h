@@ -1,6 +1,6 @@
 #pragma once
 
-// Introspection data. Source: the D-Bus specification, "Introspection Data Format".
+// Introspection data. Source: D-Bus, chapter "Introspection Data Format".
 
 #include <set>
 #include <string>

@@ -44,7 +44,7 @@ class LaunchProtocol {
   virtual void PostEvent(std::string stream, Dictionary event, Reply<Outcome> reply) = 0;
 };
 
-/// A connection's calls are answered in their order, each once what it started is over.
+/// A connection's calls are answered in order, each when the work that it started is done.
 class LaunchSocket final : public LaunchProtocol {
  public:
   void RunActivity(std::string name, Reply<Outcome> reply) override {

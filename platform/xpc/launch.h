@@ -35,24 +35,24 @@ inline constexpr long XPC_ACTIVITY_STATE_CHECK_IN = 0;
 inline constexpr long XPC_ACTIVITY_STATE_WAIT = 1;
 inline constexpr long XPC_ACTIVITY_STATE_RUN = 2;
 
-/// The criteria of an activity whose schedule stands outside the program.
+/// The criteria of an activity that is scheduled outside the program.
 inline const Dictionary XPC_ACTIVITY_CHECK_IN{};
 
 /// Registers a handler for the activity of that name, replacing an earlier one, and calls it once in the
-/// check-in state, on the global queue. Later it is called in the run state whenever the launch socket asks
-/// for it, one run after the other; the run is over when the handler returns.
+/// check-in state, on the global queue. Later it is called in the run state for each request on the launch
+/// socket. Runs do not overlap; a run is over when the handler returns.
 void xpc_activity_register(const std::string& name, const Dictionary& criteria,
                            std::function<void(const xpc_activity_t&)> handler);
 [[nodiscard]] long xpc_activity_get_state(const xpc_activity_t& activity);
 
-/// Gets an event, and a block to be called once the event has been handled, maybe later and on any thread.
+/// Gets an event and a block to call once the event has been handled, possibly later and on any thread.
 using EventHandler = std::function<void(const Dictionary& event, Block handled)>;
 /// Registers a handler for the events of a stream, replacing an earlier one. It is called on `queue`.
 void xpc_set_event_stream_handler(const std::string& stream, const dispatch_queue_t& queue,
                                   EventHandler handler);
 
-/// Delivers an event as the launch socket does, and calls `handled` once the handler has. False, and
-/// `handled` is not called, when nobody handles that stream. Never blocks.
+/// Delivers an event as the launch socket does, and calls `handled` when the handler is done. False, without
+/// calling `handled`, when the stream has no handler. Never blocks.
 bool xpc_post_event(const std::string& stream, const Dictionary& event, Block handled);
 /// The same for an activity's run.
 bool xpc_run_activity(const std::string& name, Block over);

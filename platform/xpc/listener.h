@@ -16,14 +16,14 @@
 
 namespace kelvane::xpc {
 
-/// Accepts connections: from a socket in the file system, or, anonymously, from whoever holds the endpoint.
-/// Thread-safe. Accepted connections live on when the listener ends.
+/// Accepts connections: from a socket in the file system, or, anonymously, through an endpoint. Thread-safe.
+/// Accepted connections live on when the listener ends.
 class Listener final : public std::enable_shared_from_this<Listener> {
  public:
   /// Creates the socket, replacing a dead one of the same name. On failure null, with the reason.
   static std::shared_ptr<Listener> initWithSocketPath(const std::string& path, mode_t mode,
                                                       std::string& reason);
-  /// A socket that listens already. Null when it is no listening local stream socket.
+  /// Takes a socket that already listens. Null if it is not a listening local stream socket.
   static std::shared_ptr<Listener> initWithListeningSocket(FileDescriptor socket);
   static std::shared_ptr<Listener> anonymousListener();
   ~Listener();
@@ -38,9 +38,9 @@ class Listener final : public std::enable_shared_from_this<Listener> {
   void setConnectionHandler(std::function<void(const std::shared_ptr<Connection>&)> handler) {
     configure_ = std::move(handler);
   }
-  /// Anonymous listeners: called once when nobody holds the endpoint any more. On a thread of the pool.
+  /// Anonymous listeners: called once when no copy of the endpoint is left. On a thread of the pool.
   void setEndpointClosedHandler(Block handler) { endpoint_closed_ = std::move(handler); }
-  /// The accounts to charge for connections, instead of those that the process shares. They must outlive the
+  /// The accounts to charge for connections, instead of the process-wide ones. They must outlive the
   /// listener.
   void setAccounts(wire::Accounts& accounts) { accounts_ = &accounts; }
   /// Called for each peer that is closed right after accept because its user is at the limit on connections.
@@ -54,11 +54,11 @@ class Listener final : public std::enable_shared_from_this<Listener> {
 
   /// Anonymous listeners only. The listener keeps no copy: it ends when the last one given away is dropped.
   [[nodiscard]] Endpoint takeEndpoint();
-  /// Stops accepting until `goOn`, if no connection waits to be accepted and each accepted one has been given
-  /// to the handler. Returns whether it has stopped. Not for anonymous listeners.
+  /// Stops accepting until `goOn`, if no connection waits to be accepted and every accepted one has reached
+  /// the handler. Returns whether it has stopped. Not for anonymous listeners.
   [[nodiscard]] bool pauseIfNobodyWaits();
   void goOn();
-  /// Accepts no more.
+  /// Stops accepting for good.
   void invalidate();
 
  private:

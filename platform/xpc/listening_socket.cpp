@@ -64,10 +64,10 @@ FileDescriptor listenAt(const std::string& path, mode_t mode, std::string& reaso
 
 bool takeOverListening(int socket) {
   if (!isListening(socket)) return false;
-  // A service manager hands it over in the blocking mode.
+  // A service manager passes it in blocking mode.
   const int flags = ::fcntl(socket, F_GETFL);
   if (flags < 0 || ::fcntl(socket, F_SETFL, flags | O_NONBLOCK) != 0) return false;
-  // Peers are told who listened last as the one they speak to; that was the service manager until now.
+  // Peers see the last process that called `listen` as their peer; until now that was the service manager.
   return ::listen(socket, SOMAXCONN) == 0;
 }
 

@@ -9,13 +9,13 @@
 
 namespace kelvane::xpc {
 
-/// Messages of one byte each, with at most one descriptor each: the kernel closes what more a sender
-/// attached.
+/// Messages of one byte each, with at most one descriptor each: if a sender attaches
+/// more, the kernel closes the others.
 class Packets {
  public:
   static constexpr std::size_t most = 8;
 
-  /// How many came; negative, and errno, when none did.
+  /// The number received; negative, with errno set, when there is none.
   int receive(int socket) {
     for (std::size_t i = 0; i < most; ++i) {
       data_[i] = {&bytes_[i], 1};
@@ -27,9 +27,9 @@ class Packets {
     }
     return ::recvmmsg(socket, headers_.data(), most, MSG_DONTWAIT | MSG_CMSG_CLOEXEC, nullptr);
   }
-  /// An empty message may be the end of all.
+  /// An empty message may mean end-of-file.
   [[nodiscard]] bool isEmpty(std::size_t i) const { return headers_[i].msg_len == 0; }
-  /// Empty when the message brought none.
+  /// Empty if the message has none.
   FileDescriptor takeDescriptor(std::size_t i) {
     const cmsghdr* const header = isEmpty(i) ? nullptr : CMSG_FIRSTHDR(&headers_[i].msg_hdr);
     if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) return {};

@@ -35,9 +35,9 @@
 
 namespace kelvane::xpc {
 
-/// How a method answers: called at most once, on any thread. A Reply that is dropped without being called
-/// leaves the caller without an answer, which is a way to answer. It may be called after the connection has
-/// ended, and then does nothing.
+/// How a method answers: called at most once, on any thread. A Reply may be dropped
+/// without being called; the caller then gets no answer. It may be called after the
+/// connection has ended, and then does nothing.
 template <class... Results>
 using Reply = std::function<void(Results...)>;
 

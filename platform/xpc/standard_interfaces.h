@@ -1,8 +1,8 @@
 #pragma once
 
-// What stock tools expect of every peer, whatever it exports: org.freedesktop.DBus.Peer, Introspectable and
-// Properties, and the few calls to a message bus that they make first. Source: the D-Bus specification,
-// "Standard Interfaces".
+// What stock tools expect of every peer, whatever it exports: org.freedesktop.DBus.Peer,
+// Introspectable and Properties, and the few calls to a message bus that they make first. Source:
+// D-Bus, chapter "Standard Interfaces".
 
 #include <string>
 

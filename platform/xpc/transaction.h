@@ -4,8 +4,8 @@
 
 namespace kelvane {
 
-// While at least one transaction is open the process counts as busy, and whoever manages it should leave it
-// running. Any thread. Ending more than were begun is fatal.
+// While at least one transaction is open the process counts as busy, and its service manager should not stop
+// it. Any thread. Ending more than were begun is fatal.
 void xpc_transaction_begin();
 void xpc_transaction_end();
 [[nodiscard]] std::uint32_t xpc_transaction_count();

@@ -1,7 +1,7 @@
 #pragma once
 
-// How C++ types travel in messages. A type's signature, writing and reading stand here once; the signature of
-// a method is derived from its C++ arguments, so that the two cannot disagree.
+// How C++ types are encoded in messages. A type's signature, writing and reading are defined once, here. The
+// signature of a method is derived from its C++ arguments, so the two always agree.
 
 #include <cstddef>
 #include <cstdint>
@@ -20,12 +20,12 @@ namespace kelvane::xpc {
 /// dictionary in a dictionary takes three (a variant, an array and an entry).
 inline constexpr std::size_t most_nested = 20;
 
-/// A value of any kind, but never nothing, as one D-Bus variant.
+/// A value of any kind except nothing, as one D-Bus variant.
 struct Anything {
   Value value;
 };
 
-/// `signature`; `write` writes one value, and leaves the writer with a fault when it cannot travel (nested
+/// `signature`; `write` writes one value, and leaves the writer with a fault when it cannot be sent (nested
 /// too deep); `read` reads one, and leaves the reader with a fault when the message holds something else
 /// (mismatched), something that no property list can hold (unusable), or too much (excessive).
 template <class T>
@@ -49,8 +49,8 @@ struct Wire<std::string> {
   static void write(wire::Writer& out, const std::string& text) { out.writeString(text); }
   static void read(wire::Reader& in, std::string& text) { text = in.readString(); }
 };
-/// A descriptor that cannot be an endpoint is read as an empty one: whether the caller is to know is the
-/// handler's decision.
+/// A descriptor that cannot be an endpoint is read as an empty endpoint: the handler
+/// decides whether the caller gets an error.
 template <>
 struct Wire<Endpoint> {
   static constexpr const char* signature = "h";

@@ -19,8 +19,8 @@ namespace {
 
 void writeVariant(wire::Writer& out, const Value& value, unsigned depth);
 
-/// The keys of a dictionary as they are sent. Two keys that repairing makes the same get different numbers,
-/// or the receiver would lose one of their values.
+/// The keys of a dictionary as they are sent. Keys that become equal by repair get different numbers;
+/// otherwise the receiver would lose a value.
 class SentKeys {
  public:
   explicit SentKeys(const Dictionary& dictionary) : dictionary_(dictionary) {}
@@ -40,7 +40,7 @@ class SentKeys {
 
   const Dictionary& dictionary_;
   std::set<std::string> repaired_;
-  std::size_t number_ = 1;  // never used twice, so that many such keys do not take many attempts each
+  std::size_t number_ = 1;  // never reused, so that many such keys do not need many attempts each
 };
 
 void writeDictionary(wire::Writer& out, const Dictionary& dictionary, unsigned depth) {
