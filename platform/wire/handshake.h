@@ -1,7 +1,7 @@
 #pragma once
 
 // The SASL handshake with the EXTERNAL mechanism, as state machines: bytes in, bytes out. Sockets and time
-// limits are the caller's. Source: the D-Bus specification, "Authentication Protocol".
+// limits are the caller's. Source: D-Bus, chapter "Authentication Protocol".
 
 #include <sys/types.h>
 #include <cstddef>

@@ -1,6 +1,6 @@
 #pragma once
 
-// Rules for names. Source: the D-Bus specification, "Valid Names" and "Valid Object Paths".
+// Rules for names. Source: D-Bus, chapters "Valid Names" and "Valid Object Paths".
 
 #include <string_view>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// The limits and codes of the D-Bus protocol. Source: the D-Bus specification, "Message Protocol".
+// The limits and codes of the D-Bus protocol. Source: D-Bus, chapter "Message Protocol".
 
 #include <cstddef>
 #include <cstdint>

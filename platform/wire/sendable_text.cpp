@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view replacement = "\xef\xbf\xbd";  // U+FFFD
 
-/// Whether a noncharacter begins here, in text that is UTF-8; its length, or 0.
+/// The length of the noncharacter that begins here in valid UTF-8; 0 if there is none.
 std::size_t noncharacterLength(std::string_view text) {
   const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
   if (byte(0) == 0xef) {
@@ -24,7 +24,7 @@ std::size_t noncharacterLength(std::string_view text) {
   return last_two ? 4 : 0;
 }
 
-/// How many bytes at the front of UTF-8 text come before a noncharacter.
+/// How many bytes of UTF-8 text come before its first noncharacter.
 std::size_t lengthBeforeNoncharacter(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (static_cast<std::uint8_t>(text[i]) >= 0xef && noncharacterLength(text.substr(i)) > 0) return i;
