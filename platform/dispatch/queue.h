@@ -51,7 +51,7 @@ std::invoke_result_t<F&> dispatch_sync(const dispatch_queue_t& queue, F&& item);
 /// The global queue cannot be suspended.
 void dispatch_suspend(const dispatch_queue_t& queue);
 void dispatch_resume(const dispatch_queue_t& queue);
-/// The same, and `next` runs before every item that waits.
+/// The same, but `next` runs before all waiting items.
 void dispatch_resume_with(const dispatch_queue_t& queue, Block next);
 
 /// True when the calling thread is running an item of the queue, also when that item has since gone

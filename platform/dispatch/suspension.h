@@ -16,8 +16,8 @@ class Suspension {
   Suspension(const Suspension&) = delete;
   Suspension& operator=(const Suspension&) = delete;
 
-  /// Ends the suspension. `next` runs on the queue before every item that waits. So an item that has
-  /// suspended its own queue can go on later without holding a thread meanwhile. Once.
+  /// Ends the suspension. `next` runs on the queue before all waiting items. So an item that has suspended
+  /// its own queue can continue later without holding a thread until then. Call it once.
   void endWith(Block next) { dispatch_resume_with(std::exchange(queue_, nullptr), std::move(next)); }
 
  private:
