@@ -56,7 +56,7 @@ std::vector<DirectoryEnumerator::Entry> DirectoryEnumerator::entriesOf(DIR* dire
   return entries;
 }
 
-/// With the path of its entries in path_.
+/// Called when path_ is the path of its entries.
 void DirectoryEnumerator::enter(Directory directory) {
   if (directory == nullptr) return;
   const auto identity = identityOf(directory.get());

@@ -20,12 +20,12 @@ namespace kelvane {
 ///
 /// Symbolic links below the directory are reported and never followed; the directory itself may be reached
 /// through one. A directory that the walk is already in is reported and not entered again, so bind mounts
-/// cannot make the walk endless. A missing or unreadable directory yields nothing, an unreadable subdirectory
-/// only itself. What changes during the walk may or may not be seen.
+/// cannot make the walk endless. A missing or unreadable directory yields nothing; of an unreadable
+/// subdirectory only its own name is reported. Changes during the walk may or may not be seen.
 ///
 /// Neither the depth of the tree nor the length of its paths is limited: each directory is opened relative to
-/// the one above. Only the innermost directories stay open; one further out is opened again, as "..", when
-/// the walk is back there. Used by one thread at a time; throws nothing of its own.
+/// the one above. Only the innermost directories stay open; an outer one is reopened, as "..", when the walk
+/// returns to it. Used by one thread at a time; throws nothing of its own.
 class DirectoryEnumerator {
  public:
   static constexpr std::size_t most_open = 32;
@@ -46,7 +46,7 @@ class DirectoryEnumerator {
     bool may_be_directory;  // the file system need not say
   };
   struct Level {
-    Directory directory;  // null while closed, or for good if it could not be opened again
+    Directory directory;  // null while closed, or permanently if reopening failed
     Identity identity;
     std::size_t prefix_size;  // of its entries' paths
     std::vector<Entry> entries;

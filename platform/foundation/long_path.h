@@ -9,7 +9,7 @@
 
 namespace kelvane {
 
-/// A path in the form that the kernel accepts, which is less than PATH_MAX bytes in one call: what is left of
+/// A path in a form that the kernel accepts, which takes less than PATH_MAX bytes in one call: the rest of
 /// the path, relative to an open directory.
 struct ReachablePath {
   FileDescriptor directory;  ///< none for a path that is short enough as it is

@@ -1,11 +1,11 @@
 #pragma once
 
-// The form in which a suite keeps the value of a row. Internal to this folder.
+// The form in which a suite stores the value of a row. Internal to this directory.
 //
-// The eight bytes of a checksum, little-endian, and the archive: nothing but the checksum for a dictionary,
-// whose entries are rows of their own. The checksum is FNV-1a of 64 bits over the row's key, its entry and
-// the archive, the first two each after its length in eight bytes. It tells a row that changed on the disk,
-// or that stands under another key than it was written to.
+// A checksum of eight bytes, little-endian, then the archive. A dictionary has only the checksum, since its
+// entries are rows of their own. The checksum is 64-bit FNV-1a over the row's key, its entry and the archive;
+// key and entry each follow their length in eight bytes. It detects a row that changed on the disk, or that
+// is stored under a different key than it was written to.
 
 #include <cstdint>
 #include <optional>
@@ -19,7 +19,7 @@ using Bytes = std::span<const std::uint8_t>;
 
 [[nodiscard]] std::string sealedRow(std::string_view key, std::string_view entry, Bytes archive);
 
-/// The archive, within `row`; nothing when the row is not the one that was sealed.
+/// The archive, a view into `row`; nothing when the row does not match its checksum.
 [[nodiscard]] std::optional<Bytes> unsealedRow(std::string_view key, std::string_view entry, Bytes row);
 
 }  // namespace kelvane::foundation

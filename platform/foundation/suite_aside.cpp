@@ -14,8 +14,8 @@
 namespace kelvane::foundation {
 namespace {
 
-/// What is kept beside a database, by what is appended to its name; the log last, so that a rename cut
-/// short by the end of the process leaves it where `visibleDamage` finds it.
+/// The suffixes of a database and of the files beside it. The log comes last: if the process ends during the
+/// renames, the log stays where `visibleDamage` finds it.
 constexpr std::array<const char*, 5> companions = {"", "-journal", "-mark", "-shm", "-wal"};
 
 bool exists(const std::string& path) {

@@ -53,8 +53,8 @@ std::string_view asText(sqlite3_value* value) {
   return start == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(start), size);
 }
 
-/// SQL: sealed(key, entry, value), the value as the layout with checksums has it. What is no archive stays as
-/// it is, and so stays unreadable.
+/// SQL: sealed(key, entry, value) gives the value in the layout with checksums. A value that is not an
+/// archive stays as it is, and so stays unreadable.
 void sealed(sqlite3_context* context, int /*count*/, sqlite3_value** arguments) {
   const std::string_view archive = asText(arguments[2]);
   const bool is_dictionary = sqlite3_value_type(arguments[2]) == SQLITE_NULL;
@@ -139,7 +139,7 @@ bool SuiteFile::checkPages() {
   return found == "ok" || spoiled(found);
 }
 
-/// Where it cannot be written, the file stays as it is, and the next to open it tries again.
+/// When the file cannot be written it stays as it is, and is converted when it is next opened.
 bool SuiteFile::upgrade() {
   constexpr int arguments = 3;
   sqlite3_create_function(connection_.get(), "sealed", arguments, SQLITE_UTF8 | SQLITE_DIRECTONLY, nullptr,
@@ -150,7 +150,7 @@ bool SuiteFile::upgrade() {
       layout_version);
   std::string version;
   if (!single("PRAGMA user_version", version) || version == layout_version) return !damaged_;
-  // Another process may have done it meanwhile.
+  // Another process may have converted it in the meantime.
   if (!execute("BEGIN IMMEDIATE") || !single("PRAGMA user_version", version) || version == layout_version ||
       !execute(update.c_str()) || !execute("COMMIT")) {
     rollback();
@@ -165,7 +165,7 @@ bool SuiteFile::upgrade() {
 bool SuiteFile::emptyLog() {
   const int how = room_.log > 0 ? SQLITE_CHECKPOINT_RESTART : SQLITE_CHECKPOINT_TRUNCATE;
   const int result = sqlite3_wal_checkpoint_v2(connection_.get(), nullptr, how, nullptr, nullptr);
-  if (result == SQLITE_OK) mark_.clear();  // nothing in the log is needed any more
+  if (result == SQLITE_OK) mark_.clear();  // the log is no longer needed
   return (result & 0xff) != SQLITE_CORRUPT || worked(result);
 }
 
@@ -235,8 +235,8 @@ bool SuiteFile::checkLog() {
   return spoiled("its log has lost what was written last");
 }
 
-/// A question to SQLite takes locks, so it is asked only when somebody has committed since the last time. The
-/// header is read before it is asked: a commit in between is found out next time.
+/// Querying SQLite takes locks, so that is done only when a commit has happened since the last time. The
+/// header is read before the query: a commit in between is noticed next time.
 bool SuiteFile::changedElsewhere() {
   error_.clear();
   const std::optional<IndexHeader> header = indexHeader();
@@ -264,7 +264,7 @@ bool SuiteFile::load(Dictionary& contents, std::vector<std::string>& unreadable)
   return loaded;
 }
 
-/// Nothing when the row is not as it was written.
+/// Nothing when the row does not match its checksum.
 std::optional<Bytes> SuiteFile::archiveOf(std::string_view key, std::string_view entry,
                                           std::string_view row) const {
   return sealed_ ? unsealedRow(key, entry, asBytes(row)) : asBytes(row);
@@ -284,7 +284,7 @@ bool SuiteFile::loadKeys(Dictionary& contents, std::vector<std::string>& unreada
   return result == SQLITE_DONE || worked(result);
 }
 
-/// Entries without the row of their key are those of a dictionary whose own row was lost.
+/// Entries without a row for their key belong to a dictionary whose own row was lost.
 bool SuiteFile::loadEntries(Dictionary& contents, std::vector<std::string>& unreadable) {
   std::string key;
   Dictionary entries;  // of `key`

@@ -9,12 +9,12 @@
 //   entries  one row per entry of such a dictionary
 //
 // The application id is "KLVN", the user version is the version of this layout, 2, and pages have 4,096
-// bytes. In version 1 values had no checksum, and that of a dictionary was null; a file of it is brought to
-// version 2 when it is opened, and used as it is while that cannot be written.
+// bytes. In version 1 values had no checksum, and a dictionary's value was null. Such a file is converted to
+// version 2 when it is opened, or used as it is while that cannot be written.
 //
-// Room: what is written when the volume is full must have its place already. So the file is longer than its
-// pages, and its log than its frames; SQLite grows into both. The file's chunk size keeps a checkpoint from
-// cutting the room off.
+// Room: a write on a full volume needs space that was reserved before. So the file extends beyond its
+// pages, and its log beyond its frames; SQLite grows into both. The file's chunk size prevents a
+// checkpoint from truncating the room.
 
 #include <array>
 #include <cstdint>
@@ -62,8 +62,8 @@ class SuiteFile {
   /// True when another connection has committed since the last `load`; false, with `failed()`, when that
   /// cannot be told.
   bool changedElsewhere();
-  /// Reads everything, as of one moment. Rows that are not as they were written are left out, and their
-  /// entries, or else their keys, named.
+  /// Reads everything, as one snapshot. Damaged rows are left out; `unreadable` gets the names of their
+  /// entries, or else of their keys.
   bool load(Dictionary& contents, std::vector<std::string>& unreadable);
 
   /// Begins writing; `durable` says whether the commit is to be synced.
@@ -72,11 +72,11 @@ class SuiteFile {
   bool commit();
   void rollback();
 
-  /// Whether the last failure was for want of space.
+  /// Whether the last failure was for lack of space.
   [[nodiscard]] bool full() const { return full_; }
-  /// Writes what is in the log into the file, so that the log begins again.
+  /// Writes the log's content into the file, so that the log restarts.
   bool emptyLog();
-  /// Makes room where it is missing and the volume has it.
+  /// Reserves missing room if the volume has it.
   void keepRoom();
 
   /// True when the file is no longer the one at its path.
@@ -125,9 +125,9 @@ class SuiteFile {
   std::int64_t seen_version_ = -1;
   bool sealed_ = true;  // whether the layout is one with checksums
   SuiteRoom room_;
-  SuiteRoom kept_;                          // what there is of it
+  SuiteRoom kept_;                          // reserved so far
   std::int64_t length_ = 0;                 // of the file's pages, bytes
-  std::int64_t content_ = 0;                // of those in use, bytes
+  std::int64_t content_ = 0;                // of the pages in use, bytes
   std::optional<IndexHeader> seen_header_;  // when nothing had changed
   bool durable_ = true;
   bool damaged_ = false;

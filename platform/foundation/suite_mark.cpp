@@ -20,7 +20,7 @@ Words wordsOf(LogPosition position) {
 SuiteMark::SuiteMark(const std::string& path)
     : file_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)) {}
 
-/// Small enough to be written whole. Where it cannot be, the mark is an old one.
+/// Small enough to be written whole. When writing fails, the old mark remains.
 void SuiteMark::set(LogPosition position) const {
   const Words words = wordsOf(position);
   if (file_) static_cast<void>(!::pwrite(file_.get(), words.data(), sizeof words, 0));

@@ -8,7 +8,7 @@
 namespace kelvane::foundation {
 namespace {
 
-/// Has the file system find a place for each page from `begin` to `end`, both whole pages, behind all
+/// Makes the file system allocate each page from `begin` to `end`, which are page boundaries behind all
 /// content.
 bool occupy(sqlite3_file* file, std::int64_t begin, std::int64_t end) {
   for (std::int64_t at = begin; at < end; at += suite_page_size) {
@@ -21,7 +21,7 @@ std::int64_t wholePages(std::int64_t bytes) {
   return (bytes + suite_page_size - 1) / suite_page_size * suite_page_size;
 }
 
-/// With half as much again left to others: nobody is helped when this fills the volume.
+/// Requires half as much again to stay free: reserving room must not itself fill the volume.
 bool volumeHas(const char* path, std::int64_t bytes) {
   struct statvfs space {};
   if (::statvfs(path, &space) != 0) return false;
@@ -36,7 +36,7 @@ sqlite3_file* SuiteFile::fileOf(int operation) const {
   return file != nullptr && file->pMethods != nullptr ? file : nullptr;
 }
 
-/// What there is of it from earlier. A file with holes, as a copy of it may have, has none.
+/// Finds the room reserved earlier. A file with holes, such as a sparse copy, has none.
 void SuiteFile::findRoom() {
   struct stat status {};
   const char* const path = sqlite3_db_filename(connection_.get(), "main");
@@ -52,7 +52,7 @@ void SuiteFile::findRoom() {
   if (log != nullptr && log->pMethods->xFileSize(log, &size) == SQLITE_OK) kept_.log = size;
 }
 
-/// Within a transaction, where it is known without a lock.
+/// Called within a transaction, where reading the sizes needs no further lock.
 void SuiteFile::measure() {
   std::int64_t pages = 0;
   std::int64_t unused = 0;
@@ -61,7 +61,7 @@ void SuiteFile::measure() {
   content_ = (pages - unused) * suite_page_size;
 }
 
-/// As much as was asked for, and always a quarter of it beyond the content.
+/// The requested room, but always at least a quarter of it beyond the content.
 std::int64_t SuiteFile::neededRoom() const {
   const std::int64_t step = room_.file / 4;
   return std::max(room_.file, (content_ + 2 * step - 1) / step * step);
@@ -79,8 +79,8 @@ void SuiteFile::keepRoom() {
   error_ = error;
 }
 
-/// Pages that only the log has so far get their place in the file as well. Synced, since SQLite counts the
-/// room among the pages with the next change, and takes a file that is shorter for a damaged one.
+/// Also allocates pages that only the log has so far. Synced, because with the next change SQLite counts the
+/// room as pages, and treats a shorter file as damaged.
 bool SuiteFile::growFile() {
   sqlite3_file* const file = fileOf(SQLITE_FCNTL_FILE_POINTER);
   sqlite3_int64 size = 0;

@@ -46,7 +46,7 @@ std::vector<Change> difference(const Dictionary& before, const Dictionary& after
   return changes;
 }
 
-/// What an entry takes of the memory of its dictionary.
+/// The memory that an entry takes in its dictionary.
 std::size_t entrySize(std::string_view entry, const Value& value) {
   if (value.isNothing()) return 0;
   return foundation::entry_footprint + entry.size() + foundation::footprint(value);
@@ -100,7 +100,7 @@ bool UserDefaults::setEntry(const Value& value, std::string_view entry, std::str
     return false;
   }
   if (storeEntry(value, entry, key)) return true;
-  // A damaged file goes aside, and the next one takes all that is held.
+  // A damaged file is set aside, and the new one gets everything that is held.
   return file_ != nullptr && file_->damaged() && storeEntry(value, entry, key);
 }
 
@@ -117,7 +117,7 @@ void UserDefaults::holdEntry(const Value& value, std::string_view entry, std::st
   const auto known = footprints_.find(key);
   if (known != footprints_.end()) known->second += entrySize(entry, value) - entrySize(entry, entries[entry]);
   if (before == nullptr) footprints_.erase(std::string(key));
-  held_.remove(key);  // so that the entries are not shared, and changed in place
+  held_.remove(key);  // so that the entries are unshared and changed in place
   entries.set(entry, value);
   held_.set(key, std::move(entries));
 }
@@ -206,7 +206,7 @@ bool UserDefaults::write(std::string_view key, const Value& value) {
   return write(key, [&] { return difference(key, value); });
 }
 
-/// A log without room begins again once what it holds is in the file, where there may be room.
+/// A log without room can restart once its content is in the file, which may have room.
 bool UserDefaults::write(std::string_view key, const Difference& difference) {
   const bool written =
       tryWriting(key, difference) || (file_->full() && file_->emptyLog() && tryWriting(key, difference));

@@ -19,9 +19,9 @@ class SuiteFile;
 struct Change;
 }  // namespace foundation
 
-/// Bytes of the volume that a suite keeps for what it will write, so that it can when the volume is full.
+/// Bytes of the volume that a suite reserves, so that it can write when the volume is full.
 struct SuiteRoom {
-  std::int64_t file = 0;  // with its content; beyond that, a quarter of this is always free
+  std::int64_t file = 0;  // including its content; always at least a quarter of this is free
   std::int64_t log = 0;
 };
 
@@ -67,17 +67,17 @@ class UserDefaults {
   /// Takes in what others stored before. A value that nests deeper than archives may is not taken at all.
   void setObject(const Value& value, std::string_view key);
 
-  /// Stores `value` in place of one entry of the dictionary under `key`; nothing removes the entry. Without a
-  /// dictionary there, one is begun in place of what is there. Costs the same however many entries there are.
+  /// Stores `value` in place of one entry of the dictionary under `key`; nothing removes the entry. Anything
+  /// there that is not a dictionary is replaced by one. The cost does not depend on the number of entries.
   /// False when it could not be stored: then nothing has changed, and `lastError` says why.
   [[nodiscard]] bool setEntry(const Value& value, std::string_view entry, std::string_view key);
 
-  /// Makes the room that the options ask for, as far as it is missing and the volume has it. Each change that
-  /// is stored does so as well.
+  /// Reserves what is missing of the room that the options ask for, if the volume has it.
+  /// Each stored change does so as well.
   void keepRoom();
 
-  /// How much memory the value under `key` takes (footprint.h). Counted when it is first asked for, then
-  /// kept.
+  /// How much memory the value under `key` takes (footprint.h).
+  /// Computed on the first call, then cached.
   [[nodiscard]] std::size_t footprintOf(std::string_view key);
 
   /// Takes in what others stored and stores what could not be stored before; true when both succeeded.
@@ -115,7 +115,7 @@ class UserDefaults {
   // Only the queue that uses the object.
   std::unique_ptr<foundation::SuiteFile> file_;  // null while the file cannot be opened
   Dictionary held_;
-  std::map<std::string, std::size_t, std::less<>> footprints_;  // of values in `held_`, where it is known
+  std::map<std::string, std::size_t, std::less<>> footprints_;  // of values in `held_`, if computed
   std::set<std::string, std::less<>> unsaved_;  // keys whose value in `held_` may not be what the file has
   std::string last_error_;
   std::vector<std::string> notices_;
