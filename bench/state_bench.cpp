@@ -126,7 +126,7 @@ Row measure(ServiceHost& host, const Setting& setting, std::size_t services) {
   return {lineOf(services, found), figuresOf(services, setting.rounds, found)};
 }
 
-/// What storing a value costs among many entries, beside what it costs among few.
+/// The cost of storing a value among many entries, compared with few.
 Figure writing(ServiceHost& host, const Setting& setting) {
   constexpr int few = 10;
   constexpr int many = 10'000;
