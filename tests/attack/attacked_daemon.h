@@ -11,11 +11,11 @@
 
 namespace kelvane::tests {
 
-/// Neither is the daemon's user. Both hold what the packages grant to users of the daemon.
+/// Neither is the daemon's user. Both hold the grants that the packages give to users of the daemon.
 inline constexpr uid_t attacker = 60001;
 inline constexpr uid_t bystander = 60002;
 
-/// A real daemon with the log of an installed one, and what it costs.
+/// A real daemon that logs like an installed one, and its resource use.
 class AttackedDaemon {
  public:
   explicit AttackedDaemon(const std::vector<std::string>& environment = {});
@@ -26,13 +26,13 @@ class AttackedDaemon {
   [[nodiscard]] std::size_t descriptors() const;
   /// Waits until this many are open, for at most ten seconds; returns how many are open.
   [[nodiscard]] std::size_t descriptorsWhenSettled(std::size_t expected) const;
-  /// The most that was ever resident.
+  /// The largest resident size so far.
   [[nodiscard]] std::size_t peakMegabytes() const;
-  /// It has now.
+  /// Running now.
   [[nodiscard]] std::size_t threads() const;
 
  private:
-  /// The number behind that name in the status of the process.
+  /// The number under that name in the status of the process.
   [[nodiscard]] std::size_t status(const std::string& name) const;
 
   Folder settings_;

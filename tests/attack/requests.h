@@ -18,8 +18,8 @@ namespace kelvane::tests {
 /// Goes with one descriptor. `notification` is one that the service wants; none when empty.
 [[nodiscard]] RawMessage checkIn(std::uint32_t serial, const std::string& ID,
                                  const std::string& notification = {});
-/// One of the methods whose only argument is an info. It is about that volume, asks for one byte at urgency
-/// 1, and gives a pass as long as it may have.
+/// A call of a method whose only argument is an info: for that volume, one byte, urgency 1, and the longest
+/// time-out that a pass may have.
 [[nodiscard]] RawMessage requestAbout(const char* member, std::uint32_t serial, const std::string& volume);
 /// An answer without results to the call of that serial.
 [[nodiscard]] RawMessage emptyReply(std::uint32_t serial, std::uint32_t to);

@@ -1,5 +1,5 @@
-// Thousands of requests wait behind a service that does not answer: they cost no threads, and nobody else
-// waits.
+// Thousands of requests wait behind a service that does not answer. They occupy no
+// threads, and delay no other requests.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -32,7 +32,7 @@ constexpr std::size_t most_threads = 40;
 constexpr std::uint64_t asked_for_a_low_volume = 262'144'000;
 constexpr unsigned mebibyte = 1 << 20;
 
-/// A service that answers nothing of one kind before it is told to.
+/// A service that answers no call of one kind until the test tells it to.
 class LateService {
  public:
   enum class Silence { ping, purge };
@@ -46,7 +46,7 @@ class LateService {
       answer(silence == Silence::purge, [=] { reply(Dictionary{{KELVANE_AMOUNT, 0}}); });
     });
   }
-  /// From now on it answers, and at once what it has not answered so far.
+  /// Answers all calls held so far, and every later one.
   void answerAll() {
     std::vector<std::function<void()>> late;
     {
@@ -56,7 +56,7 @@ class LateService {
     }
     for (const auto& each : late) each();
   }
-  /// For at most half a minute.
+  /// Waits for at most half a minute.
   void awaitPurgeOf(std::uint64_t bytes) const {
     const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!wasAskedFor(bytes)) {
@@ -118,7 +118,7 @@ class Waiting : public testing::TestWithParam<Attack> {
     if (method == "clientSetState") return setState(1, "com.example.key", 8);
     return requestAbout(GetParam().method, 1, volume_.path());
   }
-  /// One request over each of many connections, none of which waits for anything.
+  /// Sends one request over each of many connections, without waiting.
   [[nodiscard]] std::vector<RawPeer> attack() const {
     const uid_t user = GetParam().by_the_daemons_own_user ? ::getuid() : attacker;
     const RawMessage message = request();
@@ -182,7 +182,7 @@ TEST_P(Waiting, RequestsCostNoThreadsAndHoldUpNeitherAnotherUserNorTheHandlingOf
   late_.awaitPurgeOf(asked_for_a_low_volume);
 }
 
-/// Registers a service that wants to know about the state.
+/// Registers a service that is notified of the state.
 void checkInAsRecipient(Client& registrar, const FakeService& service) {
   Answer<std::optional<Dictionary>> checked_in;
   registrar.daemon()->clientCheckin(
@@ -206,7 +206,7 @@ TEST(WaitingNotifications, ToAServiceThatNeverAnswersTakeOneConnection) {
          hearing.notifications().back() != Dictionary{{KELVANE_CACHE_ENABLED, 200}})
     std::this_thread::yield();
   hearing.awaitClosed(static_cast<int>(hearing.notifications().size()));
-  EXPECT_EQ(deaf.connectionsOpened(), 2);  // one of them by the check-in
+  EXPECT_EQ(deaf.connectionsOpened(), 2);  // one of them at check-in
   EXPECT_EQ(daemon.descriptorsWhenSettled(before + 1), before + 1);
   EXPECT_TRUE(client.isServed());
 }

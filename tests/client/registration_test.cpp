@@ -1,4 +1,4 @@
-// When a service that found no daemon tries again. The clock is moved, so that no pause passes by itself.
+// When a service that found no daemon retries. The test moves the clock, so no pause ends by itself.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -49,7 +49,7 @@ class Socket {
   }
 
   void listen() const { EXPECT_EQ(::listen(descriptor_.get(), 1), 0); }
-  /// Empty when nobody connects in time; a negative time is without end.
+  /// Empty when nobody connects in time; a negative time means no limit.
   [[nodiscard]] FileDescriptor accept(int milliseconds) const {
     pollfd polled{descriptor_.get(), POLLIN, 0};
     if (::poll(&polled, 1, milliseconds) != 1) return {};
@@ -79,7 +79,7 @@ class ARegistration : public testing::Test {
     clock_.advance(long_pause);
     return old_.accept(-1);
   }
-  /// Listens in the place of the old socket. The registration most likely knows when this returns.
+  /// Replaces the old socket. When this returns, the registration has most likely noticed.
   [[nodiscard]] Socket replaceSocket() const {
     Socket socket(directory_ / "new");
     socket.listen();
@@ -89,7 +89,7 @@ class ARegistration : public testing::Test {
     events->await("appeared");
     return socket;
   }
-  /// Empty if nobody connects while the clock moves on by this much in short steps.
+  /// Empty if nobody connects while the clock advances by this much in short steps.
   [[nodiscard]] FileDescriptor acceptWithin(std::uint64_t nanoseconds, const Socket& socket) {
     FileDescriptor accepted;
     for (std::uint64_t moved = 0; !accepted && moved < nanoseconds; moved += first_pause) {

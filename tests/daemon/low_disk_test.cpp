@@ -35,7 +35,7 @@ class LowDisk : public tests::DaemonFixture {
     DaemonFixture::TearDown();
   }
   void event(std::uint64_t flags) { handle({{"_Flags", flags}}); }
-  /// Returns when everything that the event asks for is done.
+  /// Returns when all purges of the event are done.
   void handle(const Dictionary& event) {
     tests::Answer<bool> handled;
     it_->handleVFSStreamXPCEvent(event, [handled]() mutable { handled.come(true); });

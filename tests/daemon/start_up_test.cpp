@@ -131,7 +131,7 @@ TEST_F(StartUp, TheNotificationIsPostedAfterTheListenerIsResumedAndBothHandlersA
     proxy->clientCancelPurge({}, [answered]() mutable { answered.come(true); });
     connected = answered.await();
     connection->invalidate();
-    // The names may still lead to the handlers of an earlier test, so what they do counts.
+    // The names may still refer to handlers of an earlier test, so their effect is checked.
     event_handled = isHandled("com.orvel.dispatch.vfs", Dictionary{{"_Flags", 4}}) &&
                     log_.contains(3, "handleVFSStreamXPCEvent: caught VQ_LOWDISK");
     activity_run = isRun("com.orvel.Kelvane.daily") &&

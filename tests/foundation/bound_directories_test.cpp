@@ -1,4 +1,4 @@
-// Directories that are mounted inside themselves. Has a mount namespace of its own.
+// Directories that are mounted inside themselves. Runs in its own mount namespace.
 
 #include <sys/mount.h>
 

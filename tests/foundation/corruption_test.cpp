@@ -1,7 +1,7 @@
-// The files that a killed process left are changed at a random place. What the next one reads is right or
-// missing, never another value, and what is missing is named: the entry, or the file that was set aside.
+// Changes the files of a killed process at a random place. The next process reads each value correctly or not
+// at all, and reports what is missing: the entry, or the file that was set aside.
 //
-// There are 40 changes; for more, or for the same again:
+// The test makes 40 changes; for more, or to repeat a run:
 //
 //   KELVANE_CORRUPTIONS=200 foundation_test --gtest_filter='Corruptions*'
 //   KELVANE_CORRUPTIONS_DRAWN_FROM=17 foundation_test --gtest_filter='Corruptions*'
@@ -26,8 +26,8 @@ constexpr int entries = 60;
 
 class Corruptions : public test::SuiteTest {
  protected:
-  /// Leaves in the folder "killed" what a process leaves that is killed: some content in the file, some in
-  /// the log only.
+  /// Leaves in the directory "killed" what a killed process leaves: some content in
+  /// the file, some in the log only.
   void leaveFiles() {
     auto defaults = openSuite();
     for (int i = 0; i < entries; ++i) store(*defaults, i, "old");

@@ -24,7 +24,7 @@ inline void writeFileAt(int parent, const std::string& name, std::string_view co
     throw std::runtime_error("cannot write " + name);
 }
 
-/// Makes `depth` directories of one name, each in the one before; their path may be longer than PATH_MAX.
+/// Makes `depth` directories of the same name, each inside the one before; their path may exceed PATH_MAX.
 /// Calls `also` with each of them, the innermost last, and returns their path relative to `top`.
 inline std::string makeDeepDirectories(const std::string& top, const std::string& name, int depth,
                                        const std::function<void(int directory)>& also) {

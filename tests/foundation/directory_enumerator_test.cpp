@@ -91,7 +91,7 @@ TEST_F(DirectoryEnumeratorTest, AnUnreadableFolderIsPassedOver) {
   std::filesystem::permissions(directory_.path(), std::filesystem::perms::all);
   std::filesystem::permissions(directory_ / "closed", std::filesystem::perms::none);
   const uid_t self = ::geteuid();
-  ASSERT_EQ(::seteuid(self == 0 ? 65534 : self), 0);  // root reads every folder
+  ASSERT_EQ(::seteuid(self == 0 ? 65534 : self), 0);  // root reads every directory
   const Paths paths = walk(directory_.path());
   ASSERT_EQ(::seteuid(self), 0);
   std::filesystem::permissions(directory_ / "closed", std::filesystem::perms::all);

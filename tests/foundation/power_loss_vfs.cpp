@@ -113,7 +113,7 @@ int PowerLossVFS::write(sqlite3_file* file, const void* bytes, int count, sqlite
   return current()->powerFails() ? SQLITE_IOERR_WRITE : handle.real->xWrite(file, bytes, count, at);
 }
 
-/// The default VFS keeps whole chunks, so its file tells the size.
+/// The default VFS grows a file in whole chunks, so the size is that of its file.
 int PowerLossVFS::truncate(sqlite3_file* file, sqlite3_int64 size) {
   if (current()->has_failed_ || current()->powerFails()) return SQLITE_IOERR_TRUNCATE;
   const Handle& handle = handleOf(file);

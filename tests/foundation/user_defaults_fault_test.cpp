@@ -239,7 +239,7 @@ TEST_F(DamagedSuiteTest, ADictionaryWhoseOwnRowIsDamagedKeepsItsEntries) {
 
 class OldSuiteTest : public DamagedSuiteTest {
  protected:
-  /// As version 1 of the layout has {"a": 1, "b": "two"} under "key", and true under "whole".
+  /// Stores {"a": 1, "b": "two"} under "key" and true under "whole", in version 1 of the layout.
   void makeOldSuite() {
     openSuite()->setObject(Dictionary{{"a", 1}}, "key");
     runSQL(path(),
@@ -273,7 +273,7 @@ TEST_F(OldSuiteTest, IsUsedAsItIsWhileItCannotBeWritten) {
   ASSERT_TRUE(defaults->setEntry(3, "c", "key"));
   Dictionary content = content_;
   content.set("c", 3);
-  EXPECT_EQ(stored("key"), Value(content));  // which brings it to the layout with checksums
+  EXPECT_EQ(stored("key"), Value(content));  // converts it to the layout with checksums
   ASSERT_TRUE(defaults->setEntry(4, "d", "key"));
   content.set("d", 4);
   EXPECT_EQ(stored("key"), Value(content));

@@ -188,7 +188,7 @@ class RoomTest : public test::SuiteTest {
   std::shared_ptr<UserDefaults> openRoomy() {
     return openSuite({.recreatable = {}, .vfs = {}, .room = room});
   }
-  /// Bytes that the file system has given to the file.
+  /// Bytes that the file system has allocated to the file.
   [[nodiscard]] std::int64_t occupied(const char* suffix) const {
     struct stat status {};
     EXPECT_EQ(::stat(path(suffix).c_str(), &status), 0);

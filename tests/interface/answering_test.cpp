@@ -1,4 +1,4 @@
-// On which queue a request is answered, and what waits for its answer.
+// On which queue a request is answered, and which work waits for its answer.
 
 #include <gtest/gtest.h>
 #include <functional>
@@ -38,7 +38,7 @@ class Answering : public tests::InterfaceFixture {
             [=](Registry& it, auto reply) { it.clientPurgeableSpace(info, reply); },
             [=](Registry& it, auto reply) { it.clientItemizedPurgeableSpace(info, reply); }};
   }
-  /// Makes the request as if a message over the connection had, with a reply of the test's own.
+  /// Calls the method as a message over the connection would, with the test's own reply.
   void request(const Request& request, const Reply<Result>& reply) {
     dispatch_async(connection_->queue(), [=, this] {
       static const std::shared_ptr<xpc::IncomingCall> no_call;
@@ -58,7 +58,7 @@ class Answering : public tests::InterfaceFixture {
       EXPECT_FALSE(from_connection.await());
     }
   }
-  /// While a reply is being called, nothing else of its connection runs, and others are served.
+  /// While a reply is being called, nothing else of its connection runs, but other connections are served.
   void expectAnswersHoldTheirConnection() {
     Caller& other = caller();
     for (const Request& each : requests()) {

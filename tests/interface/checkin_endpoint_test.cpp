@@ -1,4 +1,4 @@
-// What a check-in passes as its endpoint matters only once the caller's rights are known.
+// The endpoint of a check-in is validated only after the caller's rights.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -39,8 +39,8 @@ class RequestOrder : public tests::InterfaceFixture {
     return answer;
   }
   /// Sends `request`, and expects no answer although the daemon has read it and answers others meanwhile.
-  /// `before` is the number of calls that are not done yet. Counted here it may be too high: while a
-  /// connection is read, the next call is paid for in advance.
+  /// `before` is the number of unfinished calls. Counting them here could give too many: while a connection
+  /// is read, the next call is charged in advance.
   template <class Request>
   auto heldBack(Request request, Caller& process, std::uint64_t before) {
     auto later = request(process);

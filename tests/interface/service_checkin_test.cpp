@@ -341,7 +341,7 @@ TEST_F(Checkin, AServiceThatAnswersItsPingWithAnErrorLosesItsConnectionAndItsRec
   tests::Answer<bool> closed;
   listener->setConnectionHandler([closed](const std::shared_ptr<xpc::Connection>& connection) {
     connection->setInterruptionHandler([closed]() mutable { closed.come(true); });
-    connection->resume();  // exports nothing, so every call is answered with an error
+    connection->resume();  // exports no object, so every call gets an error
   });
   listener->resume();
   EXPECT_EQ(caller().checkIn("odd", listener->takeEndpoint(), {}).await(), replyFor("odd"));
@@ -375,7 +375,7 @@ class Notification : public tests::InterfaceFixture {
   Notification() {
     registry_->user_defaults_ = UserDefaults::initWithSuiteName("com.orvel.kelvane", directory_.path());
   }
-  /// Until everything that was posted so far is sent to those that want it.
+  /// Waits until everything posted so far is sent to its recipients.
   void awaitNotificationsSent() {
     dispatch_sync(registry_->collection_queue(), [] {});
     dispatch_sync(registry_->notify_queue(), [] {});

@@ -312,7 +312,7 @@ TEST_F(UnwritableStateStore, ServesARecordThatItCouldNotWriteAndWritesItLater) {
     });
     EXPECT_EQ(read(KELVANE_RECENT_SERVICE_STATS), Value(archivedData(*record_of(amount))));
   }
-  EXPECT_EQ(statisticsOf(kelvane_domain).counters.at("KV_STATE_NOT_KEPT"), 1);  // said once
+  EXPECT_EQ(statisticsOf(kelvane_domain).counters.at("KV_STATE_NOT_KEPT"), 1);  // logged once
   EXPECT_TRUE(openAgain()->objectForKey(KELVANE_USER_DEFAULTS) == Value(Dictionary{{"k", 1}}));
   vfs_.write_result = SQLITE_OK;
   read("k");

@@ -1,4 +1,4 @@
-// What happens around the end of a pass: what belongs to it, and what comes too late.
+// The end of a pass: which replies belong to it, and which arrive too late.
 
 #include <gtest/gtest.h>
 #include <chrono>
@@ -193,8 +193,8 @@ class RandomReplies {
   std::vector<std::thread> threads_;
 };
 
-/// Purges of two passes, both of which time out while replies come. What a service gives is odd in the first
-/// pass and even in the second.
+/// Purges of two passes, both of which time out while replies come. The amounts that services free are odd in
+/// the first pass and even in the second.
 class ManyPassEnds : public PassEnd {
  protected:
   static constexpr std::uint64_t needed = 1'000'000'000'000;
@@ -205,7 +205,7 @@ class ManyPassEnds : public PassEnd {
       const auto before = std::make_shared<std::atomic<std::int32_t>>(0);
       service(ID).onPurge([=, this](const FakeService::Purge& purge, const FakeService::ResultReply& reply) {
         const std::uint64_t parity = purge.urgency == 1 ? 1 : 0;
-        // All of the first share only, or the need would be met.
+        // The full amount of the first share only; otherwise the need would be met.
         const bool gives_all = before->exchange(purge.urgency) != purge.urgency && may_give_all;
         const std::uint64_t bytes = gives_all ? (purge.asked() + 1) / 2 * 2 + parity : 2 + parity;
         replies_.add([reply, bytes] { reply(Dictionary{{KELVANE_AMOUNT, bytes}}); });
@@ -256,7 +256,7 @@ class ManyPassEnds : public PassEnd {
     EXPECT_EQ(number(" at urgency 1"), 0);
     for (const auto& each : services_) EXPECT_GE(number(" bytes from " + each->ID() + " at urgency 2"), 1);
   }
-  /// The sum of what the completions got in the pass.
+  /// The sum of the amounts that the completions got in the pass.
   std::uint64_t passedOn(int urgency) {
     std::uint64_t sum = 0;
     const std::scoped_lock lock(mutex_);

@@ -50,7 +50,7 @@ class FakeVolumes final : public VolumeSource {
     const std::lock_guard lock(mutex_);
     return times_space_read_;
   }
-  /// The user whose quotas were last asked for, if any.
+  /// The user whose quotas were last queried, if any.
   [[nodiscard]] std::optional<uid_t> askedFor() const {
     const std::lock_guard lock(mutex_);
     return asked_for_;

@@ -8,13 +8,13 @@ namespace {
 
 class Outbox : public testing::Test {
  protected:
-  /// One is under way, and as many wait as may; their values are 0 and up.
+  /// One is under way, and as many wait as are allowed; their values count up from 0.
   void fill() {
     ASSERT_TRUE(outbox_.start({"first", 0}));
     for (unsigned i = 1; i <= NotificationOutbox::most_waiting; ++i)
       ASSERT_FALSE(outbox_.start({"first", i}));
   }
-  /// The values of those that wait, each sent when the one before is over.
+  /// The values of those that wait, each sent after the one before it has ended.
   std::vector<Value> rest() {
     std::vector<Value> values;
     while (auto next = outbox_.finish()) values.push_back(next->value);

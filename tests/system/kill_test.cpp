@@ -1,5 +1,5 @@
 // The daemon is killed at any moment while clients write state, and the next one has every write that was
-// acknowledged. Of each client one write is under way when the kill comes: it is there or not, as a whole.
+// acknowledged. Each client has one write under way at the kill: it is there as a whole, or not at all.
 //
 // There are 40 kills; for more, or for the same choices again (how far the daemon has come by then is its
 // own):
@@ -35,7 +35,7 @@ using test::RandomChoices;
 constexpr std::size_t keys_each = 3;
 constexpr std::int64_t patience_nanoseconds = 10'000'000'000;
 
-/// A client that writes under keys of its own and remembers what became of it.
+/// A client that writes under its own keys and remembers the outcome.
 class Writer {
  public:
   Writer(std::string name, std::uint64_t number) : name_(std::move(name)), choices_(number) {}
@@ -148,7 +148,7 @@ TEST_F(Kills, CostNoWriteThatWasAcknowledged) {
   killAndCompare(state.path(), kills_, choices_, writers_, [] {});
 }
 
-/// Takes the last byte that the volume has.
+/// Uses up the last byte of the volume.
 void fillUp(const Volume& volume) {
   std::ofstream file(volume.path() + "/filler", std::ios::binary | std::ios::app);
   const std::string block(4096, 'x');

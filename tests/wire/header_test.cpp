@@ -177,7 +177,7 @@ TEST(Header, AKnownFieldTwiceIsRefused) {
   EXPECT_FALSE(Parts::call().number(9, 0).number(9, 0).isAccepted());
 }
 
-// D-Bus specification, "Message Format": a field that is not expected is accepted and ignored.
+// D-Bus, chapter "Message Format": a field that is not expected is accepted and ignored.
 TEST(Header, AnUnknownFieldMayComeTwice) {
   EXPECT_TRUE(Parts::call().text(200, "x").text(200, "x").isAccepted());
 }

@@ -16,7 +16,7 @@ inline constexpr ByteOrder both_orders[] = {ByteOrder::little, ByteOrder::big};
 std::ostream& operator<<(std::ostream& out, ByteOrder order);
 [[nodiscard]] ByteOrder machineOrder();
 
-/// Bytes composed by hand from the D-Bus specification alone, to check the codec against.
+/// Bytes composed by hand from the D-Bus documents alone, to check the codec against.
 class MessageBytes {
  public:
   explicit MessageBytes(ByteOrder order = ByteOrder::little) : order_(order) {}

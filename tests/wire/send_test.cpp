@@ -27,7 +27,7 @@ class SendTest : public TransportTest {
   void fillSocket() {
     while (transport_->queuedBytes() == 0) ASSERT_NE(send("Filling", std::string(10'000, 'x')), 0U);
   }
-  /// Until the socket takes no more, with bytes that the transport knows nothing of. They end in "n".
+  /// Fills the socket with bytes that do not come from the transport. They end in "n".
   void fillSocketFromOutside() {
     const std::string noise(1'000, 'n');
     while (::send(transport_->socket(), noise.data(), noise.size(), MSG_DONTWAIT) > 0) {
@@ -54,7 +54,7 @@ class SendTest : public TransportTest {
     return {reinterpret_cast<const char*>(buffer.data()), result.bytes};
   }
 
-  /// All that comes while we continue to write.
+  /// Everything that arrives while we continue to write.
   std::string readAllFlushing(std::vector<FileDescriptor>& descriptors) {
     std::string all;
     for (;;) {
@@ -69,7 +69,7 @@ class SendTest : public TransportTest {
 };
 
 TEST_F(SendTest, ClientSendsHandshakeAndFirstMessageInOneWrite) {
-  std::array<int, 2> packets{};  // which keep one write apart from the next
+  std::array<int, 2> packets{};  // keeps the boundaries between writes
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, packets.data()), 0);
   ours_ = FileDescriptor(packets[0]);
   peer_ = FileDescriptor(packets[1]);

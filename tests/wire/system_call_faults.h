@@ -8,8 +8,8 @@
 namespace kelvane::wire {
 
 /// While this lives, the next `times` calls of the function ("recvmsg", "sendmsg" or "getrandom") fail with
-/// `error`; the later ones are the kernel's again. Instead of failing with 0, "getrandom" gives one byte. One
-/// at a time; any thread's calls count.
+/// `error`; the later ones are the kernel's again. With error 0, "getrandom" does not fail but returns one
+/// byte. One at a time; any thread's calls count.
 class SystemCallFault {
  public:
   SystemCallFault(std::string_view function, int error, int times);

@@ -55,7 +55,7 @@ class HostileMessage : public OverBothDoors {
     EXPECT_EQ(peer.receive()->reply_serial, 3U);
     server_.expectOthersAreServed();
   }
-  /// The call comes to its handler, which gets an empty endpoint.
+  /// The call reaches its handler, which gets an empty endpoint.
   void expectEmptyEndpoint(const FileDescriptor& passed) {
     RawPeer peer = servedPeer();
     RawMessage call = openBackCall(1);
