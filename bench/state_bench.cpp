@@ -2,10 +2,10 @@
 //
 // For each number of services, in one run and taking turns: a question that asks every service (the record of
 // recent figures is removed before it, outside of what is timed), of the bus library and, of another daemon,
-// of this project's library; the same question again, answered from the record; a bare bus loop that opens
-// as many connections to services of the bus library, asks the same and closes them; the same with plain
-// bytes on plain sockets; and a stand-in for the daemon that knows the answer and nothing else. What is short
-// is repeated, and counts with its mean. At last, what storing a value costs among many entries.
+// of this project's library; the same question again, answered from the record; a bare bus loop that opens as
+// many connections to services of the bus library, asks the same and closes them; the same with plain bytes
+// on plain sockets; and a stand-in for the daemon that knows the answer and nothing else. What is short is
+// repeated, and counts with its mean. Last comes the cost of storing a value among many entries.
 
 #include <fmt/format.h>
 #include <unistd.h>

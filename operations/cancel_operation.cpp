@@ -26,7 +26,7 @@ class CancelRequests : public std::enable_shared_from_this<CancelRequests> {
  public:
   void add(const std::string& identifier, const Done& done);
   void end(const std::string& identifier);
-  /// Ends all that are under way if they do not end by themselves in time.
+  /// Waits for all that are under way, and ends those that do not end in time.
   void wait();
   [[nodiscard]] const dispatch_group_t& group() const { return group_; }
 
