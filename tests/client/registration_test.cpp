@@ -62,7 +62,7 @@ class Socket {
 
 class ARegistration : public testing::Test {
  protected:
-  /// With a socket on which nobody listens, and pauses that have grown.
+  /// Starts with a socket on which nobody listens, and with pauses that have already grown.
   ARegistration() {
     client::ServiceOptions options;
     options.id = "com.example.one";

@@ -82,7 +82,7 @@ TEST_F(CentralObject, CopyServicesReturnsASnapshotACheckInAfterTheCopyDoesNotCha
 
 TEST_F(CentralObject, SnapshotsOfTheServicesAreTakenOnTheQueueThatOwnsThem) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
-  const tests::ScopedEnvironment inside("TMPDIR", directory_.path());  // what the ended leaves
+  const tests::ScopedEnvironment inside("TMPDIR", directory_.path());  // holds what the dying process leaves
   const auto it = kelvane();
   EXPECT_DEATH(dispatch_sync(it->collection_queue(), [&] { static_cast<void>(it->mutableServices()); }),
                "waiting synchronously for a queue from one of its own items");

@@ -1,4 +1,4 @@
-// The endpoint of a check-in is validated only after the caller's rights.
+// The endpoint of a check-in is validated only after the caller's rights are checked.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -167,7 +167,7 @@ TEST_F(StateStore, AValueThatNestsTooDeepIsRefusedWithAnErrorAndToldToNobody) {
   EXPECT_EQ(wanting.notifications()[1], (Dictionary{{KELVANE_CACHE_ENABLED, false}}));
 }
 
-// --- what others store, and what comes when ---
+// --- values stored by others, and the order of events ---
 
 TEST_F(StateStore, AReadTakesInWhatAnotherProcessStored) {
   write(1, "k");
@@ -260,7 +260,7 @@ TEST_F(StateStore, OnlyTheBlockingReaderTurnsDataBackIntoAnObject) {
   EXPECT_TRUE(log_.contains(5, "clientGetStateSync: EXIT"));
 }
 
-// --- a volume that takes nothing ---
+// --- a volume that accepts no writes ---
 
 class UnwritableStateStore : public StateStore {
  protected:

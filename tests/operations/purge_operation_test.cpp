@@ -379,7 +379,7 @@ TEST_F(PurgeOperation, ThePercentageIsCutToTens) {
 
 TEST_F(PurgeOperation, ThePercentageIsCountedBeforeTheBytes) {
   forgetStatistics();
-  constexpr int room = 10'000 - 1;  // for one name more
+  constexpr int room = 10'000 - 1;  // for one more name
   for (int i = 0; i < room; ++i) addReportStat(kelvane_domain, std::to_string(i).c_str(), 1);
   KelvanePurgeOperation::reportPercentageForAmountRequested(100, 50, "last");
   const Statistics statistics = statisticsOf(kelvane_domain);

@@ -113,7 +113,7 @@ void killWhileWriting(Daemon& daemon, std::vector<Writer>& writers, RandomChoice
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << daemon.process().output();
 }
 
-/// Kills daemons with that state directory, each the next one's predecessor, and compares what is left.
+/// Kills one daemon after another on that state directory, and compares what is left.
 void killAndCompare(const std::string& state, std::uint64_t kills, RandomChoices& choices,
                     std::vector<Writer>& writers, const std::function<void()>& between) {
   for (std::uint64_t life = 0; !testing::Test::HasFailure(); ++life) {

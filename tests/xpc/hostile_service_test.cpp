@@ -282,7 +282,7 @@ TEST_F(HostileService, AReplyIsPaidByTheServicesUserUntilItHasBeenDelivered) {
   dispatch_suspend(connection_->queue());
   service_->send(replyTo(1, std::string(size, 'x')).bytes());
   awaitTaken(*service_);
-  service_->send(replyTo(99, "to no call").bytes());  // is taken after the reply was handled
+  service_->send(replyTo(99, "to no call").bytes());  // read after the reply was handled
   awaitTaken(*service_);
   EXPECT_GE(used(), size);
   dispatch_resume(connection_->queue());
@@ -310,7 +310,7 @@ TEST_F(HostileService, WhatAReplyBecomesIsPaidByTheServicesUserToo) {
   dispatch_suspend(connection_->queue());
   service_->send(reply.bytes());
   awaitTaken(*service_);
-  service_->send(replyTo(99, "to no call").bytes());  // is taken after the reply was handled
+  service_->send(replyTo(99, "to no call").bytes());  // read after the reply was handled
   awaitTaken(*service_);
   EXPECT_GE(used(), size + texts * sizeof(Value));
   dispatch_resume(connection_->queue());

@@ -123,11 +123,11 @@ TEST_F(Wire, WhatIsNoUnicodeTravelsAsTheReplacementCharacterAndCostsNothingElse)
 TEST_F(Wire, KeysThatBecomeTheSameAreNumberedSoThatNoValueIsLost) {
   const std::string replacement = "\xEF\xBF\xBD";
   const Answer answer = ask(connection_, {{replacement, 1},
-                                          {replacement + " 2", 2},  // in the way of the first number
+                                          {replacement + " 2", 2},  // collides with the first number
                                           {"\xEF\xBF\xBE", 3},
                                           {"\xFE", 4},
                                           {"\xFF", 5},
-                                          {"\xFF 4", 6},  // repaired, it is what another is called
+                                          {"\xFF 4", 6},  // once repaired, equal to another key
                                           {"a", Dictionary{{"\xFE", 7}, {"\xFF", 8}}}});
   ASSERT_TRUE(answer.reply) << answer.error->description();
   EXPECT_EQ(*answer.reply, (Dictionary{{replacement, 1},
