@@ -16,7 +16,7 @@ constexpr const char* passed_socket_name = "kelvane.socket";
 std::shared_ptr<xpc::Listener> makeListener() {
   if (FileDescriptor passed = takePassedSocket(passed_socket_name)) {
     auto listener = xpc::Listener::initWithListeningSocket(std::move(passed));
-    if (listener == nullptr) KVLog(3, "%s %s is no listening socket", "resume", passed_socket_name);
+    if (listener == nullptr) KVLog(3, "%s %s is not a listening socket", "resume", passed_socket_name);
     return listener;
   }
   const std::string path = runtimeDirectory() + "/kelvane.sock";
